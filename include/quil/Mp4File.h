@@ -1,0 +1,90 @@
+// quil: the file object, the library's entry point.
+#ifndef QUIL_MP4FILE_H
+#define QUIL_MP4FILE_H
+
+#include <cstdint>
+
+#include "Export.h"
+#include "MP4Err.h"
+#include "MP4Types.h"
+#include "Storage.h"
+
+namespace quil {
+
+class CMp4Track;
+class CMp4MetaData;
+class CMp4RtpHintTrack;
+
+// Caller's hook into the session description written when a hinted file is
+// closed: it is offered the SDP text and may return a replacement (copied
+// by the library) or null to keep it.
+class QUIL_API CMp4HintTrackContext {
+public:
+    virtual const char* replaceSessionSdp(const char* sdp) = 0;
+    virtual ~CMp4HintTrackContext() = default;
+};
+
+// A media file opened for reading (mode 0) or created for writing (mode 1).
+// Obtain one with createInstance, release it with destroyInstance; close it
+// first. Track numbers are 1-based positions among the file's tracks.
+class QUIL_API CMp4File {
+public:
+    virtual MP4Err open(const wchar_t* path, uint32_t mode, uint32_t fileType) = 0;
+    virtual MP4Err close() = 0;
+    virtual MP4Err isOpen(uint32_t* open) = 0;
+    virtual MP4Err setStorage(CStorage* storage) = 0;  // caller-owned, used by the next open
+    virtual MP4Err getTrackCount(uint32_t* count) = 0;
+    virtual MP4Err getTimeScale(uint32_t* timeScale) = 0;
+    virtual MP4Err getFileType(uint32_t* fileType) = 0;
+    virtual MP4Err getCopyright(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
+                                uint32_t index) = 0;
+    virtual MP4Err setCopyright(const uint8_t* text, uint64_t length, int32_t index) = 0;
+    virtual MP4Err getMetaData(CMp4MetaData** metaData) = 0;
+    virtual MP4Err getCreationTime(uint32_t* year, uint32_t* month, uint32_t* day,
+                                   uint32_t* hour, uint32_t* minute, uint32_t* second) = 0;
+    virtual MP4Err setCreationTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour,
+                                   uint32_t minute, uint32_t second) = 0;
+    virtual MP4Err getTrack(uint32_t trackNumber, CMp4Track** track) = 0;
+    virtual MP4Err addTrack(CMp4Track** track) = 0;
+    virtual MP4Err releaseTrack(CMp4Track* track) = 0;
+    virtual MP4Err getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) = 0;
+    virtual MP4Err createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) = 0;
+    virtual MP4Err addHintTrack(CMp4RtpHintTrack* hintTrack) = 0;
+    virtual MP4Err setHintTrackContext(CMp4HintTrackContext* context) = 0;
+    virtual MP4Err dumpBoxes() = 0;
+    virtual MP4Err setTrackMode(uint32_t trackMode) = 0;
+    virtual MP4Err optimizeFile(int32_t operation, const wchar_t* sourcePath,
+                                const wchar_t* targetPath) = 0;
+    virtual MP4Err addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
+                                                uint32_t secondTrackNumber) = 0;
+    virtual MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) = 0;
+    virtual ~CMp4File() = default;
+
+    static MP4Err createInstance(CMp4File** file);
+    static MP4Err destroyInstance(CMp4File** file);
+
+    // ISMA object descriptor helpers (buffers allocated by the library,
+    // freed by the caller with delete[]).
+    static MP4Err createIsmaIod(bool hasVideo, bool hasAudio, char* videoConfig,
+                                uint32_t videoConfigLength, char* audioConfig,
+                                uint32_t audioConfigLength, char* iod, uint32_t* iodLength);
+    static MP4Err decodeIsmaIod(const char* iod, uint32_t iodLength, uint32_t* count,
+                                MP4TrackType** trackTypes, uint32_t** values, char*** buffers);
+    static MP4Err createIsmaODUpdateCommand(int32_t videoTrackId, int32_t audioTrackId,
+                                            int32_t odTrackId, char* videoConfig,
+                                            uint32_t videoConfigLength, char* audioConfig,
+                                            uint32_t audioConfigLength, uint32_t* videoBitrate,
+                                            uint32_t* audioBitrate, char** command,
+                                            uint32_t* commandLength);
+    static MP4Err createIsmaBifsCommand(uint32_t hasVideo, uint32_t hasAudio, char** command,
+                                        uint32_t* commandLength);
+};
+
+// Opens the file, and returns the sample-entry four-character code of its
+// first video track ("avc1" as 0x61766331), or 0 when the file cannot be
+// opened or has no video track.
+QUIL_API uint32_t Mp4VideoCodecId(const wchar_t* path);
+
+}  // namespace quil
+
+#endif

@@ -1,0 +1,14 @@
+// quil: umbrella header.
+#ifndef QUIL_QUIL_H
+#define QUIL_QUIL_H
+
+#include "Export.h"
+#include "MP4Err.h"
+#include "MP4Types.h"
+#include "Mp4File.h"
+#include "Mp4HintTrack.h"
+#include "Mp4MetaData.h"
+#include "Mp4Track.h"
+#include "Storage.h"
+
+#endif

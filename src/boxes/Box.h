@@ -1,0 +1,165 @@
+// The box model: the header every box shares, full boxes, child lists and
+// containers. Every box class reads, writes, sizes and dumps itself.
+#ifndef QUIL_BOXES_BOX_H
+#define QUIL_BOXES_BOX_H
+
+#include <cstdint>
+#include <memory>
+
+#include "quil/MP4Err.h"
+#include "quil/MP4Types.h"
+#include "quil/Storage.h"
+
+namespace quil {
+
+class CBoxList;
+
+// Base of every box. After reading, `size` is the total size from the
+// header; after calculateSize() it is the computed size, not yet counting a
+// 64-bit largesize field (getSize() and write() add those 8 bytes).
+class CBox {
+public:
+    CBox() = default;
+    virtual ~CBox() = default;
+    CBox(const CBox&) = delete;
+    CBox& operator=(const CBox&) = delete;
+
+    // CBox::read reads the header; derived classes read their payload (the
+    // factory has already read the header for them) and lower `remaining`
+    // by what they consume. What is left is skipped by the factory.
+    virtual MP4Err read(CStorage* storage);
+    // CBox::write writes the header; derived classes call it, then write
+    // their payload.
+    virtual MP4Err write(CStorage* storage);
+    // CBox::dump prints "\n", the indentation and the "Box type" line (and
+    // the user type of "uuid" boxes); derived classes then print their own
+    // lines, each after the indentation.
+    virtual MP4Err dump(int32_t depth);
+    // Sets size to 8 (24 for "uuid") and clears sizeFromFile; derived
+    // classes add their payload and their children's sizes.
+    virtual MP4Err calculateSize();
+    virtual MP4Err getSize(uint64_t* size);
+    virtual double getRotationAngle() { return 0.0; }
+
+    // Child access for boxes that hold children (containers, "dref",
+    // "stsd", sample entries, ...). instance is 1-based; 0 and 1 both mean
+    // the first match. Plain boxes answer MP4_ERR_NOT_AVAILABLE.
+    virtual MP4Err findChild(uint32_t type, CBox** box, uint32_t instance = 1);
+    virtual MP4Err addChild(CBox* box);
+    // The box's child list, or null when it has none.
+    virtual CBoxList* childList() { return nullptr; }
+
+    // Copies size, type, remaining, sizeFromFile and a fresh copy of the
+    // user type from the plain box the factory read the header into.
+    MP4Err copyHeaderFrom(const CBox& header);
+
+    // 8, or 24 for "uuid": the header of a box with a 32-bit size.
+    uint64_t baseHeaderSize() const { return type == fourcc("uuid") ? 24 : 8; }
+
+    uint64_t size = 0;
+    uint32_t type = 0;
+    std::unique_ptr<uint8_t[]> usertype;  // 16 bytes, "uuid" only
+    uint64_t remaining = 0;
+    bool sizeFromFile = false;
+};
+
+// A box that starts its payload with an 8-bit version and 24-bit flags.
+class CFullBox : public CBox {
+public:
+    uint8_t version = 0;
+    uint32_t flags = 0;
+
+protected:
+    // Reads version and flags (4 bytes) and lowers remaining by 4.
+    MP4Err readVersionAndFlags(CStorage* storage);
+    // Writes version and flags (the header must already be written).
+    MP4Err writeVersionAndFlags(CStorage* storage);
+    // Prints "Version = %d, Flags = 0x%06x\n" after the indentation.
+    void dumpVersionAndFlags(int32_t depth);
+};
+
+// Ordered list of owned child boxes with a cursor, so that walking children
+// in order costs one step each. Indices are 1-based.
+class CBoxList {
+public:
+    struct Node {
+        uint32_t index;
+        CBox* box;  // owned
+        Node* next;
+    };
+
+    explicit CBoxList(CBox* owner) : owner_(owner) {}
+    ~CBoxList();  // deletes every child, iteratively
+    CBoxList(const CBoxList&) = delete;
+    CBoxList& operator=(const CBoxList&) = delete;
+
+    // Takes ownership. 2 for a null box, 1 when a node cannot be made (the
+    // box is then not owned by the list).
+    MP4Err append(CBox* box);
+    // The instance-th child of that type (0 and 1 mean the first):
+    // 3 when there is none, 17 when the index wraps around.
+    MP4Err findNth(uint32_t type, CBox** box, uint32_t instance);
+    // Replaces a child in place (same index); the old box is returned to
+    // the caller, who then owns it. 3 when old is not in the list.
+    MP4Err replace(CBox* oldBox, CBox* newBox);
+
+    Node* head() const { return head_; }
+    uint32_t count() const { return count_; }
+    CBox* owner() const { return owner_; }
+    // Type of the owner, the parent type handed to the factory (0 without).
+    uint32_t ownerType() const { return owner_ ? owner_->type : 0; }
+
+private:
+    Node* head_ = nullptr;
+    Node* tail_ = nullptr;
+    Node* cursor_ = nullptr;
+    uint32_t count_ = 0;
+    CBox* owner_;
+};
+
+// Helpers for any box that holds a child list.
+// Writes each child in order, stopping at the first error.
+MP4Err writeChildren(CBoxList* list, CStorage* storage);
+// Runs calculateSize on each child and adds its getSize to *total.
+MP4Err addChildrenSizes(CBoxList* list, uint64_t* total);
+// Dumps each child at depth + 1, stopping at the first error.
+MP4Err dumpChildren(CBoxList* list, int32_t depth);
+// The indentation and "{", the children at depth + 1, the indentation and "}\n".
+MP4Err dumpChildrenInBraces(CBoxList* list, int32_t depth);
+
+// The container reading loop: reads children from the storage while at
+// least 8 of *remaining bytes are left, with the list owner's type as the
+// parent type. Lenient: a child too large for the parent skips the rest;
+// a damaged child ends the reading silently; 1 to 7 trailing bytes are
+// skipped.
+MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining);
+
+// A box whose payload is only child boxes.
+class CContainerBox : public CBox {
+public:
+    MP4Err read(CStorage* storage) override;
+    MP4Err write(CStorage* storage) override;
+    MP4Err dump(int32_t depth) override;
+    MP4Err calculateSize() override;
+    MP4Err findChild(uint32_t type, CBox** box, uint32_t instance = 1) override;
+    MP4Err addChild(CBox* box) override;
+    CBoxList* childList() override { return children.get(); }
+
+    std::unique_ptr<CBoxList> children;
+
+protected:
+    // "dinf", "mdia" and "edts" grow their size by each added child's size;
+    // the other containers are sized only by calculateSize.
+    virtual bool growsOnAddChild() const { return false; }
+};
+
+// A recognised box whose payload is kept in the file but not parsed: the
+// factory skips it. Used for boxes that carry nothing the library needs.
+class COpaqueBox : public CBox {
+public:
+    MP4Err read(CStorage*) override { return MP4_OK; }
+};
+
+}  // namespace quil
+
+#endif

@@ -1,0 +1,5 @@
+#include "CodecBoxes.h"
+
+namespace quil {
+
+}  // namespace quil

@@ -1,0 +1,5 @@
+#include "ConfigBoxes.h"
+
+namespace quil {
+
+}  // namespace quil

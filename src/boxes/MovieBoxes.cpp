@@ -1,0 +1,5 @@
+#include "MovieBoxes.h"
+
+namespace quil {
+
+}  // namespace quil

@@ -1,0 +1,5 @@
+#include "SampleEntries.h"
+
+namespace quil {
+
+}  // namespace quil

@@ -1,0 +1,5 @@
+#include "SampleTables.h"
+
+namespace quil {
+
+}  // namespace quil
