@@ -1,0 +1,80 @@
+// The file object behind CMp4File.
+#ifndef QUIL_FILE_MP4FILEIMPL_H
+#define QUIL_FILE_MP4FILEIMPL_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "boxes/Box.h"
+#include "quil/Mp4File.h"
+
+namespace quil {
+
+class CMp4FileImpl : public CMp4File {
+public:
+    CMp4FileImpl();
+    ~CMp4FileImpl() override;
+
+    MP4Err open(const wchar_t* path, uint32_t mode, uint32_t fileType) override;
+    MP4Err close() override;
+    MP4Err isOpen(uint32_t* open) override;
+    MP4Err setStorage(CStorage* storage) override;
+    MP4Err getTrackCount(uint32_t* count) override;
+    MP4Err getTimeScale(uint32_t* timeScale) override;
+    MP4Err getFileType(uint32_t* fileType) override;
+    MP4Err getCopyright(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
+                        uint32_t index) override;
+    MP4Err setCopyright(const uint8_t* text, uint64_t length, int32_t index) override;
+    MP4Err getMetaData(CMp4MetaData** metaData) override;
+    MP4Err getCreationTime(uint32_t* year, uint32_t* month, uint32_t* day, uint32_t* hour,
+                           uint32_t* minute, uint32_t* second) override;
+    MP4Err setCreationTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour,
+                           uint32_t minute, uint32_t second) override;
+    MP4Err getTrack(uint32_t trackNumber, CMp4Track** track) override;
+    MP4Err addTrack(CMp4Track** track) override;
+    MP4Err releaseTrack(CMp4Track* track) override;
+    MP4Err getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) override;
+    MP4Err createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) override;
+    MP4Err addHintTrack(CMp4RtpHintTrack* hintTrack) override;
+    MP4Err setHintTrackContext(CMp4HintTrackContext* context) override;
+    MP4Err dumpBoxes() override;
+    MP4Err setTrackMode(uint32_t trackMode) override;
+    MP4Err optimizeFile(int32_t operation, const wchar_t* sourcePath,
+                        const wchar_t* targetPath) override;
+    MP4Err addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
+                                        uint32_t secondTrackNumber) override;
+    MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
+
+    // For the track objects (not exported).
+    // First top-level box of that type: 3 when there is none.
+    MP4Err findTopLevelBox(uint32_t type, CBox** box);
+    CStorage* storage() const { return storage_; }
+    bool isOpenFlag() const { return isOpen_ != 0; }
+    uint32_t mode() const { return mode_; }  // 0 read, 1 write
+    uint32_t fileType() const { return fileType_; }
+    // The UTF-8 path of a disc storage made by open (samples may then be
+    // read through a handle of their own); null for a supplied or network
+    // storage.
+    const char* readPath() const;
+
+private:
+    CStorage* storage_ = nullptr;
+    std::unique_ptr<wchar_t[]> path_;
+    uint32_t isOpen_ = 0;
+    uint32_t mode_ = 0;
+    uint32_t fileType_ = 0;
+    std::unique_ptr<CBoxList> topLevelBoxes_;
+    uint32_t trackCount_ = 0;
+    uint32_t trackMode_ = 0;
+    uint32_t hasHintTracks_ = 0;
+    uint8_t nextPayloadType_ = 96;
+    uint32_t storageSupplied_ = 0;
+    CMp4MetaData* metaData_ = nullptr;
+    CMp4HintTrackContext* hintTrackContext_ = nullptr;
+    std::string readPathUtf8_;
+};
+
+}  // namespace quil
+
+#endif

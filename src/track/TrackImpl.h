@@ -1,0 +1,84 @@
+// The track object behind CMp4Track: binds to a "trak" of the file's box
+// tree, builds its sample time table and answers sample and property
+// questions; in write mode it collects samples into chunks.
+#ifndef QUIL_TRACK_TRACKIMPL_H
+#define QUIL_TRACK_TRACKIMPL_H
+
+#include <cstdint>
+
+#include "quil/Mp4Track.h"
+
+namespace quil {
+
+class CMp4FileImpl;
+
+class CTrackImpl : public CMp4Track {
+public:
+    // mode is the file's track mode (0..2).
+    CTrackImpl(CMp4FileImpl* file, uint32_t mode);
+    ~CTrackImpl() override;
+
+    // Binds the track to the trackIndex-th "trak" (1-based) of the file's
+    // movie and builds its sample time table.
+    MP4Err bind(uint32_t trackIndex);
+
+    MP4Err getSampleCount(uint32_t* count) override;
+    MP4Err getTrackType(uint32_t* type) override;
+    MP4Err getSampleEntryType(uint32_t* format) override;
+    MP4Err getCodecType(uint32_t* codec) override;
+    MP4Err getTrackId(uint32_t* trackId) override;
+    MP4Err getDuration(uint64_t* duration) override;
+    MP4Err getTimeScale(uint32_t* timeScale) override;
+    MP4Err getMediaDuration(uint64_t* duration) override;
+    MP4Err getWidth(uint32_t* width) override;
+    MP4Err getHeight(uint32_t* height) override;
+    MP4Err getChannelCount(uint32_t* channels) override;
+    MP4Err getSampleRate(uint32_t* sampleRate) override;
+    MP4Err getSampleBits(uint32_t* bits) override;
+    MP4Err getDecoderSpecificInfo(uint8_t* buffer, uint32_t bufferSize, uint32_t* length) override;
+    MP4Err getLanguage(uint8_t language[3]) override;
+    MP4Err getVolume(int16_t* volume) override;
+    MP4Err isSyncSample(uint32_t sample, uint32_t* sync) override;
+    MP4Err getCprtNotice(uint8_t* buffer, uint64_t bufferSize, uint32_t* length, uint32_t index) override;
+    MP4Err setCprtNotice(const uint8_t* text, uint64_t length, int32_t index) override;
+    MP4Err getMetaData(CMp4MetaData** metaData) override;
+    MP4Err getCreationTime(uint32_t* year, uint32_t* month, uint32_t* day, uint32_t* hour, uint32_t* minute, uint32_t* second) override;
+    MP4Err setCreationTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour, uint32_t minute, uint32_t second) override;
+    MP4Err setLanguage(const uint8_t language[3]) override;
+    MP4Err setTimeScale(uint32_t timeScale) override;
+    MP4Err getObjectTypeIndication(uint8_t* objectType) override;
+    MP4Err getBitrates(uint32_t* bufferSizeDB, uint32_t* maxBitrate, uint32_t* avgBitrate) override;
+    MP4Err getCodecConfiguration(uint8_t* buffer, uint32_t bufferSize, uint32_t* length) override;
+    MP4Err getPixelAspectRatio(uint32_t* hSpacing, uint32_t* vSpacing) override;
+    MP4Err readSample(uint32_t sample, uint32_t bufferSize, uint32_t* size, uint8_t* buffer) override;
+    MP4Err getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* size) override;
+    MP4Err getSampleSize(uint32_t sample, uint32_t* size) override;
+    MP4Err getSampleDecodeTime(uint32_t sample, uint64_t* time) override;
+    MP4Err getSampleCompositionTime(uint32_t sample, uint64_t* time) override;
+    MP4Err getTimecode(uint64_t time, uint8_t* hours, uint8_t* minutes, uint8_t* seconds, uint8_t* frames) override;
+    MP4Err getTimecodeFlag(uint32_t which, uint8_t* flag) override;
+    MP4Err findSampleByCompositionTime(uint64_t time, uint32_t* sample) override;
+    MP4Err findSyncSampleBefore(uint64_t time, uint32_t* sample) override;
+    MP4Err findSampleByDecodeTime(uint64_t time, uint32_t* sample) override;
+    MP4Err setTrackType(uint32_t type) override;
+    MP4Err addVisualSampleEntry(uint32_t format, uint16_t width, uint16_t height, const uint8_t* config, uint32_t configLength) override;
+    MP4Err setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) override;
+    MP4Err addSoundSampleEntry(uint32_t format, uint32_t sampleRate, uint16_t channels, uint16_t sampleBits, const uint8_t* config, uint32_t configLength) override;
+    MP4Err setDimensions(uint32_t width, uint32_t height) override;
+    MP4Err setVolume(int16_t volume) override;
+    MP4Err setHandlerName(const char* name) override;
+    MP4Err setAudioSampleFactor(uint32_t factor) override;
+    MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
+    MP4Err shiftChunkOffsets(int32_t delta) override;
+    MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index) override;
+    MP4Err getInitialDelay(uint64_t* delay) override;
+    double getRotateAngle() override;
+
+private:
+    CMp4FileImpl* file_;
+    uint32_t mode_;
+};
+
+}  // namespace quil
+
+#endif
