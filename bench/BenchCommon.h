@@ -44,8 +44,10 @@ struct Checksums {
     void addSampleBytes(const uint8_t* data, uint32_t size) {
         uint64_t head = 0, tail = 0;
         uint32_t n = size < 8 ? size : 8;
-        std::memcpy(&head, data, n);
-        std::memcpy(&tail, data + size - n, n);
+        if (n != 0) {
+            std::memcpy(&head, data, n);
+            std::memcpy(&tail, data + size - n, n);
+        }
         checksum += mix(mix(size) ^ mix(head) ^ (mix(tail) >> 1));
         ++samples;
     }

@@ -60,12 +60,13 @@ bool widenPath(const char* utf8, std::wstring* wide) {
 // library on destruction, on failure paths too.
 class OpenFile {
 public:
+    // Clean-up after a failure already reported: further errors add nothing.
     ~OpenFile() {
-        for (CMp4Track* track : tracks_) file_->releaseTrack(track);
+        for (CMp4Track* track : tracks_) (void)file_->releaseTrack(track);
         if (file_ != nullptr) {
             uint32_t open = 0;
-            if (file_->isOpen(&open) == quil::MP4_OK && open != 0) file_->close();
-            CMp4File::destroyInstance(&file_);
+            if (file_->isOpen(&open) == quil::MP4_OK && open != 0) (void)file_->close();
+            (void)CMp4File::destroyInstance(&file_);
         }
     }
 
@@ -84,7 +85,8 @@ public:
 
     // Closes explicitly so that a close error is reported, not swallowed.
     bool close() {
-        for (CMp4Track* track : tracks_) file_->releaseTrack(track);
+        // Releasing a read track has nothing to flush; its result carries no news.
+        for (CMp4Track* track : tracks_) (void)file_->releaseTrack(track);
         tracks_.clear();
         if (failed(file_->close(), "close")) return false;
         return !failed(CMp4File::destroyInstance(&file_), "destroyInstance");

@@ -4,10 +4,11 @@
 #   bench/run.sh          generate inputs if missing, build, run, print the table
 #   bench/run.sh data     only generate the inputs
 #
-# Environment: RUNS (repetitions per case, default 5; the median is used),
+# Environment: RUNS (repetitions per case, default 7; the median is used),
 # JOBS (ninja parallelism, default 2), QUIL_BENCH_DATA (input directory,
 # default bench/data), QUIL_BENCH_BUILD (build directory, default
-# build-bench at the top of the source tree).
+# build-bench at the top of the source tree), QUIL_BENCH_PROGRAM (a quil_bench
+# binary to use instead of the one built here, e.g. from another checkout).
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -15,7 +16,7 @@ ROOT=$(dirname "$HERE")
 DATA=${QUIL_BENCH_DATA:-$HERE/data}
 BUILD=${QUIL_BENCH_BUILD:-$ROOT/build-bench}
 OUT=$HERE/out
-RUNS=${RUNS:-5}
+RUNS=${RUNS:-7}
 JOBS=${JOBS:-2}
 
 LONG=$DATA/long.mp4        # 2 hours, 160x90 30 fps H.264 + 48 kHz AAC
@@ -77,7 +78,14 @@ build() {
     cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DQUIL_BUILD_BENCH=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=OFF \
         -DQUIL_BUILD_FUZZERS=OFF -DQUIL_SANITIZE=OFF >/dev/null
-    ninja -C "$BUILD" -j"$JOBS" quil_bench avformat_peer >/dev/null
+    mkdir -p "$OUT"
+    ninja -C "$BUILD" -j"$JOBS" avformat_peer >"$OUT/build.log" 2>&1 ||
+        { cat "$OUT/build.log" >&2; die "the libavformat peer did not build"; }
+    # The peer's numbers stay useful while the library cannot link yet.
+    if ! ninja -C "$BUILD" -j"$JOBS" quil_bench >"$OUT/build.log" 2>&1; then
+        echo "run.sh: quil_bench did not build; measuring the peer only (see $OUT/build.log)" >&2
+        rm -f "$BUILD/bench/quil_bench"
+    fi
 }
 
 # --- measuring ---------------------------------------------------------------
@@ -89,6 +97,7 @@ field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<" $2"; }
 # run_case KEY PROGRAM WORKLOAD FILE: one run, appended to the KEY's series.
 run_case() {
     local key=$1 prog=$2 workload=$3 file=$4 line status=0
+    if [[ ! -x $prog ]]; then ERR[$key]="$(basename "$prog") not built"; return 0; fi
     line=$("$prog" "$workload" "$file" 2>"$OUT/stderr") || status=$?
     echo "$line" >>"$OUT/raw.txt"
     if (( status != 0 )); then
@@ -160,12 +169,14 @@ report() {
     echo "Cross-check (quil and peer must see the same samples):"
     for f in long big; do
         for w in index read; do
-            local q="quil/$w/$f" p="peer/$w/$f" a b
+            local q="quil/$w/$f" p="peer/$w/$f" a b what
             if [[ $w == index ]]; then a=${LAYOUT[$q]:-}; b=${LAYOUT[$p]:-}
             else a=${CHECK[$q]:-}; b=${CHECK[$p]:-}; fi
             if ! ok "$q" || ! ok "$p"; then echo "  $w $f: not compared (a side failed)"
             elif [[ $a == "$b" && ${SAMPLES[$q]} == "${SAMPLES[$p]}" ]]; then
-                echo "  $w $f: same ${SAMPLES[$q]} samples, same offsets/sizes/sync"
+                if [[ $w == index ]]; then what="offsets, sizes and sync flags"
+                else what="sample bytes"; fi
+                echo "  $w $f: same ${SAMPLES[$q]} samples, same $what"
             else
                 echo "  $w $f: DIFFERENT (quil ${SAMPLES[$q]} samples $a, peer ${SAMPLES[$p]} samples $b)"
             fi
@@ -195,9 +206,8 @@ main() {
     generate
     [[ ${1:-} == data ]] && return 0
     build
-    mkdir -p "$OUT"
     : >"$OUT/raw.txt"
-    local quil=$BUILD/bench/quil_bench peer=$BUILD/bench/avformat_peer
+    local quil=${QUIL_BENCH_PROGRAM:-$BUILD/bench/quil_bench} peer=$BUILD/bench/avformat_peer
 
     # Warm the page cache so every program, cat included, reads hot data.
     cat "$LONG" "$LONG_1S" "$BIG" "$BIG_1S" >/dev/null
