@@ -36,7 +36,7 @@ make_file() {
     local target=$1; shift
     [[ -s $target ]] && return 0
     echo "generating $(basename "$target")" >&2
-    local tmp="${target%.mp4}.part.mp4"
+    local tmp="${target%.mp4}.partial.mp4"
     ff "$@" "$tmp"
     mv "$tmp" "$target"
 }
