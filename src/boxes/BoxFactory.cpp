@@ -2,12 +2,16 @@
 // plus its class.
 #include "BoxFactory.h"
 
+#include <algorithm>
+#include <memory>
 #include <new>
 
 #include "CodecBoxes.h"
+#include "CompressedMovie.h"
 #include "ConfigBoxes.h"
 #include "MovieBoxes.h"
 #include "SampleEntries.h"
+#include "storage/BaseStorage.h"
 #include "track/SampleTables.h"
 
 namespace quil {
@@ -29,32 +33,32 @@ constexpr ParentRule kOnly = ParentRule::Only;
 
 const BoxFactoryRow kRows[] = {
     // Movie and track structure (MovieBoxes.h)
-    {fourcc("ftyp"), kAny, 0, make<Opaque>},
-    {fourcc("moov"), kAny, 0, make<Container>},
-    {fourcc("mvhd"), kAny, 0, make<Opaque>},
-    {fourcc("trak"), kAny, 0, make<Container>},
-    {fourcc("tkhd"), kAny, 0, make<Opaque>},
-    {fourcc("tref"), kAny, 0, make<Container>},
-    {fourcc("hint"), kAny, 0, make<Opaque>},
-    {fourcc("mpod"), kAny, 0, make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("tref"), make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("gmhd"), make<Container>},
-    {fourcc("mdia"), kAny, 0, make<Container>},
-    {fourcc("mdhd"), kAny, 0, make<Opaque>},
-    {fourcc("hdlr"), kAnyBut, fourcc("meta"), make<Opaque>},
-    {fourcc("minf"), kAny, 0, make<Container>},
-    {fourcc("vmhd"), kAny, 0, make<Opaque>},
-    {fourcc("smhd"), kAny, 0, make<Opaque>},
-    {fourcc("hmhd"), kAny, 0, make<Opaque>},
-    {fourcc("nmhd"), kAny, 0, make<Opaque>},
-    {fourcc("gmhd"), kAny, 0, make<Container>},
-    {fourcc("tcmi"), kAny, 0, make<Opaque>},
-    {fourcc("dinf"), kAny, 0, make<Container>},
-    {fourcc("dref"), kAny, 0, make<Opaque>},
-    {fourcc("url "), kAny, 0, make<Opaque>},
-    {fourcc("urn "), kAny, 0, make<Opaque>},
-    {fourcc("udta"), kAny, 0, make<Container>},
-    {fourcc("mdat"), kAny, 0, make<Opaque>},
+    {fourcc("ftyp"), kAny, 0, make<CFileTypeBox>},
+    {fourcc("moov"), kAny, 0, make<CMovieBox>},
+    {fourcc("mvhd"), kAny, 0, make<CMovieHeaderBox>},
+    {fourcc("trak"), kAny, 0, make<CTrackBox>},
+    {fourcc("tkhd"), kAny, 0, make<CTrackHeaderBox>},
+    {fourcc("tref"), kAny, 0, make<CTrackReferenceBox>},
+    {fourcc("hint"), kAny, 0, make<CTrackReferenceTypeBox>},
+    {fourcc("mpod"), kAny, 0, make<CTrackReferenceTypeBox>},
+    {fourcc("tmcd"), kOnly, fourcc("tref"), make<CTrackReferenceTypeBox>},
+    {fourcc("tmcd"), kOnly, fourcc("gmhd"), make<CTimeCodeInformationListBox>},
+    {fourcc("mdia"), kAny, 0, make<CMediaBox>},
+    {fourcc("mdhd"), kAny, 0, make<CMediaHeaderBox>},
+    {fourcc("hdlr"), kAnyBut, fourcc("meta"), make<CHandlerReferenceBox>},
+    {fourcc("minf"), kAny, 0, make<CMediaInformationBox>},
+    {fourcc("vmhd"), kAny, 0, make<CVideoMediaHeaderBox>},
+    {fourcc("smhd"), kAny, 0, make<CSoundMediaHeaderBox>},
+    {fourcc("hmhd"), kAny, 0, make<CHintMediaHeaderBox>},
+    {fourcc("nmhd"), kAny, 0, make<CNullMediaHeaderBox>},
+    {fourcc("gmhd"), kAny, 0, make<CBaseMediaHeaderBox>},
+    {fourcc("tcmi"), kAny, 0, make<CTimeCodeMediaHeaderBox>},
+    {fourcc("dinf"), kAny, 0, make<CDataInformationBox>},
+    {fourcc("dref"), kAny, 0, make<CDataReferenceBox>},
+    {fourcc("url "), kAny, 0, make<CDataEntryURLBox>},
+    {fourcc("urn "), kAny, 0, make<CDataEntryURNBox>},
+    {fourcc("udta"), kAny, 0, make<CUserDataBox>},
+    {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
     // Sample tables (track/SampleTables.h)
     {fourcc("edts"), kAny, 0, make<Container>},
@@ -151,9 +155,9 @@ const BoxFactoryRow kRows[] = {
     {fourcc("ilst"), kAny, 0, make<Container>},
 
     // Compressed movie
-    {fourcc("cmov"), kAny, 0, make<Container>},
-    {fourcc("dcom"), kAny, 0, make<Opaque>},
-    {fourcc("cmvd"), kAny, 0, make<Opaque>},
+    {fourcc("cmov"), kAny, 0, make<CCompressedMovieBox>},
+    {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
+    {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
     // Hint information
     {fourcc("rtp "), kOnly, fourcc("stsd"), make<Opaque>},
@@ -183,6 +187,105 @@ const UuidRow kUuidRows[] = {
 const BoxFactoryRow* boxFactoryTable(uint32_t* rowCount) {
     *rowCount = sizeof(kRows) / sizeof(kRows[0]);
     return kRows;
+}
+
+}  // namespace quil
+
+namespace quil {
+namespace {
+
+uint32_t gBoxNesting = 0;
+
+// Raises the nesting counter for the lifetime of one readBox call.
+class NestingScope {
+public:
+    NestingScope() { ++gBoxNesting; }
+    ~NestingScope() { --gBoxNesting; }
+};
+
+enum class Lookup { Known, Unknown, Forbidden };
+
+// Finds the class for a type under a parent. Rows restricted to a parent
+// are tried before the general row of the same type.
+Lookup findRow(const CBox& header, uint32_t parentType, CBox* (**create)()) {
+    if (header.type == fourcc("uuid")) {
+        for (const UuidRow& row : kUuidRows) {
+            if (header.usertype && std::equal(row.prefix, row.prefix + 4, header.usertype.get())) {
+                *create = row.create;
+                return Lookup::Known;
+            }
+        }
+        return Lookup::Unknown;
+    }
+    for (const BoxFactoryRow& row : kRows) {
+        if (row.type != header.type) continue;
+        if (row.rule == ParentRule::Only && row.parent != parentType) continue;
+        if (row.rule == ParentRule::AnyBut && row.parent == parentType) return Lookup::Unknown;
+        if (!row.create) return Lookup::Forbidden;
+        *create = row.create;
+        return Lookup::Known;
+    }
+    return Lookup::Unknown;
+}
+
+}  // namespace
+
+void resetBoxNesting() { gBoxNesting = 0; }
+uint32_t boxNesting() { return gBoxNesting; }
+
+MP4Err readBox(CStorage* storage, uint32_t parentType, CBox** box, uint32_t* type,
+               uint64_t* parentRemaining) {
+    *box = nullptr;
+    NestingScope nesting;
+    // Each level costs stack in read, dump and destruction: refuse boxes
+    // nested deeper than any real file needs.
+    if (boxNesting() > kMaxBoxNesting) return MP4_ERR_INVALID_DATA;
+
+    std::unique_ptr<CBox> header(new (std::nothrow) CBox());
+    if (!header) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = header->read(storage);
+    if (err != MP4_OK) return err;
+
+    *type = header->type;
+    uint64_t payload = header->remaining;
+    uint64_t total = 0;
+    header->getSize(&total);
+    if (total < payload) return MP4_ERR_BAD_BOX_SIZE;
+    uint64_t headerLength = total - payload;
+    if (headerLength > *parentRemaining) return MP4_ERR_BAD_BOX_SIZE;
+    *parentRemaining -= headerLength;
+    if (payload > *parentRemaining) return MP4_ERR_NOT_AVAILABLE;
+
+    // A zero type ends the reading of a "wave" box.
+    if (header->type == 0 && parentType == fourcc("wave")) return MP4_ERR_NOT_AVAILABLE;
+
+    CBox* (*create)() = nullptr;
+    Lookup lookup = findRow(*header, parentType, &create);
+    if (lookup == Lookup::Forbidden) return MP4_ERR_WRONG_LAYOUT;
+
+    std::unique_ptr<CBox> result;
+    if (lookup == Lookup::Known) {
+        result.reset(create());
+        if (!result) return MP4_ERR_OUT_OF_MEMORY;
+        err = result->copyHeaderFrom(*header);
+        if (err != MP4_OK) return err;
+        header.reset();
+        err = result->read(storage);
+        // Unread payload is skipped; a successful skip accepts a box whose
+        // payload reader stopped early.
+        if (result->remaining != 0) err = storage->skip(result->remaining);
+    } else {
+        *type = 0;
+        result = std::move(header);
+        err = storage->skip(result->remaining);
+    }
+    if (err != MP4_OK) return err;
+
+    *parentRemaining -= payload;
+    // Nothing after the media data is read from a network storage.
+    if (result->type == fourcc("mdat") && isNetworkStorage(storage)) *parentRemaining = 0;
+    *box = result.release();
+    return MP4_OK;
 }
 
 }  // namespace quil
