@@ -11,6 +11,8 @@
 
 namespace quil {
 
+class CMovieHeaderBox;
+
 class CMp4FileImpl : public CMp4File {
 public:
     CMp4FileImpl();
@@ -59,6 +61,18 @@ public:
     const char* readPath() const;
 
 private:
+    // Steps of open: the storage made for a path, the read path, and the
+    // common failure exit.
+    MP4Err makeStorageForPath(const wchar_t* path);
+    MP4Err readTopLevel();
+    MP4Err readBoxTree();
+    void detectFileType();
+    MP4Err countTracks();
+    MP4Err failOpen(MP4Err err);
+    void deleteOwnedStorage();
+    // "moov"/"mvhd" of the open file: 3 when either is missing.
+    MP4Err findMovieHeader(CMovieHeaderBox** header);
+
     CStorage* storage_ = nullptr;
     std::unique_ptr<wchar_t[]> path_;
     uint32_t isOpen_ = 0;
