@@ -32,11 +32,6 @@ std::string typeName(uint32_t type) {
     return name;
 }
 
-uint32_t codeOf(const char* type) {
-    return (uint32_t(uint8_t(type[0])) << 24) | (uint32_t(uint8_t(type[1])) << 16) |
-           (uint32_t(uint8_t(type[2])) << 8) | uint32_t(uint8_t(type[3]));
-}
-
 std::vector<std::string> childTypes(CBoxList* list) {
     std::vector<std::string> types;
     for (CBoxList::Node* node = list ? list->head() : nullptr; node; node = node->next) {
@@ -53,19 +48,18 @@ struct TopLevel {
         resetBoxNesting();
         err = readChildren(&boxes, file.storage(), &remaining);
     }
-    CBox* find(const char* type, uint32_t instance = 1) {
+    CBox* find(uint32_t type) {
         CBox* box = nullptr;
-        return boxes.findNth(codeOf(type), &box, instance) == MP4_OK ? box : nullptr;
+        return boxes.findNth(type, &box, 1) == MP4_OK ? box : nullptr;
     }
     MemoryFile file;
     CBoxList boxes;
     MP4Err err;
 };
 
-CBox* child(CBox* parent, const char* type, uint32_t instance = 1) {
+CBox* child(CBox* parent, uint32_t type, uint32_t instance = 1) {
     CBox* box = nullptr;
-    if (parent == nullptr ||
-        parent->findChild(codeOf(type), &box, instance) != MP4_OK) {
+    if (parent == nullptr || parent->findChild(type, &box, instance) != MP4_OK) {
         return nullptr;
     }
     return box;
@@ -120,7 +114,7 @@ TEST(Fixtures, IntactFilesReadToTheirEnd) {
         }
         EXPECT_EQ(total, bytes.size()) << "top-level sizes do not add up to the file";
 
-        CBox* moov = top.find("moov");
+        CBox* moov = top.find(fourcc("moov"));
         ASSERT_NE(moov, nullptr);
         ASSERT_NE(moov->childList(), nullptr);
         uint32_t traks = 0;
@@ -130,8 +124,8 @@ TEST(Fixtures, IntactFilesReadToTheirEnd) {
         EXPECT_EQ(traks, fixture.tracks);
         // Each track reaches its sample tables.
         for (uint32_t n = 1; n <= fixture.tracks; ++n) {
-            EXPECT_NE(child(child(child(child(moov, "trak", n), "mdia"), "minf"), "stbl"), nullptr)
-                << "track " << n;
+            CBox* minf = child(child(child(moov, fourcc("trak"), n), fourcc("mdia")), fourcc("minf"));
+            EXPECT_NE(child(minf, fourcc("stbl")), nullptr) << "track " << n;
         }
     }
 }
@@ -143,7 +137,7 @@ TEST(Fixtures, MovieBoxRewritesStably) {
     for (const IntactFixture& fixture : kIntact) {
         SCOPED_TRACE(fixture.name);
         TopLevel top(loadFixture(fixture.name));
-        CBox* moov = top.find("moov");
+        CBox* moov = top.find(fourcc("moov"));
         ASSERT_NE(moov, nullptr);
         Bytes first = writeBox(moov);
 
@@ -205,13 +199,13 @@ TEST(Fixtures, DamagedFilesKeepWhatPrecedesTheFault) {
         TopLevel top(bytes);
         EXPECT_EQ(top.err, MP4_OK);  // damage ends the reading quietly
         EXPECT_EQ(childTypes(&top.boxes), fixture.topLevel);
-        CBox* moov = top.find("moov");
+        CBox* moov = top.find(fourcc("moov"));
         if (!fixture.moov.empty()) {
             ASSERT_NE(moov, nullptr);
             EXPECT_EQ(childTypes(moov->childList()), fixture.moov);
         }
         if (!fixture.firstTrak.empty()) {
-            CBox* trak = child(moov, "trak");
+            CBox* trak = child(moov, fourcc("trak"));
             ASSERT_NE(trak, nullptr);
             EXPECT_EQ(childTypes(trak->childList()), fixture.firstTrak);
         }
@@ -230,7 +224,7 @@ TEST(Fixtures, DamagedTreesDumpAndRewrite) {
         }
         std::string dump = testing::internal::GetCapturedStdout();
         EXPECT_EQ(dump.rfind("\nBox type = ftyp  Size = ", 0), 0u) << dump.substr(0, 80);
-        if (CBox* moov = top.find("moov")) {
+        if (CBox* moov = top.find(fourcc("moov"))) {
             writeBox(moov);
         }
     }
