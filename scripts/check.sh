@@ -134,14 +134,17 @@ fuzz_stage() {
 
 if [ "$mode" = all ]; then
   banner "release build and tests in build/"
-  if build_tree build -DCMAKE_BUILD_TYPE=Release; then
+  # Options are given explicitly: an existing cache may hold other values.
+  if build_tree build -DCMAKE_BUILD_TYPE=Release -DQUIL_BUILD_TESTS=ON -DQUIL_BUILD_TOOLS=ON \
+       -DQUIL_SANITIZE=OFF -DQUIL_BUILD_FUZZERS=OFF; then
     run_tests build
   else
     problem "build: build failed"
   fi
 
   banner "ASan + UBSan build and tests in build-asan/"
-  if build_tree build-asan -DCMAKE_BUILD_TYPE=Debug -DQUIL_SANITIZE=ON -DQUIL_BUILD_TOOLS=OFF; then
+  if build_tree build-asan -DCMAKE_BUILD_TYPE=Debug -DQUIL_SANITIZE=ON -DQUIL_BUILD_TESTS=ON \
+       -DQUIL_BUILD_TOOLS=OFF -DQUIL_BUILD_FUZZERS=OFF; then
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       run_tests build-asan
