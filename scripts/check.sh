@@ -120,7 +120,7 @@ fuzz_stage() {
     echo "skipped: clang++ with the libFuzzer runtime is not available"
     return
   fi
-  if ! CXX=clang++ build_tree build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  if ! build_tree build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
        -DQUIL_BUILD_FUZZERS=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=OFF; then
     problem "build-fuzz: build failed"
     return
