@@ -203,8 +203,8 @@ public:
     uint16_t version = 0;
     uint16_t revisionLevel = 0;
     uint32_t vendor = 0;
-    uint16_t channelCount = 2;   // version 2: low 16 bits of the 32-bit count
-    uint16_t sampleSize = 16;    // bits per sample
+    uint16_t channelCount = 0;  // version 2: low 16 bits of the 32-bit count
+    uint16_t sampleSize = 0;    // bits per sample
     int16_t compressionId = 0;
     uint16_t packetSize = 0;
     uint16_t sampleRateInteger = 0;   // version 2: derived from audioSampleRate
