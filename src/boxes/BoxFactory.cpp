@@ -7,6 +7,7 @@
 #include <new>
 
 #include "CodecBoxes.h"
+#include "CompressedMovie.h"
 #include "ConfigBoxes.h"
 #include "MovieBoxes.h"
 #include "SampleEntries.h"
@@ -32,32 +33,32 @@ constexpr ParentRule kOnly = ParentRule::Only;
 
 const BoxFactoryRow kRows[] = {
     // Movie and track structure (MovieBoxes.h)
-    {fourcc("ftyp"), kAny, 0, make<Opaque>},
-    {fourcc("moov"), kAny, 0, make<Container>},
-    {fourcc("mvhd"), kAny, 0, make<Opaque>},
-    {fourcc("trak"), kAny, 0, make<Container>},
-    {fourcc("tkhd"), kAny, 0, make<Opaque>},
-    {fourcc("tref"), kAny, 0, make<Container>},
-    {fourcc("hint"), kAny, 0, make<Opaque>},
-    {fourcc("mpod"), kAny, 0, make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("tref"), make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("gmhd"), make<Container>},
-    {fourcc("mdia"), kAny, 0, make<Container>},
-    {fourcc("mdhd"), kAny, 0, make<Opaque>},
-    {fourcc("hdlr"), kAnyBut, fourcc("meta"), make<Opaque>},
-    {fourcc("minf"), kAny, 0, make<Container>},
-    {fourcc("vmhd"), kAny, 0, make<Opaque>},
-    {fourcc("smhd"), kAny, 0, make<Opaque>},
-    {fourcc("hmhd"), kAny, 0, make<Opaque>},
-    {fourcc("nmhd"), kAny, 0, make<Opaque>},
-    {fourcc("gmhd"), kAny, 0, make<Container>},
-    {fourcc("tcmi"), kAny, 0, make<Opaque>},
-    {fourcc("dinf"), kAny, 0, make<Container>},
-    {fourcc("dref"), kAny, 0, make<Opaque>},
-    {fourcc("url "), kAny, 0, make<Opaque>},
-    {fourcc("urn "), kAny, 0, make<Opaque>},
-    {fourcc("udta"), kAny, 0, make<Container>},
-    {fourcc("mdat"), kAny, 0, make<Opaque>},
+    {fourcc("ftyp"), kAny, 0, make<CFileTypeBox>},
+    {fourcc("moov"), kAny, 0, make<CMovieBox>},
+    {fourcc("mvhd"), kAny, 0, make<CMovieHeaderBox>},
+    {fourcc("trak"), kAny, 0, make<CTrackBox>},
+    {fourcc("tkhd"), kAny, 0, make<CTrackHeaderBox>},
+    {fourcc("tref"), kAny, 0, make<CTrackReferenceBox>},
+    {fourcc("hint"), kAny, 0, make<CTrackReferenceTypeBox>},
+    {fourcc("mpod"), kAny, 0, make<CTrackReferenceTypeBox>},
+    {fourcc("tmcd"), kOnly, fourcc("tref"), make<CTrackReferenceTypeBox>},
+    {fourcc("tmcd"), kOnly, fourcc("gmhd"), make<CTimeCodeInformationListBox>},
+    {fourcc("mdia"), kAny, 0, make<CMediaBox>},
+    {fourcc("mdhd"), kAny, 0, make<CMediaHeaderBox>},
+    {fourcc("hdlr"), kAnyBut, fourcc("meta"), make<CHandlerReferenceBox>},
+    {fourcc("minf"), kAny, 0, make<CMediaInformationBox>},
+    {fourcc("vmhd"), kAny, 0, make<CVideoMediaHeaderBox>},
+    {fourcc("smhd"), kAny, 0, make<CSoundMediaHeaderBox>},
+    {fourcc("hmhd"), kAny, 0, make<CHintMediaHeaderBox>},
+    {fourcc("nmhd"), kAny, 0, make<CNullMediaHeaderBox>},
+    {fourcc("gmhd"), kAny, 0, make<CBaseMediaHeaderBox>},
+    {fourcc("tcmi"), kAny, 0, make<CTimeCodeMediaHeaderBox>},
+    {fourcc("dinf"), kAny, 0, make<CDataInformationBox>},
+    {fourcc("dref"), kAny, 0, make<CDataReferenceBox>},
+    {fourcc("url "), kAny, 0, make<CDataEntryURLBox>},
+    {fourcc("urn "), kAny, 0, make<CDataEntryURNBox>},
+    {fourcc("udta"), kAny, 0, make<CUserDataBox>},
+    {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
     // Sample tables (track/SampleTables.h)
     {fourcc("edts"), kAny, 0, make<Container>},
@@ -154,9 +155,9 @@ const BoxFactoryRow kRows[] = {
     {fourcc("ilst"), kAny, 0, make<Container>},
 
     // Compressed movie
-    {fourcc("cmov"), kAny, 0, make<Container>},
-    {fourcc("dcom"), kAny, 0, make<Opaque>},
-    {fourcc("cmvd"), kAny, 0, make<Opaque>},
+    {fourcc("cmov"), kAny, 0, make<CCompressedMovieBox>},
+    {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
+    {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
     // Hint information
     {fourcc("rtp "), kOnly, fourcc("stsd"), make<Opaque>},
