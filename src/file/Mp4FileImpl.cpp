@@ -88,6 +88,7 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
     path_.reset();
     readPathUtf8_.clear();
+    sampleReader_.reset();
     hasHintTracks_ = 0;  // belongs to the file being opened, not the object
     storageSupplied_ = storage_ != nullptr ? 1 : 0;
 
@@ -138,6 +139,7 @@ MP4Err CMp4FileImpl::failOpen(MP4Err err) {
     // The partly read tree is of no use to anyone: free it at once.
     topLevelBoxes_.reset();
     readPathUtf8_.clear();
+    sampleReader_.reset();
     return err;
 }
 
@@ -213,6 +215,7 @@ MP4Err CMp4FileImpl::close() {
     topLevelBoxes_.reset();
     path_.reset();
     readPathUtf8_.clear();
+    sampleReader_.reset();
     return MP4_OK;
 }
 
@@ -507,6 +510,25 @@ uint32_t Mp4VideoCodecId(const wchar_t* path) {
     (void)file->close();
     CMp4File::destroyInstance(&file);
     return codec;
+}
+
+}  // namespace quil
+
+namespace quil {
+
+MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer) {
+    if (isOpen_ == 0 || mode_ != 0 || !storage_) return MP4_ERR_IO;
+    if (!readPathUtf8_.empty()) {
+        if (!sampleReader_) {
+            std::unique_ptr<CSampleReader> reader(new (std::nothrow) CSampleReader());
+            if (!reader || reader->open(readPathUtf8_) != MP4_OK) return MP4_ERR_IO;
+            sampleReader_ = std::move(reader);
+        }
+        return sampleReader_->read(offset, size, buffer);
+    }
+    MP4Err err = storage_->seek(offset);
+    if (err != MP4_OK) return err;
+    return storage_->readBytes(buffer, size);
 }
 
 }  // namespace quil

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "boxes/Box.h"
+#include "file/SampleReader.h"
 #include "quil/Mp4File.h"
 
 namespace quil {
@@ -59,6 +60,10 @@ public:
     // read through a handle of their own); null for a supplied or network
     // storage.
     const char* readPath() const;
+    // Media bytes for a track: through a read-only handle of their own for
+    // a file opened by path (any failure 4), else through the storage
+    // (its errors passed on). 4 unless the file is open for reading.
+    MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer);
 
 private:
     // Steps of open: the storage made for a path, the read path, and the
@@ -87,6 +92,7 @@ private:
     CMp4MetaData* metaData_ = nullptr;
     CMp4HintTrackContext* hintTrackContext_ = nullptr;
     std::string readPathUtf8_;
+    std::unique_ptr<CSampleReader> sampleReader_;  // made on the first sample read
 };
 
 }  // namespace quil
