@@ -1,1 +1,353 @@
-namespace quil {}
+#include "Box.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "BoxFactory.h"
+#include "Dump.h"
+
+namespace quil {
+namespace {
+
+constexpr uint64_t kMax32 = 0xFFFFFFFFull;
+constexpr uint32_t kUuid = fourcc("uuid");
+
+bool isPrintableCode(uint32_t code) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        if (((code >> shift) & 0xFF) < 0x20) return false;
+    }
+    return true;
+}
+
+char codeChar(uint32_t code, int index) {
+    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
+}
+
+}  // namespace
+
+// ---- CBox -----------------------------------------------------------------
+
+MP4Err CBox::read(CStorage* storage) {
+    uint32_t size32 = 0;
+    MP4Err err = storage->readUInt32(&size32);
+    if (err != MP4_OK) return err;
+    err = storage->readUInt32(&type);
+    if (err != MP4_OK) return err;
+
+    uint64_t headerLength = 8;
+    if (size32 == 1) {
+        err = storage->readUInt64(&size);
+        if (err != MP4_OK) return err;
+        headerLength = 16;
+    } else if (size32 == 0) {
+        // The box runs to the end of the storage.
+        uint64_t position = 0, length = 0;
+        err = storage->getPosition(&position);
+        if (err != MP4_OK) return err;
+        err = storage->getLength(&length);
+        if (err != MP4_OK) return err;
+        size = length - position + 8;
+    } else {
+        size = size32;
+    }
+
+    if (type == kUuid) {
+        usertype.reset(new (std::nothrow) uint8_t[16]);
+        if (!usertype) return MP4_ERR_OUT_OF_MEMORY;
+        err = storage->readBytes(usertype.get(), 16);
+        if (err != MP4_OK) return err;
+        headerLength += 16;
+    }
+    if (size < headerLength) return MP4_ERR_BAD_BOX_SIZE;
+    sizeFromFile = true;
+    remaining = size - headerLength;
+    return MP4_OK;
+}
+
+MP4Err CBox::write(CStorage* storage) {
+    bool large = size > kMax32;
+    MP4Err err = storage->writeUInt32(large ? 1u : static_cast<uint32_t>(size));
+    if (err != MP4_OK) return err;
+    err = storage->writeUInt32(type);
+    if (err != MP4_OK) return err;
+    if (large) {
+        // The written largesize counts its own 8 bytes, and so does the
+        // stored size from now on.
+        size += 8;
+        err = storage->writeUInt64(size);
+        if (err != MP4_OK) return err;
+    }
+    if (type == kUuid) {
+        if (!usertype) return MP4_ERR_INVALID_DATA;
+        err = storage->writeBlock(usertype.get(), 16);
+    }
+    return err;
+}
+
+MP4Err CBox::dump(int32_t depth) {
+    printf("\n");
+    printIndent(depth);
+    if (isPrintableCode(type)) {
+        printf("Box type = %c%c%c%c  Size = %" PRIu64 "\n", codeChar(type, 0), codeChar(type, 1),
+               codeChar(type, 2), codeChar(type, 3), size);
+    } else {
+        printf("Box type = 0x%08x  Size = %" PRIu64 "\n", type, size);
+    }
+    if (type == kUuid) {
+        if (!usertype) return MP4_ERR_INVALID_DATA;
+        printIndent(depth);
+        printf("User type = ");
+        for (int i = 0; i < 16; ++i) printf("%02x ", usertype[i]);
+        printf(" (%c%c%c%c)\n", usertype[0], usertype[1], usertype[2], usertype[3]);
+    }
+    return MP4_OK;
+}
+
+MP4Err CBox::calculateSize() {
+    size = baseHeaderSize();
+    sizeFromFile = false;
+    return MP4_OK;
+}
+
+MP4Err CBox::getSize(uint64_t* out) {
+    // A computed size above 32 bits will be written with a 64-bit
+    // largesize field, which the size from a file already counts.
+    *out = (size > kMax32 && !sizeFromFile) ? size + 8 : size;
+    return MP4_OK;
+}
+
+MP4Err CBox::findChild(uint32_t, CBox** box, uint32_t) {
+    if (box) *box = nullptr;
+    return MP4_ERR_NOT_AVAILABLE;
+}
+
+MP4Err CBox::addChild(CBox*) { return MP4_ERR_INVALID_DATA; }
+
+MP4Err CBox::copyHeaderFrom(const CBox& header) {
+    size = header.size;
+    type = header.type;
+    remaining = header.remaining;
+    sizeFromFile = header.sizeFromFile;
+    usertype.reset();
+    if (header.usertype) {
+        usertype.reset(new (std::nothrow) uint8_t[16]);
+        if (!usertype) return MP4_ERR_OUT_OF_MEMORY;
+        std::memcpy(usertype.get(), header.usertype.get(), 16);
+    }
+    return MP4_OK;
+}
+
+// ---- CFullBox -------------------------------------------------------------
+
+MP4Err CFullBox::readVersionAndFlags(CStorage* storage) {
+    MP4Err err = storage->readUInt8(&version);
+    if (err != MP4_OK) return err;
+    err = storage->readUInt24(&flags);
+    if (err != MP4_OK) return err;
+    remaining -= 4;
+    return MP4_OK;
+}
+
+MP4Err CFullBox::writeVersionAndFlags(CStorage* storage) {
+    MP4Err err = storage->writeUInt8(version);
+    if (err != MP4_OK) return err;
+    return storage->writeUInt24(flags);
+}
+
+void CFullBox::dumpVersionAndFlags(int32_t depth) {
+    dumpLine(depth, "Version = %d, Flags = 0x%06x\n", static_cast<int32_t>(version), flags);
+}
+
+// ---- CBoxList -------------------------------------------------------------
+
+CBoxList::~CBoxList() {
+    Node* node = head_;
+    while (node) {
+        Node* next = node->next;
+        delete node->box;
+        delete node;
+        node = next;
+    }
+}
+
+MP4Err CBoxList::append(CBox* box) {
+    if (!box) return MP4_ERR_INVALID_ARGUMENT;
+    Node* node = new (std::nothrow) Node{count_ + 1, box, nullptr};
+    if (!node) return MP4_ERR_OUT_OF_MEMORY;
+    if (tail_) {
+        tail_->next = node;
+    } else {
+        head_ = node;
+    }
+    tail_ = node;
+    ++count_;
+    return MP4_OK;
+}
+
+MP4Err CBoxList::findNth(uint32_t wantedType, CBox** box, uint32_t instance) {
+    *box = nullptr;
+    uint32_t wanted = instance == 0 ? 1 : instance;
+    uint32_t matches = 0;
+    for (uint32_t index = 1;; ++index) {
+        if (index == 0) return MP4_ERR_BAD_INDEX;  // the counter wrapped around
+        if (index > count_) return MP4_ERR_NOT_AVAILABLE;
+        // Resume from the cursor unless it lies past the wanted index.
+        Node* node = (cursor_ && cursor_->index <= index) ? cursor_ : head_;
+        while (node && node->index != index) node = node->next;
+        if (!node) return MP4_ERR_NOT_AVAILABLE;
+        cursor_ = node;
+        if (node->box->type == wantedType && ++matches == wanted) {
+            *box = node->box;
+            return MP4_OK;
+        }
+    }
+}
+
+MP4Err CBoxList::replace(CBox* oldBox, CBox* newBox) {
+    if (!newBox) return MP4_ERR_INVALID_ARGUMENT;
+    for (Node* node = head_; node; node = node->next) {
+        if (node->box == oldBox) {
+            node->box = newBox;
+            return MP4_OK;
+        }
+    }
+    return MP4_ERR_NOT_AVAILABLE;
+}
+
+// ---- child helpers --------------------------------------------------------
+
+MP4Err writeChildren(CBoxList* list, CStorage* storage) {
+    if (!list) return MP4_OK;
+    for (CBoxList::Node* node = list->head(); node; node = node->next) {
+        MP4Err err = node->box->write(storage);
+        if (err != MP4_OK) return err;
+    }
+    return MP4_OK;
+}
+
+MP4Err addChildrenSizes(CBoxList* list, uint64_t* total) {
+    if (!list) return MP4_OK;
+    for (CBoxList::Node* node = list->head(); node; node = node->next) {
+        MP4Err err = node->box->calculateSize();
+        if (err != MP4_OK) return err;
+        uint64_t childSize = 0;
+        err = node->box->getSize(&childSize);
+        if (err != MP4_OK) return err;
+        *total += childSize;
+    }
+    return MP4_OK;
+}
+
+MP4Err dumpChildren(CBoxList* list, int32_t depth) {
+    if (!list) return MP4_OK;
+    for (CBoxList::Node* node = list->head(); node; node = node->next) {
+        MP4Err err = node->box->dump(depth + 1);
+        if (err != MP4_OK) return err;
+    }
+    return MP4_OK;
+}
+
+MP4Err dumpChildrenInBraces(CBoxList* list, int32_t depth) {
+    printIndent(depth);
+    printf("{");
+    MP4Err err = dumpChildren(list, depth);
+    if (err != MP4_OK) return err;
+    printIndent(depth);
+    printf("}\n");
+    return MP4_OK;
+}
+
+MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
+    uint32_t eof = 0;
+    MP4Err err = storage->isEof(&eof);  // only a failing query matters
+    if (err != MP4_OK) return err;
+    uint32_t parentType = list->ownerType();
+    while (*remaining >= 8) {
+        CBox* child = nullptr;
+        uint32_t childType = 0;
+        err = readBox(storage, parentType, &child, &childType, remaining);
+        if (err == MP4_ERR_NOT_AVAILABLE) {
+            // The child does not fit: the rest of the parent is skipped.
+            err = storage->skip(*remaining);
+            if (err != MP4_OK) return err;
+            *remaining = 0;
+            return MP4_OK;
+        }
+        if (err != MP4_OK) {
+            // A damaged child ends the parent quietly; the parent keeps
+            // what was read so far.
+            *remaining = 0;
+            return MP4_OK;
+        }
+        err = list->append(child);
+        if (err != MP4_OK) {
+            delete child;
+            return err;
+        }
+    }
+    if (*remaining > 0) {
+        err = storage->skip(*remaining);
+        *remaining = 0;
+        return err;
+    }
+    return MP4_OK;
+}
+
+// ---- CContainerBox --------------------------------------------------------
+
+MP4Err CContainerBox::read(CStorage* storage) {
+    if (children) return MP4_ERR_INVALID_DATA;
+    children.reset(new (std::nothrow) CBoxList(this));
+    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    return readChildren(children.get(), storage, &remaining);
+}
+
+MP4Err CContainerBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    if (!children) return MP4_ERR_INVALID_DATA;
+    return writeChildren(children.get(), storage);
+}
+
+MP4Err CContainerBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    if (!children) {
+        printIndent(depth);
+        printf("{");
+        return MP4_ERR_INVALID_DATA;
+    }
+    return dumpChildrenInBraces(children.get(), depth);
+}
+
+MP4Err CContainerBox::calculateSize() {
+    CBox::calculateSize();
+    uint64_t total = size;
+    MP4Err err = addChildrenSizes(children.get(), &total);
+    size = total;
+    return err;
+}
+
+MP4Err CContainerBox::findChild(uint32_t wantedType, CBox** box, uint32_t instance) {
+    *box = nullptr;
+    if (!children) return MP4_ERR_NOT_AVAILABLE;
+    return children->findNth(wantedType, box, instance);
+}
+
+MP4Err CContainerBox::addChild(CBox* box) {
+    if (!children) {
+        children.reset(new (std::nothrow) CBoxList(this));
+        if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    }
+    MP4Err err = children->append(box);
+    if (err != MP4_OK) return err;
+    if (growsOnAddChild()) {
+        uint64_t childSize = 0;
+        box->getSize(&childSize);
+        size += childSize;
+    }
+    return MP4_OK;
+}
+
+}  // namespace quil

@@ -2,12 +2,16 @@
 // plus its class.
 #include "BoxFactory.h"
 
+#include <algorithm>
+#include <memory>
 #include <new>
 
 #include "CodecBoxes.h"
+#include "CompressedMovie.h"
 #include "ConfigBoxes.h"
 #include "MovieBoxes.h"
 #include "SampleEntries.h"
+#include "storage/BaseStorage.h"
 #include "track/SampleTables.h"
 
 namespace quil {
@@ -29,32 +33,32 @@ constexpr ParentRule kOnly = ParentRule::Only;
 
 const BoxFactoryRow kRows[] = {
     // Movie and track structure (MovieBoxes.h)
-    {fourcc("ftyp"), kAny, 0, make<Opaque>},
-    {fourcc("moov"), kAny, 0, make<Container>},
-    {fourcc("mvhd"), kAny, 0, make<Opaque>},
-    {fourcc("trak"), kAny, 0, make<Container>},
-    {fourcc("tkhd"), kAny, 0, make<Opaque>},
-    {fourcc("tref"), kAny, 0, make<Container>},
-    {fourcc("hint"), kAny, 0, make<Opaque>},
-    {fourcc("mpod"), kAny, 0, make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("tref"), make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("gmhd"), make<Container>},
-    {fourcc("mdia"), kAny, 0, make<Container>},
-    {fourcc("mdhd"), kAny, 0, make<Opaque>},
-    {fourcc("hdlr"), kAnyBut, fourcc("meta"), make<Opaque>},
-    {fourcc("minf"), kAny, 0, make<Container>},
-    {fourcc("vmhd"), kAny, 0, make<Opaque>},
-    {fourcc("smhd"), kAny, 0, make<Opaque>},
-    {fourcc("hmhd"), kAny, 0, make<Opaque>},
-    {fourcc("nmhd"), kAny, 0, make<Opaque>},
-    {fourcc("gmhd"), kAny, 0, make<Container>},
-    {fourcc("tcmi"), kAny, 0, make<Opaque>},
-    {fourcc("dinf"), kAny, 0, make<Container>},
-    {fourcc("dref"), kAny, 0, make<Opaque>},
-    {fourcc("url "), kAny, 0, make<Opaque>},
-    {fourcc("urn "), kAny, 0, make<Opaque>},
-    {fourcc("udta"), kAny, 0, make<Container>},
-    {fourcc("mdat"), kAny, 0, make<Opaque>},
+    {fourcc("ftyp"), kAny, 0, make<CFileTypeBox>},
+    {fourcc("moov"), kAny, 0, make<CMovieBox>},
+    {fourcc("mvhd"), kAny, 0, make<CMovieHeaderBox>},
+    {fourcc("trak"), kAny, 0, make<CTrackBox>},
+    {fourcc("tkhd"), kAny, 0, make<CTrackHeaderBox>},
+    {fourcc("tref"), kAny, 0, make<CTrackReferenceBox>},
+    {fourcc("hint"), kAny, 0, make<CTrackReferenceTypeBox>},
+    {fourcc("mpod"), kAny, 0, make<CTrackReferenceTypeBox>},
+    {fourcc("tmcd"), kOnly, fourcc("tref"), make<CTrackReferenceTypeBox>},
+    {fourcc("tmcd"), kOnly, fourcc("gmhd"), make<CTimeCodeInformationListBox>},
+    {fourcc("mdia"), kAny, 0, make<CMediaBox>},
+    {fourcc("mdhd"), kAny, 0, make<CMediaHeaderBox>},
+    {fourcc("hdlr"), kAnyBut, fourcc("meta"), make<CHandlerReferenceBox>},
+    {fourcc("minf"), kAny, 0, make<CMediaInformationBox>},
+    {fourcc("vmhd"), kAny, 0, make<CVideoMediaHeaderBox>},
+    {fourcc("smhd"), kAny, 0, make<CSoundMediaHeaderBox>},
+    {fourcc("hmhd"), kAny, 0, make<CHintMediaHeaderBox>},
+    {fourcc("nmhd"), kAny, 0, make<CNullMediaHeaderBox>},
+    {fourcc("gmhd"), kAny, 0, make<CBaseMediaHeaderBox>},
+    {fourcc("tcmi"), kAny, 0, make<CTimeCodeMediaHeaderBox>},
+    {fourcc("dinf"), kAny, 0, make<CDataInformationBox>},
+    {fourcc("dref"), kAny, 0, make<CDataReferenceBox>},
+    {fourcc("url "), kAny, 0, make<CDataEntryURLBox>},
+    {fourcc("urn "), kAny, 0, make<CDataEntryURNBox>},
+    {fourcc("udta"), kAny, 0, make<CUserDataBox>},
+    {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
     // Sample tables (track/SampleTables.h)
     {fourcc("edts"), kAny, 0, make<Container>},
@@ -69,61 +73,61 @@ const BoxFactoryRow kRows[] = {
     {fourcc("stss"), kAny, 0, make<Opaque>},
 
     // Sample description and sample entries (SampleEntries.h)
-    {fourcc("stsd"), kAny, 0, make<Opaque>},
-    {fourcc("tmcd"), kOnly, fourcc("stsd"), make<Opaque>},
-    {fourcc("mp4v"), kAny, 0, make<Opaque>},
-    {fourcc("mp4a"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("mp4s"), kAny, 0, make<Opaque>},
-    {fourcc("avc1"), kAny, 0, make<Opaque>},
-    {fourcc("hvc1"), kAny, 0, make<Opaque>},
-    {fourcc("hev1"), kAny, 0, make<Opaque>},
-    {fourcc("s263"), kAny, 0, make<Opaque>},
-    {fourcc("samr"), kAny, 0, make<Opaque>},
-    {fourcc("sawb"), kAny, 0, make<Opaque>},
-    {fourcc("jpeg"), kAny, 0, make<Opaque>},
-    {fourcc("2vuy"), kAny, 0, make<Opaque>},
-    {fourcc("QUd1"), kAny, 0, make<Opaque>},
-    {fourcc("QUdv"), kAny, 0, make<Opaque>},
-    {fourcc("cvid"), kAny, 0, make<Opaque>},
-    {fourcc("dc25"), kAny, 0, make<Opaque>},
-    {fourcc("dv25"), kAny, 0, make<Opaque>},
-    {fourcc("dv50"), kAny, 0, make<Opaque>},
-    {fourcc("dv5n"), kAny, 0, make<Opaque>},
-    {fourcc("dvc "), kAny, 0, make<Opaque>},
-    {fourcc("dvcp"), kAny, 0, make<Opaque>},
-    {fourcc("dvh1"), kAny, 0, make<Opaque>},
-    {fourcc("dvh3"), kAny, 0, make<Opaque>},
-    {fourcc("dvh5"), kAny, 0, make<Opaque>},
-    {fourcc("dvh6"), kAny, 0, make<Opaque>},
-    {fourcc("dvh7"), kAny, 0, make<Opaque>},
-    {fourcc("dvhd"), kAny, 0, make<Opaque>},
-    {fourcc("dvpp"), kAny, 0, make<Opaque>},
-    {fourcc("h263"), kAny, 0, make<Opaque>},
-    {fourcc("mjpa"), kAny, 0, make<Opaque>},
-    {fourcc("mjpb"), kAny, 0, make<Opaque>},
-    {fourcc("mx5p"), kAny, 0, make<Opaque>},
-    {fourcc("png "), kAny, 0, make<Opaque>},
-    {fourcc("raw "), kAny, 0, make<Opaque>},
-    {fourcc("xdvc"), kAny, 0, make<Opaque>},
-    {fourcc("NONE"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("twos"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("sowt"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("in24"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("fl32"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("lpcm"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("alaw"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("ulaw"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {fourcc("Qclp"), kAnyBut, fourcc("wave"), make<Opaque>},
-    {0x6D730055, kAnyBut, fourcc("wave"), make<Opaque>},
+    {fourcc("stsd"), kAny, 0, make<CSampleDescriptionBox>},
+    {fourcc("tmcd"), kOnly, fourcc("stsd"), make<CTimeCodeSampleEntry>},
+    {fourcc("mp4v"), kAny, 0, make<CMP4VisualSampleEntry>},
+    {fourcc("mp4a"), kAnyBut, fourcc("wave"), make<CMP4AudioSampleEntry>},
+    {fourcc("mp4s"), kAny, 0, make<CMP4MpegSampleEntry>},
+    {fourcc("avc1"), kAny, 0, make<CAVCSampleEntry>},
+    {fourcc("hvc1"), kAny, 0, make<CHEVCSampleEntry>},
+    {fourcc("hev1"), kAny, 0, make<CHEVCSampleEntry>},
+    {fourcc("s263"), kAny, 0, make<CH263SampleEntry>},
+    {fourcc("samr"), kAny, 0, make<CAMRNBSampleEntry>},
+    {fourcc("sawb"), kAny, 0, make<CAMRWBSampleEntry>},
+    {fourcc("jpeg"), kAny, 0, make<CMjpegSampleEntry>},
+    {fourcc("2vuy"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("QUd1"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("QUdv"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("cvid"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dc25"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dv25"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dv50"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dv5n"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvc "), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvcp"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvh1"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvh3"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvh5"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvh6"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvh7"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvhd"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("dvpp"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("h263"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("mjpa"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("mjpb"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("mx5p"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("png "), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("raw "), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("xdvc"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("NONE"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("twos"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("sowt"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("in24"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("fl32"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("lpcm"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("alaw"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("ulaw"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("Qclp"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {0x6D730055, kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
 
     // Codec-specific boxes (CodecBoxes.h)
-    {fourcc("d263"), kAny, 0, make<Opaque>},
-    {fourcc("damr"), kAny, 0, make<Opaque>},
-    {fourcc("btrt"), kAny, 0, make<Opaque>},
-    {fourcc("pasp"), kAny, 0, make<Opaque>},
-    {fourcc("wave"), kAny, 0, make<Container>},
-    {fourcc("enda"), kAny, 0, make<Opaque>},
-    {fourcc("chan"), kAny, 0, make<Opaque>},
+    {fourcc("d263"), kAny, 0, make<CH263SpecificBox>},
+    {fourcc("damr"), kAny, 0, make<CAMRSpecificBox>},
+    {fourcc("btrt"), kAny, 0, make<CMPEG4BitRateBox>},
+    {fourcc("pasp"), kAny, 0, make<CPixelAspectRatioBox>},
+    {fourcc("wave"), kAny, 0, make<CWaveBox>},
+    {fourcc("enda"), kAny, 0, make<CEndianFormatBox>},
+    {fourcc("chan"), kAny, 0, make<CChannelCompositionBox>},
 
     // Boxes wrapping decoder configuration records and descriptors (ConfigBoxes.h)
     {fourcc("avcC"), kAny, 0, make<Opaque>},
@@ -151,9 +155,9 @@ const BoxFactoryRow kRows[] = {
     {fourcc("ilst"), kAny, 0, make<Container>},
 
     // Compressed movie
-    {fourcc("cmov"), kAny, 0, make<Container>},
-    {fourcc("dcom"), kAny, 0, make<Opaque>},
-    {fourcc("cmvd"), kAny, 0, make<Opaque>},
+    {fourcc("cmov"), kAny, 0, make<CCompressedMovieBox>},
+    {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
+    {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
     // Hint information
     {fourcc("rtp "), kOnly, fourcc("stsd"), make<Opaque>},
@@ -175,7 +179,7 @@ struct UuidRow {
 const UuidRow kUuidRows[] = {
     {{0x50, 0x52, 0x4F, 0x46}, make<Opaque>},  // PSP profile ("PROF")
     {{0x55, 0x53, 0x4D, 0x54}, make<Opaque>},  // PSP user metadata ("USMT")
-    {{0x6B, 0x68, 0x40, 0xF2}, make<Opaque>},  // Apple AVC private data
+    {{0x6B, 0x68, 0x40, 0xF2}, make<CAppleAvcBox>},  // Apple AVC private data
 };
 
 }  // namespace
@@ -183,6 +187,105 @@ const UuidRow kUuidRows[] = {
 const BoxFactoryRow* boxFactoryTable(uint32_t* rowCount) {
     *rowCount = sizeof(kRows) / sizeof(kRows[0]);
     return kRows;
+}
+
+}  // namespace quil
+
+namespace quil {
+namespace {
+
+uint32_t gBoxNesting = 0;
+
+// Raises the nesting counter for the lifetime of one readBox call.
+class NestingScope {
+public:
+    NestingScope() { ++gBoxNesting; }
+    ~NestingScope() { --gBoxNesting; }
+};
+
+enum class Lookup { Known, Unknown, Forbidden };
+
+// Finds the class for a type under a parent. Rows restricted to a parent
+// are tried before the general row of the same type.
+Lookup findRow(const CBox& header, uint32_t parentType, CBox* (**create)()) {
+    if (header.type == fourcc("uuid")) {
+        for (const UuidRow& row : kUuidRows) {
+            if (header.usertype && std::equal(row.prefix, row.prefix + 4, header.usertype.get())) {
+                *create = row.create;
+                return Lookup::Known;
+            }
+        }
+        return Lookup::Unknown;
+    }
+    for (const BoxFactoryRow& row : kRows) {
+        if (row.type != header.type) continue;
+        if (row.rule == ParentRule::Only && row.parent != parentType) continue;
+        if (row.rule == ParentRule::AnyBut && row.parent == parentType) return Lookup::Unknown;
+        if (!row.create) return Lookup::Forbidden;
+        *create = row.create;
+        return Lookup::Known;
+    }
+    return Lookup::Unknown;
+}
+
+}  // namespace
+
+void resetBoxNesting() { gBoxNesting = 0; }
+uint32_t boxNesting() { return gBoxNesting; }
+
+MP4Err readBox(CStorage* storage, uint32_t parentType, CBox** box, uint32_t* type,
+               uint64_t* parentRemaining) {
+    *box = nullptr;
+    NestingScope nesting;
+    // Each level costs stack in read, dump and destruction: refuse boxes
+    // nested deeper than any real file needs.
+    if (boxNesting() > kMaxBoxNesting) return MP4_ERR_INVALID_DATA;
+
+    std::unique_ptr<CBox> header(new (std::nothrow) CBox());
+    if (!header) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = header->read(storage);
+    if (err != MP4_OK) return err;
+
+    *type = header->type;
+    uint64_t payload = header->remaining;
+    uint64_t total = 0;
+    header->getSize(&total);
+    if (total < payload) return MP4_ERR_BAD_BOX_SIZE;
+    uint64_t headerLength = total - payload;
+    if (headerLength > *parentRemaining) return MP4_ERR_BAD_BOX_SIZE;
+    *parentRemaining -= headerLength;
+    if (payload > *parentRemaining) return MP4_ERR_NOT_AVAILABLE;
+
+    // A zero type ends the reading of a "wave" box.
+    if (header->type == 0 && parentType == fourcc("wave")) return MP4_ERR_NOT_AVAILABLE;
+
+    CBox* (*create)() = nullptr;
+    Lookup lookup = findRow(*header, parentType, &create);
+    if (lookup == Lookup::Forbidden) return MP4_ERR_WRONG_LAYOUT;
+
+    std::unique_ptr<CBox> result;
+    if (lookup == Lookup::Known) {
+        result.reset(create());
+        if (!result) return MP4_ERR_OUT_OF_MEMORY;
+        err = result->copyHeaderFrom(*header);
+        if (err != MP4_OK) return err;
+        header.reset();
+        err = result->read(storage);
+        // Unread payload is skipped; a successful skip accepts a box whose
+        // payload reader stopped early.
+        if (result->remaining != 0) err = storage->skip(result->remaining);
+    } else {
+        *type = 0;
+        result = std::move(header);
+        err = storage->skip(result->remaining);
+    }
+    if (err != MP4_OK) return err;
+
+    *parentRemaining -= payload;
+    // Nothing after the media data is read from a network storage.
+    if (result->type == fourcc("mdat") && isNetworkStorage(storage)) *parentRemaining = 0;
+    *box = result.release();
+    return MP4_OK;
 }
 
 }  // namespace quil
