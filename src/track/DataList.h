@@ -40,6 +40,9 @@ public:
     T* entries() { return reinterpret_cast<T*>(reinterpret_cast<unsigned char*>(this) + sizeof(CDataListNode)); }
 
     uint32_t firstIndex;  // 1-based list index of entries()[0]
+private:
+    uint32_t blockSize_;  // entries in the block; sits in the padding after firstIndex
+public:
     CDataListNode* next = nullptr;
 
     // One allocation for the node and its block; deleting the node frees both.
@@ -57,8 +60,6 @@ private:
         T* block = entries();
         for (uint32_t i = 0; i < blockSize_; ++i) new (block + i) T();
     }
-
-    uint32_t blockSize_;  // fills the padding after firstIndex
 };
 
 template <class T>
