@@ -61,16 +61,16 @@ const BoxFactoryRow kRows[] = {
     {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
     // Sample tables (track/SampleTables.h)
-    {fourcc("edts"), kAny, 0, make<Container>},
-    {fourcc("elst"), kAny, 0, make<Opaque>},
-    {fourcc("stbl"), kAny, 0, make<Container>},
-    {fourcc("stts"), kAny, 0, make<Opaque>},
-    {fourcc("ctts"), kAny, 0, make<Opaque>},
-    {fourcc("stsc"), kAny, 0, make<Opaque>},
-    {fourcc("stsz"), kAny, 0, make<Opaque>},
-    {fourcc("stco"), kAny, 0, make<Opaque>},
-    {fourcc("co64"), kAny, 0, make<Opaque>},
-    {fourcc("stss"), kAny, 0, make<Opaque>},
+    {fourcc("edts"), kAny, 0, make<CEditBox>},
+    {fourcc("elst"), kAny, 0, make<CEditListBox>},
+    {fourcc("stbl"), kAny, 0, make<CSampleTableBox>},
+    {fourcc("stts"), kAny, 0, make<CTimeToSampleBox>},
+    {fourcc("ctts"), kAny, 0, make<CCompositionOffsetBox>},
+    {fourcc("stsc"), kAny, 0, make<CSampleToChunkBox>},
+    {fourcc("stsz"), kAny, 0, make<CSampleSizeBox>},
+    {fourcc("stco"), kAny, 0, make<CChunkOffsetBox>},
+    {fourcc("co64"), kAny, 0, make<CChunkLargeOffsetBox>},
+    {fourcc("stss"), kAny, 0, make<CSyncSampleBox>},
 
     // Sample description and sample entries (SampleEntries.h)
     {fourcc("stsd"), kAny, 0, make<CSampleDescriptionBox>},
