@@ -130,10 +130,10 @@ const BoxFactoryRow kRows[] = {
     {fourcc("chan"), kAny, 0, make<CChannelCompositionBox>},
 
     // Boxes wrapping decoder configuration records and descriptors (ConfigBoxes.h)
-    {fourcc("avcC"), kAny, 0, make<Opaque>},
-    {fourcc("hvcC"), kAny, 0, make<Opaque>},
-    {fourcc("esds"), kAny, 0, make<Opaque>},
-    {fourcc("iods"), kAny, 0, make<Opaque>},
+    {fourcc("avcC"), kAny, 0, make<CAVCConfigurationBox>},
+    {fourcc("hvcC"), kAny, 0, make<CHEVCConfigurationBox>},
+    {fourcc("esds"), kAny, 0, make<CESDBox>},
+    {fourcc("iods"), kAny, 0, make<CObjectDescriptorBox>},
 
     // User data and metadata
     {fourcc("titl"), kAny, 0, make<Opaque>},

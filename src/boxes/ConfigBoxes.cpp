@@ -1,5 +1,257 @@
 #include "ConfigBoxes.h"
 
+#include <new>
+
+#include "Dump.h"
+
 namespace quil {
+namespace {
+
+// Records and descriptors count in 32 bits; a larger payload is offered to
+// them as its first 4 GiB, and the box skips whatever they leave.
+uint32_t allowanceOf(uint64_t remaining) {
+    return remaining > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(remaining);
+}
+
+// Shared by "avcC" and "hvcC": a fresh record reads the payload, which must
+// hold it; the rest of the payload is skipped.
+template <class Record>
+MP4Err readRecordBox(CBox* box, std::unique_ptr<Record>* record, CStorage* storage) {
+    record->reset(new (std::nothrow) Record());
+    if (!*record) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = (*record)->read(storage, allowanceOf(box->remaining));
+    if (err != MP4_OK) return err;
+    uint64_t recordSize = 0;
+    (*record)->getSize(&recordSize);
+    if (recordSize > box->remaining) return MP4_ERR_BAD_BOX_SIZE;
+    uint64_t rest = box->remaining - recordSize;
+    box->remaining = 0;
+    return rest > 0 ? storage->skip(rest) : MP4_OK;
+}
+
+template <class Record>
+MP4Err writeRecordBox(CBox* box, Record* record, CStorage* storage) {
+    if (!record) return MP4_ERR_WRONG_LAYOUT;
+    MP4Err err = box->CBox::write(storage);
+    if (err != MP4_OK) return err;
+    return record->write(storage);
+}
+
+template <class Record>
+MP4Err sizeRecordBox(CBox* box, Record* record) {
+    MP4Err err = box->CBox::calculateSize();
+    if (err != MP4_OK || !record) return err;
+    record->calcSize();
+    uint64_t recordSize = 0;
+    record->getSize(&recordSize);
+    box->size += recordSize;
+    return MP4_OK;
+}
+
+template <class Record>
+MP4Err dumpRecordBox(CBox* box, Record* record, int32_t depth) {
+    MP4Err err = box->CBox::dump(depth);
+    if (err != MP4_OK || !record) return err;
+    return record->dump(depth + 1);
+}
+
+// Reads the one descriptor of an "esds" or "iods" payload: it must have one
+// of the wanted tags and fit in what is left of the box.
+template <class Descriptor>
+MP4Err readDescriptorBox(CFullBox* box, uint32_t wantedTag, uint32_t otherTag,
+                         std::unique_ptr<Descriptor>* out, CStorage* storage) {
+    CBaseDescriptor* read = nullptr;
+    uint32_t tag = 0;
+    MP4Err err = readDescriptor(storage, allowanceOf(box->remaining), &read, &tag);
+    if (err != MP4_OK) return err;
+    std::unique_ptr<CBaseDescriptor> owned(read);
+    Descriptor* wanted = dynamic_cast<Descriptor*>(read);
+    if ((tag != wantedTag && tag != otherTag) || !wanted) return MP4_ERR_WRONG_LAYOUT;
+    uint64_t total = 0;
+    descriptorTotalSize(read, &total);
+    if (total > box->remaining) return MP4_ERR_VALUE_TOO_LARGE;
+    box->remaining -= total;
+    owned.release();
+    out->reset(wanted);
+    return MP4_OK;
+}
+
+// The size of an "esds" or "iods" box: the descriptor is sized first, so a
+// header read in a longer form than the one written is not counted.
+MP4Err sizeDescriptorBox(CFullBox* box, CBaseDescriptor* descriptor) {
+    MP4Err err = box->CBox::calculateSize();
+    if (err != MP4_OK) return err;
+    box->size += 4;
+    if (!descriptor) return MP4_OK;
+    err = descriptor->calcSize();
+    if (err != MP4_OK) return err;
+    uint64_t total = 0;
+    descriptorTotalSize(descriptor, &total);
+    box->size += total;
+    return MP4_OK;
+}
+
+}  // namespace
+
+// ---- "avcC" -----------------------------------------------------------------
+
+MP4Err CAVCConfigurationBox::read(CStorage* storage) { return readRecordBox(this, &record, storage); }
+MP4Err CAVCConfigurationBox::write(CStorage* storage) { return writeRecordBox(this, record.get(), storage); }
+MP4Err CAVCConfigurationBox::dump(int32_t depth) { return dumpRecordBox(this, record.get(), depth); }
+MP4Err CAVCConfigurationBox::calculateSize() { return sizeRecordBox(this, record.get()); }
+
+MP4Err CAVCConfigurationBox::getRecord(CAVCDecoderConfigRecord** out) const {
+    if (!out) return MP4_ERR_INVALID_ARGUMENT;
+    *out = record.get();
+    return record ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+// ---- "hvcC" -----------------------------------------------------------------
+
+MP4Err CHEVCConfigurationBox::read(CStorage* storage) { return readRecordBox(this, &record, storage); }
+MP4Err CHEVCConfigurationBox::write(CStorage* storage) { return writeRecordBox(this, record.get(), storage); }
+MP4Err CHEVCConfigurationBox::dump(int32_t depth) { return dumpRecordBox(this, record.get(), depth); }
+MP4Err CHEVCConfigurationBox::calculateSize() { return sizeRecordBox(this, record.get()); }
+
+MP4Err CHEVCConfigurationBox::getRecord(CHEVCDecoderConfigRecord** out) const {
+    if (!out) return MP4_ERR_INVALID_ARGUMENT;
+    *out = record.get();
+    return record ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+// ---- "esds" -----------------------------------------------------------------
+
+MP4Err CESDBox::read(CStorage* storage) {
+    MP4Err err = readVersionAndFlags(storage);
+    if (err != MP4_OK) return err;
+    esDescriptor.reset();
+    return readDescriptorBox(this, kESDescrTag, kESDescrTag, &esDescriptor, storage);
+}
+
+MP4Err CESDBox::write(CStorage* storage) {
+    if (!esDescriptor) return MP4_ERR_BAD_SIZE_FIELD;
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    err = writeVersionAndFlags(storage);
+    if (err != MP4_OK) return err;
+    return esDescriptor->write(storage);
+}
+
+MP4Err CESDBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    dumpVersionAndFlags(depth);
+    dumpLine(depth, "{\n");
+    // A box whose descriptor could not be read still dumps its frame.
+    if (esDescriptor) {
+        err = esDescriptor->dump(depth + 1);
+        if (err != MP4_OK) return err;
+    }
+    dumpLine(depth, "}\n");
+    return MP4_OK;
+}
+
+MP4Err CESDBox::calculateSize() { return sizeDescriptorBox(this, esDescriptor.get()); }
+
+MP4Err CESDBox::getESDescriptor(CESDescriptor** out) const {
+    if (!out) return MP4_ERR_INVALID_ARGUMENT;
+    *out = esDescriptor.get();
+    return esDescriptor ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+MP4Err CESDBox::getDecoderConfig(CDecoderConfigDescriptor** out) const {
+    *out = esDescriptor ? esDescriptor->decoderConfig : nullptr;
+    return *out ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+MP4Err CESDBox::getObjectTypeIndication(uint8_t* out) const {
+    if (!out) return MP4_ERR_INVALID_ARGUMENT;
+    *out = 0;
+    CDecoderConfigDescriptor* config = nullptr;
+    MP4Err err = getDecoderConfig(&config);
+    if (err == MP4_OK) *out = config->objectTypeIndication;
+    return err;
+}
+
+MP4Err CESDBox::getStreamType(uint8_t* out) const {
+    if (!out) return MP4_ERR_INVALID_ARGUMENT;
+    *out = 0;
+    CDecoderConfigDescriptor* config = nullptr;
+    MP4Err err = getDecoderConfig(&config);
+    if (err == MP4_OK) *out = config->streamType;
+    return err;
+}
+
+MP4Err CESDBox::getBitRates(uint32_t* bufferSizeDB, uint32_t* maxBitrate,
+                            uint32_t* avgBitrate) const {
+    if (bufferSizeDB) *bufferSizeDB = 0;
+    if (maxBitrate) *maxBitrate = 0;
+    if (avgBitrate) *avgBitrate = 0;
+    CDecoderConfigDescriptor* config = nullptr;
+    MP4Err err = getDecoderConfig(&config);
+    if (err != MP4_OK) return err;
+    if (bufferSizeDB) *bufferSizeDB = config->bufferSizeDB;
+    if (maxBitrate) *maxBitrate = config->maxBitrate;
+    if (avgBitrate) *avgBitrate = config->avgBitrate;
+    return MP4_OK;
+}
+
+MP4Err CESDBox::getDecoderSpecificInfo(uint8_t* buffer, uint32_t capacity, uint32_t* length) const {
+    if (!length) return MP4_ERR_INVALID_ARGUMENT;
+    *length = 0;
+    if (!esDescriptor) return MP4_ERR_NOT_AVAILABLE;
+    return esDescriptor->getDecoderSpecificInfo(buffer, capacity, length);
+}
+
+MP4Err CESDBox::getDecoderSpecificInfoLength(uint32_t* length) const {
+    return getDecoderSpecificInfo(nullptr, 0, length);
+}
+
+// ---- "iods" -----------------------------------------------------------------
+
+MP4Err CObjectDescriptorBox::read(CStorage* storage) {
+    MP4Err err = readVersionAndFlags(storage);
+    if (err != MP4_OK) return err;
+    descriptor.reset();
+    return readDescriptorBox(this, kMP4IODTag, kInitialObjectDescrTag, &descriptor, storage);
+}
+
+MP4Err CObjectDescriptorBox::write(CStorage* storage) {
+    if (!descriptor) return MP4_ERR_BAD_SIZE_FIELD;
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    err = writeVersionAndFlags(storage);
+    if (err != MP4_OK) return err;
+    return descriptor->write(storage);
+}
+
+MP4Err CObjectDescriptorBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    dumpVersionAndFlags(depth);
+    if (!descriptor) return MP4_ERR_BAD_SIZE_FIELD;
+    dumpLine(depth, "{\n");
+    err = descriptor->dump(depth + 1);
+    if (err != MP4_OK) return err;
+    dumpLine(depth, "}\n");
+    return MP4_OK;
+}
+
+MP4Err CObjectDescriptorBox::calculateSize() { return sizeDescriptorBox(this, descriptor.get()); }
+
+MP4Err CObjectDescriptorBox::getDescriptor(CInitialObjectDescriptor** out) const {
+    if (!out) return MP4_ERR_INVALID_ARGUMENT;
+    *out = descriptor.get();
+    return descriptor ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+MP4Err CObjectDescriptorBox::createDescriptor(CInitialObjectDescriptor** out) {
+    if (!descriptor) {
+        descriptor.reset(new (std::nothrow) CInitialObjectDescriptor(kMP4IODTag));
+        if (!descriptor) return MP4_ERR_OUT_OF_MEMORY;
+    }
+    if (out) *out = descriptor.get();
+    return MP4_OK;
+}
 
 }  // namespace quil
