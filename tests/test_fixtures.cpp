@@ -225,7 +225,17 @@ TEST(Fixtures, DamagedTreesDumpAndRewrite) {
         std::string dump = testing::internal::GetCapturedStdout();
         EXPECT_EQ(dump.rfind("\nBox type = ftyp  Size = ", 0), 0u) << dump.substr(0, 80);
         if (CBox* moov = top.find(fourcc("moov"))) {
-            writeBox(moov);
+            // A table whose count promises more entries than it holds
+            // refuses to be written (3); anything written fits its size.
+            ASSERT_EQ(moov->calculateSize(), MP4_OK);
+            uint64_t size = 0;
+            moov->getSize(&size);
+            MemoryFile out(Bytes(size, 0), true);
+            MP4Err err = moov->write(out.storage());
+            EXPECT_TRUE(err == MP4_OK || err == MP4_ERR_NOT_AVAILABLE) << err;
+            if (err == MP4_OK) {
+                EXPECT_EQ(out.position(), size);
+            }
         }
     }
 }
