@@ -69,6 +69,34 @@ MP4Err readEntries(uint32_t count, uint64_t fit, ReadOne readOne, Keep keep) {
     return MP4_OK;
 }
 
+// The same for entries of a fixed size. The entries inside the box are read
+// in batches of whole entries: the box
+// holds all their bytes, so one block read per batch gives the same entries
+// as reading field by field, at a fraction of the cost.
+template <class Entry, class ReadOne, class Keep>
+MP4Err readEntriesInBatches(CStorage* storage, uint64_t* remaining, uint32_t count, uint64_t fit,
+                   ReadOne readOne, Keep keep) {
+    constexpr uint32_t kBatch = 1024;
+    uint8_t batch[kBatch * Entry::kBytes];
+    const uint64_t inside = count < fit ? count : fit;
+    for (uint64_t done = 0; done < inside;) {
+        const uint32_t n = static_cast<uint32_t>(inside - done < kBatch ? inside - done : kBatch);
+        MP4Err err = storage->readBytes(batch, n * Entry::kBytes);
+        if (err != MP4_OK) return err;
+        *remaining -= n * Entry::kBytes;
+        for (uint32_t i = 0; i < n; ++i) {
+            Entry entry;
+            entry.decode(batch + i * Entry::kBytes);
+            err = keep(entry);
+            if (err != MP4_OK) return err;
+        }
+        done += n;
+    }
+    if (count <= fit) return MP4_OK;
+    Entry past;
+    return readOne(&past);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -173,8 +201,8 @@ MP4Err CCountedTableBox<Entry>::read(CStorage* storage) {
     MP4Err err = readVersionAndFlags(storage);
     if (err == MP4_OK) err = readField(storage, &entryCount, &remaining);
     if (err != MP4_OK) return err;
-    return readEntries<Entry>(
-        entryCount, entriesThatFit(payload, 8, Entry::kBytes),
+    return readEntriesInBatches<Entry>(
+        storage, &remaining, entryCount, entriesThatFit(payload, 8, Entry::kBytes),
         [&](Entry* entry) { return entry->read(storage, &remaining); },
         [&](const Entry& entry) { return keepEntry(entry); });
 }
@@ -497,8 +525,8 @@ MP4Err CSampleSizeBox::read(CStorage* storage) {
     if (err == MP4_OK) err = readField(storage, &sampleSize, &remaining);
     if (err == MP4_OK) err = readField(storage, &sampleCount, &remaining);
     if (err != MP4_OK || sampleSize != 0) return err;
-    return readEntries<CSampleSizeTableEntry>(
-        sampleCount, entriesThatFit(payload, 12, CSampleSizeTableEntry::kBytes),
+    return readEntriesInBatches<CSampleSizeTableEntry>(
+        storage, &remaining, sampleCount, entriesThatFit(payload, 12, CSampleSizeTableEntry::kBytes),
         [&](CSampleSizeTableEntry* entry) { return entry->read(storage, &remaining); },
         [&](const CSampleSizeTableEntry& entry) { return entries.append(entry); });
 }

@@ -16,11 +16,19 @@ namespace quil {
 // ---------------------------------------------------------------------------
 // Entries. Plain values; those stored in a file know their own layout.
 
+// A big-endian 32-bit value from bytes already read.
+inline uint32_t bigEndian32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
 struct CTimeToSampleTableEntry {
     uint32_t sampleCount = 0;
     uint32_t sampleDelta = 0;
 
     static constexpr uint64_t kBytes = 8;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) { sampleCount = bigEndian32(p); sampleDelta = bigEndian32(p + 4); }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };
@@ -30,6 +38,8 @@ struct CCompositionOffsetTableEntry {
     uint32_t sampleOffset = 0;  // as stored; signed 32-bit where times are computed
 
     static constexpr uint64_t kBytes = 8;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) { sampleCount = bigEndian32(p); sampleOffset = bigEndian32(p + 4); }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };
@@ -40,6 +50,12 @@ struct CSampleToChunkTableEntry {
     uint32_t sampleDescriptionIndex = 0;
 
     static constexpr uint64_t kBytes = 12;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) {
+        firstChunk = bigEndian32(p);
+        samplesPerChunk = bigEndian32(p + 4);
+        sampleDescriptionIndex = bigEndian32(p + 8);
+    }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };
@@ -48,6 +64,8 @@ struct CSampleSizeTableEntry {
     uint32_t entrySize = 0;
 
     static constexpr uint64_t kBytes = 4;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) { entrySize = bigEndian32(p); }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };
@@ -56,6 +74,8 @@ struct CChunkOffsetTableEntry {
     uint32_t chunkOffset = 0;
 
     static constexpr uint64_t kBytes = 4;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) { chunkOffset = bigEndian32(p); }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };
@@ -64,6 +84,10 @@ struct CChunkLargeOffsetTableEntry {
     uint64_t chunkOffset = 0;
 
     static constexpr uint64_t kBytes = 8;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) {
+        chunkOffset = static_cast<uint64_t>(bigEndian32(p)) << 32 | bigEndian32(p + 4);
+    }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };
@@ -72,6 +96,8 @@ struct CSyncSampleTableEntry {
     uint32_t sampleNumber = 0;
 
     static constexpr uint64_t kBytes = 4;
+    // From kBytes bytes already read from a file.
+    void decode(const uint8_t* p) { sampleNumber = bigEndian32(p); }
     MP4Err read(CStorage* storage, uint64_t* remaining);
     MP4Err write(CStorage* storage) const;
 };

@@ -61,6 +61,8 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
     err = buildSampleTimeTable();
     if (err != MP4_OK) return err;
     offsetCursor_ = OffsetCursor();
+    stscRun_ = StscRun();
+    stscAscending_ = stscRunsAscend();
     syncCursor_ = 1;
     open_ = 1;
     return MP4_OK;
@@ -166,44 +168,114 @@ uint32_t CTrackImpl::sampleTimeLimit() const {
     return stsz_->sampleCount;
 }
 
-MP4Err CTrackImpl::buildSampleTimeTable() {
-    std::unique_ptr<CSampleTimeTable> table(new (std::nothrow) CSampleTimeTable());
-    if (!table) return MP4_ERR_OUT_OF_MEMORY;
-    table->timeOffset = initialDelay_;
-    uint32_t limit = sampleTimeLimit();
-    uint64_t previousComposition = 0;
-    for (uint32_t n = 1; n <= limit; ++n) {
-        uint32_t sample = n;
-        if (chunkAsSample_ != 0) {
-            MP4Err err = stsc_->getFirstSampleOfChunk(n, &sample);
-            if (err == MP4_ERR_NOT_AVAILABLE) break;
-            if (err != MP4_OK) return err;
+namespace {
+
+// Composition time of a sample from its decode time and "ctts" offset. A
+// negative offset never takes a time below zero: the previous sample's
+// composition time is kept instead (the decode time for the first sample).
+uint64_t compositionTime(uint64_t decode, uint32_t offset, bool first, uint64_t previous) {
+    if (offset < 0x80000000u) return decode + offset;
+    uint64_t magnitude = 0x100000000ull - offset;
+    if (magnitude <= decode) return decode - magnitude;
+    return first ? decode : previous;
+}
+
+// Walks "ctts" runs in sample order.
+class CompositionOffsets {
+public:
+    explicit CompositionOffsets(CCompositionOffsetBox* ctts) : ctts_(ctts) {}
+
+    // The offset covering the sample (samples asked in ascending order);
+    // false when no entry covers it.
+    bool offsetOf(uint32_t sample, uint32_t* offset) {
+        if (!ctts_) return false;
+        while (entry_ == nullptr || sample >= runEnd_) {
+            if (entry_ != nullptr) runStart_ = runEnd_;
+            if (ctts_->getEntry(++index_, &entry_) != MP4_OK) {
+                ctts_ = nullptr;
+                return false;
+            }
+            runEnd_ = runStart_ + entry_->sampleCount;
         }
+        *offset = entry_->sampleOffset;
+        return true;
+    }
+
+private:
+    CCompositionOffsetBox* ctts_;
+    CCompositionOffsetTableEntry* entry_ = nullptr;
+    uint32_t index_ = 0;
+    uint64_t runStart_ = 1;
+    uint64_t runEnd_ = 1;
+};
+
+}  // namespace
+
+// Sample mode: the decode times are the running sums of the "stts" runs,
+// which is what asking "stts" for each sample in turn gives, at one step
+// per sample instead of one lookup.
+MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
+    CompositionOffsets offsets(ctts_);
+    uint64_t time = 0;
+    uint64_t previousComposition = 0;
+    uint32_t sample = 0;
+    for (uint32_t i = 1; i <= stts_->entryCount && sample < limit; ++i) {
+        CTimeToSampleTableEntry* run = nullptr;
+        MP4Err err = stts_->getEntry(i, &run);
+        if (err == MP4_ERR_NOT_AVAILABLE) break;  // fewer entries than counted
+        if (err != MP4_OK) return err;
+        for (uint32_t k = 0; k < run->sampleCount && sample < limit; ++k) {
+            ++sample;
+            uint64_t decode = time + initialDelay_;
+            uint32_t offset = 0;
+            uint64_t composition = offsets.offsetOf(sample, &offset)
+                                       ? compositionTime(decode, offset, sample == 1,
+                                                         previousComposition)
+                                       : decode;
+            previousComposition = composition;
+            err = table->entries.append(CSampleTimeTableEntry{decode, composition});
+            if (err != MP4_OK) return err;
+            time += run->sampleDelta;
+        }
+    }
+    table->sampleCount = sample;
+    return MP4_OK;
+}
+
+// Chunk mode: one entry per chunk, at the time of the chunk's first sample.
+MP4Err CTrackImpl::appendChunkTimes(CSampleTimeTable* table, uint32_t limit) {
+    uint64_t previousComposition = 0;
+    for (uint32_t chunk = 1; chunk <= limit; ++chunk) {
+        uint32_t sample = 0;
+        MP4Err err = stsc_->getFirstSampleOfChunk(chunk, &sample);
+        if (err == MP4_ERR_NOT_AVAILABLE) break;
+        if (err != MP4_OK) return err;
         uint64_t decode = 0;
-        MP4Err err = stts_->getSampleTime(sample, &decode);
+        err = stts_->getSampleTime(sample, &decode);
         if (err == MP4_ERR_NOT_AVAILABLE) break;
         if (err != MP4_OK) return err;
         decode += initialDelay_;
-
-        uint64_t composition = decode;
         uint32_t offset = 0;
+        uint64_t composition = decode;
         if (ctts_ && ctts_->getCompositionOffset(sample, &offset) == MP4_OK) {
-            if (offset < 0x80000000u) {
-                composition = decode + offset;
-            } else {
-                // A negative offset never takes a time below zero: the
-                // previous sample's composition time is kept instead.
-                uint64_t magnitude = 0x100000000ull - offset;
-                composition = magnitude <= decode ? decode - magnitude
-                                                  : (n == 1 ? decode : previousComposition);
-            }
+            composition = compositionTime(decode, offset, chunk == 1, previousComposition);
         }
         previousComposition = composition;
         err = table->entries.append(CSampleTimeTableEntry{decode, composition});
         if (err != MP4_OK) return err;
         ++table->sampleCount;
-        if (n == UINT32_MAX) break;
     }
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::buildSampleTimeTable() {
+    std::unique_ptr<CSampleTimeTable> table(new (std::nothrow) CSampleTimeTable());
+    if (!table) return MP4_ERR_OUT_OF_MEMORY;
+    table->timeOffset = initialDelay_;
+    uint32_t limit = sampleTimeLimit();
+    MP4Err err = chunkAsSample_ ? appendChunkTimes(table.get(), limit)
+                                : appendSampleTimes(table.get(), limit);
+    if (err != MP4_OK) return err;
     timeTable_ = std::move(table);
     return MP4_OK;
 }
@@ -291,30 +363,98 @@ MP4Err CTrackImpl::chunkOffset(uint32_t chunk, uint64_t* offset) {
     return MP4_ERR_INVALID_DATA;
 }
 
-// Sum of the sizes of the chunk's samples before this one. Resumes from the
-// last query when it was for an earlier sample of the same chunk.
-MP4Err CTrackImpl::offsetInChunk(uint32_t sample, uint32_t chunk, uint64_t* offset) {
-    uint32_t first = 0;
-    uint64_t sum = 0;
-    if (offsetCursor_.chunk == chunk && offsetCursor_.sample != 0 && offsetCursor_.sample <= sample) {
-        first = offsetCursor_.sample;
-        sum = offsetCursor_.offsetInChunk;
-    } else {
-        MP4Err err = stsc_->getFirstSampleOfChunk(chunk, &first);
-        if (err != MP4_OK) return err;
+// The chunk holding a sample, the chunk's first sample and its sample
+// count. While the "stsc" runs ascend (as in every well-formed file) the
+// runs are walked here from where the last call ended, which gives what the
+// table's own lookups give at a fraction of the cost; other tables are
+// asked through those lookups.
+MP4Err CTrackImpl::chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first,
+                                 uint32_t* perChunk) {
+    if (!stscAscending_) {
+        MP4Err err = stsc_->getChunkForSample(sample, chunk);
+        if (err == MP4_OK) err = stsc_->getFirstSampleOfChunk(*chunk, first);
+        if (err == MP4_OK) err = stsc_->getSamplesPerChunk(*chunk, perChunk);
+        return err;
+    }
+    StscRun& r = stscRun_;
+    if (r.entry == nullptr || sample < r.firstSample) {
+        r = StscRun();
+        MP4Err err = stsc_->getEntry(1, &r.entry);
+        if (err != MP4_OK) {
+            r.entry = nullptr;
+            return err;
+        }
+        r.index = 1;
+    }
+    for (;;) {
+        CSampleToChunkTableEntry* next = nullptr;
+        if (r.index >= stsc_->entries.count() || stsc_->getEntry(r.index + 1, &next) != MP4_OK) break;
+        uint64_t runSamples =
+            static_cast<uint64_t>(next->firstChunk - r.entry->firstChunk) * r.entry->samplesPerChunk;
+        if (sample < r.firstSample + runSamples) break;
+        r.firstSample += runSamples;
+        r.entry = next;
+        ++r.index;
+    }
+    uint32_t samplesPerChunk = r.entry->samplesPerChunk;
+    if (samplesPerChunk == 0) return MP4_ERR_INVALID_DATA;
+    uint64_t chunkInRun = (sample - r.firstSample) / samplesPerChunk;
+    *chunk = static_cast<uint32_t>(chunkInRun + r.entry->firstChunk);
+    *first = static_cast<uint32_t>(r.firstSample + chunkInRun * samplesPerChunk);
+    *perChunk = samplesPerChunk;
+    return MP4_OK;
+}
+
+// Whether the "stsc" first chunks never decrease.
+bool CTrackImpl::stscRunsAscend() {
+    uint32_t previous = 0;
+    for (uint32_t i = 1; i <= stsc_->entries.count(); ++i) {
+        CSampleToChunkTableEntry* entry = nullptr;
+        if (stsc_->getEntry(i, &entry) != MP4_OK || entry->firstChunk < previous) return false;
+        previous = entry->firstChunk;
+    }
+    return true;
+}
+
+// Finds the chunk of a sample, its first sample and where the sample lies
+// in it. Samples are usually asked for in order: while they stay in the
+// chunk of the last query, the walk resumes there instead of looking the
+// chunk up and summing the sizes before the sample again.
+MP4Err CTrackImpl::locateInChunk(uint32_t sample) {
+    OffsetCursor& c = offsetCursor_;
+    bool sameChunk = c.chunk != 0 && sample >= c.chunkFirst && sample < c.chunkEnd;
+    if (!sameChunk) {
+        uint32_t chunk = 0, first = 0, perChunk = 0;
+        MP4Err err = chunkOfSample(sample, &chunk, &first, &perChunk);
+        uint64_t position = 0;
+        if (err == MP4_OK) err = chunkOffset(chunk, &position);
+        if (err != MP4_OK) {
+            c = OffsetCursor();
+            return err;
+        }
+        c = OffsetCursor{chunk, first, first, 0, position};
+        // Only a chunk whose samples the sample lies among is kept for the
+        // next query; a damaged table is then looked up afresh each time.
+        c.chunkEnd = (first <= sample && sample - first < perChunk) ? first + perChunk : 0;
+    }
+    if (sample < c.sample) {
+        c.sample = c.chunkFirst;
+        c.offsetInChunk = 0;
     }
     if (stsz_->sampleSize != 0 && sample <= stsz_->sampleCount) {
-        if (sample > first) sum += static_cast<uint64_t>(sample - first) * stsz_->sampleSize;
-    } else {
-        for (uint32_t s = first; s < sample; ++s) {
-            uint32_t size = 0;
-            MP4Err err = sizeOfStszSample(s, &size);
-            if (err != MP4_OK) return err;
-            sum += size;
-        }
+        c.offsetInChunk += static_cast<uint64_t>(sample - c.sample) * stsz_->sampleSize;
+        c.sample = sample;
+        return MP4_OK;
     }
-    offsetCursor_ = OffsetCursor{chunk, sample, sum};
-    *offset = sum;
+    for (; c.sample < sample; ++c.sample) {
+        uint32_t size = 0;
+        MP4Err err = sizeOfStszSample(c.sample, &size);
+        if (err != MP4_OK) {
+            c = OffsetCursor();
+            return err;
+        }
+        c.offsetInChunk += size;
+    }
     return MP4_OK;
 }
 
@@ -330,12 +470,8 @@ MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* 
     if (chunkAsSample_ != 0) {
         err = chunkOffset(sample, &position);
     } else {
-        uint32_t chunk = 0;
-        uint64_t inChunk = 0;
-        err = stsc_->getChunkForSample(sample, &chunk);
-        if (err == MP4_OK) err = offsetInChunk(sample, chunk, &inChunk);
-        if (err == MP4_OK) err = chunkOffset(chunk, &position);
-        position += inChunk;
+        err = locateInChunk(sample);
+        position = offsetCursor_.chunkOffset + offsetCursor_.offsetInChunk;
     }
     if (err != MP4_OK) return err;
     if (offset) *offset = position;
@@ -384,9 +520,12 @@ MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
         return MP4_OK;
     }
     // Sync sample numbers ascend: resume from where the last test ended.
+    // The cursor is the first entry not below the last sample tested; it
+    // restarts when a test goes back before the entry preceding it.
     CSyncSampleTableEntry* entry = nullptr;
-    if (syncCursor_ > stss_->entryCount ||
-        (stss_->getEntry(syncCursor_, &entry) == MP4_OK && entry->sampleNumber > sample)) {
+    if (syncCursor_ > stss_->entryCount + 1 ||
+        (syncCursor_ > 1 && stss_->getEntry(syncCursor_ - 1, &entry) == MP4_OK &&
+         entry->sampleNumber >= sample)) {
         syncCursor_ = 1;
     }
     for (uint32_t i = syncCursor_; i <= stss_->entryCount; ++i) {

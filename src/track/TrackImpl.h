@@ -104,6 +104,8 @@ private:
     MP4Err computeInitialDelay();
     void chooseChunkAsSampleMode();
     MP4Err buildSampleTimeTable();
+    MP4Err appendSampleTimes(CSampleTimeTable* table, uint32_t limit);
+    MP4Err appendChunkTimes(CSampleTimeTable* table, uint32_t limit);
     uint32_t sampleTimeLimit() const;
 
     // Sample access helpers.
@@ -112,7 +114,9 @@ private:
     MP4Err chunkOffset(uint32_t chunk, uint64_t* offset);
     MP4Err sizeOfStszSample(uint32_t sample, uint32_t* size);
     MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
-    MP4Err offsetInChunk(uint32_t sample, uint32_t chunk, uint64_t* offset);
+    MP4Err locateInChunk(uint32_t sample);
+    MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
+    bool stscRunsAscend();
 
     // Sample-entry helpers.
     MP4Err firstEntry(CSampleEntry** entry);
@@ -147,13 +151,25 @@ private:
     uint64_t initialDelay_ = 0;    // media time scale
     uint32_t chunkAsSample_ = 0;   // 0, or 1/2: each chunk of raw audio is one sample
 
-    // Where the last offset query ended, so that asking for the samples of
-    // a chunk in order does not sum their sizes again each time.
+    // The chunk of the last offset query: its number, first sample, the
+    // sample after it (0 when unknown), the sample reached and its offset in
+    // the chunk, and the chunk's file offset.
     struct OffsetCursor {
         uint32_t chunk = 0;
+        uint32_t chunkFirst = 0;
         uint32_t sample = 0;
+        uint32_t chunkEnd = 0;
+        uint64_t chunkOffset = 0;
         uint64_t offsetInChunk = 0;
     } offsetCursor_;
+    // The "stsc" run of the last chunk lookup: its entry and index, and the
+    // number of its first sample.
+    struct StscRun {
+        CSampleToChunkTableEntry* entry = nullptr;
+        uint32_t index = 0;
+        uint64_t firstSample = 1;
+    } stscRun_;
+    bool stscAscending_ = false;
     // Position in "stss" of the last sync test, for tests in sample order.
     uint32_t syncCursor_ = 1;
 
