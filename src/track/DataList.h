@@ -95,6 +95,11 @@ public:
         *entry = nullptr;
         if (index == 0) return MP4_ERR_BAD_INDEX;
         if (index > count_) return MP4_ERR_NOT_AVAILABLE;
+        // Most lookups land in the cursor's own node.
+        if (cursor_ && index - cursor_->firstIndex < blockSize_) {
+            *entry = cursor_->entries() + (index - cursor_->firstIndex);
+            return MP4_OK;
+        }
         Node* node = cursor_ ? cursor_ : head_;
         if (node && node->firstIndex > index) node = head_;
         // Compared as index - first >= blockSize so that a last node near
