@@ -1,1 +1,591 @@
+// The file object: lifetime, open and close states, the read path over
+// memory and disc storages, movie-level properties, and the tool's JSON
+// writer.
 #include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "BoxBuilder.h"
+#include "../tools/Info.h"
+#include "boxes/MovieBoxes.h"
+#include "file/Mp4FileImpl.h"
+#include "quil/quil.h"
+#include "storage/MemoryStorage.h"
+#include "track/TrackImpl.h"
+
+namespace quil {
+namespace {
+
+using test::box;
+using test::Bytes;
+using test::ByteWriter;
+using test::concat;
+using test::fullBox;
+
+// 2020-01-01 00:00:00 in seconds since 1904-01-01.
+constexpr uint64_t k2020 = 3660681600ull;
+
+Bytes fileTypeBox(const char* majorBrand) {
+    return box("ftyp", ByteWriter().code(majorBrand).u32(0x200).code("isom").code("mp41"));
+}
+
+Bytes movieHeader(uint32_t timeScale, uint64_t creation = 0, uint64_t modification = 0) {
+    ByteWriter payload;
+    payload.u32(static_cast<uint32_t>(creation)).u32(static_cast<uint32_t>(modification));
+    payload.u32(timeScale).u32(0);                       // duration
+    payload.u32(0x00010000).u16(0x0100).u16(0).u32(0).u32(0);
+    for (uint32_t m : {0x00010000u, 0u, 0u, 0u, 0x00010000u, 0u, 0u, 0u, 0x40000000u}) {
+        payload.u32(m);
+    }
+    payload.zeros(24).u32(2);                            // pre-defined, next track ID
+    return fullBox("mvhd", 0, 0, payload);
+}
+
+Bytes emptyTrack() { return box("trak", {}); }
+
+Bytes movie(uint32_t timeScale, int tracks, uint64_t creation = 0, uint64_t modification = 0) {
+    Bytes children = movieHeader(timeScale, creation, modification);
+    for (int i = 0; i < tracks; ++i) children = concat({children, emptyTrack()});
+    return box("moov", children);
+}
+
+Bytes mediaData(size_t bytes) { return box("mdat", Bytes(bytes, 0xAB)); }
+
+// A caller-owned memory storage over a copy of the bytes, attached for
+// reading but not opened: the file object opens it.
+class SuppliedStorage {
+public:
+    explicit SuppliedStorage(Bytes bytes) : bytes_(std::move(bytes)) { rewind(); }
+    ~SuppliedStorage() { storage_.detach(); }
+    void rewind() {
+        storage_.attach(bytes_.data(), static_cast<uint32_t>(bytes_.size()), false);
+    }
+    CMemoryStorage* get() { return &storage_; }
+
+private:
+    Bytes bytes_;
+    CMemoryStorage storage_;
+};
+
+class FileTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(MP4_OK, CMp4File::createInstance(&file_)); }
+    void TearDown() override {
+        uint32_t open = 0;
+        if (file_->isOpen(&open) == MP4_OK && open) (void)file_->close();
+        EXPECT_EQ(MP4_OK, CMp4File::destroyInstance(&file_));
+    }
+
+    // Storages outlive TearDown, which may still close the file.
+    SuppliedStorage* supply(Bytes bytes) {
+        storages_.push_back(std::make_unique<SuppliedStorage>(std::move(bytes)));
+        return storages_.back().get();
+    }
+    MP4Err openBytes(SuppliedStorage* storage, uint32_t fileType = 0) {
+        EXPECT_EQ(MP4_OK, file_->setStorage(storage->get()));
+        return file_->open(nullptr, 0, fileType);
+    }
+    CMp4FileImpl* impl() { return static_cast<CMp4FileImpl*>(file_); }
+    uint32_t openFlag() {
+        uint32_t open = 99;
+        EXPECT_EQ(MP4_OK, file_->isOpen(&open));
+        return open;
+    }
+    CMovieHeaderBox* movieHeaderBox() {
+        CBox* moov = nullptr;
+        CBox* mvhd = nullptr;
+        if (impl()->findTopLevelBox(fourcc("moov"), &moov) != MP4_OK) return nullptr;
+        if (moov->findChild(fourcc("mvhd"), &mvhd, 1) != MP4_OK) return nullptr;
+        return dynamic_cast<CMovieHeaderBox*>(mvhd);
+    }
+
+    CMp4File* file_ = nullptr;
+    std::vector<std::unique_ptr<SuppliedStorage>> storages_;
+};
+
+// A path in the test's temporary directory; the file is removed at the end.
+class TempFile {
+public:
+    TempFile(const std::string& name, const Bytes& bytes)
+        : path_(::testing::TempDir() + "quil_file_test_" + name) {
+        std::ofstream out(path_, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
+    }
+    ~TempFile() { std::remove(path_.c_str()); }
+    const std::string& path() const { return path_; }
+    std::wstring widePath() const { return std::wstring(path_.begin(), path_.end()); }
+
+private:
+    std::string path_;
+};
+
+// ---------------------------------------------------------------------------
+
+TEST(FileLifetime, CreateAndDestroyCodes) {
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, CMp4File::createInstance(nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, CMp4File::destroyInstance(nullptr));
+    CMp4File* file = nullptr;
+    EXPECT_EQ(MP4_OK, CMp4File::destroyInstance(&file));  // holding null is fine
+
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&file));
+    ASSERT_NE(nullptr, file);
+    EXPECT_EQ(MP4_OK, CMp4File::destroyInstance(&file));
+    EXPECT_EQ(nullptr, file);
+}
+
+TEST_F(FileTest, FreshObjectIsClosedAndEmpty) {
+    EXPECT_EQ(0u, openFlag());
+    uint32_t value = 77;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getFileType(&value));
+    EXPECT_EQ(0u, value);  // stored before the state is reported
+    EXPECT_EQ(MP4_OK, file_->getTrackCount(&value));
+    EXPECT_EQ(0u, value);
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getTimeScale(&value));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->close());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->dumpBoxes());
+    EXPECT_EQ(nullptr, impl()->readPath());
+    CMp4Track* track = nullptr;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getTrack(1, &track));
+}
+
+TEST_F(FileTest, NullOutPointersAreRejected) {
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->isOpen(nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getFileType(nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getTrackCount(nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getTimeScale(nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getTrack(1, nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->releaseTrack(nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getMetaData(nullptr));
+    uint32_t y, mo, d, h, mi;
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getCreationTime(&y, &mo, &d, &h, &mi, nullptr));
+}
+
+// ---------------------------------------------------------------------------
+// Reading from a supplied storage
+
+TEST_F(FileTest, OpensMovieAndCountsTracks) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), mediaData(100), movie(600, 3)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage, MP4_FILE_QUICKTIME));
+    EXPECT_EQ(1u, openFlag());
+    uint32_t value = 0;
+    EXPECT_EQ(MP4_OK, file_->getTrackCount(&value));
+    EXPECT_EQ(3u, value);
+    EXPECT_EQ(MP4_OK, file_->getFileType(&value));
+    EXPECT_EQ(uint32_t{MP4_FILE_MPEG4}, value);  // detected, not the value given
+    EXPECT_EQ(MP4_OK, file_->getTimeScale(&value));
+    EXPECT_EQ(600u, value);
+    EXPECT_EQ(nullptr, impl()->readPath());  // supplied storage: no path to reopen
+}
+
+TEST_F(FileTest, SecondOpenIsRefusedAndChangesNothing) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("3gp4"), movie(1000, 2)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->open(L"/nonexistent.mp4", 0, 0));
+    EXPECT_EQ(1u, openFlag());
+    uint32_t value = 0;
+    EXPECT_EQ(MP4_OK, file_->getFileType(&value));
+    EXPECT_EQ(uint32_t{MP4_FILE_3GPP4}, value);
+    EXPECT_EQ(MP4_OK, file_->getTrackCount(&value));
+    EXPECT_EQ(2u, value);
+}
+
+TEST_F(FileTest, CloseReleasesTreeButKeepsSuppliedStorage) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 1)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    EXPECT_EQ(MP4_OK, file_->close());
+    EXPECT_EQ(0u, openFlag());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->close());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->dumpBoxes());
+    uint32_t value = 0;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getTimeScale(&value));
+
+    // The storage was closed, not deleted, and stays installed: a new open
+    // without a path reads it again.
+    storage->rewind();
+    EXPECT_EQ(MP4_OK, file_->open(nullptr, 0, 0));
+    EXPECT_EQ(1u, openFlag());
+}
+
+TEST_F(FileTest, StorageCannotBeSwappedWhileOpen) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 1)}));
+    SuppliedStorage* other = supply(concat({movie(1000, 1)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->setStorage(other->get()));
+}
+
+struct BrandCase {
+    const char* brand;
+    uint32_t fileType;
+};
+
+class FileTypeFromBrand : public FileTest, public ::testing::WithParamInterface<BrandCase> {};
+
+TEST_P(FileTypeFromBrand, MajorBrandSelectsFileType) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox(GetParam().brand), movie(1000, 0)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage, MP4_FILE_XAVC));
+    uint32_t fileType = 99;
+    EXPECT_EQ(MP4_OK, file_->getFileType(&fileType));
+    EXPECT_EQ(GetParam().fileType, fileType);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Brands, FileTypeFromBrand,
+    ::testing::Values(BrandCase{"isom", 0}, BrandCase{"mp42", 0}, BrandCase{"3gp4", 1},
+                      BrandCase{"M4A ", 2}, BrandCase{"avc1", 3}, BrandCase{"MSNV", 4},
+                      BrandCase{"3gp5", 6}, BrandCase{"3g2a", 7}, BrandCase{"3gp6", 8},
+                      BrandCase{"XAVC", 10}, BrandCase{"iso4", 0}, BrandCase{"qt  ", 0},
+                      BrandCase{"3GP4", 0}));
+
+TEST_F(FileTest, FileWithoutFileTypeBoxIsType9) {
+    SuppliedStorage* storage = supply(movie(1000, 1));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    uint32_t fileType = 0;
+    EXPECT_EQ(MP4_OK, file_->getFileType(&fileType));
+    EXPECT_EQ(uint32_t{MP4_FILE_NO_FTYP}, fileType);
+}
+
+TEST_F(FileTest, OnlyTheFirstMovieCounts) {
+    SuppliedStorage* storage =
+        supply(concat({fileTypeBox("isom"), movie(90000, 1), movie(600, 4)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    uint32_t value = 0;
+    EXPECT_EQ(MP4_OK, file_->getTrackCount(&value));
+    EXPECT_EQ(1u, value);
+    EXPECT_EQ(MP4_OK, file_->getTimeScale(&value));
+    EXPECT_EQ(90000u, value);
+}
+
+TEST_F(FileTest, MovieWithoutHeaderOpensButHasNoTimeScale) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), box("moov", emptyTrack())}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    uint32_t value = 5;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getTimeScale(&value));
+    EXPECT_EQ(0u, value);
+    uint32_t y, mo, d, h, mi, s;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getCreationTime(&y, &mo, &d, &h, &mi, &s));
+}
+
+TEST_F(FileTest, TopLevelReadingIsLenient) {
+    // Five trailing bytes (less than a header) and an unknown box are
+    // skipped; the movie before them is kept.
+    SuppliedStorage* trailing = supply(concat({fileTypeBox("isom"), box("zzzz", Bytes(20, 1)),
+                                     movie(1000, 2), Bytes{1, 2, 3, 4, 5}}));
+    ASSERT_EQ(MP4_OK, openBytes(trailing));
+    uint32_t count = 0;
+    EXPECT_EQ(MP4_OK, file_->getTrackCount(&count));
+    EXPECT_EQ(2u, count);
+}
+
+TEST_F(FileTest, BoxLargerThanFileEndsTheTopLevel) {
+    // An mdat claiming 2^40 bytes swallows the movie after it.
+    Bytes hugeMdat = ByteWriter().u32(1).code("mdat").u64(uint64_t{1} << 40).zeros(8);
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), hugeMdat, movie(1000, 1)}));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, openBytes(storage));
+    EXPECT_EQ(0u, openFlag());
+}
+
+TEST_F(FileTest, FailedOpenLeavesObjectClosedAndStorageClosed) {
+    SuppliedStorage* noMovie = supply(concat({fileTypeBox("isom"), mediaData(32)}));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, openBytes(noMovie));
+    EXPECT_EQ(0u, openFlag());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->dumpBoxes());  // no tree left behind
+    // The failure exit closed the supplied storage: it can be opened again.
+    EXPECT_EQ(MP4_OK, noMovie->get()->open(0));
+    EXPECT_EQ(MP4_OK, noMovie->get()->close());
+}
+
+TEST_F(FileTest, ModeAndFileTypeOutOfRange) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 1)}));
+    ASSERT_EQ(MP4_OK, file_->setStorage(storage->get()));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->open(nullptr, 2, 0));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->open(nullptr, 0, 13));
+    // Writing is not available yet; refused without opening the storage.
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, file_->open(nullptr, 1, 0));
+    EXPECT_EQ(0u, openFlag());
+    EXPECT_EQ(MP4_OK, file_->open(nullptr, 0, 12));
+}
+
+// ---------------------------------------------------------------------------
+// Paths and disc storage
+
+TEST_F(FileTest, OpensByPathAndReportsUtf8ReadPath) {
+    TempFile temp("by_path.mp4", concat({fileTypeBox("avc1"), movie(1000, 1)}));
+    ASSERT_EQ(MP4_OK, file_->open(temp.widePath().c_str(), 0, 0));
+    ASSERT_NE(nullptr, impl()->readPath());
+    EXPECT_EQ(temp.path(), impl()->readPath());
+    uint32_t fileType = 0;
+    EXPECT_EQ(MP4_OK, file_->getFileType(&fileType));
+    EXPECT_EQ(uint32_t{MP4_FILE_AVC}, fileType);
+    EXPECT_EQ(MP4_OK, file_->close());
+    EXPECT_EQ(nullptr, impl()->readPath());
+}
+
+TEST_F(FileTest, NonAsciiPathIsConvertedToUtf8) {
+    const std::string utf8Name = "quil_file_test_\xC3\xA9t\xC3\xA9.mp4";  // "été"
+    const std::string path = ::testing::TempDir() + utf8Name;
+    const Bytes bytes = concat({fileTypeBox("isom"), movie(1000, 1)});
+    {
+        std::ofstream out(path, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
+    }
+    const std::string dir = ::testing::TempDir();
+    std::wstring wide(dir.begin(), dir.end());
+    wide += L"quil_file_test_\u00E9t\u00E9.mp4";
+    EXPECT_EQ(MP4_OK, file_->open(wide.c_str(), 0, 0));
+    ASSERT_NE(nullptr, impl()->readPath());
+    EXPECT_EQ(path, impl()->readPath());
+    std::remove(path.c_str());
+}
+
+TEST_F(FileTest, FailedPathOpenLeavesNoStorageBehind) {
+    TempFile good("after_failure.mp4", concat({fileTypeBox("3gp6"), movie(1000, 1)}));
+    // Mode 2 fails after the disc storage was made for the missing path; if
+    // that storage survived, the next open would read the wrong file.
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->open(L"/nonexistent/a.mp4", 2, 0));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->open(L"/nonexistent/a.mp4", 0, 13));
+    EXPECT_EQ(MP4_ERR_IO, file_->open(L"/nonexistent/a.mp4", 0, 0));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->open(nullptr, 0, 0));
+    ASSERT_EQ(MP4_OK, file_->open(good.widePath().c_str(), 0, 0));
+    uint32_t fileType = 0;
+    EXPECT_EQ(MP4_OK, file_->getFileType(&fileType));
+    EXPECT_EQ(uint32_t{MP4_FILE_3GPP6}, fileType);
+}
+
+TEST_F(FileTest, OnlyLowerCaseHttpAtTheStartIsNetwork) {
+    // Network reading is not in this build: such paths are refused as
+    // unsupported, while every other path goes to the disc (and is missing).
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, file_->open(L"http://example.com/a.mp4", 0, 0));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, file_->open(L"https://example.com/a.mp4", 0, 0));
+    EXPECT_EQ(MP4_ERR_IO, file_->open(L"HTTP://example.com/a.mp4", 0, 0));
+    EXPECT_EQ(MP4_ERR_IO, file_->open(L"/nonexistent/http.mp4", 0, 0));
+    EXPECT_EQ(MP4_ERR_IO, file_->open(L"htt", 0, 0));
+    EXPECT_EQ(0u, openFlag());
+}
+
+// ---------------------------------------------------------------------------
+// Tracks
+
+TEST_F(FileTest, TrackNumbersOutsideTheMovie) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 2)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    CMp4Track* track = reinterpret_cast<CMp4Track*>(storage);  // must be reset
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getTrack(0, &track));
+    EXPECT_EQ(nullptr, track);
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getTrack(3, &track));
+    CMp4RtpHintTrack* hint = nullptr;
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getHintTrack(0, &hint));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getHintTrack(3, &hint));
+}
+
+TEST_F(FileTest, ReleaseTrackDeletesAndReportsFlush) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 1)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    // A memory storage cannot flush: the track is deleted all the same.
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->releaseTrack(new CTrackImpl(impl(), 0)));
+}
+
+TEST_F(FileTest, TrackModeRange) {
+    EXPECT_EQ(MP4_OK, file_->setTrackMode(2));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->setTrackMode(3));
+}
+
+TEST(FileVideoCodecId, ZeroWhenNothingToReport) {
+    EXPECT_EQ(0u, Mp4VideoCodecId(L"/nonexistent/video.mp4"));
+    TempFile noTracks("no_tracks.mp4", concat({fileTypeBox("isom"), movie(1000, 0)}));
+    EXPECT_EQ(0u, Mp4VideoCodecId(noTracks.widePath().c_str()));
+}
+
+// ---------------------------------------------------------------------------
+// Creation time
+
+TEST_F(FileTest, CreationTimeAsCalendarFields) {
+    SuppliedStorage* storage =
+        supply(concat({fileTypeBox("isom"), movie(1000, 0, k2020 + 86399, k2020)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    uint32_t y, mo, d, h, mi, s;
+    ASSERT_EQ(MP4_OK, file_->getCreationTime(&y, &mo, &d, &h, &mi, &s));
+    EXPECT_EQ(2020u, y);
+    EXPECT_EQ(1u, mo);
+    EXPECT_EQ(1u, d);
+    EXPECT_EQ(23u, h);
+    EXPECT_EQ(59u, mi);
+    EXPECT_EQ(59u, s);
+}
+
+TEST_F(FileTest, SetCreationTimeRaisesModificationTime) {
+    SuppliedStorage* storage =
+        supply(concat({fileTypeBox("isom"), movie(1000, 0, k2020, k2020 + 100)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    CMovieHeaderBox* mvhd = movieHeaderBox();
+    ASSERT_NE(nullptr, mvhd);
+
+    // Earlier than the modification time: only the creation time moves.
+    ASSERT_EQ(MP4_OK, file_->setCreationTime(2019, 12, 31, 0, 0, 0));
+    EXPECT_EQ(k2020 - 86400, mvhd->creationTime);
+    EXPECT_EQ(k2020 + 100, mvhd->modificationTime);
+
+    ASSERT_EQ(MP4_OK, file_->setCreationTime(2021, 6, 15, 12, 30, 45));
+    EXPECT_EQ(mvhd->creationTime, mvhd->modificationTime);
+    uint32_t y, mo, d, h, mi, s;
+    ASSERT_EQ(MP4_OK, file_->getCreationTime(&y, &mo, &d, &h, &mi, &s));
+    EXPECT_EQ((std::vector<uint32_t>{2021, 6, 15, 12, 30, 45}),
+              (std::vector<uint32_t>{y, mo, d, h, mi, s}));
+    EXPECT_EQ(0, mvhd->version);
+}
+
+TEST_F(FileTest, CreationTimeBeyond32BitsNeedsVersion1) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 0)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    ASSERT_EQ(MP4_OK, file_->setCreationTime(2050, 1, 1, 0, 0, 0));
+    CMovieHeaderBox* mvhd = movieHeaderBox();
+    ASSERT_NE(nullptr, mvhd);
+    EXPECT_GT(mvhd->creationTime, uint64_t{UINT32_MAX});
+    EXPECT_EQ(1, mvhd->version);
+}
+
+TEST_F(FileTest, CreationTimeRangeChecks) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), movie(1000, 0)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->setCreationTime(2020, 13, 1, 0, 0, 0));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->setCreationTime(2020, 1, 1, 24, 0, 0));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->setCreationTime(2201, 1, 1, 0, 0, 0));
+
+    // A stored time in 2200 or later is not a date: reported as invalid.
+    movieHeaderBox()->creationTime = uint64_t{300} * 366 * 86400;
+    uint32_t y = 1, mo = 1, d = 1, h = 1, mi = 1, s = 1;
+    EXPECT_EQ(MP4_ERR_INVALID_DATA, file_->getCreationTime(&y, &mo, &d, &h, &mi, &s));
+    EXPECT_EQ(0u, y);
+}
+
+TEST_F(FileTest, CreationTimeNeedsAnOpenMovie) {
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->setCreationTime(2020, 1, 1, 0, 0, 0));
+}
+
+// ---------------------------------------------------------------------------
+// Dump and operations of later work
+
+TEST_F(FileTest, DumpPrintsEveryTopLevelBoxAtDepthZero) {
+    SuppliedStorage* storage = supply(concat({fileTypeBox("isom"), mediaData(8), movie(1000, 1)}));
+    ASSERT_EQ(MP4_OK, openBytes(storage));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(MP4_OK, file_->dumpBoxes());
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("\nBox type = ftyp  Size = 24\n"));
+    EXPECT_NE(std::string::npos, out.find("\nBox type = mdat  Size = 16\n"));
+    EXPECT_NE(std::string::npos, out.find("\nBox type = moov  Size = "));
+    EXPECT_NE(std::string::npos, out.find("\n  Box type = trak  Size = 8\n"));
+}
+
+TEST_F(FileTest, LaterOperationsValidateThenReportUnsupported) {
+    CMp4MetaData* metaData = nullptr;
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, file_->getMetaData(&metaData));
+    EXPECT_EQ(nullptr, metaData);
+    CMp4Track* track = nullptr;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->addTrack(&track));  // not writing
+    CMp4RtpHintTrack* hint = nullptr;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->createHintTrack(&hint, 1));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->addHintTrack(nullptr));
+    EXPECT_EQ(MP4_OK, file_->setHintTrackContext(nullptr));
+    EXPECT_EQ(MP4_OK, file_->optimizeFile(0, nullptr, nullptr));  // only operation 1 acts
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->optimizeFile(1, L"/a.mp4", L"/a.mp4"));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, file_->optimizeFile(1, L"/a.mp4", L"/b.mp4"));
+    uint32_t length = 9;
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getCopyright(nullptr, 4, &length, 0));
+    EXPECT_EQ(0u, length);
+    char* command = nullptr;
+    uint32_t commandLength = 0;
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, CMp4File::createIsmaBifsCommand(1, 1, nullptr, nullptr));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED,
+              CMp4File::createIsmaBifsCommand(1, 1, &command, &commandLength));
+    EXPECT_EQ(nullptr, command);
+}
+
+TEST_F(FileTest, PayloadTypesRunOutAfter33HintTracks) {
+    CMp4RtpHintTrack hint;
+    for (int i = 0; i < 33; ++i) (void)file_->addHintTrack(&hint);  // 96..128
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->addHintTrack(&hint));
+}
+
+// ---------------------------------------------------------------------------
+// Error names
+
+TEST(ErrorStrings, EveryCodeIsNamed) {
+    const std::pair<MP4Err, const char*> codes[] = {
+        {MP4_OK, "MP4_OK"},
+        {MP4_ERR_OUT_OF_MEMORY, "MP4_ERR_OUT_OF_MEMORY"},
+        {MP4_ERR_INVALID_ARGUMENT, "MP4_ERR_INVALID_ARGUMENT"},
+        {MP4_ERR_NOT_AVAILABLE, "MP4_ERR_NOT_AVAILABLE"},
+        {MP4_ERR_IO, "MP4_ERR_IO"},
+        {MP4_ERR_INVALID_DATA, "MP4_ERR_INVALID_DATA"},
+        {MP4_ERR_BAD_BOX_SIZE, "MP4_ERR_BAD_BOX_SIZE"},
+        {MP4_ERR_BUFFER_TOO_SMALL, "MP4_ERR_BUFFER_TOO_SMALL"},
+        {MP4_ERR_WRONG_LAYOUT, "MP4_ERR_WRONG_LAYOUT"},
+        {MP4_ERR_BAD_SIZE_FIELD, "MP4_ERR_BAD_SIZE_FIELD"},
+        {MP4_ERR_VALUE_TOO_LARGE, "MP4_ERR_VALUE_TOO_LARGE"},
+        {MP4_ERR_END_OF_FILE, "MP4_ERR_END_OF_FILE"},
+        {MP4_ERR_UNSUPPORTED, "MP4_ERR_UNSUPPORTED"},
+        {MP4_ERR_BAD_TIME, "MP4_ERR_BAD_TIME"},
+        {MP4_ERR_BAD_INDEX, "MP4_ERR_BAD_INDEX"},
+        {MP4_ERR_OUT_OF_RANGE, "MP4_ERR_OUT_OF_RANGE"},
+        {MP4_ERR_NO_TRACKS, "MP4_ERR_NO_TRACKS"},
+    };
+    for (const auto& [code, name] : codes) {
+        const std::string text = toString(code);
+        EXPECT_EQ(0u, text.find(std::string(name) + ": ")) << text;
+        EXPECT_GT(text.size(), std::strlen(name) + 2) << text;
+    }
+    EXPECT_STREQ("MP4_ERR_IO: input/output error", toString(MP4_ERR_IO));
+    EXPECT_STREQ("unknown error", toString(static_cast<MP4Err>(14)));
+}
+
+// ---------------------------------------------------------------------------
+// The tool's JSON writer
+
+TEST(ToolJson, NestingCommasAndEscapes) {
+    tool::JsonWriter json;
+    json.beginObject();
+    json.key("name");
+    json.value("a\"b\\c\n\x01\xC3\xA9");
+    json.key("list");
+    json.beginArray();
+    json.value(uint64_t{18446744073709551615ull});
+    json.value(int64_t{-5});
+    json.value(90.0);
+    json.value(true);
+    json.endArray();
+    json.key("empty");
+    json.beginObject();
+    json.endObject();
+    json.key("nan");
+    json.value(std::nan(""));
+    json.endObject();
+    EXPECT_EQ(
+        "{\n"
+        "  \"name\": \"a\\\"b\\\\c\\n\\u0001\xC3\xA9\",\n"
+        "  \"list\": [\n"
+        "    18446744073709551615,\n"
+        "    -5,\n"
+        "    90,\n"
+        "    true\n"
+        "  ],\n"
+        "  \"empty\": {},\n"
+        "  \"nan\": null\n"
+        "}",
+        json.text());
+}
+
+TEST(ToolJson, FourccTextFallsBackToHex) {
+    EXPECT_EQ("avc1", tool::fourccText(fourcc("avc1")));
+    EXPECT_EQ("raw ", tool::fourccText(fourcc("raw ")));
+    EXPECT_EQ("0x6D730011", tool::fourccText(0x6D730011));
+}
+
+}  // namespace
+}  // namespace quil

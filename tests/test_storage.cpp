@@ -1,1 +1,438 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "storage/Base64.h"
+#include "storage/BaseStorage.h"
+#include "storage/DiscStorage.h"
+#include "storage/MemoryStorage.h"
+#include "storage/WidePath.h"
+
+namespace quil {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Byte i of the patterned test files: not periodic within 64 KiB.
+uint8_t pattern(uint64_t i) { return static_cast<uint8_t>(i * 7 + (i >> 8) * 13); }
+uint32_t patternU32(uint64_t at) {
+    return static_cast<uint32_t>(pattern(at)) << 24 | static_cast<uint32_t>(pattern(at + 1)) << 16 |
+           static_cast<uint32_t>(pattern(at + 2)) << 8 | pattern(at + 3);
+}
+
+class DiscStorageTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = ::testing::TempDir() + "quil_storage_" + std::to_string(getpid()) + "_" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::error_code error;
+        std::filesystem::create_directories(dir_, error);
+        ASSERT_FALSE(error) << dir_;
+    }
+    void TearDown() override {
+        std::error_code error;
+        std::filesystem::remove_all(dir_, error);
+    }
+
+    static std::wstring wide(const std::string& utf8) {
+        std::wstring out;
+        EXPECT_EQ(MP4_OK, utf8ToWidePath(utf8.c_str(), &out));
+        return out;
+    }
+    std::string makeFile(const std::string& name, const Bytes& bytes) {
+        std::string path = dir_ + "/" + name;
+        FILE* f = std::fopen(path.c_str(), "wb");
+        if (f == nullptr) {
+            ADD_FAILURE() << "cannot create " << path;
+            return path;
+        }
+        EXPECT_EQ(bytes.size(), std::fwrite(bytes.data(), 1, bytes.size(), f));
+        std::fclose(f);
+        return path;
+    }
+    static Bytes patternBytes(size_t n) {
+        Bytes b(n);
+        for (size_t i = 0; i < n; ++i) b[i] = pattern(i);
+        return b;
+    }
+    void openOn(const std::string& path, uint32_t mode) {
+        ASSERT_EQ(MP4_OK, storage_.setPath(wide(path).c_str()));
+        ASSERT_EQ(MP4_OK, storage_.open(mode));
+    }
+    uint64_t position() {
+        uint64_t p = 0;
+        EXPECT_EQ(MP4_OK, storage_.getPosition(&p));
+        return p;
+    }
+    uint32_t eof() {
+        uint32_t e = 7;
+        EXPECT_EQ(MP4_OK, storage_.isEof(&e));
+        return e;
+    }
+
+    std::string dir_;
+    CDiscStorage storage_;
+};
+
+TEST_F(DiscStorageTest, StateCodes) {
+    uint8_t byte = 5;
+    EXPECT_EQ(MP4_ERR_IO, storage_.open(0)) << "no path yet";
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage_.seek(0));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, storage_.flush());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage_.readUInt8(&byte));
+    EXPECT_EQ(0u, byte) << "out-parameters are cleared first";
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage_.writeBytes(&byte, 1));
+    EXPECT_EQ(MP4_OK, storage_.skip(0));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage_.skip(1));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, storage_.setPath(nullptr));
+
+    ASSERT_EQ(MP4_OK, storage_.setPath(wide(dir_ + "/missing").c_str()));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, storage_.open(2));
+    EXPECT_EQ(MP4_ERR_IO, storage_.open(0)) << "a bad mode set no flag";
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage_.open(0)) << "a failed open stays open";
+    EXPECT_EQ(MP4_OK, storage_.close());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage_.close());
+    ASSERT_EQ(MP4_OK, storage_.setPath(wide(dir_).c_str()));
+    EXPECT_EQ(MP4_ERR_IO, storage_.open(0)) << "a directory is no file";
+    EXPECT_EQ(MP4_OK, storage_.close());
+
+    std::wstring longPath(3000, L'x');
+    ASSERT_EQ(MP4_OK, storage_.setPath(longPath.c_str()));
+    EXPECT_EQ(2047u, std::wcslen(storage_.path()));
+    const wchar_t bad[] = {L'/', L't', static_cast<wchar_t>(0xD800), 0};
+    ASSERT_EQ(MP4_OK, storage_.setPath(bad));
+    EXPECT_EQ(MP4_ERR_IO, storage_.open(1));
+    EXPECT_EQ(MP4_OK, storage_.close());
+}
+
+TEST_F(DiscStorageTest, WritesAndReadsBigEndianValues) {
+    std::string path = dir_ + "/caf\xC3\xA9.bin";  // reaches the file system as UTF-8
+    openOn(path, 1);
+    EXPECT_EQ(MP4_OK, storage_.writeUInt64(0x0102030405060708u));
+    EXPECT_EQ(MP4_OK, storage_.writeUInt24(0x12345678u));
+    EXPECT_EQ(MP4_OK, storage_.writeUInt16(0xBEEF));
+    EXPECT_EQ(MP4_OK, storage_.writeInt32(-3));
+    EXPECT_EQ(MP4_OK, storage_.writeInt8(-6));
+    EXPECT_EQ(MP4_OK, storage_.writeBlock("\xA1\xA2", 2));
+    EXPECT_EQ(MP4_OK, storage_.writeString("hi"));
+    EXPECT_EQ(23u, position());
+    uint64_t length = 0;
+    EXPECT_EQ(MP4_OK, storage_.getLength(&length));
+    EXPECT_EQ(23u, length) << "buffered bytes count";
+    ASSERT_EQ(MP4_OK, storage_.seek(4));
+    EXPECT_EQ(MP4_OK, storage_.writeUInt16(0xCAFE));
+    EXPECT_EQ(MP4_OK, storage_.close());
+
+    openOn(path, 0);
+    Bytes file(23);
+    ASSERT_EQ(MP4_OK, storage_.readBlock(file.data(), 23));
+    EXPECT_EQ((Bytes{1, 2, 3, 4, 0xCA, 0xFE, 7, 8, 0x34, 0x56, 0x78, 0xBE, 0xEF, 0xFF, 0xFF,
+                     0xFF, 0xFD, 0xFA, 0xA1, 0xA2, 'h', 'i', 0}),
+              file);
+    ASSERT_EQ(MP4_OK, storage_.seek(2));
+    uint32_t u32 = 0;
+    int16_t i16 = 0;
+    uint64_t u64 = 0;
+    EXPECT_EQ(MP4_OK, storage_.readUInt24(&u32));
+    EXPECT_EQ(0x0304CAu, u32);
+    ASSERT_EQ(MP4_OK, storage_.seek(15));
+    EXPECT_EQ(MP4_OK, storage_.readInt16(&i16));
+    EXPECT_EQ(-3, i16);
+    ASSERT_EQ(MP4_OK, storage_.seek(0));
+    EXPECT_EQ(MP4_OK, storage_.readUInt64(&u64));
+    EXPECT_EQ(0x01020304CAFE0708u, u64);
+    EXPECT_EQ(MP4_OK, storage_.close());
+}
+
+TEST_F(DiscStorageTest, RefusedOperationsLeaveTheEndFlagAlone) {
+    openOn(makeFile("r.bin", {1, 2, 3, 4}), 0);
+    EXPECT_EQ(MP4_ERR_IO, storage_.writeUInt32(1));
+    EXPECT_EQ(MP4_ERR_IO, storage_.writeBytes("x", 1));
+    EXPECT_EQ(0u, eof());
+    EXPECT_EQ(MP4_OK, storage_.close());
+
+    openOn(dir_ + "/w.bin", 1);
+    uint8_t buffer[4];
+    EXPECT_EQ(MP4_ERR_IO, storage_.readUInt8(buffer));
+    EXPECT_EQ(MP4_ERR_IO, storage_.readBlock(buffer, 4));
+    EXPECT_EQ(MP4_ERR_IO, storage_.writeBytes(buffer, 0)) << "deliberate: empty writes fail";
+    EXPECT_EQ(MP4_ERR_IO, storage_.writeBlock(buffer, -1));
+    EXPECT_EQ(0u, eof());
+    EXPECT_EQ(0u, position());
+    EXPECT_EQ(MP4_OK, storage_.close());
+}
+
+TEST_F(DiscStorageTest, EndOfFileAndSkips) {
+    openOn(makeFile("short.bin", patternBytes(10)), 0);
+    ASSERT_EQ(MP4_OK, storage_.seek(7));
+    uint32_t u32 = 0;
+    EXPECT_EQ(MP4_ERR_IO, storage_.readUInt32(&u32));
+    EXPECT_EQ(patternU32(6) & 0xFFFFFF, u32) << "the partly built value is kept";
+    EXPECT_EQ(10u, position()) << "consumed bytes count";
+    EXPECT_EQ(1u, eof());
+    uint8_t buffer[20];
+    EXPECT_EQ(MP4_ERR_END_OF_FILE, storage_.readBlock(buffer, 0));
+    EXPECT_EQ(MP4_ERR_IO, storage_.readBytes(buffer, 1)) << "only readBlock answers 11";
+    EXPECT_EQ(MP4_OK, storage_.skip(0));
+    EXPECT_EQ(1u, eof()) << "skip(0) touches nothing";
+
+    ASSERT_EQ(MP4_OK, storage_.seek(10));
+    EXPECT_EQ(0u, eof()) << "seek clears the flag";
+    EXPECT_EQ(MP4_OK, storage_.readBlock(buffer, 0));
+    ASSERT_EQ(MP4_OK, storage_.seek(4));
+    EXPECT_EQ(MP4_ERR_IO, storage_.readBlock(buffer, 20)) << "short block read";
+    EXPECT_EQ(pattern(9), buffer[5]);
+    EXPECT_EQ(10u, position());
+    EXPECT_EQ(MP4_ERR_END_OF_FILE, storage_.readBlock(buffer, 1));
+
+    EXPECT_EQ(MP4_OK, storage_.skip(5)) << "past the end is allowed";
+    EXPECT_EQ(0u, eof());
+    EXPECT_EQ(15u, position());
+    // A wrapped count, as an over-consuming box reader passes, lands back.
+    EXPECT_EQ(MP4_OK, storage_.skip(UINT64_MAX - 12));
+    EXPECT_EQ(2u, position());
+    EXPECT_EQ(MP4_OK, storage_.readUInt32(&u32));
+    EXPECT_EQ(patternU32(2), u32);
+    EXPECT_EQ(MP4_ERR_IO, storage_.skip(UINT64_C(1) << 63));
+    EXPECT_EQ(MP4_ERR_IO, storage_.seek(UINT64_C(1) << 63));
+    EXPECT_EQ(6u, position());
+    EXPECT_EQ(MP4_OK, storage_.close());
+}
+
+TEST_F(DiscStorageTest, ReadAheadIsInvisible) {
+    const size_t size = 300 * 1024;
+    Bytes content = patternBytes(size);
+    openOn(makeFile("big.bin", content), 0);
+
+    // Around 64 KiB boundaries, backwards and forwards, near and far.
+    for (uint64_t at : {0, 10, 4, 65532, 65534, 65530, 1000, 131070, 65536, 200000, 199990, 3}) {
+        uint32_t u32 = 0;
+        ASSERT_EQ(MP4_OK, storage_.seek(at));
+        ASSERT_EQ(MP4_OK, storage_.readUInt32(&u32)) << at;
+        EXPECT_EQ(patternU32(at), u32) << at;
+        EXPECT_EQ(at + 4, position()) << at;
+    }
+    ASSERT_EQ(MP4_OK, storage_.seek(1));
+    for (uint64_t at = 1; at + 8 <= size; at += 8) {
+        uint64_t u64 = 0;
+        ASSERT_EQ(MP4_OK, storage_.readUInt64(&u64));
+        ASSERT_EQ((uint64_t{patternU32(at)} << 32) | patternU32(at + 4), u64) << at;
+    }
+
+    // Blocks that start inside the read-ahead and run past it, and one that
+    // bypasses it; seeking back must find the right bytes afterwards.
+    Bytes block(200 * 1024);
+    uint32_t u32 = 0;
+    for (uint64_t at : {65000, 0}) {
+        ASSERT_EQ(MP4_OK, storage_.seek(at));
+        if (at != 0) {
+            ASSERT_EQ(MP4_OK, storage_.readUInt32(&u32));  // fills the read-ahead
+        }
+        const uint64_t from = at != 0 ? at + 4 : 0;
+        ASSERT_EQ(MP4_OK, storage_.readBytes(block.data(), block.size())) << at;
+        EXPECT_TRUE(std::equal(block.begin(), block.end(), content.begin() + from)) << at;
+        EXPECT_EQ(from + block.size(), position());
+    }
+    ASSERT_EQ(MP4_OK, storage_.seek(0));
+    ASSERT_EQ(MP4_OK, storage_.readUInt32(&u32));
+    EXPECT_EQ(patternU32(0), u32);
+
+    Bytes rest(size);
+    EXPECT_EQ(MP4_ERR_IO, storage_.readBytes(rest.data(), size)) << "4 bytes short";
+    EXPECT_TRUE(std::equal(content.begin() + 4, content.end(), rest.begin()));
+    EXPECT_EQ(size, position());
+    EXPECT_EQ(1u, eof());
+    EXPECT_EQ(MP4_OK, storage_.close());
+}
+
+TEST(MemoryStorageTest, StatesAndBounds) {
+    uint8_t bytes[8] = {0xFF, 0xFE, 1, 2, 3, 4, 5, 6};
+    CMemoryStorage storage;
+    EXPECT_EQ(MP4_OK, storage.open(0));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage.seek(0)) << "open enables no buffer";
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage.flush());
+    storage.attach(bytes, 8, false);
+    EXPECT_EQ(MP4_OK, storage.seek(8));
+    uint32_t u32 = 7;
+    EXPECT_EQ(MP4_OK, storage.isEof(&u32));
+    EXPECT_EQ(1u, u32);
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.seek(9));
+    ASSERT_EQ(MP4_OK, storage.seek(0));
+    int16_t i16 = 0;
+    int32_t i24 = 0;
+    EXPECT_EQ(MP4_OK, storage.readInt16(&i16));
+    EXPECT_EQ(-2, i16);
+    EXPECT_EQ(MP4_OK, storage.readInt24(&i24));
+    EXPECT_EQ(0x010203, i24);
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.readUInt32(&u32));
+    EXPECT_EQ(0u, u32);
+    EXPECT_EQ(5u, storage.position()) << "a failed read consumes nothing";
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.skip(4));
+    EXPECT_EQ(MP4_OK, storage.skip(3));
+
+    storage.attach(bytes, 8, true);
+    EXPECT_EQ(MP4_OK, storage.writeUInt24(0x12345678));
+    EXPECT_EQ(MP4_OK, storage.writeString("abcd"));
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.writeUInt8(9)) << "exactly full";
+    ASSERT_EQ(MP4_OK, storage.seek(6));
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.writeBlock("xyz", 3));
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.writeBytes("xyz", -1));
+    EXPECT_EQ(0, std::memcmp(bytes, "\x34\x56\x78" "abcd\0", 8));
+    EXPECT_EQ(6u, storage.position());
+
+    // A declared size far beyond the real buffer: sums that wrap in 32 bits
+    // are refused (they would point outside), except skip's, which stays in.
+    storage.attach(bytes, UINT32_MAX, false);
+    ASSERT_EQ(MP4_OK, storage.seek(UINT32_MAX - 1));
+    uint64_t u64 = 0;
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.readUInt64(&u64));
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.readBlock(bytes, 4));
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.writeBytes(bytes, 4));
+    EXPECT_EQ(MP4_OK, storage.skip(12));
+    EXPECT_EQ(10u, storage.position());
+
+    storage.detach();
+    EXPECT_EQ(nullptr, storage.buffer());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, storage.seek(0));
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, storage.readUInt8(bytes));
+}
+
+// A storage that only knows single bytes shows the base defaults.
+class ByteOnlyStorage : public CBaseStorage {
+public:
+    MP4Err open(uint32_t) override { return MP4_OK; }
+    MP4Err close() override { return MP4_OK; }
+    MP4Err seek(uint64_t) override { return MP4_OK; }
+    MP4Err isEof(uint32_t*) override { return MP4_OK; }
+    MP4Err flush() override { return MP4_OK; }
+    MP4Err getLength(uint64_t*) override { return MP4_OK; }
+    MP4Err getPosition(uint64_t*) override { return MP4_OK; }
+    MP4Err readUInt8(uint8_t* v) override {
+        if (input.empty()) return MP4_ERR_IO;
+        *v = input.front();
+        input.erase(input.begin());
+        return MP4_OK;
+    }
+    MP4Err readBlock(void*, uint32_t count) override { blockCount = count; return MP4_OK; }
+    MP4Err skip(uint64_t) override { return MP4_OK; }
+    MP4Err writeUInt8(uint8_t v) override { output.push_back(v); return MP4_OK; }
+
+    Bytes input{0x80, 0x01, 0x02}, output;
+    uint32_t blockCount = 0;
+};
+
+TEST(BaseStorageTest, DefaultBodies) {
+    ByteOnlyStorage storage;
+    int16_t i16 = 0;
+    uint32_t u32 = 0;
+    EXPECT_EQ(MP4_OK, storage.readInt16(&i16));
+    EXPECT_EQ(static_cast<int16_t>(0x8001), i16);
+    EXPECT_EQ(MP4_ERR_IO, storage.readUInt32(&u32));
+    EXPECT_EQ(0x02u, u32) << "stops at the first error, keeping the partial value";
+    uint8_t buffer[1];
+    EXPECT_EQ(MP4_OK, storage.readBytes(buffer, (UINT64_C(1) << 32) + 5));
+    EXPECT_EQ(5u, storage.blockCount) << "the block count is 32 bits wide";
+    EXPECT_EQ(MP4_OK, storage.writeBytes("ab", 0));
+    EXPECT_EQ(MP4_OK, storage.writeBlock("ab", 2));
+    EXPECT_EQ(MP4_OK, storage.writeString("c"));
+    // Wide writes shift by bit counts: kept, only a discarding storage uses them.
+    EXPECT_EQ(MP4_OK, storage.writeUInt16(0x0302));
+    EXPECT_EQ((Bytes{'a', 'b', 'c', 0, 0x81, 0x02}), storage.output);
+}
+
+std::string encodeText(const Bytes& data) {
+    char* text = nullptr;
+    uint32_t length = 99;
+    EXPECT_EQ(MP4_OK, base64::encode(data.data(), static_cast<uint32_t>(data.size()), &text, &length));
+    std::string out(text, length);
+    EXPECT_EQ('\0', text[length]);
+    delete[] text;
+    return out;
+}
+
+MP4Err decodeText(const std::string& text, Bytes* out) {
+    uint8_t* data = nullptr;
+    uint32_t length = 0;
+    MP4Err err = base64::decode(text.data(), static_cast<int32_t>(text.size()), &data, &length);
+    out->assign(data, data + (data ? length : 0));
+    delete[] data;
+    return err;
+}
+
+TEST(Base64Test, KnownTexts) {
+    EXPECT_EQ("", encodeText({}));
+    EXPECT_EQ("TWFu", encodeText({'M', 'a', 'n'}));
+    EXPECT_EQ("TWE=", encodeText({'M', 'a'}));
+    EXPECT_EQ("TQ==", encodeText({'M'}));
+    EXPECT_EQ("+/8=", encodeText({0xFB, 0xFF}));
+
+    // Decoded lengths count one byte more than the data.
+    Bytes out;
+    ASSERT_EQ(MP4_OK, decodeText("TWFu", &out));
+    EXPECT_EQ(4u, out.size());
+    EXPECT_EQ('n', out[2]);
+    ASSERT_EQ(MP4_OK, decodeText("TWE=", &out));
+    EXPECT_EQ((Bytes{'M', 'a', 0}), out);
+    ASSERT_EQ(MP4_OK, decodeText("===", &out));
+    EXPECT_EQ(1u, out.size());
+    ASSERT_EQ(MP4_OK, decodeText(std::string("TWFuTWFu", 4), &out));
+    EXPECT_EQ(4u, out.size()) << "only length characters are read";
+
+    // Bad characters count only after the last full group, up to an "=".
+    EXPECT_EQ(MP4_OK, decodeText("TW!u", &out));
+    EXPECT_EQ('M', out[0]);
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, decodeText("TWFuT!", &out));
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(MP4_OK, decodeText("TWFuT=!", &out));
+
+    uint8_t* data = nullptr;
+    uint32_t length = 0;
+    char* text = nullptr;
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, base64::decode(nullptr, 0, &data, &length));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, base64::decode("TQ", -1, &data, &length));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, base64::encode(nullptr, 0, &text, nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, base64::encode(nullptr, 3, &text, &length));
+}
+
+TEST(Base64Test, RoundTripsEveryLength) {
+    for (size_t n = 0; n < 260; ++n) {
+        Bytes data(n), back;
+        for (size_t i = 0; i < n; ++i) data[i] = static_cast<uint8_t>(255 - i * 37);
+        std::string text = encodeText(data);
+        ASSERT_EQ((n + 2) / 3 * 4, text.size());
+        ASSERT_EQ(MP4_OK, decodeText(text, &back)) << n;
+        ASSERT_EQ(n + 1, back.size()) << n;
+        ASSERT_TRUE(std::equal(data.begin(), data.end(), back.begin())) << n;
+    }
+}
+
+TEST(WidePathTest, ConvertsUnicodeAndRejectsTheRest) {
+    const std::wstring path = L"a/\x00E9\x20AC\x1F600";
+    const std::string utf8 = "a/\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
+    std::string narrow;
+    std::wstring back;
+    ASSERT_EQ(MP4_OK, widePathToUtf8(path.c_str(), &narrow));
+    EXPECT_EQ(utf8, narrow);
+    ASSERT_EQ(MP4_OK, utf8ToWidePath(utf8.c_str(), &back));
+    EXPECT_EQ(path, back);
+
+    for (uint32_t unit : {0xDC00u, 0x110000u, 0xFFFFFFFFu}) {
+        const wchar_t bad[] = {L'a', static_cast<wchar_t>(unit), 0};
+        EXPECT_EQ(MP4_ERR_IO, widePathToUtf8(bad, &narrow)) << unit;
+    }
+    // Overlong, stray continuation, cut short, surrogate, too large.
+    for (const char* bad : {"\xC0\x80", "\xE0\x80\xAF", "\x80", "\xE2\x82", "\xED\xA0\x80",
+                            "\xF4\x90\x80\x80", "\xF8\x88\x80\x80\x80"}) {
+        EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, utf8ToWidePath(bad, &back)) << bad;
+    }
+}
+
+}  // namespace
+}  // namespace quil

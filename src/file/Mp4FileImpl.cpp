@@ -1,1 +1,534 @@
-namespace quil {}
+// The file object: opening a file for reading, the top-level box tree,
+// movie-level properties and the track objects handed to the caller.
+#include "Mp4FileImpl.h"
+
+#include <cstring>
+#include <cwchar>
+#include <new>
+
+#include "boxes/BoxFactory.h"
+#include "boxes/Dump.h"
+#include "boxes/MovieBoxes.h"
+#include "quil/Mp4MetaData.h"
+#include "storage/DiscStorage.h"
+#include "storage/WidePath.h"
+#include "track/TrackImpl.h"
+
+namespace quil {
+namespace {
+
+constexpr uint32_t kMaxMode = 1;             // 0 read, 1 write
+constexpr uint32_t kMaxFileType = MP4_FILE_QUICKTIME;
+constexpr uint32_t kMaxTrackMode = 2;
+constexpr int32_t kHintKindCount = 6;        // packetizers 1..6
+
+// Major brands that select a file type when reading; any other brand is
+// plain MPEG-4. Compatible brands are deliberately not consulted.
+struct BrandFileType {
+    uint32_t brand;
+    MP4FileType fileType;
+};
+constexpr BrandFileType kBrandFileTypes[] = {
+    {fourcc("3gp4"), MP4_FILE_3GPP4}, {fourcc("3gp5"), MP4_FILE_3GPP5},
+    {fourcc("3gp6"), MP4_FILE_3GPP6}, {fourcc("avc1"), MP4_FILE_AVC},
+    {fourcc("3g2a"), MP4_FILE_3GPP2}, {fourcc("MSNV"), MP4_FILE_PSP},
+    {fourcc("M4A "), MP4_FILE_M4A},   {fourcc("XAVC"), MP4_FILE_XAVC},
+};
+
+MP4FileType fileTypeForBrand(uint32_t majorBrand) {
+    for (const BrandFileType& entry : kBrandFileTypes) {
+        if (entry.brand == majorBrand) return entry.fileType;
+    }
+    return MP4_FILE_MPEG4;
+}
+
+bool isHttpPath(const wchar_t* path) {
+    // Case-sensitive and only at the very start: "HTTP://..." or
+    // "/tmp/http" name files on disc.
+    return path != nullptr && std::wcsncmp(path, L"http", 4) == 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Creation and destruction
+
+MP4Err CMp4File::createInstance(CMp4File** file) {
+    if (file == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *file = nullptr;
+    CMp4FileImpl* impl = new (std::nothrow) CMp4FileImpl();
+    if (impl == nullptr) return MP4_ERR_OUT_OF_MEMORY;
+    *file = impl;
+    return MP4_OK;
+}
+
+MP4Err CMp4File::destroyInstance(CMp4File** file) {
+    if (file == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    delete *file;
+    *file = nullptr;
+    return MP4_OK;
+}
+
+CMp4FileImpl::CMp4FileImpl() = default;
+
+CMp4FileImpl::~CMp4FileImpl() {
+    delete metaData_;
+    // A client should close first. If it did not, release what open made
+    // rather than leak a stream; a supplied storage stays the caller's.
+    if (isOpen_ != 0 && storageSupplied_ == 0 && storage_ != nullptr) {
+        (void)storage_->close();
+        delete storage_;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// open and close
+
+MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType) {
+    if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
+    path_.reset();
+    readPathUtf8_.clear();
+    sampleReader_.reset();
+    hasHintTracks_ = 0;  // belongs to the file being opened, not the object
+    storageSupplied_ = storage_ != nullptr ? 1 : 0;
+
+    if (storageSupplied_ == 0) {
+        MP4Err err = makeStorageForPath(path);
+        if (err != MP4_OK) return storage_ != nullptr ? failOpen(err) : err;
+    }
+    // Checked only now, after the storage exists: the failure exit then
+    // releases it like any other failure.
+    if (mode > kMaxMode) return failOpen(MP4_ERR_INVALID_ARGUMENT);
+    mode_ = mode;
+    if (fileType > kMaxFileType) return failOpen(MP4_ERR_INVALID_ARGUMENT);
+    fileType_ = fileType;
+    // Creating files is not available in this build. Refused before the
+    // storage is opened, so that an existing file is not truncated.
+    if (mode_ == 1) return failOpen(MP4_ERR_UNSUPPORTED);
+
+    MP4Err err = storage_->open(mode_);
+    if (err != MP4_OK) return failOpen(err);
+    err = readTopLevel();
+    if (err != MP4_OK) return failOpen(err);
+    isOpen_ = 1;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::makeStorageForPath(const wchar_t* path) {
+    // Reading over HTTP needs the network storage, which this build does
+    // not contain; such paths are refused instead of being tried on disc.
+    if (isHttpPath(path)) return MP4_ERR_UNSUPPORTED;
+
+    CDiscStorage* disc = new (std::nothrow) CDiscStorage();
+    if (disc == nullptr) return MP4_ERR_OUT_OF_MEMORY;
+    storage_ = disc;
+    if (path == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+
+    const size_t length = std::wcslen(path);
+    path_.reset(new (std::nothrow) wchar_t[length + 1]);
+    if (!path_) return MP4_ERR_OUT_OF_MEMORY;
+    std::wmemcpy(path_.get(), path, length + 1);
+    return disc->setPath(path_.get());
+}
+
+MP4Err CMp4FileImpl::failOpen(MP4Err err) {
+    if (storage_ != nullptr) {
+        (void)storage_->close();
+        if (storageSupplied_ == 0) deleteOwnedStorage();
+    }
+    // The partly read tree is of no use to anyone: free it at once.
+    topLevelBoxes_.reset();
+    readPathUtf8_.clear();
+    sampleReader_.reset();
+    return err;
+}
+
+void CMp4FileImpl::deleteOwnedStorage() {
+    delete storage_;
+    storage_ = nullptr;
+}
+
+MP4Err CMp4FileImpl::readTopLevel() {
+    MP4Err err = readBoxTree();
+    if (err != MP4_OK) return err;
+    detectFileType();
+    err = countTracks();
+    if (err != MP4_OK) return err;
+    if (storageSupplied_ == 0) {
+        // Only a disc storage is ever made here (see makeStorageForPath).
+        const wchar_t* kept = static_cast<CDiscStorage*>(storage_)->path();
+        err = widePathToUtf8(kept, &readPathUtf8_);
+    }
+    return err;
+}
+
+MP4Err CMp4FileImpl::readBoxTree() {
+    // The file level is the one box list without an owner: the factory
+    // sees parent type 0 and the container loop's leniency applies.
+    topLevelBoxes_.reset(new (std::nothrow) CBoxList(nullptr));
+    if (!topLevelBoxes_) return MP4_ERR_OUT_OF_MEMORY;
+    uint64_t length = 0;
+    MP4Err err = storage_->getLength(&length);
+    if (err != MP4_OK) return err;
+    uint64_t position = 0;
+    err = storage_->getPosition(&position);
+    if (err != MP4_OK) return err;
+    uint64_t remaining = length > position ? length - position : 0;
+    resetBoxNesting();
+    return readChildren(topLevelBoxes_.get(), storage_, &remaining);
+}
+
+void CMp4FileImpl::detectFileType() {
+    CBox* box = nullptr;
+    if (findTopLevelBox(fourcc("ftyp"), &box) != MP4_OK) {
+        fileType_ = MP4_FILE_NO_FTYP;
+        return;
+    }
+    const CFileTypeBox* ftyp = dynamic_cast<const CFileTypeBox*>(box);
+    fileType_ = fileTypeForBrand(ftyp != nullptr ? ftyp->majorBrand : 0);
+}
+
+MP4Err CMp4FileImpl::countTracks() {
+    CBox* moov = nullptr;
+    MP4Err err = findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;  // no movie: 3
+    uint32_t count = 0;
+    for (;;) {
+        CBox* trak = nullptr;
+        err = moov->findChild(fourcc("trak"), &trak, count + 1);
+        if (err == MP4_ERR_NOT_AVAILABLE) break;
+        if (err != MP4_OK) return err;
+        ++count;
+    }
+    trackCount_ = count;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::close() {
+    if (isOpen_ == 0) return MP4_ERR_NOT_AVAILABLE;
+    MP4Err err = storage_->close();
+    if (err != MP4_OK) return err;  // the object stays open
+    isOpen_ = 0;
+    delete metaData_;
+    metaData_ = nullptr;
+    if (storageSupplied_ == 0) deleteOwnedStorage();
+    topLevelBoxes_.reset();
+    path_.reset();
+    readPathUtf8_.clear();
+    sampleReader_.reset();
+    return MP4_OK;
+}
+
+// ---------------------------------------------------------------------------
+// State and movie-level properties
+
+MP4Err CMp4FileImpl::isOpen(uint32_t* open) {
+    if (open == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *open = isOpen_;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::setStorage(CStorage* storage) {
+    // Swapping the storage under an open file would orphan the one in use
+    // (and leak it when it was made by open).
+    if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
+    // Null is accepted: it returns the object to making its own storage.
+    storage_ = storage;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::getTrackCount(uint32_t* count) {
+    if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *count = trackCount_;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::getFileType(uint32_t* fileType) {
+    if (fileType == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *fileType = fileType_;
+    return isOpen_ != 0 ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+MP4Err CMp4FileImpl::findTopLevelBox(uint32_t type, CBox** box) {
+    if (box == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *box = nullptr;
+    if (!topLevelBoxes_) return MP4_ERR_NOT_AVAILABLE;
+    return topLevelBoxes_->findNth(type, box, 1);
+}
+
+MP4Err CMp4FileImpl::findMovieHeader(CMovieHeaderBox** header) {
+    *header = nullptr;
+    CBox* moov = nullptr;
+    MP4Err err = findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    CBox* box = nullptr;
+    err = moov->findChild(fourcc("mvhd"), &box, 1);
+    if (err != MP4_OK) return err;
+    *header = dynamic_cast<CMovieHeaderBox*>(box);
+    return *header != nullptr ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+MP4Err CMp4FileImpl::getTimeScale(uint32_t* timeScale) {
+    if (timeScale == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *timeScale = 0;
+    CMovieHeaderBox* mvhd = nullptr;
+    MP4Err err = findMovieHeader(&mvhd);
+    if (err != MP4_OK) return err;
+    *timeScale = mvhd->timeScale;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::getCreationTime(uint32_t* year, uint32_t* month, uint32_t* day,
+                                     uint32_t* hour, uint32_t* minute, uint32_t* second) {
+    if (!year || !month || !day || !hour || !minute || !second) {
+        return MP4_ERR_INVALID_ARGUMENT;
+    }
+    *year = *month = *day = *hour = *minute = *second = 0;
+    CMovieHeaderBox* mvhd = nullptr;
+    MP4Err err = findMovieHeader(&mvhd);
+    if (err != MP4_OK) return err;
+    if (!secondsToDate(mvhd->creationTime, year, month, day, hour, minute, second)) {
+        // Year 2200 or later: the value is not a date this format can carry.
+        *year = *month = *day = *hour = *minute = *second = 0;
+        return MP4_ERR_INVALID_DATA;
+    }
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::setCreationTime(uint32_t year, uint32_t month, uint32_t day,
+                                     uint32_t hour, uint32_t minute, uint32_t second) {
+    uint64_t seconds = 0;
+    MP4Err err = dateToSeconds(year, month, day, hour, minute, second, &seconds);
+    if (err != MP4_OK) return err;
+    CMovieHeaderBox* mvhd = nullptr;
+    err = findMovieHeader(&mvhd);
+    if (err != MP4_OK) return err;
+    mvhd->creationTime = seconds;
+    if (mvhd->modificationTime < seconds) mvhd->modificationTime = seconds;
+    // Version 0 stores the times in 32 bits (dates up to 2040-02-06);
+    // later dates need the 64-bit layout or they would be cut on writing.
+    if (seconds > UINT32_MAX) mvhd->version = 1;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::setTrackMode(uint32_t trackMode) {
+    if (trackMode > kMaxTrackMode) return MP4_ERR_INVALID_ARGUMENT;
+    trackMode_ = trackMode;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::setHintTrackContext(CMp4HintTrackContext* context) {
+    hintTrackContext_ = context;
+    return MP4_OK;
+}
+
+const char* CMp4FileImpl::readPath() const {
+    if (isOpen_ == 0 || readPathUtf8_.empty()) return nullptr;
+    return readPathUtf8_.c_str();
+}
+
+// ---------------------------------------------------------------------------
+// Tracks
+
+MP4Err CMp4FileImpl::getTrack(uint32_t trackNumber, CMp4Track** track) {
+    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *track = nullptr;
+    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_NOT_AVAILABLE;
+    CTrackImpl* impl = new (std::nothrow) CTrackImpl(this, trackMode_);
+    if (impl == nullptr) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = impl->bind(trackNumber);
+    if (err != MP4_OK) {
+        delete impl;
+        return err;
+    }
+    *track = impl;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::releaseTrack(CMp4Track* track) {
+    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // Only read tracks exist in this build; a writing track would finish
+    // its pending chunk here before being deleted.
+    delete track;
+    if (storage_ == nullptr) return MP4_ERR_NOT_AVAILABLE;
+    // The flush result is reported although the track is gone already.
+    return storage_->flush();
+}
+
+MP4Err CMp4FileImpl::addTrack(CMp4Track** track) {
+    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *track = nullptr;
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+// ---------------------------------------------------------------------------
+// Dump
+
+MP4Err CMp4FileImpl::dumpBoxes() {
+    if (!topLevelBoxes_) return MP4_ERR_NOT_AVAILABLE;
+    if (isOpen_ != 0 && mode_ == 1) {
+        // Boxes made for writing carry no size until they compute it.
+        for (CBoxList::Node* node = topLevelBoxes_->head(); node; node = node->next) {
+            MP4Err err = node->box->calculateSize();
+            if (err != MP4_OK) return err;
+            uint64_t size = 0;
+            err = node->box->getSize(&size);
+            if (err != MP4_OK) return err;
+        }
+    }
+    for (CBoxList::Node* node = topLevelBoxes_->head(); node; node = node->next) {
+        MP4Err err = node->box->dump(0);
+        if (err != MP4_OK) return err;
+    }
+    return MP4_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Operations that arrive with writing, metadata and RTP hinting. They check
+// their arguments so that callers get the same answers for misuse now.
+
+MP4Err CMp4FileImpl::getCopyright(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
+                                  uint32_t) {
+    if (length == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *length = 0;
+    if (buffer == nullptr && bufferSize != 0) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::setCopyright(const uint8_t* text, uint64_t length, int32_t) {
+    if (text == nullptr && length != 0) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::getMetaData(CMp4MetaData** metaData) {
+    if (metaData == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *metaData = nullptr;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) {
+    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *hintTrack = nullptr;
+    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) {
+    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *hintTrack = nullptr;
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    if (kind < 1 || kind > kHintKindCount) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::addHintTrack(CMp4RtpHintTrack* hintTrack) {
+    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // Every call takes a payload type, counting from 96. 128 is still
+    // handed out although it lies outside the 7-bit RTP range, a limit kept
+    // deliberately; the byte then runs on to 129 and beyond, which fail.
+    const uint8_t payloadType = nextPayloadType_++;
+    if (static_cast<uint8_t>(payloadType - 1) > 127) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::optimizeFile(int32_t operation, const wchar_t* sourcePath,
+                                  const wchar_t* targetPath) {
+    if (operation != 1) return MP4_OK;  // only operation 1 is defined
+    if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
+    if (sourcePath == nullptr || targetPath == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // Rewriting in place would destroy the source while it is being read.
+    if (std::wcscmp(sourcePath, targetPath) == 0) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t, uint32_t) {
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4FileImpl::getSessionSdp(uint8_t* buffer, uint32_t) {
+    if (buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4File::createIsmaIod(bool, bool, char*, uint32_t, char*, uint32_t, char* iod,
+                               uint32_t* iodLength) {
+    if (iod == nullptr || iodLength == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4File::decodeIsmaIod(const char* iod, uint32_t, uint32_t* count,
+                               MP4TrackType** trackTypes, uint32_t** values, char*** buffers) {
+    if (!count || !trackTypes || !values || !buffers) return MP4_ERR_INVALID_ARGUMENT;
+    *count = 0;
+    *trackTypes = nullptr;
+    *values = nullptr;
+    *buffers = nullptr;
+    if (iod == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4File::createIsmaODUpdateCommand(int32_t, int32_t, int32_t, char*, uint32_t, char*,
+                                           uint32_t, uint32_t*, uint32_t*, char** command,
+                                           uint32_t* commandLength) {
+    if (command == nullptr || commandLength == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *command = nullptr;
+    *commandLength = 0;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+MP4Err CMp4File::createIsmaBifsCommand(uint32_t, uint32_t, char** command,
+                                       uint32_t* commandLength) {
+    if (command == nullptr || commandLength == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *command = nullptr;
+    *commandLength = 0;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+// ---------------------------------------------------------------------------
+
+uint32_t Mp4VideoCodecId(const wchar_t* path) {
+    CMp4File* file = nullptr;
+    if (CMp4File::createInstance(&file) != MP4_OK) return 0;
+    if (file->open(path, 0, 0) != MP4_OK) {
+        CMp4File::destroyInstance(&file);
+        return 0;
+    }
+    uint32_t count = 0;
+    (void)file->getTrackCount(&count);
+    uint32_t codec = 0;
+    for (uint32_t number = 1; number <= count; ++number) {
+        CMp4Track* track = nullptr;
+        if (file->getTrack(number, &track) != MP4_OK) continue;  // not usable: skip it
+        uint32_t kind = 0;
+        const bool video = track->getTrackType(&kind) == MP4_OK && kind == MP4_TRACK_VIDEO;
+        if (video && track->getSampleEntryType(&codec) != MP4_OK) codec = 0;
+        (void)file->releaseTrack(track);
+        if (video) break;
+    }
+    (void)file->close();
+    CMp4File::destroyInstance(&file);
+    return codec;
+}
+
+}  // namespace quil
+
+namespace quil {
+
+MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer) {
+    if (isOpen_ == 0 || mode_ != 0 || !storage_) return MP4_ERR_IO;
+    if (!readPathUtf8_.empty()) {
+        if (!sampleReader_) {
+            std::unique_ptr<CSampleReader> reader(new (std::nothrow) CSampleReader());
+            if (!reader || reader->open(readPathUtf8_) != MP4_OK) return MP4_ERR_IO;
+            sampleReader_ = std::move(reader);
+        }
+        return sampleReader_->read(offset, size, buffer);
+    }
+    MP4Err err = storage_->seek(offset);
+    if (err != MP4_OK) return err;
+    return storage_->readBytes(buffer, size);
+}
+
+}  // namespace quil

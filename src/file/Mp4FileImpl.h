@@ -7,9 +7,12 @@
 #include <string>
 
 #include "boxes/Box.h"
+#include "file/SampleReader.h"
 #include "quil/Mp4File.h"
 
 namespace quil {
+
+class CMovieHeaderBox;
 
 class CMp4FileImpl : public CMp4File {
 public:
@@ -57,8 +60,24 @@ public:
     // read through a handle of their own); null for a supplied or network
     // storage.
     const char* readPath() const;
+    // Media bytes for a track: through a read-only handle of their own for
+    // a file opened by path (any failure 4), else through the storage
+    // (its errors passed on). 4 unless the file is open for reading.
+    MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer);
 
 private:
+    // Steps of open: the storage made for a path, the read path, and the
+    // common failure exit.
+    MP4Err makeStorageForPath(const wchar_t* path);
+    MP4Err readTopLevel();
+    MP4Err readBoxTree();
+    void detectFileType();
+    MP4Err countTracks();
+    MP4Err failOpen(MP4Err err);
+    void deleteOwnedStorage();
+    // "moov"/"mvhd" of the open file: 3 when either is missing.
+    MP4Err findMovieHeader(CMovieHeaderBox** header);
+
     CStorage* storage_ = nullptr;
     std::unique_ptr<wchar_t[]> path_;
     uint32_t isOpen_ = 0;
@@ -73,6 +92,7 @@ private:
     CMp4MetaData* metaData_ = nullptr;
     CMp4HintTrackContext* hintTrackContext_ = nullptr;
     std::string readPathUtf8_;
+    std::unique_ptr<CSampleReader> sampleReader_;  // made on the first sample read
 };
 
 }  // namespace quil

@@ -7,6 +7,7 @@ namespace {
 // stopping at the first error (the partial value is kept).
 template <class T>
 MP4Err readWide(CStorage* storage, T* value, int width) {
+    if (value == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *value = 0;
     for (int i = 0; i < width; ++i) {
         uint8_t byte = 0;
@@ -76,6 +77,7 @@ MP4Err CBaseStorage::writeBlock(const void* buffer, int32_t count) {
 
 MP4Err CBaseStorage::writeBytes(const void* buffer, int32_t count) {
     if (count < 1) return MP4_OK;
+    if (buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     const int8_t* bytes = static_cast<const int8_t*>(buffer);
     for (int32_t i = 0; i < count; ++i) {
         MP4Err err = writeInt8(bytes[i]);
@@ -85,6 +87,7 @@ MP4Err CBaseStorage::writeBytes(const void* buffer, int32_t count) {
 }
 
 MP4Err CBaseStorage::writeString(const char* text) {
+    if (text == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     for (const char* p = text; *p != '\0'; ++p) {
         MP4Err err = writeInt8(static_cast<int8_t>(*p));
         if (err != MP4_OK) return err;

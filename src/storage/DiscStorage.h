@@ -12,7 +12,7 @@ namespace quil {
 
 class CDiscStorage : public CBaseStorage {
 public:
-    CDiscStorage() = default;
+    CDiscStorage();
     ~CDiscStorage() override;
 
     MP4Err open(uint32_t mode) override;

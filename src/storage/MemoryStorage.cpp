@@ -6,9 +6,11 @@ namespace quil {
 namespace {
 
 // Bounds are tested in 32 bits before any byte moves, so a failing access
-// leaves buffer and position untouched.
+// leaves buffer and position untouched. A sum that wraps would pass the
+// size test while pointing past the buffer: it is out of range as well.
 bool fits(uint32_t position, uint32_t count, uint32_t size) {
-    return static_cast<uint32_t>(position + count) <= size;
+    const uint32_t end = position + count;
+    return end >= position && end <= size;
 }
 
 }  // namespace
@@ -52,6 +54,7 @@ MP4Err CMemoryStorage::seek(uint64_t position) {
 }
 
 MP4Err CMemoryStorage::isEof(uint32_t* eof) {
+    if (eof == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *eof = position_ >= size_ ? 1 : 0;
     return MP4_OK;
 }
@@ -59,11 +62,13 @@ MP4Err CMemoryStorage::isEof(uint32_t* eof) {
 MP4Err CMemoryStorage::flush() { return MP4_ERR_NOT_AVAILABLE; }
 
 MP4Err CMemoryStorage::getLength(uint64_t* length) {
+    if (length == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *length = size_;
     return MP4_OK;
 }
 
 MP4Err CMemoryStorage::getPosition(uint64_t* position) {
+    if (position == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *position = position_;
     return MP4_OK;
 }
@@ -73,6 +78,7 @@ namespace {
 template <class T>
 MP4Err readBigEndian(const uint8_t* buffer, uint32_t* position, uint32_t size, int width,
                      T* value) {
+    if (value == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *value = 0;
     if (!fits(*position, static_cast<uint32_t>(width), size)) return MP4_ERR_OUT_OF_RANGE;
     uint64_t v = 0;
@@ -111,9 +117,8 @@ MP4Err CMemoryStorage::readBytes(uint8_t* buffer, uint64_t count) {
 }
 
 MP4Err CMemoryStorage::readBlock(void* buffer, uint32_t count) {
-    if (position_ + count < position_ || !fits(position_, count, size_)) {
-        return MP4_ERR_OUT_OF_RANGE;
-    }
+    if (!fits(position_, count, size_)) return MP4_ERR_OUT_OF_RANGE;
+    if (count > 0 && buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     if (count > 0) std::memcpy(buffer, buffer_ + position_, count);
     position_ += count;
     return MP4_OK;
@@ -148,7 +153,8 @@ MP4Err CMemoryStorage::writeBytes(const void* buffer, int32_t count) {
     // buffer: both are out of range.
     if (count < 0) return MP4_ERR_OUT_OF_RANGE;
     uint32_t n = static_cast<uint32_t>(count);
-    if (position_ + n < position_ || !fits(position_, n, size_)) return MP4_ERR_OUT_OF_RANGE;
+    if (!fits(position_, n, size_)) return MP4_ERR_OUT_OF_RANGE;
+    if (n > 0 && buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     if (n > 0) std::memcpy(buffer_ + position_, buffer, n);
     position_ += n;
     return MP4_OK;

@@ -1,62 +1,570 @@
-// Placeholder bodies until track reading lands: every operation answers
-// MP4_ERR_UNSUPPORTED.
+// Binding a track to its boxes, its sample time table, and sample access:
+// sizes, offsets, bytes, times and the searches by time.
 #include "TrackImpl.h"
 
+#include <new>
+
+#include "boxes/MovieBoxes.h"
+#include "boxes/SampleEntries.h"
+#include "file/Mp4FileImpl.h"
+
 namespace quil {
+namespace {
+
+// The child of that type, as its class: 3 when absent, 5 when the box of
+// that type is not of the expected class.
+template <class T>
+MP4Err findTyped(CBox* parent, uint32_t type, T** out, uint32_t instance = 1) {
+    *out = nullptr;
+    CBox* box = nullptr;
+    MP4Err err = parent->findChild(type, &box, instance);
+    if (err != MP4_OK) return err;
+    *out = dynamic_cast<T*>(box);
+    return *out ? MP4_OK : MP4_ERR_INVALID_DATA;
+}
+
+// As findTyped, for optional boxes: absence is not an error.
+template <class T>
+MP4Err findOptional(CBox* parent, uint32_t type, T** out) {
+    MP4Err err = findTyped(parent, type, out);
+    return err == MP4_ERR_NOT_AVAILABLE ? MP4_OK : err;
+}
+
+bool hasChild(CBox* parent, uint32_t type) {
+    CBox* box = nullptr;
+    return parent->findChild(type, &box) == MP4_OK;
+}
+
+}  // namespace
 
 CTrackImpl::CTrackImpl(CMp4FileImpl* file, uint32_t mode) : file_(file), mode_(mode) {}
+
 CTrackImpl::~CTrackImpl() = default;
-MP4Err CTrackImpl::bind(uint32_t) { return MP4_ERR_UNSUPPORTED; }
-double CTrackImpl::getRotateAngle() { return 0.0; }
-MP4Err CTrackImpl::getSampleCount(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getTrackType(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleEntryType(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getCodecType(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getTrackId(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getDuration(uint64_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getTimeScale(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getMediaDuration(uint64_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getWidth(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getHeight(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getChannelCount(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleRate(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleBits(uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getDecoderSpecificInfo(uint8_t*, uint32_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getLanguage(uint8_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getVolume(int16_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::isSyncSample(uint32_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getCprtNotice(uint8_t*, uint64_t, uint32_t*, uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setCprtNotice(const uint8_t*, uint64_t, int32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getMetaData(CMp4MetaData**) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getCreationTime(uint32_t*, uint32_t*, uint32_t*, uint32_t*, uint32_t*, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setCreationTime(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setLanguage(const uint8_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setTimeScale(uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getObjectTypeIndication(uint8_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getBitrates(uint32_t*, uint32_t*, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getCodecConfiguration(uint8_t*, uint32_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getPixelAspectRatio(uint32_t*, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::readSample(uint32_t, uint32_t, uint32_t*, uint8_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleOffset(uint32_t, uint64_t*, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleSize(uint32_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleDecodeTime(uint32_t, uint64_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleCompositionTime(uint32_t, uint64_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getTimecode(uint64_t, uint8_t*, uint8_t*, uint8_t*, uint8_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getTimecodeFlag(uint32_t, uint8_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::findSampleByCompositionTime(uint64_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::findSyncSampleBefore(uint64_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::findSampleByDecodeTime(uint64_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
+
+// ---- binding --------------------------------------------------------------
+
+MP4Err CTrackImpl::bind(uint32_t trackIndex) {
+    if (!file_) return MP4_ERR_INVALID_DATA;
+    open_ = 0;
+    trackIndex_ = trackIndex;
+    MP4Err err = findBoxes(trackIndex);
+    if (err != MP4_OK) return err;
+    trackId_ = tkhd_->trackId;
+    if (trackId_ == 0) return MP4_ERR_UNSUPPORTED;
+    err = findMediaType();
+    if (err != MP4_OK) return err;
+    err = findSampleTables();
+    if (err != MP4_OK) return err;
+    err = computeInitialDelay();
+    if (err != MP4_OK) return err;
+    chooseChunkAsSampleMode();
+    err = buildSampleTimeTable();
+    if (err != MP4_OK) return err;
+    offsetCursor_ = OffsetCursor();
+    syncCursor_ = 1;
+    open_ = 1;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::findBoxes(uint32_t trackIndex) {
+    CBox* moov = nullptr;
+    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    err = findTyped(moov, fourcc("trak"), &trak_, trackIndex);
+    if (err != MP4_OK) return err;
+    err = findTyped(trak_, fourcc("tkhd"), &tkhd_);
+    if (err != MP4_OK) return err;
+    err = findTyped(trak_, fourcc("mdia"), &mdia_);
+    if (err != MP4_OK) return err;
+    err = findTyped(mdia_, fourcc("minf"), &minf_);
+    if (err != MP4_OK) return err;
+    return findTyped(mdia_, fourcc("mdhd"), &mdhd_);
+}
+
+MP4Err CTrackImpl::findMediaType() {
+    if (hasChild(minf_, fourcc("vmhd"))) {
+        mediaType_ = MP4_TRACK_VIDEO;
+    } else if (hasChild(minf_, fourcc("smhd"))) {
+        mediaType_ = MP4_TRACK_AUDIO;
+    } else if (hasChild(minf_, fourcc("hmhd"))) {
+        mediaType_ = MP4_TRACK_HINT;
+    } else {
+        CHandlerReferenceBox* hdlr = nullptr;
+        MP4Err err = findTyped(mdia_, fourcc("hdlr"), &hdlr);
+        if (err == MP4_OK) {
+            switch (hdlr->handlerType) {
+                // A handler without type cannot be bound.
+                case 0: return MP4_ERR_NOT_AVAILABLE;
+                case fourcc("hint"): mediaType_ = MP4_TRACK_HINT; break;
+                case fourcc("odsm"): mediaType_ = MP4_TRACK_OBJECT_DESCRIPTOR; break;
+                case fourcc("sdsm"): mediaType_ = MP4_TRACK_SCENE_DESCRIPTION; break;
+                case fourcc("tmcd"): mediaType_ = MP4_TRACK_TIMECODE; break;
+                default: mediaType_ = MP4_TRACK_OTHER; break;
+            }
+        } else if (err == MP4_ERR_NOT_AVAILABLE) {
+            mediaType_ = hasChild(minf_, fourcc("tcmi")) ? MP4_TRACK_TIMECODE : MP4_TRACK_OTHER;
+        } else {
+            return err;
+        }
+    }
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::findSampleTables() {
+    CSampleTableBox* stbl = nullptr;
+    MP4Err err = findTyped(minf_, fourcc("stbl"), &stbl);
+    if (err != MP4_OK) return err;
+    if ((err = findTyped(stbl, fourcc("stts"), &stts_)) != MP4_OK) return err;
+    if ((err = findOptional(stbl, fourcc("ctts"), &ctts_)) != MP4_OK) return err;
+    if ((err = findTyped(stbl, fourcc("stsz"), &stsz_)) != MP4_OK) return err;
+    if ((err = findTyped(stbl, fourcc("stsc"), &stsc_)) != MP4_OK) return err;
+    if ((err = findOptional(stbl, fourcc("stco"), &stco_)) != MP4_OK) return err;
+    if (!stco_) {
+        if ((err = findTyped(stbl, fourcc("co64"), &co64_)) != MP4_OK) return err;
+    }
+    if ((err = findOptional(stbl, fourcc("stss"), &stss_)) != MP4_OK) return err;
+    return findTyped(stbl, fourcc("stsd"), &stsd_);
+}
+
+MP4Err CTrackImpl::computeInitialDelay() {
+    initialDelay_ = 0;
+    CEditBox* edts = nullptr;
+    MP4Err err = findOptional(trak_, fourcc("edts"), &edts);
+    if (err != MP4_OK || !edts) return err;
+    uint64_t movieDelay = 0;
+    err = edts->getInitialDelay(&movieDelay);
+    if (err != MP4_OK || movieDelay == 0) return err;
+    CBox* moov = nullptr;
+    CMovieHeaderBox* mvhd = nullptr;
+    if ((err = file_->findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
+    if ((err = findTyped(moov, fourcc("mvhd"), &mvhd)) != MP4_OK) return err;
+    if (mvhd->timeScale == 0) return MP4_ERR_INVALID_DATA;
+    initialDelay_ = static_cast<uint64_t>(mdhd_->timeScale) * movieDelay / mvhd->timeScale;
+    return MP4_OK;
+}
+
+void CTrackImpl::chooseChunkAsSampleMode() {
+    chunkAsSample_ = 0;
+    if (mediaType_ != MP4_TRACK_AUDIO || stts_->entryCount != 1) return;
+    CTimeToSampleTableEntry* only = nullptr;
+    if (stts_->getEntry(1, &only) != MP4_OK || only->sampleDelta != 1) return;
+    // Uncompressed audio stores one time unit per audio sample: each chunk
+    // is presented as one sample instead.
+    CBox* entry = nullptr;
+    stsd_->getEntry(1, &entry);
+    auto* sound = dynamic_cast<CSoundSampleEntry*>(entry);
+    bool mode1 = !sound || sound->sampleRateInteger < 65535 || sound->type == fourcc("sowt") ||
+                 sound->type == fourcc("twos");
+    chunkAsSample_ = mode1 ? 1 : 2;
+}
+
+// The most samples the tables can describe: "stsz" in sample mode, the
+// chunk offsets in chunk mode. A damaged "stts" claiming more samples than
+// that cannot make the time table grow beyond what the file holds.
+uint32_t CTrackImpl::sampleTimeLimit() const {
+    if (chunkAsSample_ != 0) return stco_ ? stco_->entryCount : co64_->entryCount;
+    return stsz_->sampleCount;
+}
+
+MP4Err CTrackImpl::buildSampleTimeTable() {
+    std::unique_ptr<CSampleTimeTable> table(new (std::nothrow) CSampleTimeTable());
+    if (!table) return MP4_ERR_OUT_OF_MEMORY;
+    table->timeOffset = initialDelay_;
+    uint32_t limit = sampleTimeLimit();
+    uint64_t previousComposition = 0;
+    for (uint32_t n = 1; n <= limit; ++n) {
+        uint32_t sample = n;
+        if (chunkAsSample_ != 0) {
+            MP4Err err = stsc_->getFirstSampleOfChunk(n, &sample);
+            if (err == MP4_ERR_NOT_AVAILABLE) break;
+            if (err != MP4_OK) return err;
+        }
+        uint64_t decode = 0;
+        MP4Err err = stts_->getSampleTime(sample, &decode);
+        if (err == MP4_ERR_NOT_AVAILABLE) break;
+        if (err != MP4_OK) return err;
+        decode += initialDelay_;
+
+        uint64_t composition = decode;
+        uint32_t offset = 0;
+        if (ctts_ && ctts_->getCompositionOffset(sample, &offset) == MP4_OK) {
+            if (offset < 0x80000000u) {
+                composition = decode + offset;
+            } else {
+                // A negative offset never takes a time below zero: the
+                // previous sample's composition time is kept instead.
+                uint64_t magnitude = 0x100000000ull - offset;
+                composition = magnitude <= decode ? decode - magnitude
+                                                  : (n == 1 ? decode : previousComposition);
+            }
+        }
+        previousComposition = composition;
+        err = table->entries.append(CSampleTimeTableEntry{decode, composition});
+        if (err != MP4_OK) return err;
+        ++table->sampleCount;
+        if (n == UINT32_MAX) break;
+    }
+    timeTable_ = std::move(table);
+    return MP4_OK;
+}
+
+// ---- sample sizes and offsets ---------------------------------------------
+
+MP4Err CTrackImpl::sizeOfStszSample(uint32_t sample, uint32_t* size) {
+    if (sample > stsz_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
+    if (stsz_->sampleSize != 0) {
+        *size = stsz_->sampleSize;
+        return MP4_OK;
+    }
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    CSampleSizeTableEntry* entry = nullptr;
+    MP4Err err = stsz_->getEntry(sample, &entry);
+    if (err != MP4_OK) return err;
+    *size = entry->entrySize;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::chunkAsSampleSize(uint32_t chunk, uint32_t* size) {
+    uint32_t perChunk = 0, descriptionIndex = 0;
+    MP4Err err = stsc_->getSamplesPerChunk(chunk, &perChunk);
+    if (err != MP4_OK) return err;
+    err = stsc_->getSampleDescriptionIndex(chunk, &descriptionIndex);
+    if (err != MP4_OK) return err;
+    CBox* entry = nullptr;
+    err = stsd_->getEntry(descriptionIndex, &entry);
+    if (err != MP4_OK) return err;
+
+    uint32_t bytes = 1;  // a format the sound descriptions do not know
+    if (auto* sound = dynamic_cast<CSoundSampleEntry*>(entry)) {
+        uint32_t format = sound->type;
+        uint32_t field = sound->perSampleByteCount();
+        if (format == 0x6D730011 || format == 0x6D730002) {
+            *size = sound->perChunkByteCount();
+            return MP4_OK;
+        }
+        // These two counts already cover the whole chunk.
+        if (format == fourcc("lpcm")) {
+            *size = (field ? field : 1) * perChunk;
+            return MP4_OK;
+        }
+        if (format == fourcc("in24")) {
+            // A 24-bit sample is 3 bytes whatever a smaller field says
+            // (some writers store 2 there).
+            *size = (field > 3 ? field : 3) * sound->channelCount * perChunk;
+            return MP4_OK;
+        }
+        if (format == fourcc("fl32")) {
+            bytes = sound->channelCount * 4u;
+        } else {
+            bool pcm16 = format == fourcc("twos") || format == fourcc("sowt");
+            bytes = (field ? field : (pcm16 ? 2u : 1u)) * sound->channelCount;
+        }
+    }
+    *size = chunkAsSample_ == 1 ? (bytes & 0xFFFF) * perChunk : bytes;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::getSampleSize(uint32_t sample, uint32_t* size) {
+    if (!size) return MP4_ERR_INVALID_ARGUMENT;
+    *size = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (chunkAsSample_ != 0) return chunkAsSampleSize(sample, size);
+    return sizeOfStszSample(sample, size);
+}
+
+MP4Err CTrackImpl::chunkOffset(uint32_t chunk, uint64_t* offset) {
+    if (chunk == 0) return MP4_ERR_BAD_INDEX;
+    if (stco_) {
+        CChunkOffsetTableEntry* entry = nullptr;
+        MP4Err err = stco_->getEntry(chunk, &entry);
+        if (err != MP4_OK) return err;
+        *offset = entry->chunkOffset;
+        return MP4_OK;
+    }
+    if (co64_) {
+        CChunkLargeOffsetTableEntry* entry = nullptr;
+        MP4Err err = co64_->getEntry(chunk, &entry);
+        if (err != MP4_OK) return err;
+        *offset = entry->chunkOffset;
+        return MP4_OK;
+    }
+    return MP4_ERR_INVALID_DATA;
+}
+
+// Sum of the sizes of the chunk's samples before this one. Resumes from the
+// last query when it was for an earlier sample of the same chunk.
+MP4Err CTrackImpl::offsetInChunk(uint32_t sample, uint32_t chunk, uint64_t* offset) {
+    uint32_t first = 0;
+    uint64_t sum = 0;
+    if (offsetCursor_.chunk == chunk && offsetCursor_.sample != 0 && offsetCursor_.sample <= sample) {
+        first = offsetCursor_.sample;
+        sum = offsetCursor_.offsetInChunk;
+    } else {
+        MP4Err err = stsc_->getFirstSampleOfChunk(chunk, &first);
+        if (err != MP4_OK) return err;
+    }
+    if (stsz_->sampleSize != 0 && sample <= stsz_->sampleCount) {
+        if (sample > first) sum += static_cast<uint64_t>(sample - first) * stsz_->sampleSize;
+    } else {
+        for (uint32_t s = first; s < sample; ++s) {
+            uint32_t size = 0;
+            MP4Err err = sizeOfStszSample(s, &size);
+            if (err != MP4_OK) return err;
+            sum += size;
+        }
+    }
+    offsetCursor_ = OffsetCursor{chunk, sample, sum};
+    *offset = sum;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* size) {
+    if (offset) *offset = 0;
+    if (!size) return MP4_ERR_INVALID_ARGUMENT;
+    *size = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    MP4Err err = getSampleSize(sample, size);
+    if (err != MP4_OK) return err;
+    uint64_t position = 0;
+    if (chunkAsSample_ != 0) {
+        err = chunkOffset(sample, &position);
+    } else {
+        uint32_t chunk = 0;
+        uint64_t inChunk = 0;
+        err = stsc_->getChunkForSample(sample, &chunk);
+        if (err == MP4_OK) err = offsetInChunk(sample, chunk, &inChunk);
+        if (err == MP4_OK) err = chunkOffset(chunk, &position);
+        position += inChunk;
+    }
+    if (err != MP4_OK) return err;
+    if (offset) *offset = position;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* size,
+                              uint8_t* buffer) {
+    if (!size) return MP4_ERR_INVALID_ARGUMENT;
+    *size = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    uint64_t offset = 0;
+    MP4Err err = getSampleSize(sample, size);
+    if (err != MP4_OK) return err;
+    if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
+    if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
+    uint32_t sameSize = 0;
+    err = getSampleOffset(sample, &offset, &sameSize);
+    if (err != MP4_OK) return err;
+    return file_->readMediaBytes(offset, *size, buffer);
+}
+
+MP4Err CTrackImpl::getSampleDescriptionIndex(uint32_t sample, uint32_t* index) {
+    if (!index) return MP4_ERR_INVALID_ARGUMENT;
+    *index = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    uint32_t chunk = sample;
+    if (chunkAsSample_ == 0) {
+        if (sample > stsz_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
+        MP4Err err = stsc_->getChunkForSample(sample, &chunk);
+        if (err != MP4_OK) return err;
+    }
+    return stsc_->getSampleDescriptionIndex(chunk, index);
+}
+
+MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
+    if (!sync) return MP4_ERR_INVALID_ARGUMENT;
+    *sync = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
+    if (!stss_) {
+        *sync = 1;  // without "stss" every sample is a sync sample
+        return MP4_OK;
+    }
+    // Sync sample numbers ascend: resume from where the last test ended.
+    CSyncSampleTableEntry* entry = nullptr;
+    if (syncCursor_ > stss_->entryCount ||
+        (stss_->getEntry(syncCursor_, &entry) == MP4_OK && entry->sampleNumber > sample)) {
+        syncCursor_ = 1;
+    }
+    for (uint32_t i = syncCursor_; i <= stss_->entryCount; ++i) {
+        MP4Err err = stss_->getEntry(i, &entry);
+        if (err != MP4_OK) return err;
+        if (entry->sampleNumber >= sample) {
+            syncCursor_ = i;
+            *sync = entry->sampleNumber == sample ? 1 : 0;
+            return MP4_OK;
+        }
+    }
+    syncCursor_ = stss_->entryCount + 1;
+    return MP4_OK;
+}
+
+// ---- times and searches ---------------------------------------------------
+
+MP4Err CTrackImpl::readyForTimes() const {
+    if (!open_ || !timeTable_ || timeTable_->writing) return MP4_ERR_INVALID_DATA;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::sampleTimes(uint32_t sample, CSampleTimeTableEntry** entry) {
+    MP4Err err = readyForTimes();
+    if (err != MP4_OK) return err;
+    if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    return timeTable_->entries.getEntry(sample, entry);
+}
+
+MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
+    if (time) *time = 0;
+    CSampleTimeTableEntry* entry = nullptr;
+    MP4Err err = sampleTimes(sample, &entry);
+    if (err == MP4_OK && time) *time = entry->decodeTime;
+    return err;
+}
+
+MP4Err CTrackImpl::getSampleCompositionTime(uint32_t sample, uint64_t* time) {
+    if (time) *time = 0;
+    CSampleTimeTableEntry* entry = nullptr;
+    MP4Err err = sampleTimes(sample, &entry);
+    if (err == MP4_OK && time) *time = entry->compositionTime;
+    return err;
+}
+
+MP4Err CTrackImpl::getSampleCount(uint32_t* count) {
+    if (!count) return MP4_ERR_INVALID_ARGUMENT;
+    *count = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    *count = timeTable_->sampleCount;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::findSampleByDecodeTime(uint64_t time, uint32_t* sample) {
+    if (!sample) return MP4_ERR_INVALID_ARGUMENT;
+    *sample = 0;
+    MP4Err err = readyForTimes();
+    if (err != MP4_OK) return err;
+    CSampleTimeTable& table = *timeTable_;
+    if (table.cursorIndex == 0) return MP4_ERR_BAD_INDEX;
+    if (table.cursorIndex > table.sampleCount) return MP4_ERR_NOT_AVAILABLE;
+    CSampleTimeTableEntry* entry = nullptr;
+    if ((err = table.entries.getEntry(table.cursorIndex, &entry)) != MP4_OK) return err;
+    uint32_t index = entry->decodeTime > time ? 1 : table.cursorIndex;
+    for (;; ++index) {
+        if (index > table.sampleCount) return MP4_ERR_NOT_AVAILABLE;
+        if ((err = table.entries.getEntry(index, &entry)) != MP4_OK) return err;
+        if (entry->decodeTime >= time) break;
+    }
+    uint32_t answer = (index == 1 || entry->decodeTime == time) ? index : index - 1;
+    table.cursorIndex = answer;
+    *sample = answer;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::findSampleByCompositionTime(uint64_t time, uint32_t* sample) {
+    if (!sample) return MP4_ERR_INVALID_ARGUMENT;
+    *sample = 0;
+    MP4Err err = readyForTimes();
+    if (err != MP4_OK) return err;
+    CSampleTimeTable& table = *timeTable_;
+    if (table.sampleCount == 0) return MP4_ERR_NOT_AVAILABLE;
+    CSampleTimeTableEntry* entry = nullptr;
+    if ((err = table.entries.getEntry(1, &entry)) != MP4_OK) return err;
+    uint32_t best = 1;
+    uint64_t bestTime = entry->compositionTime;
+    // One sample out of order (a B-frame after its reference) is stepped
+    // over; the second one ends the walk.
+    bool skipped = false;
+    for (uint32_t index = 1; index <= table.sampleCount; ++index) {
+        if ((err = table.entries.getEntry(index, &entry)) != MP4_OK) return err;
+        if (entry->compositionTime > time) {
+            if (skipped) break;
+            skipped = true;
+            continue;
+        }
+        if (entry->compositionTime > bestTime) {
+            best = index;
+            bestTime = entry->compositionTime;
+        }
+    }
+    table.cursorIndex = best;
+    *sample = best;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
+    if (!sample) return MP4_ERR_INVALID_ARGUMENT;
+    *sample = 0;
+    uint32_t found = 0;
+    MP4Err err = findSampleByCompositionTime(time, &found);
+    if (err != MP4_OK) return err;
+    if (!stss_) {
+        *sample = found;
+        return MP4_OK;
+    }
+    // Deliberately starts one past the sample found.
+    uint32_t candidate = found + 1;
+    for (;;) {
+        uint32_t sync = 0;
+        if ((err = stss_->getPreviousSyncSample(candidate, &sync)) != MP4_OK) return err;
+        uint64_t composition = 0;
+        if ((err = getSampleCompositionTime(sync, &composition)) != MP4_OK) return err;
+        if (composition <= time) {
+            *sample = sync;
+            return MP4_OK;
+        }
+        if (sync <= 1) return MP4_ERR_NOT_AVAILABLE;
+        candidate = sync - 1;
+    }
+}
+
+MP4Err CTrackImpl::getInitialDelay(uint64_t* delay) {
+    if (!delay) return MP4_ERR_INVALID_ARGUMENT;
+    *delay = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    *delay = initialDelay_;
+    return MP4_OK;
+}
+
+double CTrackImpl::getRotateAngle() { return tkhd_ ? tkhd_->getRotationAngle() : 0.0; }
+
+// ---- chunk offsets --------------------------------------------------------
+
+MP4Err CTrackImpl::shiftChunkOffsets(int32_t delta) {
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    offsetCursor_ = OffsetCursor();
+    if (stco_) return stco_->shiftOffsets(delta);
+    if (co64_) return co64_->shiftOffsets(delta);
+    return MP4_ERR_WRONG_LAYOUT;
+}
+
+// ---- writing (tracks of files opened for writing) -------------------------
+
+MP4Err CTrackImpl::setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) {
+    chunkDurationLimit_ = durationLimit;
+    chunkByteLimit_ = byteLimit;
+    return MP4_OK;
+}
+
+// A track of a file opened for reading takes no samples.
+MP4Err CTrackImpl::addSample(const uint8_t*, uint32_t, uint64_t, uint64_t, bool) {
+    return open_ ? MP4_ERR_NOT_AVAILABLE : MP4_ERR_INVALID_DATA;
+}
+
+// Writing tracks arrive with file writing; until then these are refused.
 MP4Err CTrackImpl::setTrackType(uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::addVisualSampleEntry(uint32_t, uint16_t, uint16_t, const uint8_t*, uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setChunkLimits(uint64_t, uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::addSoundSampleEntry(uint32_t, uint32_t, uint16_t, uint16_t, const uint8_t*, uint32_t) { return MP4_ERR_UNSUPPORTED; }
+MP4Err CTrackImpl::addVisualSampleEntry(uint32_t, uint16_t, uint16_t, const uint8_t*, uint32_t) {
+    return MP4_ERR_UNSUPPORTED;
+}
+MP4Err CTrackImpl::addSoundSampleEntry(uint32_t, uint32_t, uint16_t, uint16_t, const uint8_t*,
+                                       uint32_t) {
+    return MP4_ERR_UNSUPPORTED;
+}
 MP4Err CTrackImpl::setDimensions(uint32_t, uint32_t) { return MP4_ERR_UNSUPPORTED; }
 MP4Err CTrackImpl::setVolume(int16_t) { return MP4_ERR_UNSUPPORTED; }
 MP4Err CTrackImpl::setHandlerName(const char*) { return MP4_ERR_UNSUPPORTED; }
 MP4Err CTrackImpl::setAudioSampleFactor(uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::addSample(const uint8_t*, uint32_t, uint64_t, uint64_t, bool) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::shiftChunkOffsets(int32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getSampleDescriptionIndex(uint32_t, uint32_t*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::getInitialDelay(uint64_t*) { return MP4_ERR_UNSUPPORTED; }
 
 }  // namespace quil

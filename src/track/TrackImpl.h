@@ -5,12 +5,34 @@
 #define QUIL_TRACK_TRACKIMPL_H
 
 #include <cstdint>
+#include <memory>
 
 #include "quil/Mp4Track.h"
+#include "track/DataList.h"
+#include "track/SampleTables.h"
 
 namespace quil {
 
 class CMp4FileImpl;
+class CTrackBox;
+class CTrackHeaderBox;
+class CMediaBox;
+class CMediaInformationBox;
+class CMediaHeaderBox;
+class CSampleDescriptionBox;
+class CSampleEntry;
+class CESDBox;
+
+// Decode and composition time of every sample, built once when a track is
+// bound so that time queries are list lookups.
+class CSampleTimeTable {
+public:
+    uint32_t sampleCount = 0;
+    CDataList<CSampleTimeTableEntry> entries;
+    uint32_t cursorIndex = 1;  // last sample found by a decode-time search
+    uint32_t writing = 0;      // 0 for a track that reads
+    uint64_t timeOffset = 0;   // reading: the initial delay added to decode times
+};
 
 class CTrackImpl : public CMp4Track {
 public:
@@ -75,8 +97,69 @@ public:
     double getRotateAngle() override;
 
 private:
+    // Binding steps.
+    MP4Err findBoxes(uint32_t trackIndex);
+    MP4Err findMediaType();
+    MP4Err findSampleTables();
+    MP4Err computeInitialDelay();
+    void chooseChunkAsSampleMode();
+    MP4Err buildSampleTimeTable();
+    uint32_t sampleTimeLimit() const;
+
+    // Sample access helpers.
+    MP4Err readyForTimes() const;
+    MP4Err sampleTimes(uint32_t sample, CSampleTimeTableEntry** entry);
+    MP4Err chunkOffset(uint32_t chunk, uint64_t* offset);
+    MP4Err sizeOfStszSample(uint32_t sample, uint32_t* size);
+    MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
+    MP4Err offsetInChunk(uint32_t sample, uint32_t chunk, uint64_t* offset);
+
+    // Sample-entry helpers.
+    MP4Err firstEntry(CSampleEntry** entry);
+    template <class T>
+    MP4Err firstEntryOf(T** entry);
+    MP4Err esdsOfFirstEntry(CESDBox** esds);
+    MP4Err codecOfFormat(uint32_t format, uint32_t* codec);
+
     CMp4FileImpl* file_;
+    uint32_t trackIndex_ = 0;
+    uint32_t trackId_ = 0;
+    uint32_t open_ = 0;
     uint32_t mode_;
+    uint32_t mediaType_ = 0;
+
+    // Boxes of the file's tree (not owned).
+    CTrackBox* trak_ = nullptr;
+    CTrackHeaderBox* tkhd_ = nullptr;
+    CMediaBox* mdia_ = nullptr;
+    CMediaInformationBox* minf_ = nullptr;
+    CMediaHeaderBox* mdhd_ = nullptr;
+    CTimeToSampleBox* stts_ = nullptr;
+    CCompositionOffsetBox* ctts_ = nullptr;
+    CSampleSizeBox* stsz_ = nullptr;
+    CSampleToChunkBox* stsc_ = nullptr;
+    CChunkOffsetBox* stco_ = nullptr;
+    CChunkLargeOffsetBox* co64_ = nullptr;
+    CSyncSampleBox* stss_ = nullptr;
+    CSampleDescriptionBox* stsd_ = nullptr;
+
+    std::unique_ptr<CSampleTimeTable> timeTable_;
+    uint64_t initialDelay_ = 0;    // media time scale
+    uint32_t chunkAsSample_ = 0;   // 0, or 1/2: each chunk of raw audio is one sample
+
+    // Where the last offset query ended, so that asking for the samples of
+    // a chunk in order does not sum their sizes again each time.
+    struct OffsetCursor {
+        uint32_t chunk = 0;
+        uint32_t sample = 0;
+        uint64_t offsetInChunk = 0;
+    } offsetCursor_;
+    // Position in "stss" of the last sync test, for tests in sample order.
+    uint32_t syncCursor_ = 1;
+
+    // Writing limits (kept for when the track writes).
+    uint64_t chunkDurationLimit_ = 0;
+    uint32_t chunkByteLimit_ = 1000000;
 };
 
 }  // namespace quil

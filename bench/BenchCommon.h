@@ -1,0 +1,99 @@
+// Shared pieces of the two benchmark programs: timing, peak memory, the
+// checksums and the one result line both print, so that their outputs can
+// be compared field by field.
+#ifndef QUIL_BENCH_COMMON_H
+#define QUIL_BENCH_COMMON_H
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+namespace bench {
+
+// 64-bit finaliser of splitmix64: spreads every input bit over the result,
+// so a sum of mixed values changes whenever any single field changes.
+inline uint64_t mix(uint64_t x) {
+    x += 0x9E3779B97F4A7C15ull;
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+    return x ^ (x >> 31);
+}
+
+// Sums are order-independent: the peer hands samples out in its own order,
+// yet the same set of samples must give the same value in both programs.
+struct Checksums {
+    uint64_t samples = 0;
+    uint64_t checksum = 0;  // everything the workload looked at
+    uint64_t layout = 0;    // offset, size and sync flag only (index workload)
+
+    void addIndexEntry(uint32_t track, uint64_t offset, uint32_t size, int64_t decodeTime,
+                       int64_t compositionTime, bool sync) {
+        uint64_t place = mix(offset) ^ mix(size + (static_cast<uint64_t>(sync) << 32));
+        layout += mix(place);
+        checksum += mix(place ^ mix(track) ^ mix(static_cast<uint64_t>(decodeTime)) ^
+                        (mix(static_cast<uint64_t>(compositionTime)) >> 1));
+        ++samples;
+    }
+
+    // Looks at the size and the first and last eight bytes: enough to prove
+    // the bytes arrived without adding a per-byte cost to the measurement.
+    void addSampleBytes(const uint8_t* data, uint32_t size) {
+        uint64_t head = 0, tail = 0;
+        uint32_t n = size < 8 ? size : 8;
+        if (n != 0) {
+            std::memcpy(&head, data, n);
+            std::memcpy(&tail, data + size - n, n);
+        }
+        checksum += mix(mix(size) ^ mix(head) ^ (mix(tail) >> 1));
+        ++samples;
+    }
+};
+
+class Stopwatch {
+public:
+    Stopwatch() : start_(std::chrono::steady_clock::now()) {}
+    double seconds() const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    }
+
+private:
+    std::chrono::steady_clock::time_point start_;
+};
+
+// Peak resident set size of this process in KiB (Linux reports ru_maxrss
+// in kilobytes).
+inline long peakRssKb() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// The one machine-readable result line; the file name comes last because
+// it may contain spaces.
+inline void printResult(const char* impl, const char* workload, const Checksums& sums,
+                        unsigned tracks, double seconds, const char* path) {
+    std::printf("impl=%s workload=%s tracks=%u samples=%" PRIu64 " checksum=%016" PRIx64
+                " layout=%016" PRIx64 " seconds=%.6f maxrss_kb=%ld file=%s\n",
+                impl, workload, tracks, sums.samples, sums.checksum, sums.layout, seconds,
+                peakRssKb(), path);
+}
+
+inline int usage(const char* program) {
+    std::fprintf(stderr,
+                 "usage: %s index|read FILE\n"
+                 "  index  offset, size, decode time, composition time and sync flag of\n"
+                 "         every sample of every track\n"
+                 "  read   the bytes of every sample\n"
+                 "prints: impl= workload= tracks= samples= checksum= layout= seconds=\n"
+                 "        maxrss_kb= file=\n",
+                 program);
+    return 2;
+}
+
+}  // namespace bench
+
+#endif

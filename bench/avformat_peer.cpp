@@ -1,0 +1,83 @@
+// avformat_peer index|read FILE
+//
+// The same two workloads as quil_bench, done by libavformat (called as a
+// library, through its public C interface only), with the same result line:
+//   index  avformat_open_input (which builds the demuxer's sample index),
+//          then pos, size, timestamp and flags of every index entry of every
+//          stream; no avformat_find_stream_info, which would decode frames;
+//   read   avformat_open_input, then av_read_frame until the end of the file.
+// The clock runs from avformat_open_input to avformat_close_input.
+#include <cstdio>
+#include <string>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/error.h>
+#include <libavutil/log.h>
+}
+
+#include "BenchCommon.h"
+
+namespace {
+
+const char* gProgram = "avformat_peer";
+
+bool failed(int err, const char* what) {
+    if (err >= 0) return false;
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(err, text, sizeof text);
+    std::fprintf(stderr, "%s: %s failed: %s\n", gProgram, what, text);
+    return true;
+}
+
+void runIndex(AVFormatContext* context, bench::Checksums* sums) {
+    for (unsigned i = 0; i < context->nb_streams; ++i) {
+        AVStream* stream = context->streams[i];
+        int count = avformat_index_get_entries_count(stream);
+        for (int n = 0; n < count; ++n) {
+            const AVIndexEntry* entry = avformat_index_get_entry(stream, n);
+            // The index keeps one timestamp: it stands for both times here.
+            sums->addIndexEntry(i + 1, static_cast<uint64_t>(entry->pos),
+                                static_cast<uint32_t>(entry->size), entry->timestamp,
+                                entry->timestamp, (entry->flags & AVINDEX_KEYFRAME) != 0);
+        }
+    }
+}
+
+bool runRead(AVFormatContext* context, bench::Checksums* sums) {
+    AVPacket* packet = av_packet_alloc();
+    if (packet == nullptr) return !failed(AVERROR(ENOMEM), "av_packet_alloc");
+    int err = 0;
+    while ((err = av_read_frame(context, packet)) >= 0) {
+        sums->addSampleBytes(packet->data, static_cast<uint32_t>(packet->size));
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    return err == AVERROR_EOF || !failed(err, "av_read_frame");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) return bench::usage(gProgram);
+    const std::string workload = argv[1];
+    if (workload != "index" && workload != "read") return bench::usage(gProgram);
+    av_log_set_level(AV_LOG_ERROR);
+
+    bench::Checksums sums;
+    bench::Stopwatch clock;
+    AVFormatContext* context = nullptr;
+    if (failed(avformat_open_input(&context, argv[2], nullptr, nullptr), "avformat_open_input"))
+        return 1;
+    unsigned streams = context->nb_streams;
+    bool ok = true;
+    if (workload == "index")
+        runIndex(context, &sums);
+    else
+        ok = runRead(context, &sums);
+    avformat_close_input(&context);
+    double seconds = clock.seconds();
+    if (!ok) return 1;
+    bench::printResult("peer", workload.c_str(), sums, streams, seconds, argv[2]);
+    return 0;
+}

@@ -1,0 +1,207 @@
+// quil_bench index|read FILE
+//
+// Times quil over every sample of every track of FILE through the public
+// interface only, and prints one result line (see BenchCommon.h):
+//   index  open, bind each track, then offset, size, decode time,
+//          composition time and sync flag of each sample;
+//   read   open, bind each track, then the bytes of each sample in file
+//          order, into one reused buffer.
+// The clock runs from open to the release of the file object, so binding
+// (where the sample tables are built) is part of the measured work.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quil/quil.h>
+
+#include "BenchCommon.h"
+
+namespace {
+
+using quil::CMp4File;
+using quil::CMp4Track;
+using quil::MP4Err;
+
+const char* gProgram = "quil_bench";
+
+// Reports a failed call and turns it into the program's failure.
+bool failed(MP4Err err, const char* what, uint32_t track = 0, uint32_t sample = 0) {
+    if (err == quil::MP4_OK) return false;
+    std::fprintf(stderr, "%s: %s", gProgram, what);
+    if (track != 0) std::fprintf(stderr, " (track %u", track);
+    if (sample != 0) std::fprintf(stderr, ", sample %u", sample);
+    if (track != 0) std::fprintf(stderr, ")");
+    std::fprintf(stderr, " failed: %s\n", quil::toString(err));
+    return true;
+}
+
+// Decodes a UTF-8 command-line path into the wide path the library takes.
+bool widenPath(const char* utf8, std::wstring* wide) {
+    const auto* p = reinterpret_cast<const unsigned char*>(utf8);
+    while (*p != 0) {
+        uint32_t c = *p++;
+        int extra = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : -1;
+        if (extra < 0) return false;
+        if (extra > 0) c &= 0x3Fu >> extra;
+        for (int i = 0; i < extra; ++i, ++p) {
+            if ((*p & 0xC0) != 0x80) return false;
+            c = (c << 6) | (*p & 0x3F);
+        }
+        static const uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
+        if (c < kSmallest[extra] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return false;
+        wide->push_back(static_cast<wchar_t>(c));
+    }
+    return true;
+}
+
+// An open file with its bound tracks; everything is handed back to the
+// library on destruction, on failure paths too.
+class OpenFile {
+public:
+    // Clean-up after a failure already reported: further errors add nothing.
+    ~OpenFile() {
+        for (CMp4Track* track : tracks_) (void)file_->releaseTrack(track);
+        if (file_ != nullptr) {
+            uint32_t open = 0;
+            if (file_->isOpen(&open) == quil::MP4_OK && open != 0) (void)file_->close();
+            (void)CMp4File::destroyInstance(&file_);
+        }
+    }
+
+    bool open(const std::wstring& path) {
+        if (failed(CMp4File::createInstance(&file_), "createInstance")) return false;
+        if (failed(file_->open(path.c_str(), 0, quil::MP4_FILE_MPEG4), "open")) return false;
+        uint32_t count = 0;
+        if (failed(file_->getTrackCount(&count), "getTrackCount")) return false;
+        for (uint32_t n = 1; n <= count; ++n) {
+            CMp4Track* track = nullptr;
+            if (failed(file_->getTrack(n, &track), "getTrack", n)) return false;
+            tracks_.push_back(track);
+        }
+        return true;
+    }
+
+    // Closes explicitly so that a close error is reported, not swallowed.
+    bool close() {
+        // Releasing a read track has nothing to flush; its result carries no news.
+        for (CMp4Track* track : tracks_) (void)file_->releaseTrack(track);
+        tracks_.clear();
+        if (failed(file_->close(), "close")) return false;
+        return !failed(CMp4File::destroyInstance(&file_), "destroyInstance");
+    }
+
+    const std::vector<CMp4Track*>& tracks() const { return tracks_; }
+
+private:
+    CMp4File* file_ = nullptr;
+    std::vector<CMp4Track*> tracks_;
+};
+
+bool indexTrack(CMp4Track* track, uint32_t number, bench::Checksums* sums) {
+    uint32_t count = 0;
+    if (failed(track->getSampleCount(&count), "getSampleCount", number)) return false;
+    for (uint32_t s = 1; s <= count; ++s) {
+        uint64_t offset = 0, decodeTime = 0, compositionTime = 0;
+        uint32_t size = 0, sync = 0;
+        if (failed(track->getSampleOffset(s, &offset, &size), "getSampleOffset", number, s) ||
+            failed(track->getSampleDecodeTime(s, &decodeTime), "getSampleDecodeTime", number, s) ||
+            failed(track->getSampleCompositionTime(s, &compositionTime),
+                   "getSampleCompositionTime", number, s) ||
+            failed(track->isSyncSample(s, &sync), "isSyncSample", number, s))
+            return false;
+        sums->addIndexEntry(number, offset, size, static_cast<int64_t>(decodeTime),
+                            static_cast<int64_t>(compositionTime), sync != 0);
+    }
+    return true;
+}
+
+bool runIndex(const OpenFile& file, bench::Checksums* sums) {
+    uint32_t number = 0;
+    for (CMp4Track* track : file.tracks())
+        if (!indexTrack(track, ++number, sums)) return false;
+    return true;
+}
+
+// Next unread sample of one track and where it lies in the file.
+struct Cursor {
+    CMp4Track* track = nullptr;
+    uint32_t number = 0;  // 1-based track number
+    uint32_t count = 0;
+    uint32_t next = 1;
+    uint64_t offset = 0;
+
+    bool done() const { return next > count; }
+    bool locate() {
+        uint32_t size = 0;
+        return done() ||
+               !failed(track->getSampleOffset(next, &offset, &size), "getSampleOffset", number,
+                       next);
+    }
+};
+
+bool readOne(Cursor* cursor, std::vector<uint8_t>* buffer, bench::Checksums* sums) {
+    uint32_t size = 0;
+    MP4Err err = cursor->track->readSample(cursor->next, static_cast<uint32_t>(buffer->size()),
+                                           &size, buffer->data());
+    if (err == quil::MP4_ERR_BUFFER_TOO_SMALL && size > buffer->size()) {
+        buffer->resize(size);  // grows rarely: the buffer keeps the largest size seen
+        err = cursor->track->readSample(cursor->next, size, &size, buffer->data());
+    }
+    if (failed(err, "readSample", cursor->number, cursor->next)) return false;
+    sums->addSampleBytes(buffer->data(), size);
+    ++cursor->next;
+    return cursor->locate();
+}
+
+// Reads samples in file order, as a player streaming the file would: each
+// step takes the track whose next sample lies first in the file.
+bool runRead(const OpenFile& file, bench::Checksums* sums) {
+    std::vector<Cursor> cursors;
+    for (CMp4Track* track : file.tracks()) {
+        Cursor cursor;
+        cursor.track = track;
+        cursor.number = static_cast<uint32_t>(cursors.size() + 1);
+        if (failed(track->getSampleCount(&cursor.count), "getSampleCount", cursor.number) ||
+            !cursor.locate())
+            return false;
+        cursors.push_back(cursor);
+    }
+    std::vector<uint8_t> buffer(1u << 20);
+    for (;;) {
+        Cursor* first = nullptr;
+        for (Cursor& cursor : cursors)
+            if (!cursor.done() && (first == nullptr || cursor.offset < first->offset))
+                first = &cursor;
+        if (first == nullptr) return true;
+        if (!readOne(first, &buffer, sums)) return false;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) return bench::usage(gProgram);
+    const std::string workload = argv[1];
+    if (workload != "index" && workload != "read") return bench::usage(gProgram);
+    std::wstring path;
+    if (!widenPath(argv[2], &path)) {
+        std::fprintf(stderr, "%s: the path is not valid UTF-8: %s\n", gProgram, argv[2]);
+        return 1;
+    }
+
+    bench::Checksums sums;
+    bench::Stopwatch clock;
+    unsigned trackCount = 0;
+    {
+        OpenFile file;
+        if (!file.open(path)) return 1;
+        trackCount = static_cast<unsigned>(file.tracks().size());
+        bool ok = workload == "index" ? runIndex(file, &sums) : runRead(file, &sums);
+        if (!ok || !file.close()) return 1;
+    }
+    double seconds = clock.seconds();
+    bench::printResult("quil", workload.c_str(), sums, trackCount, seconds, argv[2]);
+    return 0;
+}

@@ -1,0 +1,232 @@
+#!/usr/bin/env bash
+# Sample-index and sample-read benchmark: quil against libavformat.
+#
+#   bench/run.sh          generate inputs if missing, build, run, print the table
+#   bench/run.sh data     only generate the inputs
+#
+# Environment: RUNS (repetitions per case, default 7; the median is used),
+# JOBS (ninja parallelism, default 2), QUIL_BENCH_DATA (input directory,
+# default bench/data), QUIL_BENCH_BUILD (build directory, default
+# build-bench at the top of the source tree), QUIL_BENCH_PROGRAM (a quil_bench
+# binary to use instead of the one built here, e.g. from another checkout).
+set -euo pipefail
+
+HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+ROOT=$(dirname "$HERE")
+DATA=${QUIL_BENCH_DATA:-$HERE/data}
+BUILD=${QUIL_BENCH_BUILD:-$ROOT/build-bench}
+OUT=$HERE/out
+RUNS=${RUNS:-7}
+JOBS=${JOBS:-2}
+
+LONG=$DATA/long.mp4        # 2 hours, 160x90 30 fps H.264 + 48 kHz AAC
+LONG_1S=$DATA/long_1s.mp4  # first second of the same clip
+BIG=$DATA/big.mp4          # about 2 GB, 1280x720 H.264 + AAC, large samples
+BIG_1S=$DATA/big_1s.mp4
+BIG_TARGET_BYTES=2000000000
+
+die() { echo "run.sh: $*" >&2; exit 1; }
+need() { command -v "$1" >/dev/null 2>&1 || die "$1 not found (apt-get install ${2:-$1})"; }
+
+ff() { ffmpeg -nostdin -hide_banner -loglevel error -y "$@"; }
+
+# Writes through a temporary name so an interrupted run never leaves a
+# truncated input that a later run would take for a finished one.
+make_file() {
+    local target=$1; shift
+    [[ -s $target ]] && return 0
+    echo "generating $(basename "$target")" >&2
+    local tmp="${target%.mp4}.partial.mp4"
+    ff "$@" "$tmp"
+    mv "$tmp" "$target"
+}
+
+generate() {
+    need ffmpeg
+    mkdir -p "$DATA"
+    # Short encoded clips; the long inputs are loops of them copied without
+    # re-encoding, so generation costs little beyond writing the bytes.
+    make_file "$DATA/small_clip.mp4" \
+        -f lavfi -i "testsrc2=size=160x90:rate=30:duration=10" \
+        -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=10" \
+        -c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac -b:a 64k -ac 2
+    # Noise keeps the frames large (about 100 KB) and B-frames give the
+    # video track composition offsets.
+    make_file "$DATA/big_clip.mp4" \
+        -f lavfi -i "testsrc2=size=1280x720:rate=30:duration=4,noise=alls=12:allf=t" \
+        -f lavfi -i "sine=frequency=440:sample_rate=48000:duration=4" \
+        -c:v libx264 -preset veryfast -crf 22 -g 60 -pix_fmt yuv420p \
+        -c:a aac -b:a 192k -ac 2
+
+    make_file "$LONG" -stream_loop -1 -i "$DATA/small_clip.mp4" -c copy -t 7200
+    make_file "$LONG_1S" -i "$DATA/small_clip.mp4" -c copy -t 1
+    make_file "$BIG_1S" -i "$DATA/big_clip.mp4" -c copy -t 1
+    if [[ ! -s $BIG ]]; then
+        local clip_bytes loops avail_kb
+        clip_bytes=$(stat -c %s "$DATA/big_clip.mp4")
+        loops=$(( (BIG_TARGET_BYTES + clip_bytes - 1) / clip_bytes ))
+        avail_kb=$(df -Pk "$DATA" | awk 'NR==2 {print $4}')
+        (( avail_kb > (BIG_TARGET_BYTES / 1024) * 3 / 2 )) ||
+            die "not enough free space in $DATA for a 2 GB input"
+        # -stream_loop counts repetitions after the first pass.
+        make_file "$BIG" -stream_loop $((loops - 1)) -i "$DATA/big_clip.mp4" -c copy
+    fi
+}
+
+build() {
+    need cmake; need ninja ninja-build; need pkg-config
+    cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DQUIL_BUILD_BENCH=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=OFF \
+        -DQUIL_BUILD_FUZZERS=OFF -DQUIL_SANITIZE=OFF >/dev/null
+    mkdir -p "$OUT"
+    ninja -C "$BUILD" -j"$JOBS" avformat_peer >"$OUT/build.log" 2>&1 ||
+        { cat "$OUT/build.log" >&2; die "the libavformat peer did not build"; }
+    # The peer's numbers stay useful while the library cannot link yet.
+    if ! ninja -C "$BUILD" -j"$JOBS" quil_bench >"$OUT/build.log" 2>&1; then
+        echo "run.sh: quil_bench did not build; measuring the peer only (see $OUT/build.log)" >&2
+        rm -f "$BUILD/bench/quil_bench"
+    fi
+}
+
+# --- measuring ---------------------------------------------------------------
+
+declare -A SECS RSS SAMPLES CHECK LAYOUT ERR
+
+field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<" $2"; }
+
+# run_case KEY PROGRAM WORKLOAD FILE: one run, appended to the KEY's series.
+run_case() {
+    local key=$1 prog=$2 workload=$3 file=$4 line status=0
+    if [[ ! -x $prog ]]; then ERR[$key]="$(basename "$prog") not built"; return 0; fi
+    line=$("$prog" "$workload" "$file" 2>"$OUT/stderr") || status=$?
+    echo "$line" >>"$OUT/raw.txt"
+    if (( status != 0 )); then
+        ERR[$key]=$(head -n 1 "$OUT/stderr")
+        [[ -n ${ERR[$key]} ]] || ERR[$key]="exit status $status"
+        return 0
+    fi
+    SECS[$key]+="$(field seconds "$line") "
+    RSS[$key]+="$(field maxrss_kb "$line") "
+    SAMPLES[$key]=$(field samples "$line")
+    CHECK[$key]=$(field checksum "$line")
+    LAYOUT[$key]=$(field layout "$line")
+}
+
+median() { tr ' ' '\n' <<<"$1" | sed '/^$/d' | sort -g |
+           awk '{v[NR]=$1} END {if (NR) print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
+
+time_cat() {
+    local start end
+    start=$EPOCHREALTIME
+    cat "$1" >/dev/null
+    end=$EPOCHREALTIME
+    awk -v a="$start" -v b="$end" 'BEGIN {printf "%.6f", b - a}'
+}
+
+# --- report ------------------------------------------------------------------
+
+ok() { [[ -z ${ERR[$1]:-} && -n ${SECS[$1]:-} ]]; }
+
+# per_sample IMPL WORKLOAD NAME: "ns_per_sample bytes_per_sample", start-up
+# cost (the one-second input's time and peak RSS) subtracted.
+per_sample() {
+    local big="$1/$2/$3" small="$1/$2/$3_1s"
+    ok "$big" && ok "$small" || { echo "- -"; return; }
+    awk -v tb="$(median "${SECS[$big]}")" -v ts="$(median "${SECS[$small]}")" \
+        -v rb="$(median "${RSS[$big]}")" -v rs="$(median "${RSS[$small]}")" \
+        -v nb="${SAMPLES[$big]}" -v ns="${SAMPLES[$small]}" \
+        'BEGIN {n = nb - ns; if (n <= 0) {print "- -"; exit}
+                printf "%.1f %.1f", (tb - ts) * 1e9 / n, (rb - rs) * 1024 / n}'
+}
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN {if (a == "-" || b == "-" || b + 0 == 0) print "-"; else printf "%.2f", a / b}'; }
+
+row() { printf '%-6s %-5s %-9s %10s %10s %11s %11s %13s %11s\n' "$@"; }
+
+report() {
+    echo
+    echo "Medians of $RUNS runs. ns/sample and B/sample subtract the one-second input."
+    row work input impl samples seconds peak_KB ns/sample B/sample checksum
+    local w f impl key
+    for w in index read; do
+        for f in long big; do
+            for impl in quil peer; do
+                key="$impl/$w/$f"
+                read -r ns bs <<<"$(per_sample "$impl" "$w" "$f")"
+                if ok "$key"; then
+                    row "$w" "$f" "$impl" "${SAMPLES[$key]}" "$(median "${SECS[$key]}")" \
+                        "$(median "${RSS[$key]}")" "$ns" "$bs" "${CHECK[$key]:0:11}"
+                else
+                    row "$w" "$f" "$impl" - - - - - -
+                    echo "       error: ${ERR[$key]:-no result}"
+                fi
+                eval "NS_${impl}_${w}_${f}=\$ns; BS_${impl}_${w}_${f}=\$bs"
+            done
+        done
+    done
+
+    echo
+    echo "Cross-check (quil and peer must see the same samples):"
+    for f in long big; do
+        for w in index read; do
+            local q="quil/$w/$f" p="peer/$w/$f" a b what
+            if [[ $w == index ]]; then a=${LAYOUT[$q]:-}; b=${LAYOUT[$p]:-}
+            else a=${CHECK[$q]:-}; b=${CHECK[$p]:-}; fi
+            if ! ok "$q" || ! ok "$p"; then echo "  $w $f: not compared (a side failed)"
+            elif [[ $a == "$b" && ${SAMPLES[$q]} == "${SAMPLES[$p]}" ]]; then
+                if [[ $w == index ]]; then what="offsets, sizes and sync flags"
+                else what="sample bytes"; fi
+                echo "  $w $f: same ${SAMPLES[$q]} samples, same $what"
+            else
+                echo "  $w $f: DIFFERENT (quil ${SAMPLES[$q]} samples $a, peer ${SAMPLES[$p]} samples $b)"
+            fi
+        done
+    done
+
+    local cat_s quil_big peer_big
+    cat_s=$(median "$CAT_SECS")
+    quil_big=$(ok quil/read/big && median "${SECS[quil/read/big]}" || echo -)
+    peer_big=$(ok peer/read/big && median "${SECS[peer/read/big]}" || echo -)
+    echo
+    echo "Ratios quil/peer (per sample; below 1 means quil is better):"
+    printf '  %-34s %6s   target <= 0.25\n' "index time, 2-hour input" "$(ratio "$NS_quil_index_long" "$NS_peer_index_long")"
+    printf '  %-34s %6s   target <= 1\n'    "index peak memory, 2-hour input" "$(ratio "$BS_quil_index_long" "$BS_peer_index_long")"
+    printf '  %-34s %6s\n'                  "index time, 2 GB input" "$(ratio "$NS_quil_index_big" "$NS_peer_index_big")"
+    printf '  %-34s %6s   target <= 0.25\n' "read time, 2-hour input" "$(ratio "$NS_quil_read_long" "$NS_peer_read_long")"
+    printf '  %-34s %6s\n'                  "read time, 2 GB input" "$(ratio "$NS_quil_read_big" "$NS_peer_read_big")"
+    printf '  %-34s %6s\n'                  "read peak memory, 2-hour input" "$(ratio "$BS_quil_read_long" "$BS_peer_read_long")"
+    echo "Whole 2 GB read against cat (cat ${cat_s} s, $(stat -c %s "$BIG") bytes):"
+    printf '  %-34s %6s   target <= 1.5\n'  "quil / cat" "$(ratio "$quil_big" "$cat_s")"
+    printf '  %-34s %6s\n'                  "peer / cat" "$(ratio "$peer_big" "$cat_s")"
+    echo
+    echo "Raw result lines: $OUT/raw.txt"
+}
+
+main() {
+    generate
+    [[ ${1:-} == data ]] && return 0
+    build
+    : >"$OUT/raw.txt"
+    local quil=${QUIL_BENCH_PROGRAM:-$BUILD/bench/quil_bench} peer=$BUILD/bench/avformat_peer
+
+    # Warm the page cache so every program, cat included, reads hot data.
+    cat "$LONG" "$LONG_1S" "$BIG" "$BIG_1S" >/dev/null
+
+    CAT_SECS=""
+    local i w f
+    declare -A files=([long]=$LONG [long_1s]=$LONG_1S [big]=$BIG [big_1s]=$BIG_1S)
+    for ((i = 1; i <= RUNS; i++)); do
+        echo "run $i of $RUNS" >&2
+        for w in index read; do
+            for f in long long_1s big big_1s; do
+                # Alternate the two programs so drift affects both alike.
+                run_case "quil/$w/$f" "$quil" "$w" "${files[$f]}"
+                run_case "peer/$w/$f" "$peer" "$w" "${files[$f]}"
+            done
+        done
+        CAT_SECS+="$(time_cat "$BIG") "
+    done
+    report
+}
+
+main "$@"

@@ -1,0 +1,167 @@
+#include "CompressedMovie.h"
+
+#include <zlib.h>
+
+#include <cstdio>
+#include <new>
+
+#include "Dump.h"
+#include "storage/MemoryStorage.h"
+
+namespace quil {
+namespace {
+
+constexpr uint64_t kMax32 = 0xFFFFFFFFull;
+
+char codeChar(uint32_t code, int index) {
+    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
+}
+
+// Set while the boxes of an inflated movie are read. A "cmvd" met inside
+// inflated data is refused: nested compression would let each level
+// multiply the memory a small file can make us take.
+thread_local bool tInflating = false;
+
+class InflatingScope {
+public:
+    InflatingScope() { tInflating = true; }
+    ~InflatingScope() { tInflating = false; }
+    InflatingScope(const InflatingScope&) = delete;
+    InflatingScope& operator=(const InflatingScope&) = delete;
+};
+
+// Reads the boxes of the inflated movie through a memory storage over it.
+// The storage is opened for reading, so that readers that seek work here
+// as they do in a file.
+MP4Err readInflatedBoxes(CBoxList* children, uint8_t* data, uint32_t length) {
+    if (!data || length == 0) return MP4_ERR_INVALID_ARGUMENT;
+    CMemoryStorage memory;
+    memory.attach(data, length, false);
+    MP4Err err = memory.open(0);
+    if (err != MP4_OK) {
+        memory.detach();
+        return err;
+    }
+    uint64_t innerRemaining = length;
+    {
+        InflatingScope scope;
+        err = readChildren(children, &memory, &innerRemaining);
+    }
+    // A storage that is no longer open was closed underneath us.
+    MP4Err closed = memory.close();
+    memory.detach();
+    if (err != MP4_OK) return err;
+    return closed == MP4_OK ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+}
+
+}  // namespace
+
+// ---- "cmov" -----------------------------------------------------------------
+
+MP4Err CCompressedMovieBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    return dumpChildren(children.get(), depth);
+}
+
+// ---- "dcom" -----------------------------------------------------------------
+
+MP4Err CDataCompressionBox::read(CStorage* storage) {
+    MP4Err err = storage->readUInt32(&compressionMethod);
+    if (err != MP4_OK) return err;
+    remaining -= 4;
+    return MP4_OK;
+}
+
+MP4Err CDataCompressionBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    return storage->writeUInt32(compressionMethod);
+}
+
+MP4Err CDataCompressionBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    uint32_t m = compressionMethod;
+    dumpLine(depth, "Compression method: %c%c%c%c (%02x %02x %02x %02x)\n", codeChar(m, 0),
+             codeChar(m, 1), codeChar(m, 2), codeChar(m, 3), (m >> 24) & 0xFF, (m >> 16) & 0xFF,
+             (m >> 8) & 0xFF, m & 0xFF);
+    return MP4_OK;
+}
+
+MP4Err CDataCompressionBox::calculateSize() {
+    CBox::calculateSize();
+    size += 4;
+    return MP4_OK;
+}
+
+// ---- "cmvd" -----------------------------------------------------------------
+
+MP4Err CCompressedMovieDataBox::read(CStorage* storage) {
+    if (remaining < 4 || remaining > size) return MP4_ERR_BAD_BOX_SIZE;
+    MP4Err err = storage->readUInt32(&uncompressedSize);
+    if (err != MP4_OK) return err;
+    remaining -= 4;
+
+    uint64_t compressedLength = remaining;
+    if (tInflating || compressedLength > kMax32 ||
+        uncompressedSize > compressedLength * kMaxInflateRatio) {
+        // Not inflated: the compressed bytes are passed over and the box
+        // is dropped like any damaged one.
+        err = storage->skip(remaining);
+        remaining = 0;
+        return err != MP4_OK ? err : MP4_ERR_INVALID_DATA;
+    }
+
+    std::unique_ptr<uint8_t[]> compressed(new (std::nothrow) uint8_t[compressedLength + 1]);
+    if (!compressed) return MP4_ERR_OUT_OF_MEMORY;
+    err = storage->readBytes(compressed.get(), compressedLength);
+    if (err != MP4_OK) return err;
+    // The compressed bytes are consumed; what is read below comes from
+    // memory, so nothing is left for the factory to skip in the file.
+    remaining = 0;
+
+    std::unique_ptr<uint8_t[]> inflated(new (std::nothrow) uint8_t[uncompressedSize + 1ull]);
+    if (!inflated) return MP4_ERR_OUT_OF_MEMORY;
+    uLongf inflatedLength = uncompressedSize;
+    int result = uncompress(inflated.get(), &inflatedLength, compressed.get(),
+                            static_cast<uLong>(compressedLength));
+    if (result != Z_OK) {
+        printf("Error in zLib\n");
+        return MP4_ERR_INVALID_DATA;
+    }
+    compressed.reset();
+
+    if (children) return MP4_ERR_INVALID_DATA;
+    children.reset(new (std::nothrow) CBoxList(this));
+    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    return readInflatedBoxes(children.get(), inflated.get(), static_cast<uint32_t>(inflatedLength));
+}
+
+MP4Err CCompressedMovieDataBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    return storage->writeUInt32(uncompressedSize);
+}
+
+MP4Err CCompressedMovieDataBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    dumpLine(depth, "Uncompressed size: %u\n", uncompressedSize);
+    return dumpChildren(children.get(), depth);
+}
+
+MP4Err CCompressedMovieDataBox::calculateSize() {
+    CBox::calculateSize();
+    size += 4;
+    return MP4_OK;
+}
+
+MP4Err CCompressedMovieDataBox::findChild(uint32_t wantedType, CBox** box, uint32_t instance) {
+    if (!box) return MP4_ERR_INVALID_ARGUMENT;
+    *box = nullptr;
+    if (!children) return MP4_ERR_NOT_AVAILABLE;
+    return children->findNth(wantedType, box, instance);
+}
+
+}  // namespace quil

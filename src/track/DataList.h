@@ -1,0 +1,157 @@
+// The block-linked list that holds every sample table and the track's time
+// table. Entries live in nodes of `blockSize` entries each; a node is one
+// allocation (node fields followed by its block of entries), so appending
+// never moves entries and a table costs little more than its entries.
+// Indices are 1-based. A cursor remembers the node of the last lookup, so
+// walking the list forwards costs one step per node.
+#ifndef QUIL_TRACK_DATALIST_H
+#define QUIL_TRACK_DATALIST_H
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include "quil/MP4Err.h"
+
+namespace quil {
+
+template <class T>
+class CDataListNode {
+public:
+    // Makes a node whose block of blockSize default-constructed entries
+    // follows the node in the same allocation. Null when out of memory.
+    static CDataListNode* create(uint32_t firstIndex, uint32_t blockSize) {
+        return new (blockSize, std::nothrow) CDataListNode(firstIndex, blockSize);
+    }
+
+    virtual ~CDataListNode() {
+        if (!std::is_trivially_destructible<T>::value) {
+            T* block = entries();
+            for (uint32_t i = 0; i < blockSize_; ++i) block[i].~T();
+        }
+    }
+
+    CDataListNode(const CDataListNode&) = delete;
+    CDataListNode& operator=(const CDataListNode&) = delete;
+
+    // The block starts right after the node's own fields.
+    T* entries() { return reinterpret_cast<T*>(reinterpret_cast<unsigned char*>(this) + sizeof(CDataListNode)); }
+
+    uint32_t firstIndex;  // 1-based list index of entries()[0]
+private:
+    uint32_t blockSize_;  // entries in the block; sits in the padding after firstIndex
+public:
+    CDataListNode* next = nullptr;
+
+    // One allocation for the node and its block; deleting the node frees both.
+    static void* operator new(size_t nodeBytes, uint32_t blockSize, const std::nothrow_t&) noexcept {
+        return ::operator new(nodeBytes + static_cast<size_t>(blockSize) * sizeof(T), std::nothrow);
+    }
+    static void operator delete(void* raw) noexcept { ::operator delete(raw); }
+    // Matches the placement form above; called only if a constructor threw.
+    static void operator delete(void* raw, uint32_t, const std::nothrow_t&) noexcept { ::operator delete(raw); }
+
+private:
+    CDataListNode(uint32_t first, uint32_t blockSize) : firstIndex(first), blockSize_(blockSize) {
+        static_assert(alignof(T) <= alignof(CDataListNode) && sizeof(CDataListNode) % alignof(T) == 0,
+                      "entries must be aligned right after the node");
+        T* block = entries();
+        for (uint32_t i = 0; i < blockSize_; ++i) new (block + i) T();
+    }
+};
+
+template <class T>
+class CDataList {
+public:
+    static constexpr uint32_t kDefaultBlockSize = 100;
+
+    // A block size of 0 would make every append divide by zero; it falls
+    // back to the default.
+    explicit CDataList(uint32_t blockSize = kDefaultBlockSize)
+        : blockSize_(blockSize ? blockSize : kDefaultBlockSize) {}
+    ~CDataList() { clear(); }
+    CDataList(const CDataList&) = delete;
+    CDataList& operator=(const CDataList&) = delete;
+
+    // Adds an entry at index count() + 1. 1 when a node cannot be made (the
+    // list is then unchanged).
+    MP4Err append(const T& entry) { return append(T(entry)); }
+    MP4Err append(T&& entry) {
+        T* slot = nullptr;
+        MP4Err err = reserveSlot(&slot);
+        if (err != MP4_OK) return err;
+        *slot = std::move(entry);
+        ++count_;
+        return MP4_OK;
+    }
+
+    // The entry at a 1-based index, changeable in place. 17 for index 0,
+    // 3 beyond the count, 5 when the nodes do not hold what the count says.
+    // Walking forwards resumes at the cursor node; a step backwards before
+    // the cursor's node restarts at the head.
+    MP4Err getEntry(uint32_t index, T** entry) {
+        *entry = nullptr;
+        if (index == 0) return MP4_ERR_BAD_INDEX;
+        if (index > count_) return MP4_ERR_NOT_AVAILABLE;
+        Node* node = cursor_ ? cursor_ : head_;
+        if (node && node->firstIndex > index) node = head_;
+        // Compared as index - first >= blockSize so that a last node near
+        // UINT32_MAX cannot overflow the sum first + blockSize.
+        while (node && index - node->firstIndex >= blockSize_) node = node->next;
+        if (!node || index < node->firstIndex) return MP4_ERR_INVALID_DATA;
+        cursor_ = node;
+        *entry = node->entries() + (index - node->firstIndex);
+        return MP4_OK;
+    }
+
+    // The last entry, or null when the list is empty. Used by the run-length
+    // merges of table building, which only ever touch the end of a list.
+    T* last() { return count_ ? tail_->entries() + (count_ - tail_->firstIndex) : nullptr; }
+
+    // Frees every node, iteratively (long tables would overflow the stack
+    // if nodes freed their successors).
+    void clear() {
+        Node* node = head_;
+        while (node) {
+            Node* next = node->next;
+            delete node;
+            node = next;
+        }
+        head_ = tail_ = cursor_ = nullptr;
+        count_ = 0;
+    }
+
+    uint32_t count() const { return count_; }
+    uint32_t blockSize() const { return blockSize_; }
+    CDataListNode<T>* head() const { return head_; }
+
+private:
+    using Node = CDataListNode<T>;
+
+    // The slot for entry count_ + 1, making a new tail node when the last
+    // one is full.
+    MP4Err reserveSlot(T** slot) {
+        if (count_ == UINT32_MAX) return MP4_ERR_OUT_OF_MEMORY;  // no index left
+        if (count_ % blockSize_ == 0) {
+            Node* node = Node::create(count_ + 1, blockSize_);
+            if (!node) return MP4_ERR_OUT_OF_MEMORY;
+            if (tail_) tail_->next = node;
+            else head_ = node;
+            tail_ = node;
+        }
+        *slot = tail_->entries() + (count_ + 1 - tail_->firstIndex);
+        return MP4_OK;
+    }
+
+    uint32_t count_ = 0;
+    uint32_t blockSize_;
+    Node* head_ = nullptr;
+    Node* tail_ = nullptr;
+    Node* cursor_ = nullptr;
+};
+
+}  // namespace quil
+
+#endif
