@@ -237,7 +237,8 @@ TEST(DescriptorFactory, UnknownTagsAreKeptAsBareHeaders) {
     EXPECT_EQ(ipl.tag, 0u);
     EXPECT_EQ(ipl.descriptor->tag, 0x12u);
     EXPECT_EQ(ipl.position, 5u);
-    EXPECT_EQ(typeid(*ipl.descriptor), typeid(CBaseDescriptor));
+    CBaseDescriptor* bare = ipl.descriptor.get();
+    EXPECT_EQ(typeid(*bare), typeid(CBaseDescriptor));
     EXPECT_EQ(dumpOf(ipl.descriptor.get(), 1),
               "  --- Start descriptor\n"
               "  IPL descriptor pointer ref\n"
@@ -250,8 +251,12 @@ TEST(DescriptorFactory, UnknownTagsAreKeptAsBareHeaders) {
     ReadResult other = readOne(desc(0x40, {9}));
     ASSERT_EQ(other.err, MP4_OK);
     EXPECT_NE(dumpOf(other.descriptor.get()).find("Unknown\n"), std::string::npos);
-    // A payload running past the storage cannot be skipped.
+    // A payload running past the storage cannot be skipped, not even by a
+    // size that would wrap a memory storage's position back to the start.
     EXPECT_EQ(readOne({0x40, 0x05, 1}).err, MP4_ERR_OUT_OF_RANGE);
+    ReadResult wrapping = readOne({0x40, 0x8F, 0xFF, 0xFF, 0xFF, 0x7E, 1});
+    EXPECT_EQ(wrapping.err, MP4_ERR_OUT_OF_RANGE);
+    EXPECT_EQ(wrapping.position, 6u);
 }
 
 TEST(DescriptorFactory, EveryKnownTagMakesItsClass) {
@@ -945,6 +950,17 @@ TEST(HEVCDecoderConfigRecord, DamagedPayloads) {
     // No room left for a NAL length.
     Bytes noLength = concat({hevcFixedPart(1), ByteWriter().u8(0xA0).u16(2).u16(1).u8(0x40)});
     EXPECT_EQ(readRecord(&record, noLength), MP4_ERR_BAD_BOX_SIZE);
+}
+
+TEST(HEVCDecoderConfigRecord, PayloadShorterThanTheFixedPart) {
+    // Only six bytes are required: the fixed part is read past the payload,
+    // and the wrapped count takes the storage back to the payload's end.
+    CHEVCDecoderConfigRecord record;
+    uint32_t position = 0;
+    ASSERT_EQ(readRecord(&record, hevcFixedPart(0), 10, &position), MP4_OK);
+    EXPECT_EQ(position, 10u);
+    EXPECT_EQ(record.size, 10u);
+    EXPECT_EQ(readRecord(&record, concat({hevcFixedPart(1), Bytes(8, 0)}), 10), MP4_ERR_BAD_BOX_SIZE);
 }
 
 TEST(HEVCDecoderConfigRecord, BuiltByHandAndDumped) {

@@ -11,6 +11,7 @@ namespace quil {
 namespace {
 
 constexpr uint32_t kMinRecordBytes = 6;
+constexpr uint32_t kHEVCFixedPartBytes = 23;
 constexpr uint32_t kMaxNalUnitLength = 0xFFFF;  // 16-bit length fields
 // Written after the PPS list of a record that had an extension: declares
 // chroma_format_idc 3, both bit depths as 8 + 7 and no SPS extensions.
@@ -113,7 +114,7 @@ MP4Err CAVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
     // The high-profile extension (chroma format, bit depths, SPS extensions)
     // is not kept: only the fact that there was one.
     if (remaining > 0) {
-        err = storage->skip(remaining);
+        err = skipPayload(storage, remaining);
         if (err != MP4_OK) return err;
         hasExtension = 1;
     }
@@ -270,8 +271,11 @@ MP4Err CHEVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
     uint32_t remaining = count;
     MP4Err err = readFixedPart(storage, &remaining);
     if (err != MP4_OK) return err;
+    // A payload shorter than the fixed part leaves nothing for the arrays;
+    // the wrapped count then takes the storage back to the record's end.
+    bool overRead = count < kHEVCFixedPartBytes;
     uint32_t arraysRead = 0;
-    while (arraysRead < numOfArrays && remaining >= 3) {
+    while (!overRead && arraysRead < numOfArrays && remaining >= 3) {
         std::unique_ptr<CHEVCNalArray> array;
         err = readArray(storage, &remaining, &array);
         if (err != MP4_OK) return err;
@@ -344,7 +348,7 @@ MP4Err CHEVCDecoderConfigRecord::dump(int32_t depth) {
 }
 
 MP4Err CHEVCDecoderConfigRecord::calcSize() {
-    uint64_t total = 23;
+    uint64_t total = kHEVCFixedPartBytes;
     for (const auto& array : arrays) {
         if (!array) continue;
         total += 3;

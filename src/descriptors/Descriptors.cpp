@@ -110,6 +110,16 @@ MP4Err readOwnedBytes(CStorage* storage, uint32_t count, std::unique_ptr<uint8_t
     return MP4_OK;
 }
 
+MP4Err skipPayload(CStorage* storage, uint64_t count) {
+    if (count == 0) return MP4_OK;
+    uint64_t position = 0, length = 0;
+    if (storage->getPosition(&position) == MP4_OK && storage->getLength(&length) == MP4_OK &&
+        (position > length || count > length - position)) {
+        return MP4_ERR_OUT_OF_RANGE;
+    }
+    return storage->skip(count);
+}
+
 MP4Err readDescriptorURL(CStorage* storage, uint8_t length, std::unique_ptr<uint8_t[]>* url) {
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[length + 1u]);
     if (!buffer) return MP4_ERR_OUT_OF_MEMORY;
@@ -345,7 +355,7 @@ MP4Err readDescriptor(CStorage* storage, uint32_t allowance, CBaseDescriptor** d
     if (!known) {
         // Kept in its parent as a bare header; the payload is not kept.
         if (header->remaining > 0) {
-            err = storage->skip(header->remaining);
+            err = skipPayload(storage, header->remaining);
             if (err != MP4_OK) return err;
             header->remaining = 0;
         }
@@ -650,7 +660,7 @@ MP4Err CSLConfigDescriptor::read(CStorage* storage) {
     err = checkStartTimeStamps();
     if (err != MP4_OK) return err;
     if (remaining > 0) {
-        err = storage->skip(remaining);
+        err = skipPayload(storage, remaining);
         if (err != MP4_OK) return err;
         remaining = 0;
     }

@@ -86,6 +86,12 @@ private:
 // than the input can fill. The storage's own error is returned unchanged.
 MP4Err readOwnedBytes(CStorage* storage, uint32_t count, std::unique_ptr<uint8_t[]>* out);
 
+// Skips count bytes of payload. A count beyond the end of the storage is
+// refused with 18 before the storage moves: a memory storage's position
+// wraps in 32 bits, and a wrapped skip would move backwards and let a few
+// bytes be parsed again and again.
+MP4Err skipPayload(CStorage* storage, uint64_t count);
+
 }  // namespace quil
 
 #endif
