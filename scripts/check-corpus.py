@@ -38,6 +38,76 @@ def expected_rows(track):
     return out
 
 
+# quil codec numbers and the ffprobe codec names they stand for.
+CODEC_NAMES = {
+    1: {'mpeg4'}, 2: {'aac'}, 3: {'mpeg4systems', None}, 4: {'h263'}, 5: {'amr_wb'},
+    6: {'amr_nb'}, 7: {'h264'}, 8: {'mp3', 'mp2'}, 9: {'mp3', 'mp2'}, 10: {'mjpeg'},
+    11: {'pcm_mulaw'}, 12: {'pcm_alaw'}, 13: {'pcm_u8'}, 14: {'pcm_s16le'},
+    15: {'pcm_s16be'}, 16: {'pcm_f32le'}, 17: {'pcm_f32be'}, 19: {'dvvideo'},
+    20: {'cinepak'}, 21: {'rawvideo'}, 22: {'png'}, 23: {'adpcm_ms'},
+    24: {'adpcm_ima_qt', 'adpcm_ima_wav'}, 25: {'rawvideo'}, 26: {'mpeg2video'},
+    27: {'mp3'}, 28: {'ac3'}, 29: {'dvvideo'}, 30: {'dvvideo'}, 32: {'pcm_s16le', 'pcm_s16be', 'pcm_s24le',
+    'pcm_s24be', 'pcm_f32le', 'pcm_f32be'}, 33: {'hevc'}, 34: {'pcm_s24be', 'pcm_s24le'},
+}
+
+AAC_CHANNELS = {1: 1, 2: 2, 3: 3, 4: 4, 5: 5, 6: 6, 7: 8}
+
+
+def aac_channels(dsi_hex):
+    """Channel configuration of an AudioSpecificConfig, or None."""
+    try:
+        b = bytes.fromhex(dsi_hex)
+        bits = int.from_bytes(b, 'big')
+        n = len(b) * 8
+        aot = bits >> (n - 5)
+        pos = 5
+        if aot == 31:
+            pos += 6
+        freq_index = (bits >> (n - pos - 4)) & 15
+        pos += 4
+        if freq_index == 15:
+            pos += 24
+        return AAC_CHANNELS.get((bits >> (n - pos - 4)) & 15)
+    except Exception:
+        return None
+
+
+def check_info(quil, path, truth):
+    problems = []
+    rc, out, err = run([quil, 'info', path, '--json'])
+    if rc != 0:
+        return ['quil info failed: ' + err.strip()]
+    info = json.loads(out)
+    streams = truth.get('streams', [])
+    for index, (track, mine) in enumerate(zip(truth.get('tracks', []), info.get('tracks', [])), 1):
+        entry = track.get('sample_entry') or {}
+        if entry.get('type') and str(mine.get('sampleEntry')).lower() != entry['type'].lower():
+            problems.append('track %d: sample entry %s, expected %s' % (index, mine.get('sampleEntry'), entry['type']))
+        stream = streams[index - 1] if index - 1 < len(streams) else {}
+        if stream.get('codec_tag_string') and stream['codec_tag_string'] != mine.get('sampleEntry'):
+            if '[' not in stream['codec_tag_string']:
+                problems.append('track %d: tag %s, ffprobe %s' % (index, mine.get('sampleEntry'), stream['codec_tag_string']))
+        name = stream.get('codec_name')
+        if 'codec' in mine and name and name not in CODEC_NAMES.get(mine['codec'], set()):
+            problems.append('track %d: codec %s, ffprobe %s' % (index, mine['codec'], name))
+        for key, theirs in (('width', 'width'), ('height', 'height'), ('sampleRate', 'sample_rate')):
+            if theirs in stream and key in mine and int(stream[theirs]) != int(mine[key]):
+                problems.append('track %d: %s %s, ffprobe %s' % (index, key, mine[key], stream[theirs]))
+        if 'channels' in stream and 'channels' in mine:
+            expected = stream['channels']
+            got = mine['channels']
+            dsi = mine.get('decoderSpecificInfo')
+            if got != expected and not (dsi and aac_channels(dsi) == expected):
+                problems.append('track %d: channels %s, ffprobe %s' % (index, got, expected))
+        esds = (entry.get('children') or {}).get('esds') or {}
+        if esds.get('dsi') and esds['dsi'] != mine.get('decoderSpecificInfo'):
+            problems.append('track %d: dsi %s, expected %s' % (index, mine.get('decoderSpecificInfo'), esds['dsi']))
+        tc = (stream.get('tags') or {}).get('timecode')
+        if tc and track.get('handler') == 'tmcd' and mine.get('timecode') != tc:
+            problems.append('track %d: timecode %s, ffprobe %s' % (index, mine.get('timecode'), tc))
+    return problems
+
+
 def check_file(quil, path, verbose):
     truth = json.load(open(path + '.truth.json'))
     problems = []
@@ -63,7 +133,7 @@ def check_file(quil, path, verbose):
             if e[2] != h[2] or e[3] != h[3]:
                 problems.append('track %d sample %d: times %s, expected %s' % (index, i, h[2:4], e[2:4]))
                 break
-    return problems
+    return problems + check_info(quil, path, truth)
 
 
 def main():

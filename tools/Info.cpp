@@ -3,6 +3,8 @@
 // Whatever a track cannot answer is left out of the report.
 #include "Info.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstring>
 #include <memory>
@@ -465,10 +467,57 @@ void addCodecFields(Section* section, CMp4Track* track, uint32_t sampleEntry) {
     }
 }
 
-void addSoundFields(Section* section, CMp4Track* track) {
+// Channel configuration of an MPEG-4 AudioSpecificConfig (ISO/IEC
+// 14496-3 §1.6.2.1); 0 when absent or defined elsewhere in the stream.
+uint32_t aacChannels(const std::vector<uint8_t>& config) {
+    uint64_t bits = 0;
+    size_t n = config.size() < 8 ? config.size() : 8;
+    for (size_t i = 0; i < n; ++i) bits |= static_cast<uint64_t>(config[i]) << (56 - 8 * i);
+    int pos = 5;
+    if ((bits >> 59) == 31) pos += 6;  // escaped object type
+    uint32_t frequencyIndex = static_cast<uint32_t>((bits >> (60 - pos)) & 15);
+    pos += 4;
+    if (frequencyIndex == 15) pos += 24;  // explicit frequency
+    if (static_cast<size_t>(pos + 4) > n * 8) return 0;
+    static const uint32_t kChannels[16] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0};
+    return kChannels[(bits >> (60 - pos)) & 15];
+}
+
+// Channels of an MPEG audio (layer 1-3) stream from its first frame header.
+uint32_t mpegAudioChannels(CMp4Track* track) {
+    uint8_t header[4] = {0, 0, 0, 0};
+    uint32_t size = 0;
+    uint32_t sampleSize = 0;
+    if (track->getSampleSize(1, &sampleSize) != MP4_OK || sampleSize < 4) return 0;
+    std::vector<uint8_t> sample(sampleSize);
+    if (track->readSample(1, sampleSize, &size, sample.data()) != MP4_OK) return 0;
+    std::copy(sample.begin(), sample.begin() + 4, header);
+    if (header[0] != 0xFF || (header[1] & 0xE0) != 0xE0) return 0;
+    return (header[3] >> 6) == 3 ? 1 : 2;
+}
+
+// The channel count a player decodes, where the stream says it better than
+// the sample entry: AMR is mono (3GPP entries carry a fixed 2), AAC and MPEG
+// audio carry their own. 0 when the entry's count stands.
+uint32_t streamChannels(CMp4Track* track, uint32_t sampleEntry) {
+    if (sampleEntry == fourcc("samr") || sampleEntry == fourcc("sawb")) return 1;
+    uint32_t codec = 0;
+    track->getCodecType(&codec);
+    std::vector<uint8_t> config;
+    auto specificInfo = [track](uint8_t* b, uint32_t size, uint32_t* length) {
+        return track->getDecoderSpecificInfo(b, size, length);
+    };
+    if (codec == 2 && readTrackBytes(specificInfo, &config)) return aacChannels(config);
+    if (codec == 8 || codec == 9 || codec == 27) return mpegAudioChannels(track);
+    return 0;
+}
+
+void addSoundFields(Section* section, CMp4Track* track, uint32_t sampleEntry) {
     uint32_t value = 0;
     if (track->getChannelCount(&value) == MP4_OK) {
-        section->addUnsigned("channels", "Channels", value);
+        uint32_t decoded = streamChannels(track, sampleEntry);
+        section->addUnsigned("channels", "Channels", decoded != 0 ? decoded : value);
+        section->addUnsigned("entryChannels", "Channels (sample entry)", value);
     }
     if (track->getSampleBits(&value) == MP4_OK) {
         section->addUnsigned("sampleBits", "Sample size (bits)", value);
@@ -499,14 +548,17 @@ Section collectTrack(CMp4File* file, uint32_t number) {
         section.addText("sampleEntry", "Sample entry", fourccText(sampleEntry));
     }
     uint8_t language[3] = {0, 0, 0};
-    if (track->getLanguage(language) == MP4_OK) {
+    // QuickTime files may hold a Macintosh language number instead of
+    // letters; only real letters are shown.
+    if (track->getLanguage(language) == MP4_OK && std::islower(language[0]) &&
+        std::islower(language[1]) && std::islower(language[2])) {
         section.addText("language", "Language",
                         std::string(reinterpret_cast<const char*>(language), 3));
     }
     addTimingFields(&section, track.get(), kind);
     addVisualFields(&section, track.get());
     addCodecFields(&section, track.get(), sampleEntry);
-    addSoundFields(&section, track.get());
+    addSoundFields(&section, track.get(), sampleEntry);
     return section;
 }
 
