@@ -385,24 +385,35 @@ MP4Err CTrackImpl::chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* fir
             return err;
         }
         r.index = 1;
+        r.endSample = runEnd(r);
     }
-    for (;;) {
+    while (sample >= r.endSample) {
         CSampleToChunkTableEntry* next = nullptr;
-        if (r.index >= stsc_->entries.count() || stsc_->getEntry(r.index + 1, &next) != MP4_OK) break;
-        uint64_t runSamples =
-            static_cast<uint64_t>(next->firstChunk - r.entry->firstChunk) * r.entry->samplesPerChunk;
-        if (sample < r.firstSample + runSamples) break;
-        r.firstSample += runSamples;
+        if (stsc_->getEntry(r.index + 1, &next) != MP4_OK) break;
+        r.firstSample = r.endSample;
         r.entry = next;
         ++r.index;
+        r.endSample = runEnd(r);
     }
     uint32_t samplesPerChunk = r.entry->samplesPerChunk;
     if (samplesPerChunk == 0) return MP4_ERR_INVALID_DATA;
-    uint64_t chunkInRun = (sample - r.firstSample) / samplesPerChunk;
+    uint64_t chunkInRun = samplesPerChunk == 1 ? sample - r.firstSample
+                                               : (sample - r.firstSample) / samplesPerChunk;
     *chunk = static_cast<uint32_t>(chunkInRun + r.entry->firstChunk);
     *first = static_cast<uint32_t>(r.firstSample + chunkInRun * samplesPerChunk);
     *perChunk = samplesPerChunk;
     return MP4_OK;
+}
+
+// The number of the first sample after a run: where the next run starts,
+// or never for the last run.
+uint64_t CTrackImpl::runEnd(const StscRun& run) {
+    CSampleToChunkTableEntry* next = nullptr;
+    if (run.index >= stsc_->entries.count() || stsc_->getEntry(run.index + 1, &next) != MP4_OK) {
+        return UINT64_MAX;
+    }
+    return run.firstSample +
+           static_cast<uint64_t>(next->firstChunk - run.entry->firstChunk) * run.entry->samplesPerChunk;
 }
 
 // Whether the "stsc" first chunks never decrease.

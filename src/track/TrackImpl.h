@@ -34,7 +34,7 @@ public:
     uint64_t timeOffset = 0;   // reading: the initial delay added to decode times
 };
 
-class CTrackImpl : public CMp4Track {
+class CTrackImpl final : public CMp4Track {
 public:
     // mode is the file's track mode (0..2).
     CTrackImpl(CMp4FileImpl* file, uint32_t mode);
@@ -117,6 +117,8 @@ private:
     MP4Err locateInChunk(uint32_t sample);
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     bool stscRunsAscend();
+    struct StscRun;
+    uint64_t runEnd(const StscRun& run);
 
     // Sample-entry helpers.
     MP4Err firstEntry(CSampleEntry** entry);
@@ -168,6 +170,7 @@ private:
         CSampleToChunkTableEntry* entry = nullptr;
         uint32_t index = 0;
         uint64_t firstSample = 1;
+        uint64_t endSample = 0;  // first sample of the next run
     } stscRun_;
     bool stscAscending_ = false;
     // Position in "stss" of the last sync test, for tests in sample order.
