@@ -39,10 +39,24 @@ int usageError(const char* message) {
     return kExitUsage;
 }
 
+// What a failed open most likely means, for the message.
+const char* openFailureHint(MP4Err err) {
+    switch (err) {
+        case MP4_ERR_NOT_AVAILABLE: return "not an MP4 file (no movie box found)";
+        case MP4_ERR_IO: return "cannot open or read the file";
+        case MP4_ERR_WRONG_LAYOUT: return "damaged compressed movie";
+        default: return nullptr;
+    }
+}
+
 int openOrReport(OpenedFile* file, const char* path) {
     MP4Err err = file->open(path);
     if (err == MP4_OK) return kExitOk;
-    reportError(path, err);
+    if (const char* hint = openFailureHint(err)) {
+        std::fprintf(stderr, "quil: %s: %s: %s\n", path, hint, toString(err));
+    } else {
+        reportError(path, err);
+    }
     return kExitFailure;
 }
 

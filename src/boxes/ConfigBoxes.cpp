@@ -3,6 +3,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/MemoryStorage.h"
 
 namespace quil {
 namespace {
@@ -13,16 +14,45 @@ uint32_t allowanceOf(uint64_t remaining) {
     return remaining > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<uint32_t>(remaining);
 }
 
+// Payloads up to this size are also kept as read; parameter sets are a few
+// hundred bytes, so only a damaged box is larger.
+constexpr uint64_t kMaxKeptPayload = 1u << 20;
+
 // Shared by "avcC" and "hvcC": a fresh record reads the payload, which must
-// hold it; the rest of the payload is skipped.
+// hold it; the rest of the payload is skipped. A payload of usual size is
+// read whole first and the record parsed from that copy, which is kept.
 template <class Record>
-MP4Err readRecordBox(CBox* box, std::unique_ptr<Record>* record, CStorage* storage) {
+MP4Err readRecordBox(CBox* box, std::unique_ptr<Record>* record, CStorage* storage,
+                     std::unique_ptr<uint8_t[]>* fileBytes, uint32_t* fileByteCount) {
     record->reset(new (std::nothrow) Record());
     if (!*record) return MP4_ERR_OUT_OF_MEMORY;
-    MP4Err err = (*record)->read(storage, allowanceOf(box->remaining));
-    if (err != MP4_OK) return err;
+    const uint64_t payload = box->remaining;
+    CStorage* source = storage;
+    CMemoryStorage copy;
+    std::unique_ptr<uint8_t[]> bytes;
+    if (payload > 0 && payload <= kMaxKeptPayload) {
+        bytes.reset(new (std::nothrow) uint8_t[payload]);
+        if (!bytes) return MP4_ERR_OUT_OF_MEMORY;
+        MP4Err err = storage->readBytes(bytes.get(), payload);
+        if (err != MP4_OK) return err;
+        copy.attach(bytes.get(), static_cast<uint32_t>(payload), false);
+        copy.open(0);
+        source = &copy;
+    }
+    MP4Err err = (*record)->read(source, allowanceOf(payload));
     uint64_t recordSize = 0;
     (*record)->getSize(&recordSize);
+    if (source == &copy) {
+        copy.close();
+        copy.detach();
+        box->remaining = 0;  // the whole payload is consumed already
+        if (err != MP4_OK) return err;
+        if (recordSize > payload) return MP4_ERR_BAD_BOX_SIZE;
+        *fileBytes = std::move(bytes);
+        *fileByteCount = static_cast<uint32_t>(payload);
+        return MP4_OK;
+    }
+    if (err != MP4_OK) return err;
     if (recordSize > box->remaining) return MP4_ERR_BAD_BOX_SIZE;
     uint64_t rest = box->remaining - recordSize;
     box->remaining = 0;
@@ -95,7 +125,9 @@ MP4Err sizeDescriptorBox(CFullBox* box, CBaseDescriptor* descriptor) {
 
 // ---- "avcC" -----------------------------------------------------------------
 
-MP4Err CAVCConfigurationBox::read(CStorage* storage) { return readRecordBox(this, &record, storage); }
+MP4Err CAVCConfigurationBox::read(CStorage* storage) {
+    return readRecordBox(this, &record, storage, &fileBytes, &fileByteCount);
+}
 MP4Err CAVCConfigurationBox::write(CStorage* storage) { return writeRecordBox(this, record.get(), storage); }
 MP4Err CAVCConfigurationBox::dump(int32_t depth) { return dumpRecordBox(this, record.get(), depth); }
 MP4Err CAVCConfigurationBox::calculateSize() { return sizeRecordBox(this, record.get()); }
@@ -108,7 +140,9 @@ MP4Err CAVCConfigurationBox::getRecord(CAVCDecoderConfigRecord** out) const {
 
 // ---- "hvcC" -----------------------------------------------------------------
 
-MP4Err CHEVCConfigurationBox::read(CStorage* storage) { return readRecordBox(this, &record, storage); }
+MP4Err CHEVCConfigurationBox::read(CStorage* storage) {
+    return readRecordBox(this, &record, storage, &fileBytes, &fileByteCount);
+}
 MP4Err CHEVCConfigurationBox::write(CStorage* storage) { return writeRecordBox(this, record.get(), storage); }
 MP4Err CHEVCConfigurationBox::dump(int32_t depth) { return dumpRecordBox(this, record.get(), depth); }
 MP4Err CHEVCConfigurationBox::calculateSize() { return sizeRecordBox(this, record.get()); }

@@ -28,6 +28,11 @@ public:
     MP4Err getRecord(CAVCDecoderConfigRecord** out) const;
 
     std::unique_ptr<CAVCDecoderConfigRecord> record;
+    // The payload exactly as the file holds it (the record rewrites a few
+    // fields in its own form), kept for callers that hand it to a decoder.
+    // Empty for a box made in memory.
+    std::unique_ptr<uint8_t[]> fileBytes;
+    uint32_t fileByteCount = 0;
 };
 
 // "hvcC" (ISO/IEC 14496-15 §8.4.1.1): owns one HEVC decoder configuration
@@ -44,6 +49,11 @@ public:
     MP4Err getRecord(CHEVCDecoderConfigRecord** out) const;
 
     std::unique_ptr<CHEVCDecoderConfigRecord> record;
+    // The payload exactly as the file holds it (the record rewrites a few
+    // fields in its own form), kept for callers that hand it to a decoder.
+    // Empty for a box made in memory.
+    std::unique_ptr<uint8_t[]> fileBytes;
+    uint32_t fileByteCount = 0;
 };
 
 // "esds" (ISO/IEC 14496-14 §5.6): owns one ES descriptor.

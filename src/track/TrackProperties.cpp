@@ -324,11 +324,21 @@ MP4Err CTrackImpl::getCodecConfiguration(uint8_t* buffer, uint32_t bufferSize,
     uint32_t size = 0;
     CAVCConfigurationBox* avcC = nullptr;
     CHEVCConfigurationBox* hvcC = nullptr;
-    if (entry->findChildAs(fourcc("avcC"), &avcC) == MP4_OK) {
+    entry->findChildAs(fourcc("avcC"), &avcC);
+    entry->findChildAs(fourcc("hvcC"), &hvcC);
+    // The bytes as the file holds them; a record made in memory is written
+    // out in its own form.
+    if (avcC && avcC->fileBytes) {
+        return copyOut(avcC->fileBytes.get(), avcC->fileByteCount, buffer, bufferSize, length);
+    }
+    if (hvcC && hvcC->fileBytes) {
+        return copyOut(hvcC->fileBytes.get(), hvcC->fileByteCount, buffer, bufferSize, length);
+    }
+    if (avcC) {
         CAVCDecoderConfigRecord* record = nullptr;
         if ((err = avcC->getRecord(&record)) != MP4_OK) return err;
         err = recordBytes(record, &bytes, &size);
-    } else if (entry->findChildAs(fourcc("hvcC"), &hvcC) == MP4_OK) {
+    } else if (hvcC) {
         CHEVCDecoderConfigRecord* record = nullptr;
         if ((err = hvcC->getRecord(&record)) != MP4_OK) return err;
         err = recordBytes(record, &bytes, &size);
