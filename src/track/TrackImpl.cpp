@@ -431,7 +431,40 @@ bool CTrackImpl::stscRunsAscend() {
 // in it. Samples are usually asked for in order: while they stay in the
 // chunk of the last query, the walk resumes there instead of looking the
 // chunk up and summing the sizes before the sample again.
-MP4Err CTrackImpl::locateInChunk(uint32_t sample) {
+MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
+    OffsetCursor& c = offsetCursor_;
+    if (c.chunk != 0 && c.chunkEnd != 0) {
+        // The sample after the last one asked, in the same chunk.
+        if (sample == c.sample + 1 && sample < c.chunkEnd) {
+            c.offsetInChunk += c.sampleSize;
+            c.sample = sample;
+            c.sampleSize = sampleSize;
+            return MP4_OK;
+        }
+        // The first sample of the next chunk of the same "stsc" run.
+        if (sample == c.chunkEnd && stscAscending_ && sample < stscRun_.endSample) {
+            uint64_t position = 0;
+            MP4Err err = chunkOffset(c.chunk + 1, &position);
+            if (err != MP4_OK) {
+                c = OffsetCursor();
+                return err;
+            }
+            c.chunk += 1;
+            c.chunkFirst = sample;
+            c.chunkEnd = sample + stscRun_.entry->samplesPerChunk;
+            c.sample = sample;
+            c.sampleSize = sampleSize;
+            c.chunkOffset = position;
+            c.offsetInChunk = 0;
+            return MP4_OK;
+        }
+    }
+    MP4Err err = walkToSample(sample);
+    c.sampleSize = sampleSize;
+    return err;
+}
+
+MP4Err CTrackImpl::walkToSample(uint32_t sample) {
     OffsetCursor& c = offsetCursor_;
     bool sameChunk = c.chunk != 0 && sample >= c.chunkFirst && sample < c.chunkEnd;
     if (!sameChunk) {
@@ -443,7 +476,11 @@ MP4Err CTrackImpl::locateInChunk(uint32_t sample) {
             c = OffsetCursor();
             return err;
         }
-        c = OffsetCursor{chunk, first, first, 0, position};
+        c = OffsetCursor();
+        c.chunk = chunk;
+        c.chunkFirst = first;
+        c.sample = first;
+        c.chunkOffset = position;
         // Only a chunk whose samples the sample lies among is kept for the
         // next query; a damaged table is then looked up afresh each time.
         c.chunkEnd = (first <= sample && sample - first < perChunk) ? first + perChunk : 0;
@@ -481,7 +518,7 @@ MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* 
     if (chunkAsSample_ != 0) {
         err = chunkOffset(sample, &position);
     } else {
-        err = locateInChunk(sample);
+        err = locateInChunk(sample, *size);
         position = offsetCursor_.chunkOffset + offsetCursor_.offsetInChunk;
     }
     if (err != MP4_OK) return err;

@@ -114,7 +114,8 @@ private:
     MP4Err chunkOffset(uint32_t chunk, uint64_t* offset);
     MP4Err sizeOfStszSample(uint32_t sample, uint32_t* size);
     MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
-    MP4Err locateInChunk(uint32_t sample);
+    MP4Err locateInChunk(uint32_t sample, uint32_t sampleSize);
+    MP4Err walkToSample(uint32_t sample);
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     bool stscRunsAscend();
     struct StscRun;
@@ -161,6 +162,7 @@ private:
         uint32_t chunkFirst = 0;
         uint32_t sample = 0;
         uint32_t chunkEnd = 0;
+        uint32_t sampleSize = 0;  // size of `sample`
         uint64_t chunkOffset = 0;
         uint64_t offsetInChunk = 0;
     } offsetCursor_;
