@@ -294,12 +294,32 @@ MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
     return MP4_OK;
 }
 
+MP4Err findInChildList(CBoxList* list, uint32_t wantedType, CBox** box, uint32_t instance) {
+    if (!box) return MP4_ERR_INVALID_ARGUMENT;
+    *box = nullptr;
+    if (!list) return MP4_ERR_NOT_AVAILABLE;
+    return list->findNth(wantedType, box, instance);
+}
+
+MP4Err appendToChildList(std::unique_ptr<CBoxList>* list, CBox* owner, CBox* box) {
+    if (!*list) {
+        list->reset(new (std::nothrow) CBoxList(owner));
+        if (!*list) return MP4_ERR_OUT_OF_MEMORY;
+    }
+    return (*list)->append(box);
+}
+
+MP4Err startChildList(std::unique_ptr<CBoxList>* list, CBox* owner) {
+    if (*list) return MP4_ERR_INVALID_DATA;
+    list->reset(new (std::nothrow) CBoxList(owner));
+    return *list ? MP4_OK : MP4_ERR_OUT_OF_MEMORY;
+}
+
 // ---- CContainerBox --------------------------------------------------------
 
 MP4Err CContainerBox::read(CStorage* storage) {
-    if (children) return MP4_ERR_INVALID_DATA;
-    children.reset(new (std::nothrow) CBoxList(this));
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = startChildList(&children, this);
+    if (err != MP4_OK) return err;
     return readChildren(children.get(), storage, &remaining);
 }
 
@@ -330,17 +350,11 @@ MP4Err CContainerBox::calculateSize() {
 }
 
 MP4Err CContainerBox::findChild(uint32_t wantedType, CBox** box, uint32_t instance) {
-    *box = nullptr;
-    if (!children) return MP4_ERR_NOT_AVAILABLE;
-    return children->findNth(wantedType, box, instance);
+    return findInChildList(children.get(), wantedType, box, instance);
 }
 
 MP4Err CContainerBox::addChild(CBox* box) {
-    if (!children) {
-        children.reset(new (std::nothrow) CBoxList(this));
-        if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    }
-    MP4Err err = children->append(box);
+    MP4Err err = appendToChildList(&children, this, box);
     if (err != MP4_OK) return err;
     if (growsOnAddChild()) {
         uint64_t childSize = 0;

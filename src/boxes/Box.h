@@ -127,6 +127,15 @@ MP4Err dumpChildren(CBoxList* list, int32_t depth);
 // The indentation and "{", the children at depth + 1, the indentation and "}\n".
 MP4Err dumpChildrenInBraces(CBoxList* list, int32_t depth);
 
+// For boxes that own a child list (containers, "dref", "stsd", sample
+// entries...). The instance-th child of that type: 3 without a list.
+MP4Err findInChildList(CBoxList* list, uint32_t type, CBox** box, uint32_t instance);
+// Appends a child, making the list first: 1 when it cannot be made.
+MP4Err appendToChildList(std::unique_ptr<CBoxList>* list, CBox* owner, CBox* box);
+// Makes the list a box reads its children into: 5 when the box already has
+// one (read twice), 1 when it cannot be made.
+MP4Err startChildList(std::unique_ptr<CBoxList>* list, CBox* owner);
+
 // The container reading loop: reads children from the storage while at
 // least 8 of *remaining bytes are left, with the list owner's type as the
 // parent type. Lenient: a child too large for the parent skips the rest;

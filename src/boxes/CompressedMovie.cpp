@@ -132,9 +132,7 @@ MP4Err CCompressedMovieDataBox::read(CStorage* storage) {
     }
     compressed.reset();
 
-    if (children) return MP4_ERR_INVALID_DATA;
-    children.reset(new (std::nothrow) CBoxList(this));
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    if (MP4Err err = startChildList(&children, this)) return err;
     return readInflatedBoxes(children.get(), inflated.get(), static_cast<uint32_t>(inflatedLength));
 }
 
@@ -158,10 +156,7 @@ MP4Err CCompressedMovieDataBox::calculateSize() {
 }
 
 MP4Err CCompressedMovieDataBox::findChild(uint32_t wantedType, CBox** box, uint32_t instance) {
-    if (!box) return MP4_ERR_INVALID_ARGUMENT;
-    *box = nullptr;
-    if (!children) return MP4_ERR_NOT_AVAILABLE;
-    return children->findNth(wantedType, box, instance);
+    return findInChildList(children.get(), wantedType, box, instance);
 }
 
 }  // namespace quil

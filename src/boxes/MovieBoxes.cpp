@@ -891,9 +891,7 @@ MP4Err CDataReferenceBox::read(CStorage* storage) {
     if (err != MP4_OK) return err;
     err = PayloadReader(storage, &remaining).u32(entryCount).error();
     if (err != MP4_OK) return err;
-    if (children) return MP4_ERR_INVALID_DATA;
-    children.reset(new (std::nothrow) CBoxList(this));
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    if (MP4Err err = startChildList(&children, this)) return err;
     return readChildren(children.get(), storage, &remaining);
 }
 
@@ -926,18 +924,11 @@ MP4Err CDataReferenceBox::calculateSize() {
 }
 
 MP4Err CDataReferenceBox::findChild(uint32_t wantedType, CBox** box, uint32_t instance) {
-    if (!box) return MP4_ERR_INVALID_ARGUMENT;
-    *box = nullptr;
-    if (!children) return MP4_ERR_NOT_AVAILABLE;
-    return children->findNth(wantedType, box, instance);
+    return findInChildList(children.get(), wantedType, box, instance);
 }
 
 MP4Err CDataReferenceBox::addChild(CBox* box) {
-    if (!children) {
-        children.reset(new (std::nothrow) CBoxList(this));
-        if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    }
-    MP4Err err = children->append(box);
+    MP4Err err = appendToChildList(&children, this, box);
     if (err != MP4_OK) return err;
     ++entryCount;
     return MP4_OK;

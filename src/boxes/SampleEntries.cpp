@@ -62,9 +62,7 @@ MP4Err CSampleDescriptionBox::read(CStorage* storage) {
     if (err != MP4_OK) return err;
     remaining -= 4;
 
-    if (children) return MP4_ERR_INVALID_DATA;
-    children.reset(new (std::nothrow) CBoxList(this));
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    if (MP4Err err = startChildList(&children, this)) return err;
 
     uint64_t position = 0;
     err = storage->getPosition(&position);
@@ -105,17 +103,11 @@ MP4Err CSampleDescriptionBox::calculateSize() {
 }
 
 MP4Err CSampleDescriptionBox::findChild(uint32_t childType, CBox** box, uint32_t instance) {
-    *box = nullptr;
-    if (!children) return MP4_ERR_NOT_AVAILABLE;
-    return children->findNth(childType, box, instance);
+    return findInChildList(children.get(), childType, box, instance);
 }
 
 MP4Err CSampleDescriptionBox::addChild(CBox* box) {
-    if (!children) {
-        children.reset(new (std::nothrow) CBoxList(this));
-        if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    }
-    MP4Err err = children->append(box);
+    MP4Err err = appendToChildList(&children, this, box);
     if (err != MP4_OK) return err;
     ++entryCount;
     return MP4_OK;
@@ -137,17 +129,11 @@ MP4Err CSampleDescriptionBox::getEntry(uint32_t index, CBox** entry) {
 // ---- sample-entry start ---------------------------------------------------
 
 MP4Err CSampleEntry::findChild(uint32_t childType, CBox** box, uint32_t instance) {
-    *box = nullptr;
-    if (!children) return MP4_ERR_NOT_AVAILABLE;
-    return children->findNth(childType, box, instance);
+    return findInChildList(children.get(), childType, box, instance);
 }
 
 MP4Err CSampleEntry::addChild(CBox* box) {
-    if (!children) {
-        children.reset(new (std::nothrow) CBoxList(this));
-        if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    }
-    return children->append(box);
+    return appendToChildList(&children, this, box);
 }
 
 MP4Err CSampleEntry::readSampleEntryStart(CStorage* storage) {
@@ -175,9 +161,7 @@ void CSampleEntry::dumpDataReferenceIndex(int32_t depth) {
 }
 
 MP4Err CSampleEntry::readEntryChildren(CStorage* storage) {
-    if (children) return MP4_ERR_INVALID_DATA;
-    children.reset(new (std::nothrow) CBoxList(this));
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
+    if (MP4Err err = startChildList(&children, this)) return err;
     return readChildren(children.get(), storage, &remaining);
 }
 

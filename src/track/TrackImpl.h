@@ -126,6 +126,12 @@ private:
     template <class T>
     MP4Err firstEntryOf(T** entry);
     MP4Err esdsOfFirstEntry(CESDBox** esds);
+    struct SoundFields {
+        uint32_t channels;
+        uint32_t bits;
+        uint32_t rate;
+    };
+    MP4Err firstSoundFields(SoundFields* fields);
     MP4Err codecOfFormat(uint32_t format, uint32_t* codec);
 
     CMp4FileImpl* file_;

@@ -201,24 +201,9 @@ MP4Err CTrackImpl::getHeight(uint32_t* height) {
     return err;
 }
 
-MP4Err CTrackImpl::getChannelCount(uint32_t* channels) {
-    QUIL_REQUIRE_OUT(channels);
-    *channels = 0;
-    CSoundSampleEntry* sound = nullptr;
-    MP4Err err = firstEntryOf(&sound);
-    if (err == MP4_OK) {
-        *channels = sound->channelCount;
-        return MP4_OK;
-    }
-    CAudioSampleEntry* audio = nullptr;
-    if (firstEntryOf(&audio) != MP4_OK) return err;
-    *channels = audio->channelCount;
-    return MP4_OK;
-}
-
-MP4Err CTrackImpl::getSampleRate(uint32_t* sampleRate) {
-    QUIL_REQUIRE_OUT(sampleRate);
-    *sampleRate = 0;
+// Channels, bits per sample and rate of the first sound description: a
+// QuickTime or MPEG-4 sound entry, or an ISO audio entry (AMR).
+MP4Err CTrackImpl::firstSoundFields(SoundFields* fields) {
     CSoundSampleEntry* sound = nullptr;
     MP4Err err = firstEntryOf(&sound);
     if (err == MP4_OK) {
@@ -226,29 +211,42 @@ MP4Err CTrackImpl::getSampleRate(uint32_t* sampleRate) {
         // its low bits.
         bool exact = sound->version == 2 && sound->audioSampleRate >= 0.0 &&
                      sound->audioSampleRate < 4294967296.0;
-        *sampleRate = exact ? static_cast<uint32_t>(sound->audioSampleRate)
-                            : sound->sampleRateInteger;
+        *fields = {sound->channelCount, sound->sampleSize,
+                   exact ? static_cast<uint32_t>(sound->audioSampleRate)
+                         : sound->sampleRateInteger};
         return MP4_OK;
     }
     CAudioSampleEntry* audio = nullptr;
     if (firstEntryOf(&audio) != MP4_OK) return err;
-    *sampleRate = audio->sampleRateHz();
+    *fields = {audio->channelCount, audio->sampleSize, audio->sampleRateHz()};
     return MP4_OK;
+}
+
+MP4Err CTrackImpl::getChannelCount(uint32_t* channels) {
+    QUIL_REQUIRE_OUT(channels);
+    *channels = 0;
+    SoundFields fields;
+    MP4Err err = firstSoundFields(&fields);
+    if (err == MP4_OK) *channels = fields.channels;
+    return err;
+}
+
+MP4Err CTrackImpl::getSampleRate(uint32_t* sampleRate) {
+    QUIL_REQUIRE_OUT(sampleRate);
+    *sampleRate = 0;
+    SoundFields fields;
+    MP4Err err = firstSoundFields(&fields);
+    if (err == MP4_OK) *sampleRate = fields.rate;
+    return err;
 }
 
 MP4Err CTrackImpl::getSampleBits(uint32_t* bits) {
     QUIL_REQUIRE_OUT(bits);
     *bits = 0;
-    CSoundSampleEntry* sound = nullptr;
-    MP4Err err = firstEntryOf(&sound);
-    if (err == MP4_OK) {
-        *bits = sound->sampleSize;
-        return MP4_OK;
-    }
-    CAudioSampleEntry* audio = nullptr;
-    if (firstEntryOf(&audio) != MP4_OK) return err;
-    *bits = audio->sampleSize;
-    return MP4_OK;
+    SoundFields fields;
+    MP4Err err = firstSoundFields(&fields);
+    if (err == MP4_OK) *bits = fields.bits;
+    return err;
 }
 
 MP4Err CTrackImpl::getPixelAspectRatio(uint32_t* hSpacing, uint32_t* vSpacing) {
