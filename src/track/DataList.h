@@ -139,7 +139,9 @@ private:
     // one is full.
     MP4Err reserveSlot(T** slot) {
         if (count_ == UINT32_MAX) return MP4_ERR_OUT_OF_MEMORY;  // no index left
-        if (count_ % blockSize_ == 0) {
+        // A new node when the tail is full (compared, not divided: appends
+        // are the hot loop of reading a file).
+        if (!tail_ || count_ + 1 - tail_->firstIndex >= blockSize_) {
             Node* node = Node::create(count_ + 1, blockSize_);
             if (!node) return MP4_ERR_OUT_OF_MEMORY;
             if (tail_) tail_->next = node;

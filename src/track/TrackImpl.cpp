@@ -64,6 +64,8 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
     stscRun_ = StscRun();
     stscAscending_ = stscRunsAscend();
     syncCursor_ = 1;
+    syncWindow_ = SyncWindow();
+    stssAscending_ = stssNumbersAscend();
     open_ = 1;
     return MP4_OK;
 }
@@ -567,6 +569,13 @@ MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
         *sync = 1;  // without "stss" every sample is a sync sample
         return MP4_OK;
     }
+    if (!stssAscending_) return isListedSyncSample(sample, sync);
+    // Samples between the last two sync samples looked at are answered
+    // without the table.
+    if (sample > syncWindow_.low && sample <= syncWindow_.high) {
+        *sync = sample == syncWindow_.high ? 1 : 0;
+        return MP4_OK;
+    }
     // Sync sample numbers ascend: resume from where the last test ended.
     // The cursor is the first entry not below the last sample tested; it
     // restarts when a test goes back before the entry preceding it.
@@ -576,17 +585,50 @@ MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
          entry->sampleNumber >= sample)) {
         syncCursor_ = 1;
     }
+    uint64_t previous = 0;
+    if (syncCursor_ > 1 && stss_->getEntry(syncCursor_ - 1, &entry) == MP4_OK) {
+        previous = entry->sampleNumber;
+    }
     for (uint32_t i = syncCursor_; i <= stss_->entryCount; ++i) {
         MP4Err err = stss_->getEntry(i, &entry);
         if (err != MP4_OK) return err;
         if (entry->sampleNumber >= sample) {
             syncCursor_ = i;
+            syncWindow_ = {previous, entry->sampleNumber};
             *sync = entry->sampleNumber == sample ? 1 : 0;
             return MP4_OK;
         }
+        previous = entry->sampleNumber;
     }
     syncCursor_ = stss_->entryCount + 1;
+    syncWindow_ = {previous, UINT64_MAX};
     return MP4_OK;
+}
+
+// Whether the sample is listed at all, for a table whose numbers do not
+// ascend (damaged): every entry is looked at.
+MP4Err CTrackImpl::isListedSyncSample(uint32_t sample, uint32_t* sync) {
+    for (uint32_t i = 1; i <= stss_->entries.count(); ++i) {
+        CSyncSampleTableEntry* entry = nullptr;
+        MP4Err err = stss_->getEntry(i, &entry);
+        if (err != MP4_OK) return err;
+        if (entry->sampleNumber == sample) {
+            *sync = 1;
+            return MP4_OK;
+        }
+    }
+    return MP4_OK;
+}
+
+// Whether the sync sample numbers never decrease.
+bool CTrackImpl::stssNumbersAscend() {
+    uint32_t previous = 0;
+    for (uint32_t i = 1; stss_ && i <= stss_->entries.count(); ++i) {
+        CSyncSampleTableEntry* entry = nullptr;
+        if (stss_->getEntry(i, &entry) != MP4_OK || entry->sampleNumber < previous) return false;
+        previous = entry->sampleNumber;
+    }
+    return true;
 }
 
 // ---- times and searches ---------------------------------------------------

@@ -118,6 +118,8 @@ private:
     MP4Err walkToSample(uint32_t sample);
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     bool stscRunsAscend();
+    bool stssNumbersAscend();
+    MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
     uint64_t runEnd(const StscRun& run);
 
@@ -183,6 +185,13 @@ private:
     bool stscAscending_ = false;
     // Position in "stss" of the last sync test, for tests in sample order.
     uint32_t syncCursor_ = 1;
+    // The sync sample numbers around the last sample tested: samples in
+    // (low, high] are sync samples only at high. Empty until a test.
+    struct SyncWindow {
+        uint64_t low = 0;
+        uint64_t high = 0;
+    } syncWindow_;
+    bool stssAscending_ = true;
 
     // Writing limits (kept for when the track writes).
     uint64_t chunkDurationLimit_ = 0;
