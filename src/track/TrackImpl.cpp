@@ -162,11 +162,18 @@ void CTrackImpl::chooseChunkAsSampleMode() {
     chunkAsSample_ = mode1 ? 1 : 2;
 }
 
-// The most samples the tables can describe: "stsz" in sample mode, the
-// chunk offsets in chunk mode. A damaged "stts" claiming more samples than
-// that cannot make the time table grow beyond what the file holds.
+// The most samples the file can hold: the chunk offsets read in chunk
+// mode; in sample mode the sizes read, or with one size for all samples as
+// many as fit in the file. Damaged counts in "stts" or "stsz" then cannot
+// make the time table grow beyond what the input justifies.
 uint32_t CTrackImpl::sampleTimeLimit() const {
-    if (chunkAsSample_ != 0) return stco_ ? stco_->entryCount : co64_->entryCount;
+    if (chunkAsSample_ != 0) return stco_ ? stco_->entries.count() : co64_->entries.count();
+    if (stsz_->sampleSize == 0) return stsz_->entries.count();
+    uint64_t length = 0;
+    if (file_->storage() && file_->storage()->getLength(&length) == MP4_OK) {
+        uint64_t fit = length / stsz_->sampleSize;
+        if (fit < stsz_->sampleCount) return static_cast<uint32_t>(fit);
+    }
     return stsz_->sampleCount;
 }
 
