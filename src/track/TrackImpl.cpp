@@ -122,6 +122,7 @@ MP4Err CTrackImpl::findSampleTables() {
     if ((err = findOptional(stbl, fourcc("ctts"), &ctts_)) != MP4_OK) return err;
     if ((err = findTyped(stbl, fourcc("stsz"), &stsz_)) != MP4_OK) return err;
     if ((err = findTyped(stbl, fourcc("stsc"), &stsc_)) != MP4_OK) return err;
+    co64_ = nullptr;
     if ((err = findOptional(stbl, fourcc("stco"), &stco_)) != MP4_OK) return err;
     if (!stco_) {
         if ((err = findTyped(stbl, fourcc("co64"), &co64_)) != MP4_OK) return err;
