@@ -1,1 +1,1020 @@
+// The track object through the public interface: sample sizes, offsets,
+// bytes, times and searches; binding errors; codec, sample-entry and
+// time-code properties. Checked against the generated fixtures (known
+// values taken from ffprobe) and against small files built here whose
+// layout the test knows independently of the library.
 #include <gtest/gtest.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "BoxBuilder.h"
+#include "quil/quil.h"
+#include "storage/MemoryStorage.h"
+
+namespace quil {
+namespace {
+
+using test::box;
+using test::Bytes;
+using test::ByteWriter;
+using test::concat;
+using test::fullBox;
+
+std::string fixturePath(const std::string& name) { return std::string(QUIL_TEST_DATA_DIR) + "/" + name; }
+std::wstring widePath(const std::string& name) {
+    std::string path = fixturePath(name);
+    return std::wstring(path.begin(), path.end());
+}
+Bytes loadFixture(const std::string& name) {
+    std::ifstream in(fixturePath(name), std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// An opened file, by fixture path or over bytes in a caller-owned memory
+// storage. Tracks handed out are released before the file closes.
+class OpenedFile {
+public:
+    explicit OpenedFile(const std::string& fixture) {
+        EXPECT_EQ(MP4_OK, CMp4File::createInstance(&file_));
+        EXPECT_EQ(MP4_OK, file_->open(widePath(fixture).c_str(), 0, 0)) << fixture;
+    }
+    explicit OpenedFile(Bytes bytes) : bytes_(std::move(bytes)) {
+        EXPECT_EQ(MP4_OK, CMp4File::createInstance(&file_));
+        storage_.attach(bytes_.data(), static_cast<uint32_t>(bytes_.size()), false);
+        EXPECT_EQ(MP4_OK, file_->setStorage(&storage_));
+        EXPECT_EQ(MP4_OK, file_->open(nullptr, 0, 0));
+    }
+    ~OpenedFile() {
+        for (CMp4Track* track : tracks_) (void)file_->releaseTrack(track);
+        (void)file_->close();
+        CMp4File::destroyInstance(&file_);
+        storage_.detach();
+    }
+    CMp4File* file() { return file_; }
+    MP4Err getTrack(uint32_t number, CMp4Track** track) {
+        MP4Err err = file_->getTrack(number, track);
+        if (err == MP4_OK) tracks_.push_back(*track);
+        return err;
+    }
+    // The track, or null with a test failure.
+    CMp4Track* track(uint32_t number) {
+        CMp4Track* t = nullptr;
+        EXPECT_EQ(MP4_OK, getTrack(number, &t)) << "track " << number;
+        return t;
+    }
+
+private:
+    CMp4File* file_ = nullptr;
+    Bytes bytes_;
+    CMemoryStorage storage_;
+    std::vector<CMp4Track*> tracks_;
+};
+
+// Answers are compared as one number: the value, or failed(code) when the
+// call returns an error.
+constexpr uint64_t failed(MP4Err err) { return (uint64_t{1} << 40) + err; }
+
+template <class T>
+uint64_t get(MP4Err (CMp4Track::*getter)(T*), CMp4Track* t) {
+    T value{};
+    MP4Err err = (t->*getter)(&value);
+    return err == MP4_OK ? static_cast<uint64_t>(value) : failed(err);
+}
+
+uint64_t found(MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), CMp4Track* t, uint64_t time) {
+    uint32_t sample = 0;
+    MP4Err err = (t->*search)(time, &sample);
+    return err == MP4_OK ? sample : failed(err);
+}
+
+// Offset and size of a sample (the offset is failed(code) on error).
+std::pair<uint64_t, uint32_t> place(CMp4Track* t, uint32_t sample) {
+    uint64_t offset = 0;
+    uint32_t size = 0;
+    MP4Err err = t->getSampleOffset(sample, &offset, &size);
+    return {err == MP4_OK ? offset : failed(err), size};
+}
+
+// The times of all samples (or the error of the sample count).
+std::vector<uint64_t> times(CMp4Track* t, MP4Err (CMp4Track::*getter)(uint32_t, uint64_t*)) {
+    uint32_t count = 0;
+    MP4Err countErr = t->getSampleCount(&count);
+    if (countErr != MP4_OK) return {failed(countErr)};
+    std::vector<uint64_t> result;
+    for (uint32_t s = 1; s <= count; ++s) {
+        uint64_t time = 0;
+        MP4Err err = (t->*getter)(s, &time);
+        result.push_back(err == MP4_OK ? time : failed(err));
+    }
+    return result;
+}
+constexpr auto kDecode = &CMp4Track::getSampleDecodeTime;
+constexpr auto kComposition = &CMp4Track::getSampleCompositionTime;
+
+// Hours, minutes, seconds and frames, or {-code}.
+std::vector<int> timecodeError(MP4Err err) { return {-static_cast<int>(err)}; }
+std::vector<int> timecode(CMp4Track* t, uint64_t time) {
+    uint8_t h = 0, m = 0, s = 0, f = 0;
+    MP4Err err = t->getTimecode(time, &h, &m, &s, &f);
+    if (err != MP4_OK) return timecodeError(err);
+    return {h, m, s, f};
+}
+
+// ---------------------------------------------------------------------------
+// Building one-track files. The media data comes first, so chunk offsets
+// are known before the movie box is written.
+
+struct Run { uint32_t count; uint32_t value; };
+struct StscRow { uint32_t firstChunk, samplesPerChunk, descriptionIndex; };
+struct Edit { uint32_t duration; int32_t mediaTime; };
+
+constexpr uint64_t kMediaStart = 24 + 8;  // after "ftyp" and the "mdat" header
+
+struct TrackPlan {
+    uint32_t trackId = 1;
+    uint32_t handler = fourcc("vide");
+    const char* mediaHeader = "vmhd";  // null: none
+    uint32_t movieScale = 600;
+    uint32_t mediaScale = 600;
+    Bytes sampleEntry;
+    std::vector<Run> stts;
+    std::vector<Run> ctts;  // empty: no "ctts"
+    std::vector<StscRow> stsc;
+    uint32_t constantSize = 0;
+    uint32_t sampleCount = 0;
+    std::vector<uint32_t> sizes;
+    std::vector<uint64_t> chunkOffsets;  // from the start of the file
+    bool co64 = false;
+    bool hasStss = false;
+    std::vector<uint32_t> syncSamples;
+    std::vector<Edit> edits;
+    std::string omit;  // a "stbl" child left out
+    Bytes media;
+};
+
+Bytes visualEntry(const char* format) {
+    ByteWriter w;
+    w.zeros(6).u16(1).u16(0).u16(0).zeros(12).u16(320).u16(240);
+    w.u32(0x00480000).u32(0x00480000).u32(0).u16(1).zeros(32).u16(24).u16(0xFFFF);
+    return box(format, w);
+}
+
+// A sound description of version 0, 1 (with `field` as bytes per sample)
+// or 2 (48 kHz, with `field` as bytes per audio packet).
+Bytes soundEntry(const char* format, uint16_t channels, uint16_t rate, uint16_t version = 0, uint32_t field = 0) {
+    ByteWriter w;
+    w.zeros(6).u16(1).u16(version).u16(0).u32(0);
+    if (version < 2) w.u16(channels).u16(16).u16(0).u16(0).u16(rate).u16(0);
+    if (version == 1) w.u32(1).u32(field * channels).u32(field * channels).u32(field);
+    if (version == 2) {
+        w.u16(3).u16(16).u16(0xFFFE).u16(0).u32(0x10000).u32(72).u64(0x40E7700000000000ull);  // 48000.0
+        w.u32(channels).u32(0x7F000000).u32(16).u32(0).u32(field).u32(1);
+    }
+    return box(format, w);
+}
+
+Bytes timecodeEntry(uint32_t flags, uint32_t timeScale, uint32_t frameDuration, uint8_t frames) {
+    ByteWriter w;
+    w.zeros(6).u16(1).u32(0).u32(flags).u32(timeScale).u32(frameDuration).u8(frames).u8(0);
+    return box("tmcd", w);
+}
+
+template <class T, class F>
+Bytes table(const char* type, const std::vector<T>& entries, F writeEntry) {
+    ByteWriter w;
+    w.u32(static_cast<uint32_t>(entries.size()));
+    for (const T& e : entries) writeEntry(w, e);
+    return fullBox(type, 0, 0, w);
+}
+
+Bytes runs(const char* type, const std::vector<Run>& entries) {
+    return table(type, entries, [](ByteWriter& w, const Run& r) { w.u32(r.count).u32(r.value); });
+}
+
+Bytes sampleTable(const TrackPlan& t) {
+    Bytes children;
+    auto add = [&](const char* type, const Bytes& b) {
+        if (t.omit != type) children = concat({children, b});
+    };
+    add("stsd", fullBox("stsd", 0, 0, concat({ByteWriter().u32(1), t.sampleEntry})));
+    add("stts", runs("stts", t.stts));
+    if (!t.ctts.empty()) add("ctts", runs("ctts", t.ctts));
+    add("stsc", table("stsc", t.stsc, [](ByteWriter& w, const StscRow& r) {
+        w.u32(r.firstChunk).u32(r.samplesPerChunk).u32(r.descriptionIndex);
+    }));
+    ByteWriter stsz;
+    stsz.u32(t.constantSize).u32(t.sampleCount);
+    if (t.constantSize == 0) for (uint32_t s : t.sizes) stsz.u32(s);
+    add("stsz", fullBox("stsz", 0, 0, stsz));
+    const char* offsets = t.co64 ? "co64" : "stco";
+    add(offsets, table(offsets, t.chunkOffsets, [&](ByteWriter& w, uint64_t o) {
+        t.co64 ? w.u64(o) : w.u32(static_cast<uint32_t>(o));
+    }));
+    if (t.hasStss) add("stss", table("stss", t.syncSamples, [](ByteWriter& w, uint32_t s) { w.u32(s); }));
+    return box("stbl", children);
+}
+
+ByteWriter& identityMatrix(ByteWriter& w) {
+    for (uint32_t m : {0x10000u, 0u, 0u, 0u, 0x10000u, 0u, 0u, 0u, 0x40000000u}) w.u32(m);
+    return w;
+}
+
+Bytes buildFile(const TrackPlan& t) {
+    ByteWriter mvhd, tkhd;
+    mvhd.u32(0).u32(0).u32(t.movieScale).u32(0).u32(0x00010000).u16(0x0100).zeros(10);
+    identityMatrix(mvhd).zeros(24).u32(t.trackId + 1);
+    tkhd.u32(0).u32(0).u32(t.trackId).u32(0).u32(0).zeros(8).u16(0).u16(0).u16(0x0100).u16(0);
+    identityMatrix(tkhd).u32(0).u32(0);
+    Bytes trak = fullBox("tkhd", 0, 7, tkhd);
+    if (!t.edits.empty()) {
+        trak = concat({trak, box("edts", table("elst", t.edits, [](ByteWriter& w, const Edit& e) {
+                                 w.u32(e.duration).u32(static_cast<uint32_t>(e.mediaTime)).u16(1).u16(0);
+                             }))});
+    }
+    Bytes minf;
+    if (t.mediaHeader) minf = fullBox(t.mediaHeader, 0, 0, Bytes(std::string(t.mediaHeader) == "vmhd" ? 8 : 4, 0));
+    Bytes mdia = concat({fullBox("mdhd", 0, 0, ByteWriter().u32(0).u32(0).u32(t.mediaScale).u32(0).u16(0x55C4).u16(0)),
+                         fullBox("hdlr", 0, 0, ByteWriter().u32(0).u32(t.handler).zeros(12).u8(0)),
+                         box("minf", concat({minf, sampleTable(t)}))});
+    trak = box("trak", concat({trak, box("mdia", mdia)}));
+    return concat({box("ftyp", ByteWriter().code("isom").u32(0x200).code("isom").code("mp41")),
+                   box("mdat", t.media), box("moov", concat({fullBox("mvhd", 0, 0, mvhd), trak}))});
+}
+
+// Byte j of sample s, so that every sample's bytes are distinct.
+uint8_t sampleByte(uint32_t sample, uint32_t j) { return static_cast<uint8_t>(sample * 31 + j); }
+
+// Lays out chunks (the sample sizes of each) with a gap before every
+// chunk; fills stsc, stsz, stts, chunk offsets and media; returns where
+// each sample lies as the test computes it.
+std::vector<std::pair<uint64_t, uint32_t>> layOut(TrackPlan* t, const std::vector<std::vector<uint32_t>>& chunks,
+                                                  bool constant, uint64_t offsetBias = 0) {
+    std::vector<std::pair<uint64_t, uint32_t>> places;
+    uint32_t sample = 0;
+    for (uint32_t c = 0; c < chunks.size(); ++c) {
+        t->media.insert(t->media.end(), 3 + c % 5, 0xEE);
+        t->chunkOffsets.push_back(kMediaStart + t->media.size() + offsetBias);
+        uint32_t n = static_cast<uint32_t>(chunks[c].size());
+        if (t->stsc.empty() || t->stsc.back().samplesPerChunk != n) t->stsc.push_back({c + 1, n, 1});
+        for (uint32_t size : chunks[c]) {
+            ++sample;
+            places.push_back({kMediaStart + t->media.size() + offsetBias, size});
+            for (uint32_t j = 0; j < size; ++j) t->media.push_back(sampleByte(sample, j));
+            t->sizes.push_back(size);
+        }
+    }
+    t->sampleCount = sample;
+    if (constant) t->constantSize = t->sizes.front();
+    t->stts = {{sample, 10}};
+    return places;
+}
+
+// A video track of n samples of 1 to 4 bytes, one per chunk, decode times
+// 0, 10, 20...
+TrackPlan simpleVideo(uint32_t n) {
+    TrackPlan t;
+    t.sampleEntry = visualEntry("avc1");
+    std::vector<std::vector<uint32_t>> chunks;
+    for (uint32_t s = 1; s <= n; ++s) chunks.push_back({1 + s % 4});
+    layOut(&t, chunks, false);
+    return t;
+}
+
+// ---------------------------------------------------------------------------
+// The fixtures
+
+struct MuxedFixture { const char* name; uint64_t shift; };
+void PrintTo(const MuxedFixture& c, std::ostream* os) { *os << c.name; }
+class TrackMuxed : public ::testing::TestWithParam<MuxedFixture> {};
+
+// The same H.264 + AAC samples with the movie box after and before the
+// media data; offsets and sizes from ffprobe.
+TEST_P(TrackMuxed, TwoTracksWithKnownSamples) {
+    OpenedFile f(GetParam().name);
+    const uint64_t shift = GetParam().shift;
+    uint32_t count = 0;
+    ASSERT_EQ(MP4_OK, f.file()->getTrackCount(&count));
+    ASSERT_EQ(2u, count);
+    CMp4Track* video = f.track(1);
+    CMp4Track* audio = f.track(2);
+    ASSERT_TRUE(video && audio);
+    EXPECT_EQ(MP4_TRACK_VIDEO, get(&CMp4Track::getTrackType, video));
+    EXPECT_EQ(MP4_TRACK_AUDIO, get(&CMp4Track::getTrackType, audio));
+    EXPECT_EQ(2u, get(&CMp4Track::getTrackId, audio));
+    EXPECT_EQ(25u, get(&CMp4Track::getSampleCount, video));
+    EXPECT_EQ(45u, get(&CMp4Track::getSampleCount, audio));
+
+    const struct { CMp4Track* track; uint32_t sample; uint64_t offset; uint32_t size; uint64_t decode; } known[] = {
+        {video, 1, 181, 2427, 0}, {video, 2, 2830, 394, 512}, {video, 25, 14929, 273, 12288},
+        {audio, 1, 48, 133, 0},   {audio, 2, 2608, 161, 1024}, {audio, 3, 2769, 61, 2048},
+        {audio, 45, 15333, 5, 45056},
+    };
+    for (const auto& k : known) {
+        EXPECT_EQ(std::make_pair(k.offset + shift, k.size), place(k.track, k.sample)) << "sample " << k.sample;
+        EXPECT_EQ(k.decode, times(k.track, kDecode)[k.sample - 1]);
+    }
+    // Only the first video frame is a key frame; audio has no "stss".
+    for (uint32_t s : {1u, 2u, 25u}) {
+        uint32_t videoSync = 7, audioSync = 7;
+        EXPECT_EQ(MP4_OK, video->isSyncSample(s, &videoSync));
+        EXPECT_EQ(MP4_OK, audio->isSyncSample(s, &audioSync));
+        EXPECT_EQ(s == 1 ? 1u : 0u, videoSync) << "sample " << s;
+        EXPECT_EQ(1u, audioSync);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, TrackMuxed,
+                         ::testing::Values(MuxedFixture{"h264-aac.mp4", 0},
+                                           MuxedFixture{"h264-aac-faststart.mp4", 1968}));
+
+// Every sample reads the same from both layouts, and equals the bytes of
+// the file at the sample's offset.
+TEST(TrackFixtures, SampleBytesMatchTheFileInBothLayouts) {
+    OpenedFile tail("h264-aac.mp4"), front("h264-aac-faststart.mp4");
+    const Bytes tailBytes = loadFixture("h264-aac.mp4");
+    for (uint32_t number : {1u, 2u}) {
+        CMp4Track* a = tail.track(number);
+        CMp4Track* b = front.track(number);
+        ASSERT_TRUE(a && b);
+        for (uint32_t s = 1; s <= get(&CMp4Track::getSampleCount, a); ++s) {
+            Bytes x(4096), y(4096);
+            uint32_t xSize = 0, ySize = 0;
+            ASSERT_EQ(MP4_OK, a->readSample(s, 4096, &xSize, x.data()));
+            ASSERT_EQ(MP4_OK, b->readSample(s, 4096, &ySize, y.data()));
+            const uint64_t offset = place(a, s).first;
+            ASSERT_EQ(xSize, ySize);
+            ASSERT_LE(offset + xSize, tailBytes.size());
+            EXPECT_EQ(x, y) << "track " << number << " sample " << s;
+            EXPECT_TRUE(std::equal(x.begin(), x.begin() + xSize, tailBytes.begin() + static_cast<long>(offset)));
+        }
+    }
+}
+
+TEST(TrackFixtures, CompositionTimesAndSearchesWithBFrames) {
+    OpenedFile f("h264-bframes.mp4");
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    std::vector<uint64_t> cts = times(t, kComposition);
+    ASSERT_EQ(25u, cts.size());
+    EXPECT_EQ((std::vector<uint64_t>{1024, 2560, 1536, 2048, 4096, 3072}), std::vector<uint64_t>(cts.begin(), cts.begin() + 6));
+    EXPECT_EQ(12800u, cts[24]);
+    EXPECT_EQ(12288u, times(t, kDecode)[24]);
+    EXPECT_EQ(0u, get(&CMp4Track::getInitialDelay, t));  // the edit skips media, it does not delay it
+    EXPECT_EQ(std::make_pair(uint64_t{9925}, 180u), place(t, 25));
+
+    auto byCts = &CMp4Track::findSampleByCompositionTime;
+    EXPECT_EQ(1u, found(byCts, t, 0));
+    EXPECT_EQ(3u, found(byCts, t, 2000));  // shown from 1536 to 2048
+    EXPECT_EQ(2u, found(byCts, t, 2560));
+    EXPECT_EQ(6u, found(byCts, t, 3100));
+    auto sync = &CMp4Track::findSyncSampleBefore;
+    EXPECT_EQ(1u, found(sync, t, 5000));
+    // Before the key frame is shown there is nothing to seek to.
+    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), found(sync, t, 500));
+}
+
+TEST(TrackFixtures, EmptyFirstEditDelaysEveryTime) {
+    OpenedFile f("audio-delay.mp4");
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(20991u, get(&CMp4Track::getInitialDelay, t));  // 476 ms at 44100 Hz, truncated
+    std::vector<uint64_t> dts = times(t, kDecode);
+    ASSERT_EQ(45u, dts.size());
+    EXPECT_EQ(20991u, dts[0]);
+    EXPECT_EQ(22015u, dts[1]);
+    EXPECT_EQ(dts, times(t, kComposition));
+    EXPECT_EQ(1u, found(&CMp4Track::findSampleByDecodeTime, t, 0));
+    EXPECT_EQ(2u, found(&CMp4Track::findSampleByDecodeTime, t, 22015));
+}
+
+// Raw PCM keeps one time unit per audio sample; each chunk is presented
+// as one sample instead.
+TEST(TrackFixtures, PcmChunksAreSamples) {
+    const struct { const char* name; uint32_t channels, chunkBytes, codec; } cases[] = {
+        {"pcm-sowt.mov", 2, 32000, 14}, {"pcm-twos.mov", 1, 16000, 15}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        OpenedFile f(c.name);
+        CMp4Track* t = f.track(1);
+        ASSERT_TRUE(t);
+        EXPECT_EQ(1u, get(&CMp4Track::getSampleCount, t));
+        EXPECT_EQ(c.codec, get(&CMp4Track::getCodecType, t));
+        EXPECT_EQ(c.channels, get(&CMp4Track::getChannelCount, t));
+        EXPECT_EQ(16000u, get(&CMp4Track::getSampleRate, t));
+        EXPECT_EQ(16u, get(&CMp4Track::getSampleBits, t));
+        EXPECT_EQ(std::make_pair(uint64_t{36}, c.chunkBytes), place(t, 1));
+        Bytes bytes(c.chunkBytes);
+        uint32_t size = 0;
+        EXPECT_EQ(MP4_OK, t->readSample(1, c.chunkBytes, &size, bytes.data()));
+        const Bytes file = loadFixture(c.name);
+        EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), file.begin() + 36));
+        // One chunk: there is no second one to place or read.
+        EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 2).first);
+        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->readSample(2, c.chunkBytes, &size, bytes.data()));
+    }
+}
+
+TEST(TrackFixtures, TimecodeTrackOfQuickTimeFile) {
+    OpenedFile f("timecode.mov");
+    CMp4Track* video = f.track(1);
+    CMp4Track* tmcd = f.track(2);
+    ASSERT_TRUE(video && tmcd);
+    EXPECT_EQ(MP4_TRACK_TIMECODE, get(&CMp4Track::getTrackType, tmcd));
+    EXPECT_EQ(fourcc("tmcd"), get(&CMp4Track::getSampleEntryType, tmcd));
+    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), get(&CMp4Track::getCodecType, tmcd));
+    EXPECT_EQ((std::vector<int>{1, 0, 0, 0}), timecode(tmcd, 0));
+    // 2 s and 3 frames later (12800 units a second, 512 a frame), past the
+    // track's only sample.
+    EXPECT_EQ((std::vector<int>{1, 0, 2, 3}), timecode(tmcd, 2 * 12800 + 3 * 512));
+    uint8_t flag = 9;
+    for (uint32_t which = 0; which < 4; ++which) {
+        EXPECT_EQ(MP4_OK, tmcd->getTimecodeFlag(which, &flag));
+        EXPECT_EQ(0u, flag);
+    }
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, tmcd->getTimecodeFlag(4, &flag));
+    EXPECT_EQ(timecodeError(MP4_ERR_NOT_AVAILABLE), timecode(video, 0));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, video->getTimecodeFlag(0, &flag));
+}
+
+TEST(TrackFixtures, CodecsAndSampleEntryFields) {
+    const struct { const char* name; uint32_t track, entry, codec, width, height; double angle; } cases[] = {
+        {"h264-aac.mp4", 1, fourcc("avc1"), 7, 160, 120, 0},   {"h264-aac.mp4", 2, fourcc("mp4a"), 2, 0, 0, 0},
+        {"hevc-hvc1.mp4", 1, fourcc("hvc1"), 33, 160, 120, 0}, {"mpeg4-aac.mp4", 1, fourcc("mp4v"), 1, 160, 120, 0},
+        {"h263-amrnb.3gp", 1, fourcc("s263"), 4, 176, 144, 0}, {"h263-amrnb.3gp", 2, fourcc("samr"), 6, 0, 0, 0},
+        {"rotate-90.mp4", 1, fourcc("avc1"), 7, 160, 120, 90},  // matrix {0, 1, -1, 0}
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " track " + std::to_string(c.track));
+        OpenedFile f(c.name);
+        CMp4Track* t = f.track(c.track);
+        ASSERT_TRUE(t);
+        EXPECT_EQ(c.entry, get(&CMp4Track::getSampleEntryType, t));
+        EXPECT_EQ(c.codec, get(&CMp4Track::getCodecType, t));
+        EXPECT_DOUBLE_EQ(c.angle, t->getRotateAngle());
+        if (c.width) {
+            EXPECT_EQ(c.width, get(&CMp4Track::getWidth, t));
+            EXPECT_EQ(c.height, get(&CMp4Track::getHeight, t));
+        } else {
+            EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), get(&CMp4Track::getWidth, t));
+            // The entry's own field: ffmpeg writes 2 for mono AAC and AMR.
+            EXPECT_EQ(2u, get(&CMp4Track::getChannelCount, t));
+        }
+    }
+}
+
+TEST(TrackFixtures, DecoderSpecificInfoAndBufferRules) {
+    OpenedFile f("mpeg4-aac.mp4");
+    CMp4Track* video = f.track(1);
+    CMp4Track* audio = f.track(2);
+    ASSERT_TRUE(video && audio);
+    uint32_t length = 0;
+    uint8_t buffer[64] = {};
+    EXPECT_EQ(MP4_OK, audio->getDecoderSpecificInfo(nullptr, 0, &length));  // the length only
+    EXPECT_EQ(5u, length);
+    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, audio->getDecoderSpecificInfo(buffer, 4, &length));
+    EXPECT_EQ(5u, length);
+    EXPECT_EQ(MP4_OK, audio->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
+    EXPECT_EQ((Bytes{0x12, 0x08, 0x56, 0xE5, 0x00}), Bytes(buffer, buffer + length));
+    EXPECT_EQ(MP4_OK, video->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
+    EXPECT_EQ(30u, length);
+    EXPECT_EQ((Bytes{0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5}), Bytes(buffer, buffer + 9));
+    EXPECT_EQ(0x20u, get(&CMp4Track::getObjectTypeIndication, video));
+    OpenedFile amr("h263-amrnb.3gp");  // no "esds" in an AMR entry
+    CMp4Track* samr = amr.track(2);
+    ASSERT_TRUE(samr);
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, samr->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
+}
+
+// The payload of the first box of that type found in the bytes.
+Bytes boxPayload(const Bytes& file, const char* type) {
+    for (size_t i = 4; i + 4 <= file.size(); ++i) {
+        if (std::equal(type, type + 4, file.begin() + static_cast<long>(i))) {
+            const size_t size = static_cast<size_t>(file[i - 4]) << 24 | file[i - 3] << 16 | file[i - 2] << 8 | file[i - 1];
+            return Bytes(file.begin() + static_cast<long>(i + 4), file.begin() + static_cast<long>(i - 4 + size));
+        }
+    }
+    return {};
+}
+
+TEST(TrackFixtures, CodecConfigurationIsTheRecordOfTheFile) {
+    for (const auto& c : {std::make_pair("h264-aac.mp4", "avcC"), std::make_pair("hevc-hvc1.mp4", "hvcC")}) {
+        SCOPED_TRACE(c.first);
+        const Bytes expected = boxPayload(loadFixture(c.first), c.second);
+        ASSERT_FALSE(expected.empty());
+        OpenedFile f(c.first);
+        CMp4Track* t = f.track(1);
+        ASSERT_TRUE(t);
+        uint32_t length = 0;
+        EXPECT_EQ(MP4_OK, t->getCodecConfiguration(nullptr, 0, &length));
+        ASSERT_EQ(expected.size(), length);
+        Bytes bytes(length);
+        EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->getCodecConfiguration(bytes.data(), length - 1, &length));
+        EXPECT_EQ(expected.size(), length);
+        EXPECT_EQ(MP4_OK, t->getCodecConfiguration(bytes.data(), length, &length));
+        EXPECT_EQ(expected, bytes);
+    }
+    OpenedFile audio("audio-delay.mp4");
+    CMp4Track* t = audio.track(1);
+    ASSERT_TRUE(t);
+    uint32_t length = 7;
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->getCodecConfiguration(nullptr, 0, &length));
+    EXPECT_EQ(0u, length);
+}
+
+TEST(TrackFixtures, VideoCodecIdOfTheFirstVideoTrack) {
+    EXPECT_EQ(fourcc("avc1"), Mp4VideoCodecId(widePath("h264-aac.mp4").c_str()));
+    EXPECT_EQ(fourcc("hvc1"), Mp4VideoCodecId(widePath("hevc-hvc1.mp4").c_str()));
+    EXPECT_EQ(fourcc("s263"), Mp4VideoCodecId(widePath("h263-amrnb.3gp").c_str()));
+    EXPECT_EQ(0u, Mp4VideoCodecId(widePath("audio-delay.mp4").c_str()));
+    EXPECT_EQ(0u, Mp4VideoCodecId(widePath("no-such-file.mp4").c_str()));
+}
+
+// ---------------------------------------------------------------------------
+// Built files: reading samples
+
+TEST(TrackSamples, ReadSampleIndexAndBufferChecks) {
+    OpenedFile f(buildFile(simpleVideo(6)));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    uint8_t buffer[8] = {};
+    uint32_t size = 99;
+    EXPECT_EQ(MP4_ERR_BAD_INDEX, t->readSample(0, sizeof buffer, &size, buffer));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->readSample(7, sizeof buffer, &size, buffer));
+    EXPECT_EQ(failed(MP4_ERR_BAD_INDEX), place(t, 0).first);
+    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 7).first);
+    // Sample 3 holds 4 bytes: a buffer one byte short reports the size needed.
+    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->readSample(3, 3, &size, buffer));
+    EXPECT_EQ(4u, size);
+    EXPECT_EQ(MP4_OK, t->readSample(3, 4, &size, buffer));
+    EXPECT_EQ((Bytes{sampleByte(3, 0), sampleByte(3, 1), sampleByte(3, 2), sampleByte(3, 3)}), Bytes(buffer, buffer + size));
+    uint64_t time = 7;
+    EXPECT_EQ(MP4_ERR_BAD_INDEX, t->getSampleDecodeTime(0, &time));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->getSampleCompositionTime(7, &time));
+    EXPECT_EQ(0u, time);
+    EXPECT_EQ(MP4_OK, t->getSampleDecodeTime(6, nullptr));  // the time may be left out
+}
+
+// Chunk layouts (samples per chunk) covering one and several stsc runs,
+// one and many samples per chunk, constant and variable sizes, 32- and
+// 64-bit chunk offsets.
+struct OffsetCase {
+    const char* name;
+    std::vector<uint32_t> samplesPerChunk;
+    bool constant;
+    bool co64;
+};
+void PrintTo(const OffsetCase& c, std::ostream* os) { *os << c.name; }
+
+class TrackOffsets : public ::testing::TestWithParam<OffsetCase> {
+protected:
+    void SetUp() override {
+        plan_.sampleEntry = visualEntry("avc1");
+        plan_.co64 = GetParam().co64;
+        std::vector<std::vector<uint32_t>> chunks;
+        uint32_t sample = 0;
+        for (uint32_t n : GetParam().samplesPerChunk) {
+            std::vector<uint32_t> sizes;
+            for (uint32_t i = 0; i < n; ++i, ++sample) sizes.push_back(GetParam().constant ? 6 : 1 + (sample * 7) % 13);
+            chunks.push_back(sizes);
+        }
+        places_ = layOut(&plan_, chunks, GetParam().constant);
+    }
+    // Asks for the samples in that order and compares with the layout.
+    void expectPlaces(CMp4Track* t, const std::vector<uint32_t>& order, const char* what) {
+        for (uint32_t s : order) EXPECT_EQ(places_[s - 1], place(t, s)) << what << " sample " << s;
+    }
+    uint32_t count() const { return static_cast<uint32_t>(places_.size()); }
+
+    TrackPlan plan_;
+    std::vector<std::pair<uint64_t, uint32_t>> places_;
+};
+
+TEST_P(TrackOffsets, AnyQueryOrderGivesTheSameAnswers) {
+    OpenedFile f(buildFile(plan_));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    const uint32_t n = count();
+    std::vector<uint32_t> up, down, scattered;
+    for (uint32_t k = 0; k < n; ++k) {
+        up.push_back(k + 1);
+        down.push_back(n - k);
+        scattered.push_back((k * 7 + 3) % n + 1);
+    }
+    expectPlaces(t, up, "forward");
+    expectPlaces(t, down, "backward");
+    expectPlaces(t, scattered, "scattered");
+    expectPlaces(t, {3, 3, 2, 2, 4, 1, 1, n, n, n - 1, 2}, "repeated");
+    expectPlaces(t, up, "forward again");
+    // The bytes read are the sample's own, in an order that jumps about.
+    for (uint32_t s : scattered) {
+        uint8_t buffer[16] = {};
+        uint32_t size = 0;
+        ASSERT_EQ(MP4_OK, t->readSample(s, sizeof buffer, &size, buffer));
+        for (uint32_t j = 0; j < size; ++j) ASSERT_EQ(sampleByte(s, j), buffer[j]) << "sample " << s;
+    }
+    expectPlaces(t, down, "after reading");
+}
+
+// Two objects over one track share its boxes; neither may disturb the
+// other's answers.
+TEST_P(TrackOffsets, TwoObjectsOfOneTrackInterleaved) {
+    OpenedFile f(buildFile(plan_));
+    CMp4Track* a = f.track(1);
+    CMp4Track* b = f.track(1);
+    ASSERT_TRUE(a && b);
+    for (uint32_t k = 1; k <= count(); ++k) {
+        expectPlaces(a, {k}, "a");
+        expectPlaces(b, {count() + 1 - k}, "b");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, TrackOffsets,
+    ::testing::Values(OffsetCase{"OnePerChunk", {1, 1, 1, 1, 1, 1, 1, 1}, false, false},
+                      OffsetCase{"OneChunk", {12}, false, false},
+                      OffsetCase{"SeveralRuns", {3, 3, 3, 1, 1, 4, 4, 2, 2, 2, 5}, false, false},
+                      OffsetCase{"SeveralRunsConstant", {3, 3, 1, 4, 4, 2}, true, false},
+                      OffsetCase{"SeveralRunsCo64", {2, 2, 1, 3, 3, 3, 1}, false, true},
+                      OffsetCase{"ConstantOnePerChunkCo64", {1, 1, 1, 1, 1}, true, true}),
+    [](const ::testing::TestParamInfo<OffsetCase>& info) { return std::string(info.param.name); });
+
+TEST(TrackSamples, LargeChunkOffsetsKeepAll64Bits) {
+    TrackPlan plan;
+    plan.sampleEntry = visualEntry("avc1");
+    plan.co64 = true;
+    const uint64_t bias = uint64_t{1} << 32;
+    auto places = layOut(&plan, {{4, 5}, {6}}, false, bias);
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    for (uint32_t s : {3u, 1u, 2u}) EXPECT_EQ(places[s - 1], place(t, s));
+    uint8_t buffer[8];
+    uint32_t size = 0;
+    EXPECT_NE(MP4_OK, t->readSample(1, sizeof buffer, &size, buffer));  // beyond the data
+}
+
+TEST(TrackSamples, ZeroSamplesPerChunkIsAnErrorNotACrash) {
+    TrackPlan plan = simpleVideo(4);
+    plan.stsc = {{1, 0, 1}};
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(failed(MP4_ERR_INVALID_DATA), place(t, 2).first);
+}
+
+TEST(TrackSamples, SyncFlagsInAnyOrder) {
+    TrackPlan withStss = simpleVideo(12);
+    withStss.hasStss = true;
+    withStss.syncSamples = {1, 5, 9};
+    TrackPlan withoutStss = simpleVideo(12);
+    for (TrackPlan* plan : {&withStss, &withoutStss}) {
+        SCOPED_TRACE(plan->hasStss ? "stss 1 5 9" : "no stss");
+        OpenedFile f(buildFile(*plan));
+        CMp4Track* t = f.track(1);
+        ASSERT_TRUE(t);
+        std::vector<uint32_t> order;
+        for (uint32_t s = 1; s <= 12; ++s) order.push_back(s);
+        for (uint32_t s = 12; s >= 1; --s) order.push_back(s);
+        for (uint32_t s : {9u, 9u, 5u, 6u, 1u, 10u, 4u, 5u, 12u, 8u}) order.push_back(s);
+        for (uint32_t s : order) {
+            uint32_t sync = 7;
+            ASSERT_EQ(MP4_OK, t->isSyncSample(s, &sync));
+            EXPECT_EQ(!plan->hasStss || s == 1 || s == 5 || s == 9 ? 1u : 0u, sync) << "sample " << s;
+        }
+        uint32_t sync = 7;
+        EXPECT_EQ(MP4_ERR_BAD_INDEX, t->isSyncSample(0, &sync));
+        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->isSyncSample(13, &sync));
+    }
+}
+
+// Audio with one "stts" run of delta 1: each chunk is a sample, sized from
+// the sound description.
+TEST(TrackSamples, ChunksOfRawAudioAsSamples) {
+    const struct { const char* format; uint16_t channels, rate, version; uint32_t field, bytesPer100; } cases[] = {
+        {"twos", 2, 8000, 0, 0, 400},  // 2 bytes x 2 channels
+        {"sowt", 1, 8000, 0, 0, 200},
+        {"fl32", 2, 8000, 0, 0, 800},  // 4 bytes x 2 channels
+        {"ulaw", 1, 8000, 0, 0, 100},
+        {"alaw", 2, 65535, 0, 0, 2},   // a rate field of 65535: one frame's bytes alone
+        {"twos", 2, 8000, 1, 3, 600},  // bytes per sample, per channel
+        {"sowt", 2, 0, 2, 4, 800},     // bytes per packet, times channels
+        {"lpcm", 2, 0, 2, 6, 600},     // bytes per packet, whole frames
+        {"lpcm", 2, 8000, 0, 0, 100},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.format) + " version " + std::to_string(c.version));
+        TrackPlan plan;
+        plan.handler = fourcc("soun");
+        plan.mediaHeader = "smhd";
+        plan.sampleEntry = soundEntry(c.format, c.channels, c.rate, c.version, c.field);
+        plan.stsc = {{1, 100, 1}, {3, 50, 1}};
+        plan.constantSize = 1;
+        plan.sampleCount = 250;
+        plan.stts = {{250, 1}};
+        plan.media = Bytes(2000, 0x11);
+        plan.chunkOffsets = {kMediaStart + 10, kMediaStart + 900, kMediaStart + 1500};
+        OpenedFile f(buildFile(plan));
+        CMp4Track* t = f.track(1);
+        ASSERT_TRUE(t);
+        EXPECT_EQ((std::vector<uint64_t>{0, 100, 200}), times(t, kDecode));
+        const uint32_t last = c.rate != 65535 ? c.bytesPer100 / 2 : c.bytesPer100;
+        EXPECT_EQ(std::make_pair(plan.chunkOffsets[2], last), place(t, 3));
+        EXPECT_EQ(std::make_pair(plan.chunkOffsets[0], c.bytesPer100), place(t, 1));
+        EXPECT_EQ(std::make_pair(plan.chunkOffsets[1], c.bytesPer100), place(t, 2));
+        EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 4).first);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Built files: times and searches
+
+TEST(TrackTimes, EmptyFirstEditOfOneSecond) {
+    TrackPlan plan = simpleVideo(3);
+    plan.handler = fourcc("soun");
+    plan.mediaHeader = "smhd";
+    plan.sampleEntry = soundEntry("mp4a", 1, 44100);
+    plan.movieScale = 600;
+    plan.mediaScale = 44100;
+    plan.stts = {{3, 1024}};
+    plan.edits = {{0, 5}, {600, -1}, {1800, 0}};  // an edit of no duration shows nothing
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(44100u, get(&CMp4Track::getInitialDelay, t));
+    EXPECT_EQ((std::vector<uint64_t>{44100, 45124, 46148}), times(t, kDecode));
+    EXPECT_EQ(times(t, kDecode), times(t, kComposition));
+}
+
+TEST(TrackTimes, NegativeCompositionOffsets) {
+    TrackPlan plan = simpleVideo(5);
+    plan.stts = {{1, 3}, {4, 3}};  // decode times 0, 3, 6, 9, 12
+    // Offsets -1 (more than sample 1's decode time), +10, -5, -10 (more than
+    // sample 4's decode time) and -12 (exactly sample 5's).
+    plan.ctts = {{1, 0xFFFFFFFFu}, {1, 10}, {1, 0xFFFFFFFBu}, {1, 0xFFFFFFF6u}, {1, 0xFFFFFFF4u}};
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    EXPECT_EQ((std::vector<uint64_t>{0, 3, 6, 9, 12}), times(t, kDecode));
+    EXPECT_EQ((std::vector<uint64_t>{0, 13, 1, 1, 0}), times(t, kComposition));
+
+    // Sample 2 at decode time 3 with an offset of -5 keeps sample 1's time.
+    TrackPlan second = simpleVideo(3);
+    second.stts = {{3, 3}};
+    second.ctts = {{1, 4}, {1, 0xFFFFFFFBu}, {1, 0}};
+    OpenedFile g(buildFile(second));
+    CMp4Track* u = g.track(1);
+    ASSERT_TRUE(u);
+    EXPECT_EQ((std::vector<uint64_t>{4, 4, 6}), times(u, kComposition));
+
+    // Samples no entry covers are shown at their decode time.
+    TrackPlan shortCtts = simpleVideo(4);
+    shortCtts.ctts = {{2, 20}};
+    OpenedFile h(buildFile(shortCtts));
+    CMp4Track* v = h.track(1);
+    ASSERT_TRUE(v);
+    EXPECT_EQ((std::vector<uint64_t>{20, 30, 20, 30}), times(v, kComposition));
+}
+
+TEST(TrackTimes, FindSampleByDecodeTime) {
+    OpenedFile f(buildFile(simpleVideo(5)));  // decode times 0, 10, 20, 30, 40
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    auto byDts = &CMp4Track::findSampleByDecodeTime;
+    EXPECT_EQ(3u, found(byDts, t, 25));
+    EXPECT_EQ(4u, found(byDts, t, 30));
+    EXPECT_EQ(5u, found(byDts, t, 40));
+    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), found(byDts, t, 41));
+    // Going back in time, after a failure and after a hit.
+    EXPECT_EQ(2u, found(byDts, t, 19));
+    EXPECT_EQ(1u, found(byDts, t, 0));
+    EXPECT_EQ(5u, found(byDts, t, 40));
+    EXPECT_EQ(1u, found(byDts, t, 9));
+}
+
+TEST(TrackTimes, FindSampleByCompositionTimeToleratesOneOutOfOrderSample) {
+    TrackPlan plan = simpleVideo(5);        // decode 0, 10, 20, 30, 40
+    plan.ctts = {{1, 10}, {1, 30}, {3, 0}};  // composition 10, 40, 20, 30, 40
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    auto byCts = &CMp4Track::findSampleByCompositionTime;
+    EXPECT_EQ(1u, found(byCts, t, 5));  // before every sample
+    EXPECT_EQ(1u, found(byCts, t, 15));
+    EXPECT_EQ(3u, found(byCts, t, 25));  // sample 2 (at 40) is stepped over
+    EXPECT_EQ(4u, found(byCts, t, 35));
+    EXPECT_EQ(2u, found(byCts, t, 40));  // a tie keeps the earlier sample
+    EXPECT_EQ(2u, found(byCts, t, 1000));
+
+    // A second sample shown later ends the walk.
+    TrackPlan two = simpleVideo(5);
+    two.ctts = {{1, 10}, {2, 40}, {2, 0}};  // composition 10, 50, 60, 30, 40
+    OpenedFile g(buildFile(two));
+    CMp4Track* u = g.track(1);
+    ASSERT_TRUE(u);
+    EXPECT_EQ(1u, found(byCts, u, 35));
+}
+
+TEST(TrackTimes, FindSyncSampleBefore) {
+    TrackPlan plan = simpleVideo(50);  // decode times 10 apart
+    plan.hasStss = true;
+    plan.syncSamples = {1, 31};
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    auto sync = &CMp4Track::findSyncSampleBefore;
+    EXPECT_EQ(31u, found(sync, t, 395));  // inside sample 40
+    EXPECT_EQ(1u, found(sync, t, 5));
+    EXPECT_EQ(31u, found(sync, t, 300));
+    EXPECT_EQ(1u, found(sync, t, 299));
+    EXPECT_EQ(31u, found(sync, t, 100000));
+    EXPECT_EQ(1u, found(sync, t, 0));
+
+    // The search starts one past the sample found: a sync sample shown at
+    // the same time as the one before it is taken.
+    TrackPlan tie = simpleVideo(3);  // decode 0, 10, 20
+    tie.ctts = {{2, 10}, {1, 0}};    // composition 10, 20, 20
+    tie.hasStss = true;
+    tie.syncSamples = {1, 3};
+    OpenedFile g(buildFile(tie));
+    CMp4Track* u = g.track(1);
+    ASSERT_TRUE(u);
+    EXPECT_EQ(2u, found(&CMp4Track::findSampleByCompositionTime, u, 25));
+    EXPECT_EQ(3u, found(sync, u, 25));
+
+    OpenedFile h(buildFile(simpleVideo(50)));  // no "stss": the sample itself
+    CMp4Track* v = h.track(1);
+    ASSERT_TRUE(v);
+    EXPECT_EQ(40u, found(sync, v, 395));
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+#define QUIL_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QUIL_ADDRESS_SANITIZER 1
+#endif
+#endif
+
+// Lets this process map only `extra` more bytes, so that a table grown
+// from a damaged count fails at once instead of exhausting the machine.
+void limitAddressSpace(uint64_t extra) {
+    uint64_t pages = 0;
+    if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%" SCNu64, &pages) != 1) pages = 0;
+        std::fclose(statm);
+    }
+    const rlim_t limit = static_cast<rlim_t>(pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) + extra);
+    struct rlimit r = {limit, limit};
+    setrlimit(RLIMIT_AS, &r);
+}
+
+// A damaged "stts" claiming billions of samples gives no more samples
+// than "stsz" describes, and no time table of that size. Run in a child
+// process with little memory to spare.
+TEST(TrackTimesDeathTest, HugeSampleCountInSttsIsCappedBySizes) {
+#ifdef QUIL_ADDRESS_SANITIZER
+    GTEST_SKIP() << "the address-space limit does not work with AddressSanitizer";
+#endif
+    TrackPlan plan = simpleVideo(3);
+    plan.stts = {{0xFFFFFFF0u, 1}};
+    const Bytes file = buildFile(plan);
+    const std::vector<uint64_t> expected = {0, 1, 2};
+    auto capped = [&] {
+        limitAddressSpace(256u << 20);
+        OpenedFile f(file);
+        CMp4Track* t = nullptr;
+        return f.getTrack(1, &t) == MP4_OK && times(t, kDecode) == expected;
+    };
+    EXPECT_EXIT(std::_Exit(capped() ? 0 : 1), ::testing::ExitedWithCode(0), "");
+}
+
+// ---------------------------------------------------------------------------
+// Built files: binding
+
+// A track ID of 0, or a required table missing (its lookup error).
+TEST(TrackBinding, FailuresLeaveNoTrack) {
+    for (const char* type : {"", "stts", "stsz", "stsc", "stco", "stsd"}) {
+        SCOPED_TRACE(type);
+        TrackPlan plan = simpleVideo(2);
+        plan.omit = type;
+        plan.trackId = *type ? 1 : 0;
+        OpenedFile f(buildFile(plan));
+        CMp4Track* t = reinterpret_cast<CMp4Track*>(&plan);
+        EXPECT_EQ(*type ? MP4_ERR_NOT_AVAILABLE : MP4_ERR_UNSUPPORTED, f.getTrack(1, &t));
+        EXPECT_EQ(nullptr, t);
+    }
+    TrackPlan large = simpleVideo(2);  // 64-bit offsets instead of 32-bit ones
+    large.co64 = true;
+    OpenedFile f(buildFile(large));
+    CMp4Track* t = nullptr;
+    EXPECT_EQ(MP4_OK, f.getTrack(1, &t));
+}
+
+TEST(TrackBinding, KindFromMediaHeaderThenHandler) {
+    const struct { uint32_t handler; const char* mediaHeader; uint64_t kind; } cases[] = {
+        {fourcc("vide"), "vmhd", MP4_TRACK_VIDEO},
+        {fourcc("soun"), "smhd", MP4_TRACK_AUDIO},
+        {fourcc("hint"), "hmhd", MP4_TRACK_HINT},
+        {0, "vmhd", MP4_TRACK_VIDEO},
+        {0, nullptr, failed(MP4_ERR_NOT_AVAILABLE)},  // a handler without type cannot bind
+        {fourcc("hint"), nullptr, MP4_TRACK_HINT},
+        {fourcc("odsm"), nullptr, MP4_TRACK_OBJECT_DESCRIPTOR},
+        {fourcc("sdsm"), nullptr, MP4_TRACK_SCENE_DESCRIPTION},
+        {fourcc("tmcd"), nullptr, MP4_TRACK_TIMECODE},
+        {fourcc("vide"), nullptr, MP4_TRACK_OTHER},
+        {fourcc("text"), nullptr, MP4_TRACK_OTHER},
+    };
+    for (const auto& c : cases) {
+        TrackPlan plan = simpleVideo(2);
+        plan.handler = c.handler;
+        plan.mediaHeader = c.mediaHeader;
+        OpenedFile f(buildFile(plan));
+        CMp4Track* t = nullptr;
+        MP4Err err = f.getTrack(1, &t);
+        EXPECT_EQ(c.kind, err == MP4_OK ? get(&CMp4Track::getTrackType, t) : failed(err))
+            << std::hex << c.handler << " " << (c.mediaHeader ? c.mediaHeader : "-");
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Built files: time codes
+
+struct TimecodeCase {
+    uint32_t flags, timeScale, frameDuration;
+    uint8_t frames;
+    uint32_t mediaScale, counter;
+    int32_t editMediaTime;  // -2: no edit list
+    uint64_t time;
+    std::vector<int> expected;
+};
+
+TrackPlan timecodeTrack(const TimecodeCase& c, uint32_t sampleBytes = 4) {
+    TrackPlan t;
+    t.handler = fourcc("tmcd");
+    t.mediaHeader = nullptr;
+    t.mediaScale = c.mediaScale;
+    t.sampleEntry = timecodeEntry(c.flags, c.timeScale, c.frameDuration, c.frames);
+    t.media = ByteWriter().u32(c.counter);
+    t.media.resize(sampleBytes);
+    t.stsc = {{1, 1, 1}};
+    t.sampleCount = 1;
+    t.sizes = {sampleBytes};
+    t.chunkOffsets = {kMediaStart};
+    t.stts = {{1, c.frameDuration}};
+    if (c.editMediaTime != -2) t.edits = {{1000, c.editMediaTime}};
+    return t;
+}
+
+TEST(TrackTimecode, CountersToHoursMinutesSecondsFrames) {
+    const TimecodeCase cases[] = {
+        // Drop frame at 30 fps: ten minutes are 17982 frames.
+        {1, 30000, 1001, 30, 30000, 17982, -2, 0, {0, 10, 0, 0}},
+        {1, 30000, 1001, 30, 30000, 18000, -2, 0, {0, 10, 0, 18}},
+        {0, 25, 1, 25, 25, 90000, -2, 0, {1, 0, 0, 0}},
+        // Time-code and media scales differ: 61 s and 24/600 s later.
+        {0, 2500, 100, 25, 600, 90000, -2, 600 * 61 + 24, {1, 1, 1, 1}},
+        // The edit starts 2 s into the media.
+        {0, 25, 1, 25, 600, 90000, 1200, 0, {1, 0, 2, 0}},
+        // Hours are kept in 8 bits.
+        {0, 25, 1, 25, 25, 25 * 3600 * 300, -2, 0, {300 % 256, 0, 0, 0}},
+        // A counter is 4 bytes; a zero frame count or duration cannot divide.
+        {0, 25, 1, 0, 25, 0, -2, 0, timecodeError(MP4_ERR_INVALID_DATA)},
+        {0, 25, 0, 25, 25, 0, -2, 0, timecodeError(MP4_ERR_INVALID_DATA)},
+    };
+    for (const TimecodeCase& c : cases) {
+        OpenedFile f(buildFile(timecodeTrack(c)));
+        CMp4Track* t = f.track(1);
+        ASSERT_TRUE(t);
+        EXPECT_EQ(c.expected, timecode(t, c.time)) << "counter " << c.counter << " time " << c.time;
+    }
+    OpenedFile shortSample(buildFile(timecodeTrack(cases[2], 2)));
+    CMp4Track* t = shortSample.track(1);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(timecodeError(MP4_ERR_UNSUPPORTED), timecode(t, 0));
+}
+
+TEST(TrackTimecode, FlagBitsOfTheDescription) {
+    OpenedFile f(buildFile(timecodeTrack({0xA, 25, 1, 25, 25, 0, -2, 0, {}})));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    std::vector<int> flags;
+    for (uint32_t which = 0; which < 5; ++which) {
+        uint8_t flag = 9;
+        MP4Err err = t->getTimecodeFlag(which, &flag);
+        flags.push_back(err == MP4_OK ? flag : -static_cast<int>(err));
+    }
+    EXPECT_EQ((std::vector<int>{0, 1, 0, 1, -static_cast<int>(MP4_ERR_NOT_AVAILABLE)}), flags);
+}
+
+}  // namespace
+}  // namespace quil
