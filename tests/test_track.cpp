@@ -985,6 +985,8 @@ TEST(TrackTimecode, CountersToHoursMinutesSecondsFrames) {
         {0, 2500, 100, 25, 600, 90000, -2, 600 * 61 + 24, {1, 1, 1, 1}},
         // The edit starts 2 s into the media.
         {0, 25, 1, 25, 600, 90000, 1200, 0, {1, 0, 2, 0}},
+        // An empty first edit delays the track but shifts no frames.
+        {0, 25, 1, 25, 600, 90000, -1, 0, {1, 0, 0, 0}},
         // Hours are kept in 8 bits.
         {0, 25, 1, 25, 25, 25 * 3600 * 300, -2, 0, {300 % 256, 0, 0, 0}},
         // A counter is 4 bytes; a zero frame count or duration cannot divide.

@@ -467,7 +467,9 @@ MP4Err CTrackImpl::getTimecode(uint64_t time, uint8_t* hours, uint8_t* minutes,
                      ? dynamic_cast<CEditBox*>(edtsBox) : nullptr;
     if (edts) {
         uint64_t firstMediaTime = 0;
-        if (edts->getFirstMediaTime(&firstMediaTime) == MP4_OK) {
+        // An empty first edit (media time -1) shifts nothing.
+        if (edts->getFirstMediaTime(&firstMediaTime) == MP4_OK &&
+            static_cast<int64_t>(firstMediaTime) >= 0) {
             counter += framesPerSecond * firstMediaTime / mediaScale;
         }
     }
