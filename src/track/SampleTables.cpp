@@ -201,10 +201,12 @@ MP4Err CCountedTableBox<Entry>::read(CStorage* storage) {
     MP4Err err = readVersionAndFlags(storage);
     if (err == MP4_OK) err = readField(storage, &entryCount, &remaining);
     if (err != MP4_OK) return err;
-    return readEntriesInBatches<Entry>(
+    err = readEntriesInBatches<Entry>(
         storage, &remaining, entryCount, entriesThatFit(payload, 8, Entry::kBytes),
         [&](Entry* entry) { return entry->read(storage, &remaining); },
-        [&](const Entry& entry) { return keepEntry(entry); });
+        [&](const Entry& entry) { return entries.append(entry); });
+    entriesRead();
+    return err;
 }
 
 template <class Entry>
@@ -511,6 +513,16 @@ MP4Err CSampleToChunkBox::addChunk(uint32_t chunk, uint32_t samplesPerChunk) {
     return MP4_OK;
 }
 
+void CSampleToChunkBox::entriesRead() {
+    firstChunksAscend_ = true;
+    uint32_t previous = 0;
+    for (uint32_t i = 1; i <= entries.count() && firstChunksAscend_; ++i) {
+        CSampleToChunkTableEntry* entry = nullptr;
+        if (entries.getEntry(i, &entry) != MP4_OK || entry->firstChunk < previous) firstChunksAscend_ = false;
+        else previous = entry->firstChunk;
+    }
+}
+
 void CSampleToChunkBox::willAppend(const CSampleToChunkTableEntry& entry) {
     const CSampleToChunkTableEntry* last = entries.last();
     if (last && entry.firstChunk < last->firstChunk) firstChunksAscend_ = false;
@@ -684,6 +696,16 @@ MP4Err CSyncSampleBox::getPreviousSyncSample(uint32_t sample, uint32_t* syncSamp
 }
 
 MP4Err CSyncSampleBox::addSyncSample(uint32_t sample) { return addEntry(CSyncSampleTableEntry{sample}); }
+
+void CSyncSampleBox::entriesRead() {
+    numbersAscend_ = true;
+    uint32_t previous = 0;
+    for (uint32_t i = 1; i <= entries.count() && numbersAscend_; ++i) {
+        CSyncSampleTableEntry* entry = nullptr;
+        if (entries.getEntry(i, &entry) != MP4_OK || entry->sampleNumber < previous) numbersAscend_ = false;
+        else previous = entry->sampleNumber;
+    }
+}
 
 void CSyncSampleBox::willAppend(const CSyncSampleTableEntry& entry) {
     const CSyncSampleTableEntry* last = entries.last();

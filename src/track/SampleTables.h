@@ -156,6 +156,8 @@ protected:
     // Lets a table note each entry before it is appended (after the
     // current last one).
     virtual void willAppend(const Entry&) {}
+    // Lets a table look at the entries a read appended, once, after them.
+    virtual void entriesRead() {}
 };
 
 // "stts": decode time deltas, run-length coded.
@@ -219,6 +221,9 @@ public:
     // before it.
     MP4Err getSamplesPerChunk(uint32_t chunk, uint32_t* samplesPerChunk);
     MP4Err getSampleDescriptionIndex(uint32_t chunk, uint32_t* index);
+    // Whether the first chunks of the entries never decrease (every
+    // well-formed table).
+    bool firstChunksAscend() const { return firstChunksAscend_; }
 
     // Building: records chunk k (which must be the next chunk, else 2)
     // holding samplesPerChunk samples of sample description 1. A new entry
@@ -240,6 +245,7 @@ private:
     // sample of its run; 3 for an empty table.
     MP4Err walkToChunk(uint32_t chunk, CSampleToChunkTableEntry** entry, uint32_t* firstSample);
     void willAppend(const CSampleToChunkTableEntry& entry) override;
+    void entriesRead() override;
 
     // Set by getChunkForSample; while building, cursorFirstChunk_ is the
     // number the next chunk must carry.
@@ -304,12 +310,15 @@ public:
     // The greatest listed sample number <= sample; 3 when the list is empty
     // or starts after it.
     MP4Err getPreviousSyncSample(uint32_t sample, uint32_t* syncSample);
+    // Whether the sample numbers never decrease (every well-formed table).
+    bool numbersAscend() const { return numbersAscend_; }
 
     // Building: appends a sample number.
     MP4Err addSyncSample(uint32_t sample);
 
 private:
     void willAppend(const CSyncSampleTableEntry& entry) override;
+    void entriesRead() override;
 
     // Index of the entry the last lookup answered, to resume ascending
     // lookups there. Used only while the numbers never decrease.

@@ -62,10 +62,10 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
     if (err != MP4_OK) return err;
     offsetCursor_ = OffsetCursor();
     stscRun_ = StscRun();
-    stscAscending_ = stscRunsAscend();
+    stscAscending_ = stsc_->firstChunksAscend();
     syncCursor_ = 1;
     syncWindow_ = SyncWindow();
-    stssAscending_ = stssNumbersAscend();
+    stssAscending_ = !stss_ || stss_->numbersAscend();
     open_ = 1;
     return MP4_OK;
 }
@@ -426,16 +426,6 @@ uint64_t CTrackImpl::runEnd(const StscRun& run) {
            static_cast<uint64_t>(next->firstChunk - run.entry->firstChunk) * run.entry->samplesPerChunk;
 }
 
-// Whether the "stsc" first chunks never decrease.
-bool CTrackImpl::stscRunsAscend() {
-    uint32_t previous = 0;
-    for (uint32_t i = 1; i <= stsc_->entries.count(); ++i) {
-        CSampleToChunkTableEntry* entry = nullptr;
-        if (stsc_->getEntry(i, &entry) != MP4_OK || entry->firstChunk < previous) return false;
-        previous = entry->firstChunk;
-    }
-    return true;
-}
 
 // Finds the chunk of a sample, its first sample and where the sample lies
 // in it. Samples are usually asked for in order: while they stay in the
@@ -628,16 +618,6 @@ MP4Err CTrackImpl::isListedSyncSample(uint32_t sample, uint32_t* sync) {
     return MP4_OK;
 }
 
-// Whether the sync sample numbers never decrease.
-bool CTrackImpl::stssNumbersAscend() {
-    uint32_t previous = 0;
-    for (uint32_t i = 1; stss_ && i <= stss_->entries.count(); ++i) {
-        CSyncSampleTableEntry* entry = nullptr;
-        if (stss_->getEntry(i, &entry) != MP4_OK || entry->sampleNumber < previous) return false;
-        previous = entry->sampleNumber;
-    }
-    return true;
-}
 
 // ---- times and searches ---------------------------------------------------
 

@@ -117,8 +117,6 @@ private:
     MP4Err locateInChunk(uint32_t sample, uint32_t sampleSize);
     MP4Err walkToSample(uint32_t sample);
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
-    bool stscRunsAscend();
-    bool stssNumbersAscend();
     MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
     uint64_t runEnd(const StscRun& run);
