@@ -98,15 +98,17 @@ run_fuzzer() {
   local corpus=build-fuzz/corpus/$target artifacts=build-fuzz/artifacts log
   mkdir -p "$corpus" "$artifacts"
   log=build-fuzz/$target.log
-  local extra=()
+  local extra=() regressions=()
+  # libFuzzer adds new inputs to the first corpus directory: the working
+  # corpus comes first, the committed regression inputs last (read only).
+  [ -d "fuzz/corpus/$target" ] && regressions+=("fuzz/corpus/$target")
   [ -f "fuzz/$target.dict" ] && extra+=("-dict=fuzz/$target.dict")
-  [ -d "fuzz/corpus/$target" ] && extra+=("fuzz/corpus/$target")
   echo "$target: ${fuzz_seconds}s (log $log)"
   if ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
      UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
      "build-fuzz/$target" -max_total_time="$fuzz_seconds" -timeout=20 -rss_limit_mb=2048 \
        -print_final_stats=1 -artifact_prefix="$artifacts/$target-" \
-       "${extra[@]}" "$corpus" "$seeds" >"$log" 2>&1; then
+       "${extra[@]}" "$corpus" "$seeds" "${regressions[@]}" >"$log" 2>&1; then
     grep -E '^(stat::number_of_executed_units|stat::peak_rss_mb)' "$log" | sed 's/^/  /'
   else
     tail -n 60 "$log"
