@@ -87,6 +87,18 @@ public:
         return MP4_OK;
     }
 
+    // Free slots at the end of the list for appending many entries at once:
+    // *slots receives the slot of entry count() + 1 (a new node is made when
+    // the tail is full) and *available how many follow it in the same node.
+    // The caller fills some of them, then counts them with commit().
+    MP4Err reserveRun(T** slots, uint32_t* available) {
+        MP4Err err = reserveSlot(slots);
+        if (err != MP4_OK) return err;
+        *available = tail_->firstIndex + blockSize_ - (count_ + 1);
+        return MP4_OK;
+    }
+    void commit(uint32_t filled) { count_ += filled; }
+
     // The entry at a 1-based index, changeable in place. 17 for index 0,
     // 3 beyond the count, 5 when the nodes do not hold what the count says.
     // Walking forwards resumes at the cursor node; a step backwards before

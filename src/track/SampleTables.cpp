@@ -73,9 +73,9 @@ MP4Err readEntries(uint32_t count, uint64_t fit, ReadOne readOne, Keep keep) {
 // in batches of whole entries: the box
 // holds all their bytes, so one block read per batch gives the same entries
 // as reading field by field, at a fraction of the cost.
-template <class Entry, class ReadOne, class Keep>
+template <class Entry, class ReadOne>
 MP4Err readEntriesInBatches(CStorage* storage, uint64_t* remaining, uint32_t count, uint64_t fit,
-                   ReadOne readOne, Keep keep) {
+                            ReadOne readOne, CDataList<Entry>* list) {
     constexpr uint32_t kBatch = 1024;
     uint8_t batch[kBatch * Entry::kBytes];
     const uint64_t inside = count < fit ? count : fit;
@@ -84,11 +84,16 @@ MP4Err readEntriesInBatches(CStorage* storage, uint64_t* remaining, uint32_t cou
         MP4Err err = storage->readBytes(batch, n * Entry::kBytes);
         if (err != MP4_OK) return err;
         *remaining -= n * Entry::kBytes;
-        for (uint32_t i = 0; i < n; ++i) {
-            Entry entry;
-            entry.decode(batch + i * Entry::kBytes);
-            err = keep(entry);
+        // Decoded straight into the list's nodes.
+        for (uint32_t i = 0; i < n;) {
+            Entry* slots = nullptr;
+            uint32_t available = 0;
+            err = list->reserveRun(&slots, &available);
             if (err != MP4_OK) return err;
+            const uint32_t k = n - i < available ? n - i : available;
+            for (uint32_t j = 0; j < k; ++j) slots[j].decode(batch + (i + j) * Entry::kBytes);
+            list->commit(k);
+            i += k;
         }
         done += n;
     }
@@ -203,8 +208,7 @@ MP4Err CCountedTableBox<Entry>::read(CStorage* storage) {
     if (err != MP4_OK) return err;
     err = readEntriesInBatches<Entry>(
         storage, &remaining, entryCount, entriesThatFit(payload, 8, Entry::kBytes),
-        [&](Entry* entry) { return entry->read(storage, &remaining); },
-        [&](const Entry& entry) { return entries.append(entry); });
+        [&](Entry* entry) { return entry->read(storage, &remaining); }, &entries);
     entriesRead();
     return err;
 }
@@ -539,8 +543,7 @@ MP4Err CSampleSizeBox::read(CStorage* storage) {
     if (err != MP4_OK || sampleSize != 0) return err;
     return readEntriesInBatches<CSampleSizeTableEntry>(
         storage, &remaining, sampleCount, entriesThatFit(payload, 12, CSampleSizeTableEntry::kBytes),
-        [&](CSampleSizeTableEntry* entry) { return entry->read(storage, &remaining); },
-        [&](const CSampleSizeTableEntry& entry) { return entries.append(entry); });
+        [&](CSampleSizeTableEntry* entry) { return entry->read(storage, &remaining); }, &entries);
 }
 
 MP4Err CSampleSizeBox::write(CStorage* storage) {

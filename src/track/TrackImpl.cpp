@@ -234,18 +234,29 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
         MP4Err err = stts_->getEntry(i, &run);
         if (err == MP4_ERR_NOT_AVAILABLE) break;  // fewer entries than counted
         if (err != MP4_OK) return err;
-        for (uint32_t k = 0; k < run->sampleCount && sample < limit; ++k) {
-            ++sample;
-            uint64_t decode = time + initialDelay_;
-            uint32_t offset = 0;
-            uint64_t composition = offsets.offsetOf(sample, &offset)
-                                       ? compositionTime(decode, offset, sample == 1,
-                                                         previousComposition)
-                                       : decode;
-            previousComposition = composition;
-            err = table->entries.append(CSampleTimeTableEntry{decode, composition});
+        uint32_t left = run->sampleCount;
+        if (left > limit - sample) left = limit - sample;
+        while (left > 0) {
+            // Written straight into the table's nodes, a node at a time.
+            CSampleTimeTableEntry* slots = nullptr;
+            uint32_t available = 0;
+            err = table->entries.reserveRun(&slots, &available);
             if (err != MP4_OK) return err;
-            time += run->sampleDelta;
+            const uint32_t n = left < available ? left : available;
+            for (uint32_t k = 0; k < n; ++k) {
+                ++sample;
+                uint64_t decode = time + initialDelay_;
+                uint32_t offset = 0;
+                uint64_t composition = offsets.offsetOf(sample, &offset)
+                                           ? compositionTime(decode, offset, sample == 1,
+                                                             previousComposition)
+                                           : decode;
+                previousComposition = composition;
+                slots[k] = CSampleTimeTableEntry{decode, composition};
+                time += run->sampleDelta;
+            }
+            table->entries.commit(n);
+            left -= n;
         }
     }
     table->sampleCount = sample;
