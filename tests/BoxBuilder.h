@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+
+#include "boxes/BoxFactory.h"
 #include "storage/MemoryStorage.h"
 
 namespace quil {
@@ -82,6 +85,36 @@ private:
     Bytes bytes_;
     CMemoryStorage storage_;
 };
+
+// Reads one box through the factory at file level, as a parent would;
+// *position receives where the storage stopped.
+inline std::unique_ptr<CBox> readTree(const Bytes& bytes, MP4Err* err = nullptr,
+                                      uint32_t* position = nullptr) {
+    MemoryFile file(bytes);
+    uint64_t parentRemaining = bytes.size();
+    CBox* out = nullptr;
+    uint32_t type = 0;
+    MP4Err result = readBox(file.storage(), 0, &out, &type, &parentRemaining);
+    if (err) *err = result;
+    if (position) *position = file.position();
+    return std::unique_ptr<CBox>(out);
+}
+
+template <class T>
+T* as(const std::unique_ptr<CBox>& box) {
+    return dynamic_cast<T*>(box.get());
+}
+
+// Sizes a box tree and writes it; returns the bytes written.
+inline Bytes writeTree(CBox* box, MP4Err* err = nullptr) {
+    MP4Err result = box->calculateSize();
+    uint64_t size = 0;
+    box->getSize(&size);
+    MemoryFile file(Bytes(size + 64), true);
+    if (result == MP4_OK) result = box->write(file.storage());
+    if (err) *err = result;
+    return Bytes(file.bytes().begin(), file.bytes().begin() + file.position());
+}
 
 }  // namespace test
 }  // namespace quil

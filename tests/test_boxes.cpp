@@ -22,25 +22,12 @@ using test::Bytes;
 using test::concat;
 using test::fullBox;
 using test::MemoryFile;
+using test::readTree;
+using test::writeTree;
+using test::as;
 
 constexpr uint32_t k2020 = 3660681600u;  // 2020-01-01 00:00:00
 const int32_t kUnity[9] = {0x00010000, 0, 0, 0, 0x00010000, 0, 0, 0, 0x40000000};
-
-// Reads one box through the factory, as a parent would.
-std::unique_ptr<CBox> readTree(const Bytes& bytes, MP4Err* err = nullptr) {
-    MemoryFile file(bytes);
-    uint64_t parentRemaining = bytes.size();
-    CBox* out = nullptr;
-    uint32_t type = 0;
-    MP4Err result = readBox(file.storage(), 0, &out, &type, &parentRemaining);
-    if (err) *err = result;
-    return std::unique_ptr<CBox>(out);
-}
-
-template <class T>
-T* as(const std::unique_ptr<CBox>& b) {
-    return dynamic_cast<T*>(b.get());
-}
 
 // Reads the header, then lets T read its payload, and returns T's own
 // result (the factory would hide it behind its skip).
@@ -58,16 +45,6 @@ MP4Err readDirect(const Bytes& bytes, T* target, uint32_t* position = nullptr) {
 
 // calculateSize, then write into a buffer with room to spare; returns the
 // bytes written.
-Bytes writeTree(CBox* b, MP4Err* err = nullptr) {
-    MP4Err result = b->calculateSize();
-    uint64_t size = 0;
-    b->getSize(&size);
-    MemoryFile file(Bytes(size + 64), true);
-    if (result == MP4_OK) result = b->write(file.storage());
-    if (err) *err = result;
-    return Bytes(file.bytes().begin(), file.bytes().begin() + file.position());
-}
-
 std::string dumpOf(CBox* b, int32_t depth = 0, MP4Err* err = nullptr) {
     testing::internal::CaptureStdout();
     MP4Err result = b->dump(depth);

@@ -21,33 +21,9 @@ using test::Bytes;
 using test::concat;
 using test::fullBox;
 using test::MemoryFile;
-
-// Reads one box through the factory, as its parent would.
-std::unique_ptr<CBox> readTree(const Bytes& bytes, MP4Err* err = nullptr, uint32_t* position = nullptr) {
-    MemoryFile file(bytes);
-    uint64_t parentRemaining = bytes.size();
-    CBox* out = nullptr;
-    uint32_t type = 0;
-    MP4Err result = readBox(file.storage(), 0, &out, &type, &parentRemaining);
-    if (err) *err = result;
-    if (position) *position = file.position();
-    return std::unique_ptr<CBox>(out);
-}
-
-template <class T>
-T* as(const std::unique_ptr<CBox>& b) {
-    return dynamic_cast<T*>(b.get());
-}
-
-Bytes writeTree(CBox* b, MP4Err* err = nullptr) {
-    MP4Err result = b->calculateSize();
-    uint64_t size = 0;
-    b->getSize(&size);
-    MemoryFile file(Bytes(size + 64), true);
-    if (result == MP4_OK) result = b->write(file.storage());
-    if (err) *err = result;
-    return Bytes(file.bytes().begin(), file.bytes().begin() + file.position());
-}
+using test::readTree;
+using test::writeTree;
+using test::as;
 
 std::string dumpOf(CBox* b, int32_t depth) {
     testing::internal::CaptureStdout();
