@@ -72,25 +72,45 @@ inline long peakRssKb() {
     return usage.ru_maxrss;
 }
 
+// Bytes this process has read through read-like system calls so far
+// ("rchar" of /proc/self/io); 0 when the file cannot be read.
+inline uint64_t readChars() {
+    FILE* io = std::fopen("/proc/self/io", "r");
+    if (io == nullptr) return 0;
+    char line[128];
+    uint64_t value = 0;
+    while (std::fgets(line, sizeof line, io) != nullptr) {
+        if (std::sscanf(line, "rchar: %" SCNu64, &value) == 1) break;
+    }
+    std::fclose(io);
+    return value;
+}
+
 // The one machine-readable result line; the file name comes last because
-// it may contain spaces.
+// it may contain spaces. extra holds further " key=value" fields.
 inline void printResult(const char* impl, const char* workload, const Checksums& sums,
-                        unsigned tracks, double seconds, const char* path) {
+                        unsigned tracks, double seconds, const char* path,
+                        const char* extra = "") {
     std::printf("impl=%s workload=%s tracks=%u samples=%" PRIu64 " checksum=%016" PRIx64
-                " layout=%016" PRIx64 " seconds=%.6f maxrss_kb=%ld file=%s\n",
+                " layout=%016" PRIx64 " seconds=%.6f maxrss_kb=%ld%s file=%s\n",
                 impl, workload, tracks, sums.samples, sums.checksum, sums.layout, seconds,
-                peakRssKb(), path);
+                peakRssKb(), extra, path);
 }
 
 inline int usage(const char* program) {
     std::fprintf(stderr,
-                 "usage: %s index|read FILE\n"
-                 "  index  offset, size, decode time, composition time and sync flag of\n"
-                 "         every sample of every track\n"
-                 "  read   the bytes of every sample\n"
+                 "usage: %s index|read|tracks FILE\n"
+                 "       %s track N FILE\n"
+                 "  index   offset, size, decode time, composition time and sync flag of\n"
+                 "          every sample of every track\n"
+                 "  read    the bytes of every sample, in file order\n"
+                 "  tracks  the bytes of every sample, track after track (quil only)\n"
+                 "  track   the bytes of every sample of track N only\n"
                  "prints: impl= workload= tracks= samples= checksum= layout= seconds=\n"
-                 "        maxrss_kb= file=\n",
-                 program);
+                 "        maxrss_kb= [bytes= rchar=] file=\n"
+                 "  bytes: the sample bytes returned; rchar: bytes the process read\n"
+                 "  from files meanwhile (track and tracks workloads)\n",
+                 program, program);
     return 2;
 }
 

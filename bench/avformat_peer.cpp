@@ -7,7 +7,9 @@
 //          stream; no avformat_find_stream_info, which would decode frames;
 //   read   avformat_open_input, then av_read_frame until the end of the file.
 // The clock runs from avformat_open_input to avformat_close_input.
+#include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 extern "C" {
@@ -56,28 +58,69 @@ bool runRead(AVFormatContext* context, bench::Checksums* sums) {
     return err == AVERROR_EOF || !failed(err, "av_read_frame");
 }
 
+// Packets of one stream only: the others are discarded, so the demuxer
+// skips their samples instead of reading them.
+bool runTrack(AVFormatContext* context, unsigned onlyTrack, bench::Checksums* sums,
+              uint64_t* bytes) {
+    for (unsigned i = 0; i < context->nb_streams; ++i)
+        context->streams[i]->discard = i + 1 == onlyTrack ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    AVPacket* packet = av_packet_alloc();
+    if (packet == nullptr) return !failed(AVERROR(ENOMEM), "av_packet_alloc");
+    int err = 0;
+    while ((err = av_read_frame(context, packet)) >= 0) {
+        if (static_cast<unsigned>(packet->stream_index) + 1 == onlyTrack) {
+            sums->addSampleBytes(packet->data, static_cast<uint32_t>(packet->size));
+            *bytes += static_cast<uint64_t>(packet->size);
+        }
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    return err == AVERROR_EOF || !failed(err, "av_read_frame");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) return bench::usage(gProgram);
+    if (argc < 3) return bench::usage(gProgram);
     const std::string workload = argv[1];
-    if (workload != "index" && workload != "read") return bench::usage(gProgram);
+    unsigned onlyTrack = 0;
+    if (workload == "track") {
+        if (argc != 4 || std::atoi(argv[2]) <= 0) return bench::usage(gProgram);
+        onlyTrack = static_cast<unsigned>(std::atoi(argv[2]));
+    } else if (argc != 3 || (workload != "index" && workload != "read")) {
+        return bench::usage(gProgram);
+    }
+    const char* path = argv[argc - 1];
     av_log_set_level(AV_LOG_ERROR);
 
     bench::Checksums sums;
+    uint64_t bytes = 0;
+    const uint64_t rcharBefore = bench::readChars();
     bench::Stopwatch clock;
     AVFormatContext* context = nullptr;
-    if (failed(avformat_open_input(&context, argv[2], nullptr, nullptr), "avformat_open_input"))
+    if (failed(avformat_open_input(&context, path, nullptr, nullptr), "avformat_open_input"))
         return 1;
     unsigned streams = context->nb_streams;
+    if (onlyTrack > streams) {
+        std::fprintf(stderr, "%s: no stream %u\n", gProgram, onlyTrack);
+        avformat_close_input(&context);
+        return 1;
+    }
     bool ok = true;
     if (workload == "index")
         runIndex(context, &sums);
-    else
+    else if (workload == "read")
         ok = runRead(context, &sums);
+    else
+        ok = runTrack(context, onlyTrack, &sums, &bytes);
     avformat_close_input(&context);
     double seconds = clock.seconds();
     if (!ok) return 1;
-    bench::printResult("peer", workload.c_str(), sums, streams, seconds, argv[2]);
+    char extra[96] = "";
+    if (workload == "track") {
+        std::snprintf(extra, sizeof extra, " bytes=%" PRIu64 " rchar=%" PRIu64, bytes,
+                      bench::readChars() - rcharBefore);
+    }
+    bench::printResult("peer", workload.c_str(), sums, streams, seconds, path, extra);
     return 0;
 }

@@ -8,7 +8,9 @@
 //          order, into one reused buffer.
 // The clock runs from open to the release of the file object, so binding
 // (where the sample tables are built) is part of the measured work.
+#include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -179,29 +181,84 @@ bool runRead(const OpenFile& file, bench::Checksums* sums) {
     }
 }
 
+// Reads every sample of one track in sample order, counting the bytes
+// returned.
+bool readTrack(CMp4Track* track, uint32_t number, std::vector<uint8_t>* buffer,
+               bench::Checksums* sums, uint64_t* bytes) {
+    Cursor cursor;
+    cursor.track = track;
+    cursor.number = number;
+    if (failed(track->getSampleCount(&cursor.count), "getSampleCount", number)) return false;
+    while (!cursor.done()) {
+        uint64_t before = sums->samples;
+        if (!readOne(&cursor, buffer, sums)) return false;
+        if (sums->samples != before) {
+            uint32_t size = 0;
+            if (failed(track->getSampleSize(cursor.next - 1, &size), "getSampleSize", number,
+                       cursor.next - 1))
+                return false;
+            *bytes += size;
+        }
+    }
+    return true;
+}
+
+// Track after track, all of track 1 first ("tracks"), or one track only.
+bool runTracks(const OpenFile& file, uint32_t onlyTrack, bench::Checksums* sums,
+               uint64_t* bytes) {
+    std::vector<uint8_t> buffer(1u << 20);
+    uint32_t number = 0;
+    for (CMp4Track* track : file.tracks()) {
+        ++number;
+        if (onlyTrack != 0 && number != onlyTrack) continue;
+        if (!readTrack(track, number, &buffer, sums, bytes)) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) return bench::usage(gProgram);
+    if (argc < 3) return bench::usage(gProgram);
     const std::string workload = argv[1];
-    if (workload != "index" && workload != "read") return bench::usage(gProgram);
+    uint32_t onlyTrack = 0;
+    if (workload == "track") {
+        if (argc != 4 || std::atoi(argv[2]) <= 0) return bench::usage(gProgram);
+        onlyTrack = static_cast<uint32_t>(std::atoi(argv[2]));
+    } else if (argc != 3 || (workload != "index" && workload != "read" && workload != "tracks")) {
+        return bench::usage(gProgram);
+    }
+    const char* utf8Path = argv[argc - 1];
     std::wstring path;
-    if (!widenPath(argv[2], &path)) {
-        std::fprintf(stderr, "%s: the path is not valid UTF-8: %s\n", gProgram, argv[2]);
+    if (!widenPath(utf8Path, &path)) {
+        std::fprintf(stderr, "%s: the path is not valid UTF-8: %s\n", gProgram, utf8Path);
         return 1;
     }
 
     bench::Checksums sums;
+    uint64_t bytes = 0;
+    const uint64_t rcharBefore = bench::readChars();
     bench::Stopwatch clock;
     unsigned trackCount = 0;
     {
         OpenFile file;
         if (!file.open(path)) return 1;
         trackCount = static_cast<unsigned>(file.tracks().size());
-        bool ok = workload == "index" ? runIndex(file, &sums) : runRead(file, &sums);
+        if (onlyTrack > trackCount) {
+            std::fprintf(stderr, "%s: no track %u\n", gProgram, onlyTrack);
+            return 1;
+        }
+        bool ok = workload == "index"  ? runIndex(file, &sums)
+                  : workload == "read" ? runRead(file, &sums)
+                                       : runTracks(file, onlyTrack, &sums, &bytes);
         if (!ok || !file.close()) return 1;
     }
     double seconds = clock.seconds();
-    bench::printResult("quil", workload.c_str(), sums, trackCount, seconds, argv[2]);
+    char extra[96] = "";
+    if (workload == "track" || workload == "tracks") {
+        std::snprintf(extra, sizeof extra, " bytes=%" PRIu64 " rchar=%" PRIu64, bytes,
+                      bench::readChars() - rcharBefore);
+    }
+    bench::printResult("quil", workload.c_str(), sums, trackCount, seconds, utf8Path, extra);
     return 0;
 }

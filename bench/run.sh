@@ -90,15 +90,17 @@ build() {
 
 # --- measuring ---------------------------------------------------------------
 
-declare -A SECS RSS SAMPLES CHECK LAYOUT ERR
+declare -A SECS RSS SAMPLES CHECK LAYOUT ERR BYTES RCHAR
 
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<" $2"; }
 
-# run_case KEY PROGRAM WORKLOAD FILE: one run, appended to the KEY's series.
+# run_case KEY PROGRAM WORKLOAD [TRACK] FILE: one run, appended to the KEY's
+# series.
 run_case() {
-    local key=$1 prog=$2 workload=$3 file=$4 line status=0
+    local key=$1 prog=$2 line status=0
+    shift 2
     if [[ ! -x $prog ]]; then ERR[$key]="$(basename "$prog") not built"; return 0; fi
-    line=$("$prog" "$workload" "$file" 2>"$OUT/stderr") || status=$?
+    line=$("$prog" "$@" 2>"$OUT/stderr") || status=$?
     echo "$line" >>"$OUT/raw.txt"
     if (( status != 0 )); then
         ERR[$key]=$(head -n 1 "$OUT/stderr")
@@ -110,6 +112,8 @@ run_case() {
     SAMPLES[$key]=$(field samples "$line")
     CHECK[$key]=$(field checksum "$line")
     LAYOUT[$key]=$(field layout "$line")
+    BYTES[$key]=$(field bytes "$line")
+    RCHAR[$key]=$(field rchar "$line")
 }
 
 median() { tr ' ' '\n' <<<"$1" | sed '/^$/d' | sort -g |
@@ -199,6 +203,29 @@ report() {
     printf '  %-34s %6s   target <= 1.5\n'  "quil / cat" "$(ratio "$quil_big" "$cat_s")"
     printf '  %-34s %6s\n'                  "peer / cat" "$(ratio "$peer_big" "$cat_s")"
     echo
+    echo "One track of the 2 GB input (medians; own = the track's sample bytes, rchar ="
+    echo "bytes the process read from files, /proc/self/io):"
+    printf '  %-5s %-5s %8s %12s %12s %9s %9s\n' track impl samples own_bytes rchar rchar/own seconds
+    local t
+    for ((t = 1; t <= BIG_TRACKS; t++)); do
+        for impl in quil peer; do
+            key="$impl/track$t/big"
+            if ok "$key"; then
+                printf '  %-5s %-5s %8s %12s %12s %9s %9s\n' "$t" "$impl" "${SAMPLES[$key]}" \
+                    "${BYTES[$key]}" "${RCHAR[$key]}" "$(ratio "${RCHAR[$key]}" "${BYTES[$key]}")" \
+                    "$(median "${SECS[$key]}")"
+            else
+                printf '  %-5s %-5s error: %s\n' "$t" "$impl" "${ERR[$key]:-no result}"
+            fi
+        done
+    done
+    echo "  target: quil rchar/own <= 1.2 for every track"
+    local tracks_s
+    tracks_s=$(ok quil/tracks/big && median "${SECS[quil/tracks/big]}" || echo -)
+    echo "Every sample of the 2 GB input, all of track 1, then track 2, ...:"
+    printf '  %-34s %6s   (%s s; rchar %s)   target <= 1.25\n' "quil / cat" \
+        "$(ratio "$tracks_s" "$cat_s")" "$tracks_s" "${RCHAR[quil/tracks/big]:--}"
+    echo
     echo "Raw result lines: $OUT/raw.txt"
 }
 
@@ -224,6 +251,15 @@ main() {
                 run_case "peer/$w/$f" "$peer" "$w" "${files[$f]}"
             done
         done
+        # One track at a time, then all tracks one after the other.
+        BIG_TRACKS=$(field tracks "$(grep 'workload=index' "$OUT/raw.txt" | grep "file=$BIG\$" | head -n 1)")
+        BIG_TRACKS=${BIG_TRACKS:-2}
+        local t
+        for ((t = 1; t <= BIG_TRACKS; t++)); do
+            run_case "quil/track$t/big" "$quil" track "$t" "$BIG"
+            run_case "peer/track$t/big" "$peer" track "$t" "$BIG"
+        done
+        run_case "quil/tracks/big" "$quil" tracks "$BIG"
         CAT_SECS+="$(time_cat "$BIG") "
     done
     report

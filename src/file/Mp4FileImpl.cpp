@@ -516,7 +516,8 @@ uint32_t Mp4VideoCodecId(const wchar_t* path) {
 
 namespace quil {
 
-MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer) {
+MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
+                                    uint64_t readAheadEnd) {
     if (isOpen_ == 0 || mode_ != 0 || !storage_) return MP4_ERR_IO;
     if (!readPathUtf8_.empty()) {
         if (!sampleReader_) {
@@ -524,7 +525,7 @@ MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buf
             if (!reader || reader->open(readPathUtf8_) != MP4_OK) return MP4_ERR_IO;
             sampleReader_ = std::move(reader);
         }
-        return sampleReader_->read(offset, size, buffer);
+        return sampleReader_->read(offset, size, buffer, readAheadEnd);
     }
     MP4Err err = storage_->seek(offset);
     if (err != MP4_OK) return err;

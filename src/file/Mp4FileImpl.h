@@ -63,7 +63,10 @@ public:
     // Media bytes for a track: through a read-only handle of their own for
     // a file opened by path (any failure 4), else through the storage
     // (its errors passed on). 4 unless the file is open for reading.
-    MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer);
+    // readAheadEnd: the end of the chunk holding the bytes (0 when
+    // unknown); the handle never fetches ahead beyond it.
+    MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
+                          uint64_t readAheadEnd = 0);
 
 private:
     // Steps of open: the storage made for a path, the read path, and the

@@ -10,13 +10,16 @@
 namespace quil {
 namespace {
 
-// Samples are small and mostly read in file order: one system call per
-// window serves many of them. A read that jumps away fetches a smaller
-// window, so random access does not pay for a megabyte each time.
+// Small samples of one chunk are mostly read in order: one system call per
+// window serves many of them. The window never reaches past the chunk, so
+// reading one track of an interleaved file fetches that track's bytes
+// only. A read that jumps away fetches a smaller window, so random access
+// into a long chunk does not pay for a megabyte each time.
 constexpr uint32_t kWindowSize = 1u << 20;
 constexpr uint32_t kJumpWindowSize = 64u << 10;
-// Samples at least this large go straight into the caller's buffer.
-constexpr uint32_t kDirectReadSize = kWindowSize / 4;
+// Samples at least this large go straight into the caller's buffer: the
+// system call is cheap next to copying them a second time.
+constexpr uint32_t kDirectReadSize = 32u << 10;
 
 }  // namespace
 
@@ -42,14 +45,11 @@ MP4Err CSampleReader::readDirect(uint64_t offset, uint32_t size, uint8_t* buffer
     return MP4_OK;
 }
 
-MP4Err CSampleReader::fill(uint64_t offset, uint32_t wanted) {
+MP4Err CSampleReader::fill(uint64_t offset, uint32_t length, uint32_t wanted) {
     if (!window_) {
         window_.reset(new (std::nothrow) uint8_t[kWindowSize]);
         if (!window_) return MP4_ERR_IO;
     }
-    bool sequential = offset >= windowStart_ && offset - windowStart_ <= windowLength_ + kWindowSize;
-    uint32_t length = sequential ? kWindowSize : kJumpWindowSize;
-    if (length < wanted) length = wanted;
     windowLength_ = 0;
     uint32_t done = 0;
     while (done < length) {
@@ -64,14 +64,22 @@ MP4Err CSampleReader::fill(uint64_t offset, uint32_t wanted) {
     return done >= wanted ? MP4_OK : MP4_ERR_IO;
 }
 
-MP4Err CSampleReader::read(uint64_t offset, uint32_t size, uint8_t* buffer) {
+MP4Err CSampleReader::read(uint64_t offset, uint32_t size, uint8_t* buffer,
+                           uint64_t readAheadEnd) {
     if (fd_ < 0) return MP4_ERR_IO;
     if (size == 0) return MP4_OK;
     if (offset > static_cast<uint64_t>(INT64_MAX) - size) return MP4_ERR_IO;
-    if (size >= kDirectReadSize) return readDirect(offset, size, buffer);
-    bool inWindow = offset >= windowStart_ && offset - windowStart_ + size <= windowLength_;
+    bool inWindow = offset >= windowStart_ && offset - windowStart_ <= windowLength_ &&
+                    size <= windowLength_ - (offset - windowStart_);
     if (!inWindow) {
-        MP4Err err = fill(offset, size);
+        uint64_t ahead = readAheadEnd > offset ? readAheadEnd - offset : 0;
+        if (size >= kDirectReadSize || ahead <= size) return readDirect(offset, size, buffer);
+        bool sequential = offset >= windowStart_ &&
+                          offset - windowStart_ <= uint64_t{windowLength_} + kWindowSize;
+        uint64_t length = sequential ? kWindowSize : kJumpWindowSize;
+        if (length > ahead) length = ahead;
+        if (length < size) length = size;
+        MP4Err err = fill(offset, static_cast<uint32_t>(length), size);
         if (err != MP4_OK) return err;
     }
     std::memcpy(buffer, window_.get() + (offset - windowStart_), size);

@@ -20,11 +20,15 @@ public:
 
     // Opens the file read-only; 4 on failure.
     MP4Err open(const std::string& utf8Path);
-    // Copies size bytes at offset into buffer; 4 when they cannot all be read.
-    MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer);
+    // Copies size bytes at offset into buffer; 4 when they cannot all be
+    // read. readAheadEnd is the file offset up to which the caller may ask
+    // next (the end of the chunk holding the sample): bytes beyond it are
+    // never fetched ahead. 0, or a value not past the sample, fetches the
+    // sample alone.
+    MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd);
 
 private:
-    MP4Err fill(uint64_t offset, uint32_t wanted);
+    MP4Err fill(uint64_t offset, uint32_t length, uint32_t wanted);
     MP4Err readDirect(uint64_t offset, uint32_t size, uint8_t* buffer);
 
     int fd_ = -1;

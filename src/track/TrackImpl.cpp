@@ -467,6 +467,7 @@ MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
             c.sampleSize = sampleSize;
             c.chunkOffset = position;
             c.offsetInChunk = 0;
+            c.chunkBytes = 0;
             return MP4_OK;
         }
     }
@@ -551,7 +552,31 @@ MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* si
     uint32_t sameSize = 0;
     err = getSampleOffset(sample, &offset, &sameSize);
     if (err != MP4_OK) return err;
-    return file_->readMediaBytes(offset, *size, buffer);
+    // In chunk-as-sample mode the sample is its whole chunk.
+    uint64_t readAheadEnd = chunkAsSample_ != 0 ? 0 : chunkEndOffset();
+    return file_->readMediaBytes(offset, *size, buffer, readAheadEnd);
+}
+
+// File offset of the end of the cursor's chunk, 0 when it is not known
+// (a damaged table). Summed once per chunk, so reading a chunk's samples in
+// order costs one step per sample.
+uint64_t CTrackImpl::chunkEndOffset() {
+    OffsetCursor& c = offsetCursor_;
+    if (c.chunk == 0 || c.chunkEnd == 0) return 0;
+    if (c.chunkBytes == 0) {
+        uint64_t bytes = 0;
+        if (stsz_->sampleSize != 0) {
+            bytes = static_cast<uint64_t>(c.chunkEnd - c.chunkFirst) * stsz_->sampleSize;
+        } else {
+            for (uint32_t s = c.chunkFirst; s < c.chunkEnd; ++s) {
+                uint32_t size = 0;
+                if (sizeOfStszSample(s, &size) != MP4_OK) break;  // table ends early
+                bytes += size;
+            }
+        }
+        c.chunkBytes = bytes;
+    }
+    return c.chunkOffset + c.chunkBytes;
 }
 
 MP4Err CTrackImpl::getSampleDescriptionIndex(uint32_t sample, uint32_t* index) {

@@ -116,6 +116,7 @@ private:
     MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
     MP4Err locateInChunk(uint32_t sample, uint32_t sampleSize);
     MP4Err walkToSample(uint32_t sample);
+    uint64_t chunkEndOffset();
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
@@ -171,6 +172,7 @@ private:
         uint32_t sampleSize = 0;  // size of `sample`
         uint64_t chunkOffset = 0;
         uint64_t offsetInChunk = 0;
+        uint64_t chunkBytes = 0;  // bytes of the whole chunk; 0 until needed
     } offsetCursor_;
     // The "stsc" run of the last chunk lookup: its entry and index, and the
     // number of its first sample.
