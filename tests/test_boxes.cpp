@@ -579,7 +579,8 @@ TEST(UserDataBox, DumpsBracesEvenWithoutChildList) {
     dumpOf(&trak, 0, &err);
     EXPECT_EQ(err, MP4_ERR_INVALID_DATA);
 
-    auto b = readTree(box("udta", concat({box("cprt", {}), box("titl", {}), box("cprt", {})})));
+    const Bytes asset = {0, 0, 0, 0, 0x15, 0xC7, 0};  // version, flags, "eng", empty text
+    auto b = readTree(box("udta", concat({box("cprt", asset), box("titl", asset), box("cprt", asset)})));
     CBox* second = nullptr;
     ASSERT_EQ(b->findChild(fourcc("cprt"), &second, 2), MP4_OK);
     EXPECT_EQ(second, b->childList()->head()->next->next->box);

@@ -9,6 +9,7 @@
 #include "CodecBoxes.h"
 #include "CompressedMovie.h"
 #include "ConfigBoxes.h"
+#include "MetaDataBoxes.h"
 #include "MovieBoxes.h"
 #include "SampleEntries.h"
 #include "storage/BaseStorage.h"
@@ -135,23 +136,23 @@ const BoxFactoryRow kRows[] = {
     {fourcc("esds"), kAny, 0, make<CESDBox>},
     {fourcc("iods"), kAny, 0, make<CObjectDescriptorBox>},
 
-    // User data and metadata
-    {fourcc("titl"), kAny, 0, make<Opaque>},
-    {fourcc("auth"), kAny, 0, make<Opaque>},
-    {fourcc("perf"), kAny, 0, make<Opaque>},
-    {fourcc("dscp"), kAny, 0, make<Opaque>},
-    {fourcc("gnre"), kAnyBut, fourcc("ilst"), make<Opaque>},
-    {fourcc("cprt"), kAnyBut, fourcc("ilst"), make<Opaque>},
-    {fourcc("rtng"), kAnyBut, fourcc("ilst"), make<Opaque>},
-    {fourcc("clsf"), kAny, 0, make<Opaque>},
-    {fourcc("kywd"), kAny, 0, make<Opaque>},
+    // User data and metadata (MetaDataBoxes.h)
+    {fourcc("titl"), kAny, 0, make<CTitleBox>},
+    {fourcc("auth"), kAny, 0, make<CAuthorBox>},
+    {fourcc("perf"), kAny, 0, make<CPerformerBox>},
+    {fourcc("dscp"), kAny, 0, make<CDescriptionBox>},
+    {fourcc("gnre"), kAnyBut, fourcc("ilst"), make<CGenreBox>},
+    {fourcc("cprt"), kAnyBut, fourcc("ilst"), make<CCopyrightBox>},
+    {fourcc("rtng"), kAnyBut, fourcc("ilst"), make<CRatingBox>},
+    {fourcc("clsf"), kAny, 0, make<CClassificationBox>},
+    {fourcc("kywd"), kAny, 0, make<CKeywordBox>},
     {fourcc("FPRF"), kAny, 0, make<Opaque>},
     {fourcc("APRF"), kAny, 0, make<Opaque>},
     {fourcc("VPRF"), kAny, 0, make<Opaque>},
     {fourcc("MTDT"), kAny, 0, make<Opaque>},
-    {fourcc("pdin"), kAny, 0, make<Opaque>},
-    {fourcc("tsel"), kAny, 0, make<Opaque>},
-    {fourcc("pinf"), kAny, 0, make<Opaque>},
+    {fourcc("pdin"), kAny, 0, make<CProgressiveDownloadInfoBox>},
+    {fourcc("tsel"), kAny, 0, make<CTrackSelectionBox>},
+    {fourcc("pinf"), kAny, 0, make<CPurchaseInformationBox>},
     {fourcc("ilst"), kAny, 0, make<Container>},
 
     // Compressed movie
