@@ -442,7 +442,7 @@ TEST_F(FileTest, DumpPrintsEveryTopLevelBoxAtDepthZero) {
 
 TEST_F(FileTest, LaterOperationsValidateThenReportUnsupported) {
     CMp4MetaData* metaData = nullptr;
-    EXPECT_EQ(MP4_ERR_UNSUPPORTED, file_->getMetaData(&metaData));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->getMetaData(&metaData));  // not open
     EXPECT_EQ(nullptr, metaData);
     CMp4Track* track = nullptr;
     EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->addTrack(&track));  // not writing

@@ -9,6 +9,7 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/Dump.h"
 #include "boxes/MovieBoxes.h"
+#include "file/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"
 #include "storage/DiscStorage.h"
 #include "storage/WidePath.h"
@@ -388,23 +389,48 @@ MP4Err CMp4FileImpl::dumpBoxes() {
 // Operations that arrive with writing, metadata and RTP hinting. They check
 // their arguments so that callers get the same answers for misuse now.
 
+// The "udta" of the movie; with create, one is added when missing.
+MP4Err CMp4FileImpl::findMovieUserData(bool create, CBox** udta) {
+    *udta = nullptr;
+    if (isOpen_ == 0) return MP4_ERR_NOT_AVAILABLE;
+    CBox* moov = nullptr;
+    MP4Err err = findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    return findUserData(moov, create, udta);
+}
+
 MP4Err CMp4FileImpl::getCopyright(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
-                                  uint32_t) {
+                                  uint32_t index) {
     if (length == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *length = 0;
     if (buffer == nullptr && bufferSize != 0) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
+    CBox* udta = nullptr;
+    MP4Err err = findMovieUserData(false, &udta);
+    if (err != MP4_OK) return err;
+    return getCopyrightNotice(udta, buffer, bufferSize, length, index);
 }
 
-MP4Err CMp4FileImpl::setCopyright(const uint8_t* text, uint64_t length, int32_t) {
-    if (text == nullptr && length != 0) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
+MP4Err CMp4FileImpl::setCopyright(const uint8_t* text, uint64_t length, int32_t index) {
+    if (index < 0 || (text == nullptr && length != 0)) return MP4_ERR_INVALID_ARGUMENT;
+    CBox* udta = nullptr;
+    MP4Err err = findMovieUserData(true, &udta);
+    if (err != MP4_OK) return err;
+    return setCopyrightNotice(udta, text, length, index);
 }
 
 MP4Err CMp4FileImpl::getMetaData(CMp4MetaData** metaData) {
     if (metaData == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *metaData = nullptr;
-    return MP4_ERR_UNSUPPORTED;
+    if (metaData_ == nullptr) {
+        // A file being written gains the "udta" its metadata goes into.
+        CBox* udta = nullptr;
+        MP4Err err = findMovieUserData(mode_ == 1, &udta);
+        if (err != MP4_OK) return err;
+        metaData_ = new (std::nothrow) CMp4MetaDataImpl(udta);
+        if (metaData_ == nullptr) return MP4_ERR_OUT_OF_MEMORY;
+    }
+    *metaData = metaData_;
+    return MP4_OK;
 }
 
 MP4Err CMp4FileImpl::getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) {

@@ -78,6 +78,9 @@ private:
     MP4Err countTracks();
     MP4Err failOpen(MP4Err err);
     void deleteOwnedStorage();
+    // "moov"/"udta" of the open file; with create, a missing "udta" is
+    // added. 3 when the file is not open or has no movie.
+    MP4Err findMovieUserData(bool create, CBox** udta);
     // "moov"/"mvhd" of the open file: 3 when either is missing.
     MP4Err findMovieHeader(CMovieHeaderBox** header);
 

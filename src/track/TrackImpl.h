@@ -7,12 +7,14 @@
 #include <cstdint>
 #include <memory>
 
+#include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
 #include "track/DataList.h"
 #include "track/SampleTables.h"
 
 namespace quil {
 
+class CBox;
 class CMp4FileImpl;
 class CTrackBox;
 class CTrackHeaderBox;
@@ -192,6 +194,10 @@ private:
         uint64_t high = 0;
     } syncWindow_;
     bool stssAscending_ = true;
+
+    // Metadata over the track's "udta", made on the first request.
+    std::unique_ptr<CMp4MetaData> metaData_;
+    MP4Err findTrackUserData(bool create, CBox** udta);
 
     // Writing limits (kept for when the track writes).
     uint64_t chunkDurationLimit_ = 0;

@@ -9,6 +9,7 @@
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
 #include "descriptors/ConfigRecords.h"
+#include "file/MetaDataImpl.h"
 #include "file/Mp4FileImpl.h"
 #include "storage/MemoryStorage.h"
 
@@ -498,19 +499,46 @@ MP4Err CTrackImpl::getTimecodeFlag(uint32_t which, uint8_t* flag) {
     return MP4_OK;
 }
 
-// ---- user data (arrives with metadata support) ----------------------------
+// ---- user data ---------------------------------------------------------------
 
-MP4Err CTrackImpl::getCprtNotice(uint8_t*, uint64_t, uint32_t* length, uint32_t) {
-    if (length) *length = 0;
-    return MP4_ERR_UNSUPPORTED;
+// The "udta" of the track's "trak"; a track being written gains one.
+MP4Err CTrackImpl::findTrackUserData(bool create, CBox** udta) {
+    *udta = nullptr;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    return findUserData(trak_, create, udta);
 }
 
-MP4Err CTrackImpl::setCprtNotice(const uint8_t*, uint64_t, int32_t) { return MP4_ERR_UNSUPPORTED; }
+MP4Err CTrackImpl::getCprtNotice(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
+                                 uint32_t index) {
+    if (!length) return MP4_ERR_INVALID_ARGUMENT;
+    *length = 0;
+    if (!buffer && bufferSize != 0) return MP4_ERR_INVALID_ARGUMENT;
+    CBox* udta = nullptr;
+    MP4Err err = findTrackUserData(false, &udta);
+    if (err != MP4_OK) return err;
+    return getCopyrightNotice(udta, buffer, bufferSize, length, index);
+}
+
+MP4Err CTrackImpl::setCprtNotice(const uint8_t* text, uint64_t length, int32_t index) {
+    if (index < 0 || (!text && length != 0)) return MP4_ERR_INVALID_ARGUMENT;
+    CBox* udta = nullptr;
+    MP4Err err = findTrackUserData(true, &udta);
+    if (err != MP4_OK) return err;
+    return setCopyrightNotice(udta, text, length, index);
+}
 
 MP4Err CTrackImpl::getMetaData(CMp4MetaData** metaData) {
     if (!metaData) return MP4_ERR_INVALID_ARGUMENT;
     *metaData = nullptr;
-    return MP4_ERR_UNSUPPORTED;
+    if (!metaData_) {
+        CBox* udta = nullptr;
+        MP4Err err = findTrackUserData(file_->mode() == 1, &udta);
+        if (err != MP4_OK) return err;
+        metaData_.reset(new (std::nothrow) CMp4MetaDataImpl(udta));
+        if (!metaData_) return MP4_ERR_OUT_OF_MEMORY;
+    }
+    *metaData = metaData_.get();
+    return MP4_OK;
 }
 
 }  // namespace quil
