@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
 #include "storage/BaseStorage.h"
 
 namespace quil {
@@ -107,7 +108,9 @@ private:
 MP4Err readTextTail(CStorage* storage, const CBox& box, std::unique_ptr<char[]>* text,
                     uint64_t* length) {
     uint64_t count = box.remaining;
-    if (count > box.size || count > kMax32) return MP4_ERR_BAD_BOX_SIZE;
+    if (count > box.size || count > kMax32 || count > readableBytes(storage)) {
+        return MP4_ERR_BAD_BOX_SIZE;
+    }
     std::unique_ptr<char[]> bytes(new (std::nothrow) char[count + 1]);
     if (!bytes) return MP4_ERR_OUT_OF_MEMORY;
     MP4Err err = storage->readBytes(reinterpret_cast<uint8_t*>(bytes.get()), count);
