@@ -2,6 +2,7 @@
 //   quil dump FILE                 the box tree as text
 //   quil info FILE [--json]        file and track properties
 //   quil samples FILE [--track N]  one line per sample
+//   quil meta FILE [--json]        every metadata item (--set ... -o OUT: a changed copy)
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "Info.h"
+#include "Meta.h"
 #include "quil/quil.h"
 
 namespace quil {
@@ -24,6 +26,8 @@ const char kUsage[] =
     "usage: quil dump FILE\n"
     "       quil info FILE [--json]\n"
     "       quil samples FILE [--track N]\n"
+    "       quil meta FILE [--json]\n"
+    "       quil meta FILE --set [trackN.]KEY[:LANG]=VALUE ... -o OUT\n"
     "       quil --help\n"
     "\n"
     "  dump     print every box of the file with its fields\n"
@@ -32,7 +36,13 @@ const char kUsage[] =
     "  samples  print one line per sample, tab separated: track number,\n"
     "           sample number, file offset, size, decode time, composition\n"
     "           time (media time scale), sync (1 or 0); --track N limits\n"
-    "           the list to track N (1-based)\n";
+    "           the list to track N (1-based)\n"
+    "  meta     print every metadata item, one KEY[:LANG]=VALUE line each: the\n"
+    "           3GPP items of the movie and of each track (trackN.KEY), album\n"
+    "           and year, and the iTunes tags (itunes.KEY); --json prints them\n"
+    "           as one JSON document. With --set, writes a copy to OUT with the\n"
+    "           3GPP items set (KEY: title, description, copyright, performer,\n"
+    "           author, genre, keywords as a comma list; LANG defaults to und)\n";
 
 int usageError(const char* message) {
     std::fprintf(stderr, "quil: %s (see quil --help)\n", message);
@@ -145,6 +155,7 @@ int run(int argc, char** argv) {
     if (argc < 3) return usageError("no file given");
     const char* path = argv[2];
 
+    if (command == "meta") return runMeta(argc, argv);
     if (command == "dump") {
         if (argc != 3) return usageError("dump takes only a file");
         return runDump(path);

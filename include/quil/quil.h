@@ -8,6 +8,7 @@
 #include "Mp4File.h"
 #include "Mp4HintTrack.h"
 #include "Mp4MetaData.h"
+#include "Mp4Tags.h"
 #include "Mp4Track.h"
 #include "Storage.h"
 

@@ -419,12 +419,16 @@ MP4Err CMp4FileImpl::setCopyright(const uint8_t* text, uint64_t length, int32_t 
 }
 
 MP4Err CMp4FileImpl::getMetaData(CMp4MetaData** metaData) {
+    // A file being written gains the "udta" its metadata goes into.
+    return metaDataFor(mode_ == 1, metaData);
+}
+
+MP4Err CMp4FileImpl::metaDataFor(bool create, CMp4MetaData** metaData) {
     if (metaData == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *metaData = nullptr;
     if (metaData_ == nullptr) {
-        // A file being written gains the "udta" its metadata goes into.
         CBox* udta = nullptr;
-        MP4Err err = findMovieUserData(mode_ == 1, &udta);
+        MP4Err err = findMovieUserData(create, &udta);
         if (err != MP4_OK) return err;
         metaData_ = new (std::nothrow) CMp4MetaDataImpl(udta);
         if (metaData_ == nullptr) return MP4_ERR_OUT_OF_MEMORY;

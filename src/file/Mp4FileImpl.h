@@ -50,6 +50,11 @@ public:
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
 
     // For the track objects (not exported).
+    // The metadata object; with create, a missing "udta" is added first
+    // (for a read file whose metadata is edited and then written out).
+    MP4Err metaDataFor(bool create, CMp4MetaData** metaData);
+    // The file-level boxes in file order (null when nothing is open).
+    CBoxList* topLevelBoxes() const { return topLevelBoxes_.get(); }
     // First top-level box of that type: 3 when there is none.
     MP4Err findTopLevelBox(uint32_t type, CBox** box);
     CStorage* storage() const { return storage_; }

@@ -98,6 +98,9 @@ public:
     MP4Err getInitialDelay(uint64_t* delay) override;
     double getRotateAngle() override;
 
+    // The metadata object; with create, a missing "udta" is added first.
+    MP4Err metaDataFor(bool create, CMp4MetaData** metaData);
+
 private:
     // Binding steps.
     MP4Err findBoxes(uint32_t trackIndex);

@@ -528,11 +528,15 @@ MP4Err CTrackImpl::setCprtNotice(const uint8_t* text, uint64_t length, int32_t i
 }
 
 MP4Err CTrackImpl::getMetaData(CMp4MetaData** metaData) {
+    return metaDataFor(file_->mode() == 1, metaData);
+}
+
+MP4Err CTrackImpl::metaDataFor(bool create, CMp4MetaData** metaData) {
     if (!metaData) return MP4_ERR_INVALID_ARGUMENT;
     *metaData = nullptr;
     if (!metaData_) {
         CBox* udta = nullptr;
-        MP4Err err = findTrackUserData(file_->mode() == 1, &udta);
+        MP4Err err = findTrackUserData(create, &udta);
         if (err != MP4_OK) return err;
         metaData_.reset(new (std::nothrow) CMp4MetaDataImpl(udta));
         if (!metaData_) return MP4_ERR_OUT_OF_MEMORY;

@@ -1,0 +1,80 @@
+// quil: tags that the 3GPP asset interface (CMp4MetaData) does not cover,
+// and writing a changed file out.
+//
+// Tags are the iTunes-style items of the movie ("moov"/"udta"/"meta"/"ilst"
+// or "moov"/"meta"/"ilst": title "©nam", artist "©ART", album "©alb", date
+// "©day", genre "©gen" or "gnre", track number "trkn", cover art "covr"
+// and any other item), plus the 3GPP album ("albm") and recording year
+// ("yrrc") boxes of the movie's "udta". They are read only.
+#ifndef QUIL_MP4TAGS_H
+#define QUIL_MP4TAGS_H
+
+#include <cstdint>
+
+#include "Export.h"
+#include "MP4Err.h"
+
+namespace quil {
+
+class CMp4File;
+
+// Value types of a tag (the iTunes well-known types of its "data" box).
+enum MP4TagDataType : uint32_t {
+    MP4_TAG_BINARY = 0,   // "trkn", "disk", "gnre" and other implicit items
+    MP4_TAG_UTF8 = 1,
+    MP4_TAG_UTF16 = 2,    // big-endian
+    MP4_TAG_JPEG = 13,
+    MP4_TAG_PNG = 14,
+    MP4_TAG_BMP = 27,
+    MP4_TAG_INTEGER = 21,   // big-endian signed, 1 to 8 bytes
+    MP4_TAG_UNSIGNED = 22,  // big-endian unsigned, 1 to 8 bytes
+};
+
+struct MP4Tag {
+    // Item type, first character most significant; the copyright sign of
+    // "©nam" is the byte 0xA9 (so "©nam" is 0xA96E616D). "----" for a
+    // free-form item, "albm"/"yrrc" for the 3GPP boxes.
+    uint32_t code;
+    uint32_t dataType;     // MP4TagDataType or another well-known type
+    uint8_t language[3];   // "albm": three lower-case letters; else zeros
+    uint8_t albumTrack;    // "albm": the track number it carries, or 0
+    uint32_t valueLength;  // bytes of the value
+    char name[128];        // free-form items: their "name" (truncated), else ""
+};
+
+// Number of tags of an open file; 2 for null arguments, 3 when the file is
+// not open. An item with several values ("covr" with two images) counts once
+// per value.
+QUIL_API MP4Err Mp4GetTagCount(CMp4File* file, uint32_t* count);
+
+// Tag index (1-based, in file order): its description into *tag and, when
+// value is not null, its value bytes (a "trkn" value is 8 bytes: 2 zero,
+// track number u16, total u16, 2 zero; a "yrrc" value is the year u16;
+// "albm" the text with its terminator). 7 when bufferSize is smaller than
+// tag->valueLength (the description is filled in); 3 beyond the last tag;
+// 17 for index 0.
+QUIL_API MP4Err Mp4GetTag(CMp4File* file, uint32_t index, MP4Tag* tag, uint8_t* value,
+                          uint32_t bufferSize);
+
+// The metadata object of the movie (track null) or of a track of an open
+// file, as CMp4File::getMetaData / CMp4Track::getMetaData give it, except
+// that a missing "udta" is added first: for editing the metadata of a read
+// file that is then written with Mp4WriteCopy. 2 for a null file or out
+// pointer; otherwise the codes of getMetaData.
+class CMp4MetaData;
+class CMp4Track;
+QUIL_API MP4Err Mp4GetEditableMetaData(CMp4File* file, CMp4Track* track,
+                                       CMp4MetaData** metaData);
+
+// Writes the file as the object now holds it (metadata changed through
+// CMp4MetaData, setCopyright or setCprtNotice included) to a new file: every
+// box is written from the box tree, the media data is copied unchanged, and
+// chunk offsets move by what the boxes before the media data grew or shrank.
+// The file stays open. 3 unless it is open for reading by path; 2 for a null
+// path or the file's own path; 10 when an offset no longer fits its table;
+// 4 for a write failure (the target is then incomplete).
+QUIL_API MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath);
+
+}  // namespace quil
+
+#endif

@@ -1,0 +1,531 @@
+// quil meta FILE [--json]
+// quil meta FILE --set KEY[:LANG]=VALUE ... -o OUT
+//
+// Lists every metadata item of a file: the 3GPP asset items of the movie
+// and of each track (one per language), the 3GPP album and year, and the
+// iTunes-style tags; or writes a copy with some 3GPP items set.
+#include "Meta.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Info.h"
+#include "quil/quil.h"
+#include "storage/WidePath.h"
+
+namespace quil {
+namespace tool {
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+// One line of the listing: "[trackN.]key[:lang]=value".
+struct Item {
+    std::string scope;  // "movie", "track" or "itunes"
+    uint32_t track = 0;
+    std::string key;
+    std::string language;
+    std::string value;
+};
+
+// Text of an asset box: UTF-8 as it is; UTF-16 (with its byte order mark)
+// converted to UTF-8.
+std::string displayText(const uint8_t* bytes, uint32_t length) {
+    while (length > 0 && bytes[length - 1] == 0) --length;
+    bool bigEndian = length >= 2 && bytes[0] == 0xFE && bytes[1] == 0xFF;
+    bool littleEndian = length >= 2 && bytes[0] == 0xFF && bytes[1] == 0xFE;
+    if (!bigEndian && !littleEndian) return std::string(reinterpret_cast<const char*>(bytes), length);
+    std::string out;
+    for (uint32_t i = 2; i + 1 < length; i += 2) {
+        uint32_t unit = bigEndian ? (bytes[i] << 8 | bytes[i + 1]) : (bytes[i + 1] << 8 | bytes[i]);
+        uint32_t c = unit;
+        if (unit >= 0xD800 && unit < 0xDC00 && i + 3 < length) {
+            uint32_t low = bigEndian ? (bytes[i + 2] << 8 | bytes[i + 3]) : (bytes[i + 3] << 8 | bytes[i + 2]);
+            if (low >= 0xDC00 && low < 0xE000) {
+                c = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
+                i += 2;
+            }
+        }
+        if (c == 0) break;
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::string codeText(const uint8_t code[4]) {
+    return std::string(reinterpret_cast<const char*>(code), 4);
+}
+
+// The text items of the asset interface, by key.
+using TextGetter = MP4Err (CMp4MetaData::*)(uint8_t*, uint32_t*, uint8_t*, uint32_t);
+struct TextKey {
+    const char* key;
+    TextGetter get;
+};
+const TextKey kTextKeys[] = {
+    {"title", &CMp4MetaData::getTitle},         {"description", &CMp4MetaData::getDescription},
+    {"copyright", &CMp4MetaData::getCopyright}, {"performer", &CMp4MetaData::getPerformer},
+    {"author", &CMp4MetaData::getAuthor},       {"genre", &CMp4MetaData::getGenre},
+};
+
+// Every language of one item: index 1, 2, ... until the lookup answers 3.
+template <class Fetch>
+MP4Err eachIndex(Fetch fetch) {
+    for (uint32_t index = 1;; ++index) {
+        MP4Err err = fetch(index);
+        if (err == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
+        if (err != MP4_OK) return err;
+    }
+}
+
+MP4Err collectAssets(CMp4MetaData* meta, const Item& base, std::vector<Item>* items) {
+    for (const TextKey& text : kTextKeys) {
+        MP4Err err = eachIndex([&](uint32_t index) {
+            uint32_t length = 0;
+            uint8_t language[3] = {0, 0, 0};
+            MP4Err e = (meta->*text.get)(nullptr, &length, language, index);
+            if (e != MP4_OK) return e;
+            std::vector<uint8_t> buffer(length + 2, 0);
+            e = (meta->*text.get)(buffer.data(), &length, language, index);
+            if (e != MP4_OK) return e;
+            Item item = base;
+            item.key = text.key;
+            item.language.assign(reinterpret_cast<char*>(language), 3);
+            item.value = displayText(buffer.data(), length);
+            items->push_back(item);
+            return MP4_OK;
+        });
+        if (err != MP4_OK) return err;
+    }
+    MP4Err err = eachIndex([&](uint32_t index) {
+        uint32_t length = 0;
+        uint8_t language[3] = {0, 0, 0}, entity[4], criteria[4];
+        MP4Err e = meta->getRating(entity, criteria, nullptr, &length, language, index);
+        if (e != MP4_OK) return e;
+        std::vector<uint8_t> buffer(length + 2, 0);
+        e = meta->getRating(entity, criteria, buffer.data(), &length, language, index);
+        if (e != MP4_OK) return e;
+        Item item = base;
+        item.key = "rating";
+        item.language.assign(reinterpret_cast<char*>(language), 3);
+        item.value = codeText(entity) + "/" + codeText(criteria) + " " +
+                     displayText(buffer.data(), length);
+        items->push_back(item);
+        return MP4_OK;
+    });
+    if (err != MP4_OK) return err;
+    err = eachIndex([&](uint32_t index) {
+        uint32_t length = 0;
+        uint16_t table = 0;
+        uint8_t language[3] = {0, 0, 0}, entity[4];
+        MP4Err e = meta->getClassification(entity, &table, nullptr, &length, language, index);
+        if (e != MP4_OK) return e;
+        std::vector<uint8_t> buffer(length + 2, 0);
+        e = meta->getClassification(entity, &table, buffer.data(), &length, language, index);
+        if (e != MP4_OK) return e;
+        Item item = base;
+        item.key = "classification";
+        item.language.assign(reinterpret_cast<char*>(language), 3);
+        item.value = codeText(entity) + "/" + std::to_string(table) + " " +
+                     displayText(buffer.data(), length);
+        items->push_back(item);
+        return MP4_OK;
+    });
+    if (err != MP4_OK) return err;
+    return eachIndex([&](uint32_t index) {
+        uint32_t count = 0, length = 0;
+        uint8_t language[3] = {0, 0, 0};
+        MP4Err e = meta->getKeywords(nullptr, &count, &length, language, index);
+        if (e != MP4_OK) return e;
+        std::vector<uint8_t> buffer(length + 1, 0);
+        e = meta->getKeywords(buffer.data(), &count, &length, language, index);
+        if (e != MP4_OK) return e;
+        Item item = base;
+        item.key = "keywords";
+        item.language.assign(reinterpret_cast<char*>(language), 3);
+        for (uint32_t i = 0, at = 0; i < count && at < length; ++i) {
+            uint32_t n = buffer[at];
+            if (i > 0) item.value += ",";
+            item.value += displayText(&buffer[at + 1], n);
+            at += n + 1;
+        }
+        items->push_back(item);
+        return MP4_OK;
+    });
+}
+
+// Friendly names of the common iTunes items; others keep their code.
+std::string tagKey(const MP4Tag& tag) {
+    struct Name {
+        uint32_t code;
+        const char* key;
+    };
+    static const Name kNames[] = {
+        {0xA96E616D, "title"},  {0xA9415254, "artist"}, {0xA9616C62, "album"},
+        {0xA9646179, "date"},   {0xA967656E, "genre"},  {fourcc("gnre"), "genre"},
+        {fourcc("trkn"), "track"}, {fourcc("disk"), "disc"}, {fourcc("covr"), "cover"},
+        {0xA9746F6F, "encoder"}, {0xA9636D74, "comment"}, {fourcc("aART"), "album_artist"},
+        {0xA9777274, "composer"},
+    };
+    for (const Name& name : kNames) {
+        if (name.code == tag.code) return name.key;
+    }
+    if (tag.code == fourcc("----")) return std::string("----:") + tag.name;
+    // "©" is the byte 0xA9 in the item code: print it in UTF-8.
+    std::string key;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        unsigned char c = static_cast<unsigned char>(tag.code >> shift);
+        if (c == 0xA9) key += "\xC2\xA9";
+        else if (c >= 0x20 && c < 0x7F) key += static_cast<char>(c);
+        else key += '?';
+    }
+    return key;
+}
+
+uint64_t bigEndian(const std::vector<uint8_t>& bytes, size_t from, size_t count) {
+    uint64_t value = 0;
+    for (size_t i = from; i < from + count && i < bytes.size(); ++i) value = value << 8 | bytes[i];
+    return value;
+}
+
+std::string tagValue(const MP4Tag& tag, const std::vector<uint8_t>& bytes) {
+    const uint32_t code = tag.code;
+    if ((code == fourcc("trkn") || code == fourcc("disk")) && bytes.size() >= 6) {
+        return std::to_string(bigEndian(bytes, 2, 2)) + "/" + std::to_string(bigEndian(bytes, 4, 2));
+    }
+    if (code == fourcc("gnre") && bytes.size() >= 2) {
+        return "ID3 genre " + std::to_string(bigEndian(bytes, 0, 2) - 1);
+    }
+    switch (tag.dataType) {
+        case MP4_TAG_UTF8: return displayText(bytes.data(), static_cast<uint32_t>(bytes.size()));
+        case MP4_TAG_JPEG: return "image/jpeg, " + std::to_string(bytes.size()) + " bytes";
+        case MP4_TAG_PNG: return "image/png, " + std::to_string(bytes.size()) + " bytes";
+        case MP4_TAG_BMP: return "image/bmp, " + std::to_string(bytes.size()) + " bytes";
+        case MP4_TAG_INTEGER:
+        case MP4_TAG_UNSIGNED:
+            if (bytes.size() >= 1 && bytes.size() <= 8) {
+                uint64_t value = bigEndian(bytes, 0, bytes.size());
+                if (tag.dataType == MP4_TAG_INTEGER && bytes.size() < 8 &&
+                    (value >> (8 * bytes.size() - 1)) != 0) {
+                    return std::to_string(static_cast<int64_t>(value) -
+                                          (int64_t{1} << (8 * bytes.size())));
+                }
+                return tag.dataType == MP4_TAG_INTEGER ? std::to_string(static_cast<int64_t>(value))
+                                                       : std::to_string(value);
+            }
+            break;
+        case MP4_TAG_UTF16: {
+            std::vector<uint8_t> marked = {0xFE, 0xFF};
+            marked.insert(marked.end(), bytes.begin(), bytes.end());
+            return displayText(marked.data(), static_cast<uint32_t>(marked.size()));
+        }
+        default: break;
+    }
+    return "data type " + std::to_string(tag.dataType) + ", " + std::to_string(bytes.size()) +
+           " bytes";
+}
+
+MP4Err collectTags(CMp4File* file, std::vector<Item>* items) {
+    uint32_t count = 0;
+    MP4Err err = Mp4GetTagCount(file, &count);
+    for (uint32_t index = 1; err == MP4_OK && index <= count; ++index) {
+        MP4Tag tag;
+        err = Mp4GetTag(file, index, &tag, nullptr, 0);
+        if (err != MP4_OK) break;
+        std::vector<uint8_t> bytes(tag.valueLength);
+        err = Mp4GetTag(file, index, &tag, bytes.data(), tag.valueLength);
+        if (err != MP4_OK) break;
+        Item item;
+        if (tag.code == fourcc("albm") || tag.code == fourcc("yrrc")) {
+            item.scope = "movie";
+            item.key = tag.code == fourcc("albm") ? "album" : "year";
+            if (tag.code == fourcc("albm")) {
+                item.language.assign(reinterpret_cast<char*>(tag.language), 3);
+                item.value = displayText(bytes.data(), tag.valueLength);
+                if (tag.albumTrack != 0) item.value += " (track " + std::to_string(tag.albumTrack) + ")";
+            } else {
+                item.value = std::to_string(bigEndian(bytes, 0, 2));
+            }
+        } else {
+            item.scope = "itunes";
+            item.key = tagKey(tag);
+            item.value = tagValue(tag, bytes);
+        }
+        items->push_back(item);
+    }
+    return err;
+}
+
+MP4Err collectAll(CMp4File* file, std::vector<Item>* items) {
+    CMp4MetaData* meta = nullptr;
+    MP4Err err = file->getMetaData(&meta);
+    Item movie;
+    movie.scope = "movie";
+    if (err == MP4_OK) err = collectAssets(meta, movie, items);
+    if (err != MP4_OK && err != MP4_ERR_NOT_AVAILABLE) return err;  // 3: no "udta"
+    err = collectTags(file, items);
+    if (err != MP4_OK) return err;
+    uint32_t tracks = 0;
+    (void)file->getTrackCount(&tracks);
+    for (uint32_t number = 1; number <= tracks; ++number) {
+        CMp4Track* raw = nullptr;
+        if (file->getTrack(number, &raw) != MP4_OK) continue;  // not usable: no items
+        TrackHandle track(file, raw);
+        if (track->getMetaData(&meta) != MP4_OK) continue;     // no "udta"
+        Item base;
+        base.scope = "track";
+        base.track = number;
+        err = collectAssets(meta, base, items);
+        if (err != MP4_OK) return err;
+    }
+    return MP4_OK;
+}
+
+std::string itemKey(const Item& item) {
+    std::string key;
+    if (item.scope == "track") key = "track" + std::to_string(item.track) + ".";
+    if (item.scope == "itunes") key = "itunes.";
+    key += item.key;
+    if (!item.language.empty()) key += ":" + item.language;
+    return key;
+}
+
+void printText(const std::vector<Item>& items) {
+    for (const Item& item : items) {
+        std::printf("%s=%s\n", itemKey(item).c_str(), item.value.c_str());
+    }
+}
+
+void printJson(const char* path, const std::vector<Item>& items) {
+    JsonWriter json;
+    json.beginObject();
+    json.key("file");
+    json.value(path);
+    json.key("items");
+    json.beginArray();
+    for (const Item& item : items) {
+        json.beginObject();
+        json.key("scope");
+        json.value(item.scope);
+        if (item.scope == "track") {
+            json.key("track");
+            json.value(static_cast<uint64_t>(item.track));
+        }
+        json.key("key");
+        json.value(item.key);
+        if (!item.language.empty()) {
+            json.key("language");
+            json.value(item.language);
+        }
+        json.key("value");
+        json.value(item.value);
+        json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+    std::printf("%s\n", json.text().c_str());
+}
+
+// ---- --set ---------------------------------------------------------------
+
+using TextSetter = MP4Err (CMp4MetaData::*)(const uint8_t*, uint32_t, const uint8_t*);
+struct SetKey {
+    const char* key;
+    TextSetter set;
+};
+const SetKey kSetKeys[] = {
+    {"title", &CMp4MetaData::setTitle},         {"description", &CMp4MetaData::setDescription},
+    {"copyright", &CMp4MetaData::setCopyright}, {"performer", &CMp4MetaData::setPerformer},
+    {"author", &CMp4MetaData::setAuthor},       {"genre", &CMp4MetaData::setGenre},
+};
+
+// "[trackN.]KEY[:LANG]=VALUE"; the language defaults to "und".
+struct Assignment {
+    uint32_t track = 0;
+    std::string key;
+    std::string language = "und";
+    std::string value;
+};
+
+bool parseAssignment(const std::string& text, Assignment* out) {
+    size_t equals = text.find('=');
+    if (equals == std::string::npos) return false;
+    std::string key = text.substr(0, equals);
+    out->value = text.substr(equals + 1);
+    if (key.compare(0, 5, "track") == 0) {
+        size_t dot = key.find('.');
+        if (dot == std::string::npos || dot == 5) return false;
+        for (size_t i = 5; i < dot; ++i) {
+            if (key[i] < '0' || key[i] > '9') return false;
+        }
+        out->track = static_cast<uint32_t>(std::stoul(key.substr(5, dot - 5)));
+        if (out->track == 0) return false;
+        key = key.substr(dot + 1);
+    }
+    size_t colon = key.find(':');
+    if (colon != std::string::npos) {
+        out->language = key.substr(colon + 1);
+        key = key.substr(0, colon);
+        if (out->language.size() != 3) return false;
+        for (char c : out->language) {
+            if (c < 'a' || c > 'z') return false;
+        }
+    }
+    out->key = key;
+    if (key == "keywords") return true;
+    for (const SetKey& set : kSetKeys) {
+        if (key == set.key) return true;
+    }
+    return false;
+}
+
+// Keywords are given comma separated; each is stored as a length byte and
+// its bytes with a terminator, as 3GPP writers store them.
+MP4Err setKeywords(CMp4MetaData* meta, const Assignment& a, const uint8_t* language) {
+    std::vector<uint8_t> list;
+    uint32_t count = 0;
+    size_t start = 0;
+    while (start <= a.value.size()) {
+        size_t comma = a.value.find(',', start);
+        if (comma == std::string::npos) comma = a.value.size();
+        std::string word = a.value.substr(start, comma - start);
+        if (word.size() > 254 || count == 255) return MP4_ERR_VALUE_TOO_LARGE;
+        list.push_back(static_cast<uint8_t>(word.size() + 1));
+        list.insert(list.end(), word.begin(), word.end());
+        list.push_back(0);
+        ++count;
+        start = comma + 1;
+    }
+    return meta->setKeywords(list.data(), count, language);
+}
+
+MP4Err apply(CMp4File* file, const Assignment& a) {
+    CMp4MetaData* meta = nullptr;
+    CMp4Track* raw = nullptr;
+    MP4Err err = MP4_OK;
+    if (a.track != 0) {
+        err = file->getTrack(a.track, &raw);
+        if (err != MP4_OK) return err;
+    }
+    TrackHandle track(file, raw);
+    err = Mp4GetEditableMetaData(file, raw, &meta);
+    if (err != MP4_OK) return err;
+    const auto* language = reinterpret_cast<const uint8_t*>(a.language.data());
+    if (a.key == "keywords") return setKeywords(meta, a, language);
+    for (const SetKey& set : kSetKeys) {
+        if (a.key != set.key) continue;
+        // The text is stored with its terminator.
+        return (meta->*set.set)(reinterpret_cast<const uint8_t*>(a.value.c_str()),
+                                static_cast<uint32_t>(a.value.size() + 1), language);
+    }
+    return MP4_ERR_INVALID_ARGUMENT;
+}
+
+int writeWithChanges(const char* path, const std::vector<Assignment>& changes,
+                     const char* out) {
+    OpenedFile file;
+    MP4Err err = file.open(path);
+    if (err != MP4_OK) {
+        reportError(path, err);
+        return kExitFailure;
+    }
+    for (const Assignment& change : changes) {
+        err = apply(file.get(), change);
+        if (err != MP4_OK) {
+            std::fprintf(stderr, "quil: setting %s: %s\n", change.key.c_str(), toString(err));
+            return kExitFailure;
+        }
+    }
+    // Written under a temporary name and renamed, so a failure never
+    // leaves a half-written OUT behind.
+    std::string temporary = std::string(out) + ".quil-partial";
+    std::wstring wide;
+    err = utf8ToWidePath(temporary.c_str(), &wide);
+    if (err == MP4_OK) err = Mp4WriteCopy(file.get(), wide.c_str());
+    if (err != MP4_OK) {
+        std::remove(temporary.c_str());
+        reportError(out, err);
+        return kExitFailure;
+    }
+    if (std::rename(temporary.c_str(), out) != 0) {
+        std::remove(temporary.c_str());
+        std::fprintf(stderr, "quil: %s: cannot rename the written file\n", out);
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+int usage(const char* message) {
+    std::fprintf(stderr, "quil: %s (see quil --help)\n", message);
+    return kExitUsage;
+}
+
+}  // namespace
+
+int runMeta(int argc, char** argv) {
+    const char* path = nullptr;
+    const char* out = nullptr;
+    bool json = false;
+    std::vector<Assignment> changes;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--json") {
+            json = true;
+        } else if (arg == "--set" || arg == "-o") {
+            if (i + 1 >= argc) return usage((arg + " needs a value").c_str());
+            if (arg == "-o") {
+                out = argv[++i];
+                continue;
+            }
+            Assignment change;
+            if (!parseAssignment(argv[++i], &change)) {
+                return usage("--set takes [trackN.]KEY[:LANG]=VALUE with KEY one of title, "
+                             "description, copyright, performer, author, genre, keywords");
+            }
+            changes.push_back(change);
+        } else if (!path && arg.compare(0, 1, "-") != 0) {
+            path = argv[i];
+        } else {
+            return usage("unknown option for meta");
+        }
+    }
+    if (!path) return usage("no file given");
+    if (!changes.empty() || out) {
+        if (changes.empty() || !out) return usage("--set and -o OUT go together");
+        if (json) return usage("--json lists; it does not go with --set");
+        return writeWithChanges(path, changes, out);
+    }
+    OpenedFile file;
+    MP4Err err = file.open(path);
+    std::vector<Item> items;
+    if (err == MP4_OK) err = collectAll(file.get(), &items);
+    if (err != MP4_OK) {
+        reportError(path, err);
+        return kExitFailure;
+    }
+    if (json) printJson(path, items);
+    else printText(items);
+    return kExitOk;
+}
+
+}  // namespace tool
+}  // namespace quil
