@@ -1,0 +1,375 @@
+// Metadata: the 3GPP asset boxes, the metadata object over a "udta", the
+// file and track copyright notices, iTunes-style tags, writing a changed
+// copy, and sample reads that fetch only their own chunk.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "BoxBuilder.h"
+#include "boxes/MetaDataBoxes.h"
+#include "boxes/MovieBoxes.h"
+#include "file/MetaDataImpl.h"
+#include "quil/quil.h"
+
+namespace quil {
+namespace {
+
+using test::box;
+using test::ByteWriter;
+using test::Bytes;
+using test::concat;
+using test::fullBox;
+using test::MemoryFile;
+using test::readTree;
+using test::writeTree;
+
+const uint8_t kEng[3] = {'e', 'n', 'g'};
+const uint8_t kFra[3] = {'f', 'r', 'a'};
+constexpr uint16_t kEngCode = 0x15C7;  // e, n, g = 5, 14, 7
+
+std::wstring fixturePath(const char* name) {
+    std::string path = std::string(QUIL_TEST_DATA_DIR) + "/" + name;
+    return std::wstring(path.begin(), path.end());
+}
+
+// ---- boxes --------------------------------------------------------------------
+
+struct RoundTrip {
+    const char* name;
+    Bytes bytes;
+};
+
+class MetaDataBoxRoundTrip : public testing::TestWithParam<RoundTrip> {};
+
+// Bytes read, size computed and bytes written agree for every box class.
+TEST_P(MetaDataBoxRoundTrip, WritesWhatItReadAtTheSizeItComputes) {
+    MP4Err err = MP4_ERR_IO;
+    auto read = readTree(GetParam().bytes, &err);
+    ASSERT_EQ(err, MP4_OK);
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(writeTree(read.get(), &err), GetParam().bytes);
+    EXPECT_EQ(err, MP4_OK);
+}
+
+const Bytes kTitle = fullBox("titl", 0, 0, ByteWriter().u16(kEngCode).str("hello"));
+
+INSTANTIATE_TEST_SUITE_P(
+    Boxes, MetaDataBoxRoundTrip,
+    testing::Values(
+        RoundTrip{"titl", kTitle},
+        RoundTrip{"dscp_utf16", fullBox("dscp", 0, 0,
+                                         ByteWriter().u16(kEngCode).u16(0xFEFF).u16('A').u16(0x4E2D).u16(0))},
+        RoundTrip{"rtng", fullBox("rtng", 0, 0,
+                                  ByteWriter().code("NONE").code("ALL ").u16(kEngCode).str("Not rated"))},
+        RoundTrip{"clsf", fullBox("clsf", 0, 0, ByteWriter().code("CORP").u16(7).u16(kEngCode).str("x"))},
+        RoundTrip{"kywd", fullBox("kywd", 0, 0,
+                                  ByteWriter().u16(kEngCode).u8(2).u8(1).str("a", false).u8(2).str("bc", false))},
+        RoundTrip{"pdin", fullBox("pdin", 0, 0, ByteWriter().u32(1000).u32(5).u32(2000).u32(1))},
+        RoundTrip{"tsel", fullBox("tsel", 0, 0, ByteWriter().u32(3).code("bitr").code("lang"))},
+        RoundTrip{"udta", box("udta", concat({kTitle, box("pinf", {})}))}),
+    [](const testing::TestParamInfo<RoundTrip>& info) { return std::string(info.param.name); });
+
+TEST(AssetBox, TitleWritesPackedLanguageAndTerminatedText) {
+    CTitleBox title;
+    ASSERT_EQ(title.setData(kEng, reinterpret_cast<const uint8_t*>("hello"), 6), MP4_OK);
+    MP4Err err = MP4_ERR_IO;
+    Bytes written = writeTree(&title, &err);
+    ASSERT_EQ(err, MP4_OK);
+    EXPECT_EQ(title.size, 20u);
+    EXPECT_EQ(written, kTitle);
+    uint32_t length = 0;
+    EXPECT_EQ(title.getTextLength(&length), MP4_OK);
+    EXPECT_EQ(length, 6u);
+    const uint8_t bad[3] = {'e', 'N', 'g'};
+    EXPECT_EQ(title.setData(bad, nullptr, 0), MP4_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(title.getData(nullptr, nullptr), MP4_ERR_INVALID_ARGUMENT);
+}
+
+// The box's own reader over a whole box (the factory would keep what it
+// read and go on).
+MP4Err readOwnPayload(CBox* target, const Bytes& bytes) {
+    MemoryFile file(bytes);
+    CBox header;
+    MP4Err err = header.read(file.storage());
+    if (err == MP4_OK) err = target->copyHeaderFrom(header);
+    return err == MP4_OK ? target->read(file.storage()) : err;
+}
+
+TEST(KeywordBox, DamagedListsAndShortListsAreRefused) {
+    CKeywordBox damaged;
+    // Three keywords announced, two present.
+    EXPECT_EQ(readOwnPayload(&damaged, fullBox("kywd", 0, 0, ByteWriter().u16(kEngCode).u8(3).u8(1).str("a", false).u8(1).str("b", false))),
+              MP4_ERR_BAD_BOX_SIZE);
+    // A keyword longer than the rest of the box.
+    EXPECT_EQ(readOwnPayload(&damaged, fullBox("kywd", 0, 0, ByteWriter().u16(kEngCode).u8(1).u8(9).str("abc", false))),
+              MP4_ERR_BAD_BOX_SIZE);
+
+    CKeywordBox keywords;
+    keywords.keywordCount = 2;
+    ASSERT_EQ(keywords.appendKeyword(reinterpret_cast<const uint8_t*>("a"), 1), MP4_OK);
+    EXPECT_EQ(keywords.calculateSize(), MP4_ERR_INVALID_DATA);
+    ASSERT_EQ(keywords.appendKeyword(reinterpret_cast<const uint8_t*>("bc"), 2), MP4_OK);
+    EXPECT_EQ(keywords.calculateSize(), MP4_OK);
+    EXPECT_EQ(keywords.size, 20u);
+    testing::internal::CaptureStdout();
+    keywords.dump(0);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("Keywords:a (1 char), bc (2 char)\n"),
+              std::string::npos);
+}
+
+// ---- the metadata object ------------------------------------------------------
+
+TEST(MetaDataObject, ItemsPerLanguageWithTheirCodes) {
+    CUserDataBox udta;
+    CMp4MetaDataImpl meta(&udta);
+    uint32_t length = 99;
+    uint8_t language[3] = {0, 0, 0};
+    EXPECT_EQ(meta.getTitle(nullptr, nullptr, nullptr, 1), MP4_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(meta.getTitle(nullptr, &length, nullptr, 1), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(length, 0u);
+
+    const uint8_t bad[3] = {'E', 'N', 'G'};
+    EXPECT_EQ(meta.setTitle(reinterpret_cast<const uint8_t*>("x"), 2, bad), MP4_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(udta.childList(), nullptr);  // a refused call adds no box
+    ASSERT_EQ(meta.setTitle(reinterpret_cast<const uint8_t*>("Hello"), 6, kEng), MP4_OK);
+    ASSERT_EQ(meta.setTitle(reinterpret_cast<const uint8_t*>("Salut"), 6, kFra), MP4_OK);
+    ASSERT_EQ(meta.setTitle(reinterpret_cast<const uint8_t*>("Hi"), 3, kEng), MP4_OK);  // replaces
+    EXPECT_EQ(udta.childList()->count(), 2u);
+
+    // A null buffer asks for the length only; by index the language found
+    // is reported.
+    EXPECT_EQ(meta.getTitle(nullptr, &length, language, 2), MP4_OK);
+    EXPECT_EQ(length, 6u);
+    EXPECT_EQ(std::memcmp(language, kFra, 3), 0);
+    char text[8] = {};
+    std::memcpy(language, kEng, 3);
+    EXPECT_EQ(meta.getTitle(reinterpret_cast<uint8_t*>(text), &length, language, 0), MP4_OK);
+    EXPECT_STREQ(text, "Hi");
+    const uint8_t deu[3] = {'d', 'e', 'u'};
+    std::memcpy(language, deu, 3);
+    EXPECT_EQ(meta.getTitle(nullptr, &length, language, 1), MP4_ERR_NOT_AVAILABLE);
+
+    ASSERT_EQ(meta.setRating("NONE", "ALL ", reinterpret_cast<const uint8_t*>("r"), 2, kEng), MP4_OK);
+    uint8_t entity[4], criteria[4];
+    EXPECT_EQ(meta.getRating(entity, criteria, nullptr, &length, nullptr, 1), MP4_OK);
+    EXPECT_EQ(std::memcmp(entity, "NONE", 4), 0);
+    EXPECT_EQ(std::memcmp(criteria, "ALL ", 4), 0);
+
+    const uint8_t list[] = {1, 'a', 2, 'b', 'c'};
+    ASSERT_EQ(meta.setKeywords(list, 2, kEng), MP4_OK);
+    uint8_t back[8] = {};
+    uint32_t count = 0;
+    EXPECT_EQ(meta.getKeywords(back, &count, &length, nullptr, 1), MP4_OK);
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(length, 5u);
+    EXPECT_EQ(std::memcmp(back, list, 5), 0);
+
+    CMp4MetaDataImpl unbound(nullptr);
+    EXPECT_EQ(unbound.getGenre(nullptr, &length, nullptr, 1), MP4_ERR_INVALID_DATA);
+    EXPECT_EQ(unbound.setGenre(nullptr, 0, kEng), MP4_ERR_INVALID_DATA);
+}
+
+TEST(CopyrightNotice, IndexedGetAndSetOnAUserDataBox) {
+    CUserDataBox udta;
+    uint32_t length = 0;
+    EXPECT_EQ(getCopyrightNotice(&udta, nullptr, 0, &length, 0), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(setCopyrightNotice(&udta, nullptr, 0, -1), MP4_ERR_INVALID_ARGUMENT);
+    ASSERT_EQ(setCopyrightNotice(&udta, reinterpret_cast<const uint8_t*>("(c) me"), 7, 0), MP4_OK);
+    uint8_t small[4];
+    EXPECT_EQ(getCopyrightNotice(&udta, small, sizeof small, &length, 0), MP4_ERR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(length, 7u);
+    uint8_t text[16] = {};
+    EXPECT_EQ(getCopyrightNotice(&udta, text, sizeof text, &length, 1), MP4_OK);
+    EXPECT_STREQ(reinterpret_cast<char*>(text), "(c) me");
+    uint8_t language[3] = {0, 0, 0};  // none given: found by index, reported
+    EXPECT_EQ(CMp4MetaDataImpl(&udta).getCopyright(nullptr, &length, language, 1), MP4_OK);
+    EXPECT_EQ(std::memcmp(language, "und", 3), 0);
+}
+
+// ---- files: metadata object, tags, writing a copy ------------------------------
+
+class OpenFixture : public testing::Test {
+protected:
+    void open(const std::wstring& path) {
+        ASSERT_EQ(CMp4File::createInstance(&file_), MP4_OK);
+        ASSERT_EQ(file_->open(path.c_str(), 0, 0), MP4_OK);
+    }
+    // Opens bytes held in memory through a supplied storage.
+    void openBytes(const Bytes& bytes) {
+        memory_.reset(new MemoryFile(bytes));
+        memory_->storage()->close();
+        ASSERT_EQ(CMp4File::createInstance(&file_), MP4_OK);
+        ASSERT_EQ(file_->setStorage(memory_->storage()), MP4_OK);
+        ASSERT_EQ(file_->open(L"", 0, 0), MP4_OK);
+    }
+    void TearDown() override {
+        if (file_) {
+            file_->close();
+            CMp4File::destroyInstance(&file_);
+        }
+    }
+    CMp4File* file_ = nullptr;
+    std::unique_ptr<MemoryFile> memory_;
+};
+
+TEST_F(OpenFixture, ChangedMetadataIsWrittenToACopyAndNothingElseChanges) {
+    open(fixturePath("h264-aac-faststart.mp4"));
+    CMp4MetaData* meta = nullptr;
+    ASSERT_EQ(Mp4GetEditableMetaData(file_, nullptr, &meta), MP4_OK);
+    ASSERT_EQ(meta->setTitle(reinterpret_cast<const uint8_t*>("A longer title"), 15, kEng), MP4_OK);
+    CMp4Track* track = nullptr;
+    ASSERT_EQ(file_->getTrack(2, &track), MP4_OK);
+    ASSERT_EQ(track->setCprtNotice(reinterpret_cast<const uint8_t*>("(c)"), 4, 0), MP4_OK);
+    EXPECT_EQ(Mp4WriteCopy(file_, fixturePath("h264-aac-faststart.mp4").c_str()),
+              MP4_ERR_INVALID_ARGUMENT);
+
+    std::string copy = testing::TempDir() + "quil-meta-copy.mp4";
+    ASSERT_EQ(Mp4WriteCopy(file_, std::wstring(copy.begin(), copy.end()).c_str()), MP4_OK);
+
+    CMp4File* reread = nullptr;
+    ASSERT_EQ(CMp4File::createInstance(&reread), MP4_OK);
+    ASSERT_EQ(reread->open(std::wstring(copy.begin(), copy.end()).c_str(), 0, 0), MP4_OK);
+    ASSERT_EQ(reread->getMetaData(&meta), MP4_OK);
+    char title[32] = {};
+    uint32_t length = 0;
+    EXPECT_EQ(meta->getTitle(reinterpret_cast<uint8_t*>(title), &length, nullptr, 1), MP4_OK);
+    EXPECT_STREQ(title, "A longer title");
+    // Every sample has the same bytes in both files, though moved.
+    for (uint32_t number = 1; number <= 2; ++number) {
+        CMp4Track* before = nullptr;
+        CMp4Track* after = nullptr;
+        ASSERT_EQ(file_->getTrack(number, &before), MP4_OK);
+        ASSERT_EQ(reread->getTrack(number, &after), MP4_OK);
+        uint32_t count = 0, countAfter = 0;
+        before->getSampleCount(&count);
+        after->getSampleCount(&countAfter);
+        EXPECT_EQ(count, countAfter);
+        for (uint32_t s = 1; s <= count; ++s) {
+            uint8_t a[65536], b[65536];
+            uint32_t sizeA = 0, sizeB = 0;
+            ASSERT_EQ(before->readSample(s, sizeof a, &sizeA, a), MP4_OK);
+            ASSERT_EQ(after->readSample(s, sizeof b, &sizeB, b), MP4_OK);
+            ASSERT_TRUE(sizeA == sizeB && std::memcmp(a, b, sizeA) == 0) << number << "/" << s;
+        }
+        if (number == 2) {
+            uint8_t notice[8] = {};
+            EXPECT_EQ(after->getCprtNotice(notice, sizeof notice, &length, 0), MP4_OK);
+            EXPECT_STREQ(reinterpret_cast<char*>(notice), "(c)");
+        }
+        file_->releaseTrack(before);
+        reread->releaseTrack(after);
+    }
+    file_->releaseTrack(track);
+    reread->close();
+    CMp4File::destroyInstance(&reread);
+    std::remove(copy.c_str());
+}
+
+TEST_F(OpenFixture, AReadFileWithoutUserDataHasNoMetadataUntilEdited) {
+    openBytes(concat({box("ftyp", ByteWriter().code("isom").u32(0)), box("moov", {})}));
+    CMp4MetaData* meta = nullptr;
+    uint32_t length = 0;
+    EXPECT_EQ(file_->getMetaData(nullptr), MP4_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(file_->getMetaData(&meta), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(file_->getCopyright(nullptr, 0, &length, 0), MP4_ERR_NOT_AVAILABLE);
+    ASSERT_EQ(Mp4GetEditableMetaData(file_, nullptr, &meta), MP4_OK);
+    EXPECT_EQ(meta->getTitle(nullptr, &length, nullptr, 1), MP4_ERR_NOT_AVAILABLE);
+    ASSERT_EQ(file_->setCopyright(reinterpret_cast<const uint8_t*>("c"), 2, 0), MP4_OK);
+    EXPECT_EQ(file_->getCopyright(nullptr, 0, &length, 0), MP4_OK);
+    EXPECT_EQ(length, 2u);
+    // Written out through a supplied storage: there is no path to copy from.
+    EXPECT_EQ(Mp4WriteCopy(file_, L"/nonexistent/x.mp4"), MP4_ERR_NOT_AVAILABLE);
+}
+
+// A file whose movie carries an iTunes "meta" box with the given items.
+Bytes fileWithItems(const Bytes& items) {
+    Bytes hdlr = fullBox("hdlr", 0, 0, ByteWriter().u32(0).code("mdir").zeros(12).u8(0));
+    Bytes meta = fullBox("meta", 0, 0, concat({hdlr, box("ilst", items)}));
+    return concat({box("ftyp", ByteWriter().code("M4A ").u32(0)), box("moov", box("udta", meta))});
+}
+
+Bytes textItem(const char* code, const std::string& text) {
+    return box(code, box("data", ByteWriter().u32(1).u32(0).str(text, false)));
+}
+
+struct TagCase {
+    const char* name;
+    Bytes items;
+    uint32_t count;  // tags found
+};
+
+class ItunesTags : public OpenFixture, public testing::WithParamInterface<TagCase> {};
+
+TEST_P(ItunesTags, ItemsAreReadUpToTheFirstDamage) {
+    openBytes(fileWithItems(GetParam().items));
+    uint32_t count = 0;
+    ASSERT_EQ(Mp4GetTagCount(file_, &count), MP4_OK);
+    EXPECT_EQ(count, GetParam().count);
+    MP4Tag tag;
+    uint8_t value[32] = {};
+    if (count > 0) {
+        ASSERT_EQ(Mp4GetTag(file_, 1, &tag, value, sizeof value), MP4_OK);
+        EXPECT_EQ(tag.code, 0xA96E616Du);  // "©nam"
+        EXPECT_EQ(tag.dataType, MP4_TAG_UTF8);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(value), tag.valueLength), "Song");
+        EXPECT_EQ(Mp4GetTag(file_, 1, &tag, value, 2), MP4_ERR_BUFFER_TOO_SMALL);
+    }
+    EXPECT_EQ(Mp4GetTag(file_, 0, &tag, nullptr, 0), MP4_ERR_BAD_INDEX);
+    EXPECT_EQ(Mp4GetTag(file_, count + 1, &tag, nullptr, 0), MP4_ERR_NOT_AVAILABLE);
+}
+
+const Bytes kName = textItem("\xA9nam", "Song");
+const Bytes kTrack = box("trkn", box("data", ByteWriter().u32(0).u32(0).u16(0).u16(3).u16(12).u16(0)));
+
+INSTANTIATE_TEST_SUITE_P(
+    Items, ItunesTags,
+    testing::Values(
+        TagCase{"intact", concat({kName, kTrack, textItem("\xA9" "ART", "Artist")}), 3},
+        // An item claiming more than the list holds ends the walk there.
+        TagCase{"item_too_large", concat({kName, box("\xA9" "alb", box("data", ByteWriter().u32(1).u32(0)), 4000)}), 1},
+        // A size below its own header ends the walk too.
+        TagCase{"size_below_header", concat({kName, box("trkn", {}, 4), kTrack}), 1},
+        // A "data" box too short for its type and locale is skipped.
+        TagCase{"data_too_short", concat({kName, box("covr", box("data", {0, 0})), kTrack}), 2},
+        TagCase{"size_zero_runs_to_the_end", concat({kName, box("\xA9" "day", box("data", ByteWriter().u32(1).u32(0).str("2020", false)), 0)}), 2}),
+    [](const testing::TestParamInfo<TagCase>& info) { return std::string(info.param.name); });
+
+// ---- reading one track reads about its own bytes ------------------------------
+
+uint64_t bytesReadSoFar() {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    uint64_t value = 0;
+    while (io >> key >> value) {
+        if (key == "rchar:") return value;
+    }
+    return 0;
+}
+
+TEST_F(OpenFixture, OneTrackOfAnInterleavedFileCostsAboutItsOwnBytes) {
+    open(fixturePath("h264-aac.mp4"));
+    for (uint32_t number = 1; number <= 2; ++number) {
+        CMp4Track* track = nullptr;
+        ASSERT_EQ(file_->getTrack(number, &track), MP4_OK);
+        uint32_t count = 0;
+        track->getSampleCount(&count);
+        uint64_t own = 0;
+        const uint64_t before = bytesReadSoFar();
+        for (uint32_t s = 1; s <= count; ++s) {
+            uint8_t buffer[65536];
+            uint32_t size = 0;
+            ASSERT_EQ(track->readSample(s, sizeof buffer, &size, buffer), MP4_OK);
+            own += size;
+        }
+        const uint64_t fetched = bytesReadSoFar() - before;
+        EXPECT_GE(fetched, own);
+        EXPECT_LE(fetched, own + own / 5) << "track " << number;
+        file_->releaseTrack(track);
+    }
+}
+
+}  // namespace
+}  // namespace quil
