@@ -7,7 +7,7 @@ version and flags, and its old payload is read as whatever follows). For each
 copy, quil must not crash or hang, every track that does not hold the damaged
 box must read exactly as in the original (same `quil samples` lines), and
 quil should keep at least as many usable tracks (bound, with samples) as
-ffprobe finds streams with samples.
+ffprobe reads packets from.
 
 Usage: damage-sweep.py QUIL FILE... [--no-ffprobe]
 Prints one line per file and a summary; exits 1 on a crash, a hang or a
@@ -54,16 +54,17 @@ def usable_tracks(quil, path):
 
 
 def ffprobe_streams(path):
-    code, out = run(["ffprobe", "-v", "quiet", "-show_entries", "stream=nb_frames",
-                     "-of", "json", path])
+    """Streams from which ffprobe actually reads packets."""
+    code, out = run(["ffprobe", "-v", "quiet", "-count_packets", "-show_entries",
+                     "stream=nb_read_packets", "-of", "json", path])
     if code != 0:
         return 0
     try:
         streams = json.loads(out).get("streams", [])
     except ValueError:
         return 0
-    return sum(1 for s in streams if str(s.get("nb_frames", "0")).isdigit()
-               and int(s.get("nb_frames", "0")) > 0)
+    return sum(1 for s in streams if str(s.get("nb_read_packets", "0")).isdigit()
+               and int(s.get("nb_read_packets", "0")) > 0)
 
 
 def boxes_inside(box, track=None, out=None):
@@ -75,7 +76,11 @@ def boxes_inside(box, track=None, out=None):
         if child.kind == b"trak" and track is None:
             number += 1
             owner = number
-        out.append((child, owner))
+            # A "trak" cut short spills its own contents into the movie box:
+            # that is damage to the movie, not to one track.
+            out.append((child, None))
+        else:
+            out.append((child, owner))
         boxes_inside(child, owner, out)
     return out
 

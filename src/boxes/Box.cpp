@@ -231,6 +231,7 @@ MP4Err CBox::writeKept(CStorage* storage) const {
 // ---- CFullBox -------------------------------------------------------------
 
 MP4Err CFullBox::readVersionAndFlags(CStorage* storage) {
+    if (remaining < 4) return MP4_ERR_BAD_BOX_SIZE;
     MP4Err err = storage->readUInt8(&version);
     if (err != MP4_OK) return err;
     err = storage->readUInt24(&flags);

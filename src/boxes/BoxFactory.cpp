@@ -245,8 +245,7 @@ MP4Err readPayloadInWindow(CBox* box, CStorage* storage, uint64_t payload) {
     // reader's own arithmetic.
     box->remaining = window.storage()->left();
     if (box->remaining != 0) return window.storage()->skip(box->remaining);
-    if (err == MP4_ERR_BAD_BOX_SIZE && window.refusedRead()) return MP4_OK;
-    return err;
+    return err == MP4_ERR_BAD_BOX_SIZE ? MP4_OK : err;
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ char codeChar(uint32_t code, int index) {
 }
 
 // Reads consecutive payload fields, lowering the box's remaining count by
-// each field read. After the first failure nothing more is read and that
+// each field read and refusing (6) a field that the count cannot hold. After the first failure nothing more is read and that
 // error is kept.
 class PayloadReader {
 public:
@@ -52,6 +52,11 @@ private:
     template <class T>
     PayloadReader& get(MP4Err (CStorage::*read)(T*), T& v, uint64_t width) {
         if (err_ != MP4_OK) return *this;
+        // A box too short for its fields stops here; the count never wraps.
+        if (*remaining_ < width) {
+            err_ = MP4_ERR_BAD_BOX_SIZE;
+            return *this;
+        }
         err_ = (storage_->*read)(&v);
         if (err_ == MP4_OK) *remaining_ -= width;
         return *this;

@@ -7,9 +7,7 @@ CBoundedStorage::CBoundedStorage(CStorage* inner) : inner_(inner) {
 }
 
 MP4Err CBoundedStorage::reserve(uint64_t count) {
-    if (count <= left()) return MP4_OK;
-    ++refusals_;
-    return MP4_ERR_BAD_BOX_SIZE;
+    return count <= left() ? MP4_OK : MP4_ERR_BAD_BOX_SIZE;
 }
 
 MP4Err CBoundedStorage::settle(MP4Err result, uint64_t count) {
@@ -94,7 +92,6 @@ CReadWindow::CReadWindow(CStorage* storage, uint64_t end) : own_(innerOf(storage
     auto* outer = dynamic_cast<CBoundedStorage*>(storage);
     window_ = outer ? outer : &own_;
     savedLimit_ = window_->limit();
-    refusalsBefore_ = window_->refusals();
     if (end < savedLimit_) window_->setLimit(end);
 }
 

@@ -23,8 +23,6 @@ public:
     void setLimit(uint64_t limit) { limit_ = limit; }
     // Bytes between the position and the limit (0 once past it).
     uint64_t left() const { return position_ < limit_ ? limit_ - position_ : 0; }
-    // How many reads or skips were refused for crossing the limit.
-    uint32_t refusals() const { return refusals_; }
 
     MP4Err open(uint32_t mode) override { return inner_->open(mode); }
     MP4Err close() override { return inner_->close(); }
@@ -57,7 +55,7 @@ public:
     bool isNetworkStorage() const override;
 
 private:
-    // 6 (and one more refusal) when count bytes do not fit before the limit.
+    // 6 when count bytes do not fit before the limit.
     MP4Err reserve(uint64_t count);
     // Moves the position after an inner read: by count on success, else to
     // wherever the inner storage stopped.
@@ -66,7 +64,6 @@ private:
     CStorage* inner_;
     uint64_t position_ = 0;
     uint64_t limit_ = UINT64_MAX;
-    uint32_t refusals_ = 0;
     bool ok_ = false;
 };
 
@@ -82,14 +79,11 @@ public:
 
     bool ok() const { return window_->ok(); }
     CBoundedStorage* storage() { return window_; }
-    // True when a read or skip inside this window was refused at its end.
-    bool refusedRead() const { return window_->refusals() != refusalsBefore_; }
 
 private:
     CBoundedStorage own_;
     CBoundedStorage* window_;
     uint64_t savedLimit_ = 0;
-    uint32_t refusalsBefore_ = 0;
 };
 
 // The bytes a reader may still take from this storage: up to the window's
