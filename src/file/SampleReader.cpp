@@ -11,12 +11,19 @@ namespace quil {
 namespace {
 
 // Small samples of one chunk are mostly read in order: one system call per
-// window serves many of them. The window never reaches past the chunk, so
-// reading one track of an interleaved file fetches that track's bytes
-// only. A read that jumps away fetches a smaller window, so random access
-// into a long chunk does not pay for a megabyte each time.
+// window serves many of them. The window ends with the chunk, so reading
+// one track of an interleaved file fetches that track's bytes only. A read
+// that jumps away fetches a smaller window, so random access into a long
+// chunk does not pay for a megabyte each time.
 constexpr uint32_t kWindowSize = 1u << 20;
 constexpr uint32_t kJumpWindowSize = 64u << 10;
+// A caller that reads the file in order, chunk after chunk of whichever
+// track comes next, starts each window where the last read ended. After two
+// such windows in a row the window may reach past the chunk, by a step that
+// doubles with every further one: streaming playback gets large windows
+// again, while one track whose chunks happen to touch wastes at most a
+// step.
+constexpr uint32_t kFirstStreamStep = 16u << 10;
 // Samples at least this large go straight into the caller's buffer: the
 // system call is cheap next to copying them a second time.
 constexpr uint32_t kDirectReadSize = 32u << 10;
@@ -31,6 +38,8 @@ MP4Err CSampleReader::open(const std::string& utf8Path) {
     if (fd_ >= 0) ::close(fd_);
     fd_ = ::open(utf8Path.c_str(), O_RDONLY | O_CLOEXEC);
     windowLength_ = 0;
+    lastEnd_ = UINT64_MAX;
+    streak_ = 0;
     return fd_ < 0 ? MP4_ERR_IO : MP4_OK;
 }
 
@@ -71,9 +80,20 @@ MP4Err CSampleReader::read(uint64_t offset, uint32_t size, uint8_t* buffer,
     if (offset > static_cast<uint64_t>(INT64_MAX) - size) return MP4_ERR_IO;
     bool inWindow = offset >= windowStart_ && offset - windowStart_ <= windowLength_ &&
                     size <= windowLength_ - (offset - windowStart_);
+    const bool continues = offset == lastEnd_;
+    lastEnd_ = offset + size;
     if (!inWindow) {
         uint64_t ahead = readAheadEnd > offset ? readAheadEnd - offset : 0;
-        if (size >= kDirectReadSize || ahead <= size) return readDirect(offset, size, buffer);
+        if (size >= kDirectReadSize) {
+            streak_ = 0;
+            return readDirect(offset, size, buffer);
+        }
+        streak_ = continues ? streak_ + 1 : 0;
+        if (streak_ >= 2) {
+            uint64_t step = uint64_t{kFirstStreamStep} << (streak_ > 8 ? 6 : streak_ - 2);
+            if (ahead < step) ahead = step;
+        }
+        if (ahead <= size) return readDirect(offset, size, buffer);
         bool sequential = offset >= windowStart_ &&
                           offset - windowStart_ <= uint64_t{windowLength_} + kWindowSize;
         uint64_t length = sequential ? kWindowSize : kJumpWindowSize;

@@ -35,6 +35,8 @@ private:
     std::unique_ptr<uint8_t[]> window_;
     uint64_t windowStart_ = 0;
     uint32_t windowLength_ = 0;
+    uint64_t lastEnd_ = UINT64_MAX;  // end of the last read
+    uint32_t streak_ = 0;            // windows in a row that began at lastEnd_
 };
 
 }  // namespace quil
