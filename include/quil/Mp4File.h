@@ -36,9 +36,15 @@ public:
     virtual MP4Err getTrackCount(uint32_t* count) = 0;
     virtual MP4Err getTimeScale(uint32_t* timeScale) = 0;
     virtual MP4Err getFileType(uint32_t* fileType) = 0;
+    // The index-th (0 = first) "cprt" notice of the movie's "udta": its
+    // length with the terminator into *length, and into buffer when
+    // bufferSize is not zero (7 when it does not fit). 3 when missing.
+    // setCopyright adds "udta" and the "cprt" (language "und") as needed.
     virtual MP4Err getCopyright(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
                                 uint32_t index) = 0;
     virtual MP4Err setCopyright(const uint8_t* text, uint64_t length, int32_t index) = 0;
+    // The movie's metadata object, owned by the file (until close): 3 when a
+    // read file has no "udta"; a file being written gains one.
     virtual MP4Err getMetaData(CMp4MetaData** metaData) = 0;
     virtual MP4Err getCreationTime(uint32_t* year, uint32_t* month, uint32_t* day,
                                    uint32_t* hour, uint32_t* minute, uint32_t* second) = 0;

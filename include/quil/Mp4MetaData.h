@@ -10,9 +10,19 @@
 namespace quil {
 
 // Each item exists once per language (three lower-case letters). Getters
-// take an optional language (in: the one wanted; out: the one found) and a
-// 1-based index used when no language is given. A null text buffer asks for
-// the length only (text length + 1).
+// take an optional language array and a 1-based index (0 also means the
+// first): an array whose first byte is not zero names the language wanted,
+// otherwise the index-th item of that kind is taken; either way the array,
+// when given, receives the language found. A null text buffer asks for the
+// length only (text length + 1; texts starting with a UTF-16 byte order
+// mark end with two zero bytes instead). Codes: 2 for a null length or an
+// invalid language when setting (a letter below "a"), 3 when there is no
+// such item, 5 when the object is bound to no user-data box.
+//
+// Setters replace the item of that language, or add it. The text is stored
+// as given: pass its terminator in the length. The file's getMetaData makes
+// this object in write mode; for a read file use Mp4GetEditableMetaData
+// (Mp4Tags.h) to edit, then Mp4WriteCopy.
 class QUIL_API CMp4MetaData {
 public:
     virtual MP4Err getTitle(uint8_t* text, uint32_t* length, uint8_t language[3],

@@ -39,9 +39,12 @@ public:
     virtual MP4Err getLanguage(uint8_t language[3]) = 0;  // "mdhd", three lower-case letters
     virtual MP4Err getVolume(int16_t* volume) = 0;        // "tkhd", 8.8 fixed point
     virtual MP4Err isSyncSample(uint32_t sample, uint32_t* sync) = 0;
+    // As CMp4File::getCopyright / setCopyright, over the track's "udta".
     virtual MP4Err getCprtNotice(uint8_t* buffer, uint64_t bufferSize, uint32_t* length,
                                  uint32_t index) = 0;
     virtual MP4Err setCprtNotice(const uint8_t* text, uint64_t length, int32_t index) = 0;
+    // The track's metadata object, kept by the track: 3 when a read track
+    // has no "udta"; a track being written gains one.
     virtual MP4Err getMetaData(CMp4MetaData** metaData) = 0;
     virtual MP4Err getCreationTime(uint32_t* year, uint32_t* month, uint32_t* day,
                                    uint32_t* hour, uint32_t* minute, uint32_t* second) = 0;
