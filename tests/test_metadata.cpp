@@ -337,6 +337,18 @@ INSTANTIATE_TEST_SUITE_P(
         TagCase{"size_zero_runs_to_the_end", concat({kName, box("\xA9" "day", box("data", ByteWriter().u32(1).u32(0).str("2020", false)), 0)}), 2}),
     [](const testing::TestParamInfo<TagCase>& info) { return std::string(info.param.name); });
 
+TEST_F(OpenFixture, QuickTimeTextItemsOfTheUserDataAreTags) {
+    Bytes item = box("\xA9xyz", ByteWriter().u16(5).u16(kEngCode).str("+1+2/", false));
+    openBytes(concat({box("ftyp", ByteWriter().code("qt  ").u32(0)), box("moov", box("udta", item))}));
+    MP4Tag tag;
+    uint8_t value[8] = {};
+    ASSERT_EQ(Mp4GetTag(file_, 1, &tag, value, sizeof value), MP4_OK);
+    EXPECT_EQ(tag.code, 0xA978797Au);
+    EXPECT_EQ(tag.parent, fourcc("udta"));
+    EXPECT_EQ(std::memcmp(tag.language, kEng, 3), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(value), tag.valueLength), "+1+2/");
+}
+
 // ---- reading one track reads about its own bytes ------------------------------
 
 uint64_t bytesReadSoFar() {

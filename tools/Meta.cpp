@@ -184,7 +184,7 @@ std::string tagKey(const MP4Tag& tag) {
         {0xA9646179, "date"},   {0xA967656E, "genre"},  {fourcc("gnre"), "genre"},
         {fourcc("trkn"), "track"}, {fourcc("disk"), "disc"}, {fourcc("covr"), "cover"},
         {0xA9746F6F, "encoder"}, {0xA9636D74, "comment"}, {fourcc("aART"), "album_artist"},
-        {0xA9777274, "composer"},
+        {0xA9777274, "composer"}, {0xA978797A, "location"},
     };
     for (const Name& name : kNames) {
         if (name.code == tag.code) return name.key;
@@ -266,9 +266,11 @@ MP4Err collectTags(CMp4File* file, std::vector<Item>* items) {
                 item.value = std::to_string(bigEndian(bytes, 0, 2));
             }
         } else {
-            item.scope = "itunes";
+            // iTunes items, and QuickTime text items straight in "udta".
+            item.scope = tag.parent == fourcc("ilst") ? "itunes" : "quicktime";
             item.key = tagKey(tag);
             item.value = tagValue(tag, bytes);
+            if (tag.language[0] != 0) item.language.assign(reinterpret_cast<char*>(tag.language), 3);
         }
         items->push_back(item);
     }
@@ -303,7 +305,7 @@ MP4Err collectAll(CMp4File* file, std::vector<Item>* items) {
 std::string itemKey(const Item& item) {
     std::string key;
     if (item.scope == "track") key = "track" + std::to_string(item.track) + ".";
-    if (item.scope == "itunes") key = "itunes.";
+    if (item.scope == "itunes" || item.scope == "quicktime") key = item.scope + ".";
     key += item.key;
     if (!item.language.empty()) key += ":" + item.language;
     return key;

@@ -39,7 +39,8 @@ const char kUsage[] =
     "           the list to track N (1-based)\n"
     "  meta     print every metadata item, one KEY[:LANG]=VALUE line each: the\n"
     "           3GPP items of the movie and of each track (trackN.KEY), album\n"
-    "           and year, and the iTunes tags (itunes.KEY); --json prints them\n"
+    "           and year, the iTunes tags (itunes.KEY) and QuickTime text items\n"
+    "           (quicktime.KEY); --json prints them\n"
     "           as one JSON document. With --set, writes a copy to OUT with the\n"
     "           3GPP items set (KEY: title, description, copyright, performer,\n"
     "           author, genre, keywords as a comma list; LANG defaults to und)\n";

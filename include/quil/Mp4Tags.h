@@ -4,8 +4,9 @@
 // Tags are the iTunes-style items of the movie ("moov"/"udta"/"meta"/"ilst"
 // or "moov"/"meta"/"ilst": title "©nam", artist "©ART", album "©alb", date
 // "©day", genre "©gen" or "gnre", track number "trkn", cover art "covr"
-// and any other item), plus the 3GPP album ("albm") and recording year
-// ("yrrc") boxes of the movie's "udta". They are read only.
+// and any other item), plus, from the movie's "udta" itself, the 3GPP album
+// ("albm") and recording year ("yrrc") boxes and the QuickTime text items
+// ("©xyz" location, "©nam", ...: their first string). They are read only.
 #ifndef QUIL_MP4TAGS_H
 #define QUIL_MP4TAGS_H
 
@@ -35,8 +36,9 @@ struct MP4Tag {
     // "©nam" is the byte 0xA9 (so "©nam" is 0xA96E616D). "----" for a
     // free-form item, "albm"/"yrrc" for the 3GPP boxes.
     uint32_t code;
+    uint32_t parent;       // "ilst" for iTunes items, "udta" for the others
     uint32_t dataType;     // MP4TagDataType or another well-known type
-    uint8_t language[3];   // "albm": three lower-case letters; else zeros
+    uint8_t language[3];   // "albm", QuickTime text: three letters; else zeros
     uint8_t albumTrack;    // "albm": the track number it carries, or 0
     uint32_t valueLength;  // bytes of the value
     char name[128];        // free-form items: their "name" (truncated), else ""

@@ -84,11 +84,20 @@ void forEachChild(const PayloadView& view, uint64_t start, uint64_t end, Visit v
     }
 }
 
-MP4Tag emptyTag(uint32_t code) {
+MP4Tag emptyTag(uint32_t code, uint32_t parent = fourcc("udta")) {
     MP4Tag tag;
     std::memset(&tag, 0, sizeof tag);
     tag.code = code;
+    tag.parent = parent;
     return tag;
+}
+
+// The packed ISO 639-2/T code of 3GPP and QuickTime texts: a pad bit and
+// three 5-bit letters.
+void unpackLanguage(uint16_t packed, uint8_t letters[3]) {
+    letters[0] = static_cast<uint8_t>(((packed >> 10) & 31) + 0x60);
+    letters[1] = static_cast<uint8_t>(((packed >> 5) & 31) + 0x60);
+    letters[2] = static_cast<uint8_t>((packed & 31) + 0x60);
 }
 
 // One "ilst" item: one tag per "data" child; a free-form item's "name".
@@ -109,7 +118,7 @@ void collectItem(const PayloadView& view, const Child& item, std::vector<TagPlac
             child.end - child.payloadStart - 8 > UINT32_MAX) {
             return;
         }
-        TagPlace place{emptyTag(item.type), view.box(), child.payloadStart + 8};
+        TagPlace place{emptyTag(item.type, fourcc("ilst")), view.box(), child.payloadStart + 8};
         place.tag.dataType = indicator & 0xFFFFFF;
         place.tag.valueLength = static_cast<uint32_t>(child.end - child.payloadStart - 8);
         std::memcpy(place.tag.name, name, sizeof name);
@@ -137,10 +146,7 @@ void collectAlbum(const CBox* box, std::vector<TagPlace>* tags) {
     uint8_t head[6];
     if (view.length() < 7 || view.length() - 6 > UINT32_MAX || !view.bytes(0, head, 6)) return;
     TagPlace place{emptyTag(box->type), box, 6};
-    const uint16_t packed = static_cast<uint16_t>((head[4] << 8) | head[5]);
-    place.tag.language[0] = static_cast<uint8_t>(((packed >> 10) & 31) + 0x60);
-    place.tag.language[1] = static_cast<uint8_t>(((packed >> 5) & 31) + 0x60);
-    place.tag.language[2] = static_cast<uint8_t>((packed & 31) + 0x60);
+    unpackLanguage(static_cast<uint16_t>((head[4] << 8) | head[5]), place.tag.language);
     place.tag.dataType = MP4_TAG_UTF8;
     uint32_t textLength = static_cast<uint32_t>(view.length() - 6);
     // The text ends at its terminator; a byte after it is the track number.
@@ -164,6 +170,23 @@ void collectYear(const CBox* box, std::vector<TagPlace>* tags) {
     tags->push_back(place);
 }
 
+// A QuickTime user-data text item ("©" codes): strings of a u16 length, a
+// u16 language (a packed ISO code from 0x400 on, else a Macintosh code)
+// and the text; the first string is taken.
+void collectQuickTimeText(const CBox* box, std::vector<TagPlace>* tags) {
+    PayloadView view(box);
+    uint8_t head[4];
+    if (view.length() < 4 || !view.bytes(0, head, 4)) return;
+    const uint32_t length = (uint32_t{head[0]} << 8) | head[1];
+    if (length > view.length() - 4) return;
+    TagPlace place{emptyTag(box->type), box, 4};
+    const uint16_t language = static_cast<uint16_t>((head[2] << 8) | head[3]);
+    if (language >= 0x400 && language != 0x7FFF) unpackLanguage(language, place.tag.language);
+    place.tag.dataType = MP4_TAG_UTF8;
+    place.tag.valueLength = length;
+    tags->push_back(place);
+}
+
 void collectChildren(CBox* parent, bool userData, std::vector<TagPlace>* tags) {
     CBoxList* list = parent ? parent->childList() : nullptr;
     for (CBoxList::Node* node = list ? list->head() : nullptr; node; node = node->next) {
@@ -171,6 +194,7 @@ void collectChildren(CBox* parent, bool userData, std::vector<TagPlace>* tags) {
         if (box->type == fourcc("meta")) collectMeta(box, tags);
         if (userData && box->type == fourcc("albm")) collectAlbum(box, tags);
         if (userData && box->type == fourcc("yrrc")) collectYear(box, tags);
+        if (userData && (box->type >> 24) == 0xA9) collectQuickTimeText(box, tags);
     }
 }
 
