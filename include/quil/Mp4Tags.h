@@ -74,6 +74,7 @@ QUIL_API MP4Err Mp4GetEditableMetaData(CMp4File* file, CMp4Track* track,
 // chunk offsets move by what the boxes before the media data grew or shrank.
 // The file stays open. 3 unless it is open for reading by path; 2 for a null
 // path or the file's own path; 10 when an offset no longer fits its table;
+// 8 when a chunk lies outside the media data boxes read (a damaged file);
 // 4 for a write failure (the target is then incomplete).
 QUIL_API MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath);
 

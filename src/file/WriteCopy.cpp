@@ -58,19 +58,25 @@ MP4Err planLayout(CBoxList* boxes, std::vector<DataMove>* moves) {
     return MP4_OK;
 }
 
-// The offset a source offset moves to: inside a media data box it follows
-// that box; anywhere else it stays.
-uint64_t movedOffset(const std::vector<DataMove>& moves, uint64_t offset, bool back) {
+// The offset a source offset moves to, following its media data box;
+// false when it lies in none (the copy would not hold its bytes).
+bool movedOffset(const std::vector<DataMove>& moves, uint64_t offset, bool back,
+                 uint64_t* moved) {
     for (const DataMove& move : moves) {
         uint64_t from = back ? move.newStart : move.oldStart;
         uint64_t to = back ? move.oldStart : move.newStart;
-        if (offset >= from && offset - from <= move.box->dataSize) return offset - from + to;
+        if (offset >= from && offset - from <= move.box->dataSize) {
+            *moved = offset - from + to;
+            return true;
+        }
     }
-    return offset;
+    return false;
 }
 
 // Applies the move to every chunk offset of every track (back: undoes it).
-// Checks first, so a 32-bit table that would overflow is left untouched.
+// Checks first, so nothing is changed when a 32-bit table would overflow
+// (10) or a chunk lies outside every media data box the copy writes (8: a
+// damaged file whose media data the box reader could not take in).
 MP4Err moveChunkOffsets(CBox* moov, const std::vector<DataMove>& moves, bool back) {
     for (uint32_t pass = 0; pass < 2; ++pass) {
         CBox* trak = nullptr;
@@ -86,17 +92,24 @@ MP4Err moveChunkOffsets(CBox* moov, const std::vector<DataMove>& moves, bool bac
                 for (uint32_t i = 1; stco && i <= stco->entries.count(); ++i) {
                     CChunkOffsetTableEntry* entry = nullptr;
                     if (stco->getEntry(i, &entry) != MP4_OK) break;
-                    uint64_t moved = movedOffset(moves, entry->chunkOffset, back);
+                    uint64_t moved = 0;
+                    if (!movedOffset(moves, entry->chunkOffset, back, &moved)) {
+                        return MP4_ERR_WRONG_LAYOUT;
+                    }
                     if (moved > kMax32) return MP4_ERR_VALUE_TOO_LARGE;
                     if (pass == 1) entry->chunkOffset = static_cast<uint32_t>(moved);
                 }
             }
-            if (pass == 1 && box->findChild(fourcc("co64"), &table, 1) == MP4_OK) {
+            if (box->findChild(fourcc("co64"), &table, 1) == MP4_OK) {
                 auto* co64 = dynamic_cast<CChunkLargeOffsetBox*>(table);
                 for (uint32_t i = 1; co64 && i <= co64->entries.count(); ++i) {
                     CChunkLargeOffsetTableEntry* entry = nullptr;
                     if (co64->getEntry(i, &entry) != MP4_OK) break;
-                    entry->chunkOffset = movedOffset(moves, entry->chunkOffset, back);
+                    uint64_t moved = 0;
+                    if (!movedOffset(moves, entry->chunkOffset, back, &moved)) {
+                        return MP4_ERR_WRONG_LAYOUT;
+                    }
+                    if (pass == 1) entry->chunkOffset = moved;
                 }
             }
         }
