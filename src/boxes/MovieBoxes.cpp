@@ -615,15 +615,21 @@ MP4Err CHandlerReferenceBox::read(CStorage* storage) {
         uint64_t length = 0;
         err = readTextTail(storage, *this, &name, &length);
         if (err != MP4_OK) return err;
+        nameAsRead_.assign(name.get(), length);
         // A counted (Pascal) string: its first byte is the length of the
         // rest. The count byte is dropped; the rest stays terminated.
         if (static_cast<uint8_t>(name[0]) == length - 1) {
             std::memmove(name.get(), name.get() + 1, length - 1);
             name[length - 1] = '\0';
         }
+        nameReadAs_ = name.get();
     }
     remaining = 0;
     return MP4_OK;
+}
+
+bool CHandlerReferenceBox::nameIsAsRead() const {
+    return name && !nameAsRead_.empty() && nameReadAs_ == name.get();
 }
 
 MP4Err CHandlerReferenceBox::write(CStorage* storage) {
@@ -632,7 +638,11 @@ MP4Err CHandlerReferenceBox::write(CStorage* storage) {
     if (err != MP4_OK) return err;
     PayloadWriter writer(storage);
     writer.u32(preDefined).u32(handlerType).each(&PayloadWriter::u32, reserved);
-    if (name) writeText(writer, name.get());
+    if (nameIsAsRead()) {
+        writer.block(nameAsRead_.data(), static_cast<uint32_t>(nameAsRead_.size()));
+    } else if (name) {
+        writeText(writer, name.get());
+    }
     return writer.error();
 }
 
@@ -649,11 +659,17 @@ MP4Err CHandlerReferenceBox::dump(int32_t depth) {
 MP4Err CHandlerReferenceBox::calculateSize() {
     CBox::calculateSize();
     size += 24;
-    if (name) size += nameLength() + 1;
+    if (nameIsAsRead()) {
+        size += nameAsRead_.size();
+    } else if (name) {
+        size += nameLength() + 1;
+    }
     return MP4_OK;
 }
 
 MP4Err CHandlerReferenceBox::setName(const char* text) {
+    nameAsRead_.clear();
+    nameReadAs_.clear();
     return copyText(text, kMaxHandlerName, &name);
 }
 
