@@ -104,8 +104,18 @@ MP4Err CMp4MetaDataImpl::findOrAdd(uint32_t type, const uint8_t* language, CBox*
     // Checked before anything is added, so a refused call leaves no box.
     if (!validLanguage(language)) return MP4_ERR_INVALID_ARGUMENT;
     MP4Err err = findByLanguage(type, language, box);
-    if (err == MP4_ERR_NOT_AVAILABLE) err = addNewBox(udta_, type, box);
-    return err;
+    if (err == MP4_ERR_NOT_AVAILABLE) return addNewBox(udta_, type, box);
+    if (err != MP4_OK || !(*box)->writesAsRead()) return err;
+    // A damaged box would be written back as it was read, dropping the new
+    // value: a fresh box takes its place.
+    std::unique_ptr<CBox> fresh(makeMetaDataBox(type));
+    if (!fresh) return MP4_ERR_OUT_OF_MEMORY;
+    fresh->size = 12;
+    err = udta_->childList()->replace(*box, fresh.get());
+    if (err != MP4_OK) return err;
+    delete *box;
+    *box = fresh.release();
+    return MP4_OK;
 }
 
 // ---- text items -------------------------------------------------------------

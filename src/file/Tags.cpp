@@ -23,9 +23,9 @@ struct TagPlace {
 class PayloadView {
 public:
     explicit PayloadView(const CBox* box) : box_(box) {}
-    uint64_t length() const { return box_->keptLength(); }
+    uint64_t length() const { return box_->keptPayload().length(); }
     bool bytes(uint64_t offset, uint8_t* out, uint64_t count) const {
-        return box_->readKept(offset, out, count) == MP4_OK;
+        return box_->keptPayload().read(offset, out, count) == MP4_OK;
     }
     bool u32(uint64_t offset, uint32_t* value) const {
         uint8_t b[4];
@@ -163,7 +163,7 @@ void collectAlbum(const CBox* box, std::vector<TagPlace>* tags) {
 
 // "yrrc": version and flags, then the year as u16.
 void collectYear(const CBox* box, std::vector<TagPlace>* tags) {
-    if (box->keptLength() < 6) return;
+    if (box->keptPayload().length() < 6) return;
     TagPlace place{emptyTag(box->type), box, 4};
     place.tag.dataType = MP4_TAG_UNSIGNED;
     place.tag.valueLength = 2;
@@ -244,7 +244,7 @@ MP4Err Mp4GetTag(CMp4File* file, uint32_t index, MP4Tag* tag, uint8_t* value,
     *tag = place.tag;
     if (!value) return MP4_OK;
     if (bufferSize < place.tag.valueLength) return MP4_ERR_BUFFER_TOO_SMALL;
-    return place.box->readKept(place.valueStart, value, place.tag.valueLength);
+    return place.box->keptPayload().read(place.valueStart, value, place.tag.valueLength);
 }
 
 }  // namespace quil

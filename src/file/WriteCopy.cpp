@@ -49,7 +49,7 @@ MP4Err planLayout(CBoxList* boxes, std::vector<DataMove>* moves) {
             position = move.newStart + mdat->dataSize;
             continue;
         }
-        MP4Err err = node->box->calculateSize();
+        MP4Err err = sizeBox(node->box);
         uint64_t size = 0;
         if (err == MP4_OK) err = node->box->getSize(&size);
         if (err != MP4_OK) return err;
@@ -141,7 +141,7 @@ MP4Err writeBoxes(CMp4FileImpl* file, CBoxList* boxes, const std::vector<DataMov
     for (CBoxList::Node* node = boxes->head(); node; node = node->next) {
         MP4Err err = nextMove < moves.size() && moves[nextMove].box == node->box
                          ? writeMediaData(file, moves[nextMove++], target, piece.get())
-                         : node->box->write(target);
+                         : writeBox(node->box, target);
         if (err != MP4_OK) return err;
     }
     return MP4_OK;
