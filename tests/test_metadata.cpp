@@ -284,6 +284,51 @@ TEST_F(OpenFixture, AReadFileWithoutUserDataHasNoMetadataUntilEdited) {
     EXPECT_EQ(Mp4WriteCopy(file_, L"/nonexistent/x.mp4"), MP4_ERR_NOT_AVAILABLE);
 }
 
+TEST(WrittenFile, MetadataSetWhileWritingIsInTheClosedFile) {
+    const std::string path = testing::TempDir() + "quil-meta-written.mp4";
+    const std::wstring widePath(path.begin(), path.end());
+    CMp4File* file = nullptr;
+    ASSERT_EQ(CMp4File::createInstance(&file), MP4_OK);
+    ASSERT_EQ(file->open(widePath.c_str(), 1, MP4_FILE_3GPP6), MP4_OK);
+    CMp4MetaData* meta = nullptr;
+    ASSERT_EQ(file->getMetaData(&meta), MP4_OK);  // write mode: "udta" made
+    ASSERT_EQ(meta->setTitle(reinterpret_cast<const uint8_t*>("Written"), 8, kEng), MP4_OK);
+    ASSERT_EQ(file->setCopyright(reinterpret_cast<const uint8_t*>("(c)"), 4, 0), MP4_OK);
+    CMp4Track* track = nullptr;
+    ASSERT_EQ(file->addTrack(&track), MP4_OK);
+    ASSERT_EQ(track->setTrackType(MP4_TRACK_AUDIO), MP4_OK);
+    MP4SampleEntryInfo info;
+    info.format = fourcc("sowt");
+    info.sampleRate = 8000;
+    info.channels = 1;
+    ASSERT_EQ(track->addSampleEntry(&info), MP4_OK);
+    ASSERT_EQ(track->getMetaData(&meta), MP4_OK);
+    ASSERT_EQ(meta->setAuthor(reinterpret_cast<const uint8_t*>("Me"), 3, kFra), MP4_OK);
+    const uint8_t pcm[64] = {};
+    ASSERT_EQ(track->addSample(pcm, sizeof pcm, 0, 0, true), MP4_OK);
+    ASSERT_EQ(file->releaseTrack(track), MP4_OK);
+    ASSERT_EQ(file->close(), MP4_OK);
+
+    ASSERT_EQ(file->open(widePath.c_str(), 0, 0), MP4_OK);
+    ASSERT_EQ(file->getMetaData(&meta), MP4_OK);
+    char text[16] = {};
+    uint32_t length = 0;
+    EXPECT_EQ(meta->getTitle(reinterpret_cast<uint8_t*>(text), &length, nullptr, 1), MP4_OK);
+    EXPECT_STREQ(text, "Written");
+    EXPECT_EQ(file->getCopyright(reinterpret_cast<uint8_t*>(text), sizeof text, &length, 0), MP4_OK);
+    EXPECT_STREQ(text, "(c)");
+    ASSERT_EQ(file->getTrack(1, &track), MP4_OK);
+    ASSERT_EQ(track->getMetaData(&meta), MP4_OK);
+    uint8_t language[3] = {0, 0, 0};
+    EXPECT_EQ(meta->getAuthor(reinterpret_cast<uint8_t*>(text), &length, language, 1), MP4_OK);
+    EXPECT_STREQ(text, "Me");
+    EXPECT_EQ(std::memcmp(language, kFra, 3), 0);
+    file->releaseTrack(track);
+    file->close();
+    CMp4File::destroyInstance(&file);
+    std::remove(path.c_str());
+}
+
 // A file whose movie carries an iTunes "meta" box with the given items.
 Bytes fileWithItems(const Bytes& items) {
     Bytes hdlr = fullBox("hdlr", 0, 0, ByteWriter().u32(0).code("mdir").zeros(12).u8(0));
