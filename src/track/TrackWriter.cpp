@@ -319,7 +319,9 @@ MP4Err CTrackImpl::addSample(const uint8_t* data, uint32_t size, uint64_t decode
         return cut != MP4_OK ? cut : err;
     }
     // Chunk-as-sample: every audio sample is one table entry of one time
-    // unit; the call's bytes become one chunk.
+    // unit; the call's bytes become one chunk, which answers any cut the
+    // video of an interleaved file asked for.
+    if (file_->fileType() == MP4_FILE_XAVC) file_->setCutAudio(false);
     for (uint32_t i = 0; i < audioSamples; ++i) {
         err = addToTables(bytesPerAudioSample_, decodeTime + i, compositionTime + i, sync);
         if (err != MP4_OK) return err;
@@ -539,8 +541,24 @@ MP4Err CTrackImpl::writeEditList(uint64_t mediaDuration) {
     const uint64_t delay = editSet_ ? editDelay_ : timeTable_->timeOffset;
     const int64_t mediaTime = editSet_ ? editMediaTime_ : 0;
     CBox* existing = nullptr;
-    // A retried finalisation finds the edit list of the first attempt.
-    if (trak_->findChild(fourcc("edts"), &existing) == MP4_OK) return MP4_OK;
+    // A retried finalisation finds the edit list of the first attempt; the
+    // track lasts as long as its edits.
+    if (trak_->findChild(fourcc("edts"), &existing) == MP4_OK) {
+        CBox* found = nullptr;
+        auto* list = existing->findChild(fourcc("elst"), &found) == MP4_OK
+                         ? dynamic_cast<CEditListBox*>(found)
+                         : nullptr;
+        if (!list) return MP4_ERR_INVALID_DATA;
+        uint64_t total = 0;
+        for (uint32_t i = 1; i <= list->entryCount; ++i) {
+            CEditListTableEntry* entry = nullptr;
+            MP4Err err = list->getEntry(i, &entry);
+            if (err != MP4_OK) return err;
+            total += entry->segmentDuration;
+        }
+        tkhd_->duration = total;
+        return MP4_OK;
+    }
     if (delay == 0 && mediaTime == 0 && (!editSet_ || editDuration_ == 0)) return MP4_OK;
     uint32_t movieScale = 0;
     MP4Err err = movieTimeScale(&movieScale);
