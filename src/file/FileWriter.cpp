@@ -77,7 +77,7 @@ MP4Err CMp4FileImpl::startWriting() {
     MP4Err err = MP4_OK;
     if (fileType_ != MP4_FILE_NO_FTYP && (err = writeFileTypeBox()) != MP4_OK) return err;
     if ((err = makeMovieAndMediaData()) != MP4_OK) return err;
-    if ((err = writePspProfile()) != MP4_OK) return err;
+    // The PSP profile box (types 4 and 10) is written here by its owner.
     if ((err = writeMediaDataHeader()) != MP4_OK) return err;
     trackCount_ = 0;
     if (fileType_ != MP4_FILE_MPEG4) return MP4_OK;
@@ -308,13 +308,7 @@ MP4Err CMp4FileImpl::appendMovie() {
     return flushWritten(storage_);
 }
 
-// ---- hook points of open and close -----------------------------------------
-// Filled by the PSP profile and the hinting code. The close steps may run
-// again when an earlier close failed, so they must not add twice.
-
-// PSP and XAVC files (types 4 and 10): the "uuid" profile box, appended to
-// the top-level list after "mdat" and written before the "mdat" header.
-MP4Err CMp4FileImpl::writePspProfile() { return MP4_OK; }
+// ---- hook points of close -------------------------------------------------
 
 // PSP and XAVC files (types 4 and 10) carry user data with the date and
 // their languages; made before the session description.

@@ -103,8 +103,6 @@ private:
     MP4Err rewriteMediaDataHeader();
     MP4Err appendMovie();
     MP4Err findMediaData(CMediaDataBox** mdat);
-    // Step of open kept for the PSP profile box (types 4 and 10).
-    MP4Err writePspProfile();
     // Steps of close kept for the PSP profile (user data made before the
     // session description, finished after it) and for hinted files (the
     // session description). Each returns 0 when it has nothing to do.
