@@ -18,7 +18,6 @@ namespace {
 constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 constexpr uint32_t kTrackEnabledInMovieAndPreview = 7;
 constexpr int16_t kFullVolume = 0x0100;
-constexpr uint32_t kChunkWriteStep = 1u << 30;  // writeBytes counts in int32
 
 // Media time to movie time for edits, rounded up: a duration read back
 // (which truncates to media units) then converts to the one it came from.
