@@ -421,6 +421,10 @@ MP4Err CTrackImpl::chunkBeforeAppend(uint64_t decodeTime, bool sync) {
     if (mediaType_ == MP4_TRACK_AUDIO) {
         cut = file_->cutAudio();
         file_->setCutAudio(false);
+        // Without video cuts (an audio-only file) the chunk would grow with
+        // the media; the byte limit bounds it. Real video cuts come long
+        // before: a second of compressed audio is far below the limit.
+        if (chunkByteLimit_ != 0 && pendingBytes_ >= chunkByteLimit_) cut = true;
     } else if (chunkLimitReached(decodeTime, sync, true)) {
         cut = true;
         file_->setCutAudio(true);
