@@ -96,12 +96,8 @@ MP4Err addRecordBox(CSampleEntry* entry, uint32_t boxType, const MP4SampleEntryI
     CBox* box = nullptr;
     MP4Err err = boxFromPayload(boxType, entry->type, info.config, info.configLength, &box);
     if (err == MP4_ERR_OUT_OF_MEMORY) return err;
-    // A record that does not parse is kept as read by the factory: only a
-    // box that holds its record counts.
-    const bool parsed = box && !box->writesAsRead() &&
-                        (dynamic_cast<CAVCConfigurationBox*>(box) ||
-                         dynamic_cast<CHEVCConfigurationBox*>(box));
-    if (err != MP4_OK || !parsed || box->type != boxType) {
+    // A record the reader could not take in is kept as read: still not one.
+    if (err != MP4_OK || !box || box->type != boxType || box->writesAsRead()) {
         delete box;
         return MP4_ERR_INVALID_ARGUMENT;  // not a record of that kind
     }
