@@ -20,7 +20,7 @@ public:
 
 // Sizes the box and writes it into a buffer of that size.
 MP4Err writeToMemory(CBox* box, std::unique_ptr<uint8_t[]>* bytes, uint32_t* length) {
-    MP4Err err = box->calculateSize();
+    MP4Err err = sizeBox(box);
     if (err != MP4_OK) return err;
     uint64_t total = 0;
     if ((err = box->getSize(&total)) != MP4_OK) return err;
@@ -32,7 +32,7 @@ MP4Err writeToMemory(CBox* box, std::unique_ptr<uint8_t[]>* bytes, uint32_t* len
     CMemoryStorage memory;
     memory.attach(bytes->get(), static_cast<uint32_t>(total), true);
     err = memory.open(1);
-    if (err == MP4_OK) err = box->write(&memory);
+    if (err == MP4_OK) err = writeBox(box, &memory);
     // A box that writes fewer bytes than it announced would leave garbage.
     if (err == MP4_OK && memory.position() != total) err = MP4_ERR_INVALID_DATA;
     memory.close();
