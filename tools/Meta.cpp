@@ -476,8 +476,8 @@ int writeWithChanges(const char* path, const std::vector<Assignment>& changes,
     return kExitOk;
 }
 
-int usage(const char* message) {
-    std::fprintf(stderr, "quil: %s (see quil --help)\n", message);
+int usage(const std::string& message) {
+    std::fprintf(stderr, "quil: %s (see quil --help)\n", message.c_str());
     return kExitUsage;
 }
 
@@ -493,7 +493,7 @@ int runMeta(int argc, char** argv) {
         if (arg == "--json") {
             json = true;
         } else if (arg == "--set" || arg == "-o") {
-            if (i + 1 >= argc) return usage((arg + " needs a value").c_str());
+            if (i + 1 >= argc) return usage(arg + " needs a value");
             if (arg == "-o") {
                 out = argv[++i];
                 continue;
@@ -506,6 +506,11 @@ int runMeta(int argc, char** argv) {
             changes.push_back(change);
         } else if (!path && arg.compare(0, 1, "-") != 0) {
             path = argv[i];
+        } else if (!changes.empty() && arg.find('=') != std::string::npos) {
+            // "--set A=1 B=2": further assignments after the first.
+            Assignment change;
+            if (!parseAssignment(arg, &change)) return usage("bad assignment " + arg);
+            changes.push_back(change);
         } else {
             return usage("unknown option for meta");
         }
