@@ -311,9 +311,25 @@ std::string itemKey(const Item& item) {
     return key;
 }
 
+// One line per item: line breaks, tabs and backslashes in a value are
+// written as \n, \r, \t and \\ so that the lines stay lines.
+std::string oneLine(const std::string& value) {
+    std::string out;
+    for (char c : value) {
+        switch (c) {
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            case '\\': out += "\\\\"; break;
+            default: out += c;
+        }
+    }
+    return out;
+}
+
 void printText(const std::vector<Item>& items) {
     for (const Item& item : items) {
-        std::printf("%s=%s\n", itemKey(item).c_str(), item.value.c_str());
+        std::printf("%s=%s\n", itemKey(item).c_str(), oneLine(item.value).c_str());
     }
 }
 

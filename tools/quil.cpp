@@ -37,11 +37,12 @@ const char kUsage[] =
     "           sample number, file offset, size, decode time, composition\n"
     "           time (media time scale), sync (1 or 0); --track N limits\n"
     "           the list to track N (1-based)\n"
-    "  meta     print every metadata item, one KEY[:LANG]=VALUE line each: the\n"
+    "  meta     print every metadata item, one KEY[:LANG]=VALUE line each (\\n,\n"
+    "           \\t and \\\\ stand for line breaks, tabs and backslashes): the\n"
     "           3GPP items of the movie and of each track (trackN.KEY), album\n"
     "           and year, the iTunes tags (itunes.KEY) and QuickTime text items\n"
-    "           (quicktime.KEY); --json prints them\n"
-    "           as one JSON document. With --set, writes a copy to OUT with the\n"
+    "           (quicktime.KEY); --json prints them as one JSON document.\n"
+    "           With --set (one or more KEY=VALUE each), writes a copy to OUT with the\n"
     "           3GPP items set (KEY: title, description, copyright, performer,\n"
     "           author, genre, keywords as a comma list; LANG defaults to und)\n";
 
