@@ -618,6 +618,9 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
             startDownload(position_);
             continue;
         }
+        // The length is known once the first block is there, maybe only now.
+        const int64_t length = d.total.load();
+        if (length >= 0 && d.startOffset + need > static_cast<uint64_t>(length)) return MP4_ERR_IO;
 
         size_t index = first;
         uint32_t offset = static_cast<uint32_t>(rel & (net::kBlockSize - 1));
@@ -637,7 +640,7 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
         currentBase_ = d.startOffset + (static_cast<uint64_t>(now) << net::kBlockShift);
         currentFirst_ = currentBase_;
         currentEnd_ = currentBase_ + net::kBlockSize - 1;
-        if (total >= 0) currentEnd_ = std::min<uint64_t>(currentEnd_, static_cast<uint64_t>(total));
+        if (length >= 0) currentEnd_ = std::min<uint64_t>(currentEnd_, static_cast<uint64_t>(length));
         position_ += count;
         return MP4_OK;
     }
