@@ -15,6 +15,7 @@
 #          -show_streams URL` (both whole processes, timed from outside)
 #   index  quil_bench index URL / avformat_peer index URL
 #   read   quil_bench read URL / avformat_peer read URL (every sample)
+#   tracks quil_bench digest URL: all samples of track 1, then of track 2
 # Bytes transferred are the `$bytes_sent` of nginx's access log for the run.
 #
 # Environment: RUNS, JOBS, QUIL_BENCH_DATA, QUIL_BENCH_BUILD as for run.sh;
@@ -116,7 +117,7 @@ declare -A SECS RSS BYTES SAMPLES CHECK ERR
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<" $2"; }
 median() { tr ' ' '\n' <<<"$1" | sed '/^$/d' | sort -g |
            awk '{v[NR]=$1} END {if (NR) print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
-sent_so_far() { awk '{s += $1} END {print s + 0}' "$WORK/access.log" 2>/dev/null || echo 0; }
+sent_so_far() { awk '{s += $1} END {printf "%.0f\n", s}' "$WORK/access.log" 2>/dev/null || echo 0; }
 now() { echo "$EPOCHREALTIME"; }
 
 # measure KEY COMMAND...: one run; the result line (if any) is parsed, wall
@@ -152,9 +153,10 @@ report() {
     echo "HTTP on loopback, $(basename "$INPUT") ($size bytes), medians of $RUNS runs"
     row work impl seconds peak_KB bytes_sent /file samples checksum
     local w impl key
-    for w in info index read; do
+    for w in info index read tracks; do
         for impl in quil peer; do
             key=$impl/$w
+            [[ $w == tracks && $impl == peer ]] && continue
             if [[ -n ${ERR[$key]:-} || -z ${SECS[$key]:-} ]]; then
                 row "$w" "$impl" - - - - - -
                 echo "       error: ${ERR[$key]:-no result}"
@@ -173,7 +175,9 @@ report() {
         echo "read: checksums differ or a side failed"
     fi
     echo "info: whole processes timed from outside (peak_KB not measured); index and read:"
-    echo "      in-process time from open to close, as in run.sh. URL: $url"
+    echo "      in-process time from open to close, as in run.sh. tracks: quil_bench digest,"
+    echo "      every sample of track 1, then of track 2 (the time includes hashing every"
+    echo "      byte; what matters is the bytes sent). URL: $url"
 }
 
 main() {
@@ -191,6 +195,7 @@ main() {
         measure peer/index "$peer" index "$url"
         measure quil/read "$bench" read "$url"
         measure peer/read "$peer" read "$url"
+        measure quil/tracks "$bench" digest "$url"
     done
     report "$url" | tee "$OUT/http.txt"
 }

@@ -188,7 +188,7 @@ while IFS= read -r -d '' file; do
     fi
 done < <(find "$DIR" -maxdepth 1 -type f -print0 | sort -z)
 
-bytes=$(awk '{s += $2} END {print s + 0}' "$WORK/access.log")
+bytes=$(awk '{s += $2} END {printf "%.0f\n", s}' "$WORK/access.log")
 echo
 echo "same: $same   moov after mdat (not read over HTTP): $after" \
      "(faststart copies compared: $remuxed)   different: $different"
