@@ -501,7 +501,10 @@ void CNetStorage::startDownload(uint64_t offset) {
     download_ = std::make_shared<Download>(url, static_cast<uint32_t>(offset), resource_,
                                            net::currentSettings());
     try {
-        std::thread(net::runDownload, download_).detach();
+        // A lambda keeps the thread's state type local to this file, so the
+        // shared library exports nothing of it.
+        std::shared_ptr<Download> download = download_;
+        std::thread([download] { net::runDownload(download); }).detach();
     } catch (const std::system_error&) {
         download_->finish(End::Refused);
     }
