@@ -37,16 +37,16 @@ Bytes patterned(size_t size) {
 
 enum class Fault {
     None,
-    IgnoresRanges,   // 200 with the whole body
-    DropsEarly,      // every reply closes halfway through its body
-    DropsOnce,       // the first reply closes after 300 KB, later ones are whole
-    Stalls,          // headers, then silence
+    IgnoresRanges,  // 200 with the whole body
+    DropsEarly,     // every reply closes halfway through its body
+    DropsOnce,      // the first reply closes after 300 KB, later ones are whole
+    Stalls,         // headers, then silence
     NotFound,
     ServerError,
-    NotHttp,         // garbage instead of a status line
-    WrongStart,      // 206 whose Content-Range starts elsewhere
-    GrowsLater,      // later replies name a longer resource
-    GarbageBody,     // a well-formed 206 carrying other bytes
+    NotHttp,      // garbage instead of a status line
+    WrongStart,   // 206 whose Content-Range starts elsewhere
+    GrowsLater,   // later replies name a longer resource
+    GarbageBody,  // a well-formed 206 carrying other bytes
 };
 
 // One listening socket on 127.0.0.1; each connection answers one GET and
@@ -60,7 +60,8 @@ public:
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof address;
-        if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        if (listener_ < 0 ||
+            ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
             ::listen(listener_, 16) != 0 ||
             ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
             return;
@@ -123,7 +124,8 @@ private:
         const int number = ++requests_;
         size_t start = 0;
         const size_t range = request.find("Range: bytes=");
-        if (range != std::string::npos) start = std::strtoul(request.c_str() + range + 13, nullptr, 10);
+        if (range != std::string::npos)
+            start = std::strtoul(request.c_str() + range + 13, nullptr, 10);
         respond(fd, number, std::min(start, body_.size()));
         ::close(fd);
     }
@@ -134,9 +136,15 @@ private:
         std::string head;
         size_t first = start, limit = body_.size();
         switch (fault_) {
-            case Fault::NotFound: head = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n"; break;
-            case Fault::ServerError: head = "HTTP/1.1 500 Oops\r\nContent-Length: 0\r\n"; break;
-            case Fault::NotHttp: sendAll(fd, "\x01\x02garbage\r\n\r\n", 13); return;
+            case Fault::NotFound:
+                head = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n";
+                break;
+            case Fault::ServerError:
+                head = "HTTP/1.1 500 Oops\r\nContent-Length: 0\r\n";
+                break;
+            case Fault::NotHttp:
+                sendAll(fd, "\x01\x02garbage\r\n\r\n", 13);
+                return;
             case Fault::IgnoresRanges:
                 first = 0;
                 head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(total) + "\r\n";
@@ -153,7 +161,8 @@ private:
         if (!sendAll(fd, head.data(), head.size())) return;
         if (fault_ == Fault::NotFound || fault_ == Fault::ServerError) return;
         if (fault_ == Fault::Stalls) {
-            for (int i = 0; i < 500 && !stop_; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            for (int i = 0; i < 500 && !stop_; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
             return;
         }
         if (fault_ == Fault::DropsEarly) limit = first + (limit - first) / 2;
@@ -212,8 +221,9 @@ std::string describe(const wchar_t* path, MP4Err* openResult) {
             track->getSampleDecodeTime(s, &time);
             Bytes data(size);
             const MP4Err err = track->readSample(s, size, &got, data.data());
-            out += std::to_string(offset) + " " + std::to_string(size) + " " + std::to_string(time) +
-                   " " + std::to_string(err) + " " + std::string(data.begin(), data.end()) + "\n";
+            out += std::to_string(offset) + " " + std::to_string(size) + " " +
+                   std::to_string(time) + " " + std::to_string(err) + " " +
+                   std::string(data.begin(), data.end()) + "\n";
         }
         file->releaseTrack(track);
     }
@@ -230,7 +240,8 @@ TEST_P(NetFixtureTest, FileByUrlReadsLikeTheLocalFile) {
     const std::string local = std::string(QUIL_TEST_DATA_DIR) + "/" + GetParam();
     LoopbackServer server(fixture(GetParam()), Fault::None);
     MP4Err localResult = MP4_OK, urlResult = MP4_OK;
-    const std::string expected = describe(std::wstring(local.begin(), local.end()).c_str(), &localResult);
+    const std::string expected =
+        describe(std::wstring(local.begin(), local.end()).c_str(), &localResult);
     const std::string actual = describe(server.url().c_str(), &urlResult);
     ASSERT_EQ(localResult, MP4_OK);
     EXPECT_EQ(urlResult, MP4_OK);
@@ -305,7 +316,8 @@ TEST_F(NetStorageTest, ReadsAcrossBlocksAfterEvictionAndDroppedConnection) {
         ASSERT_EQ(storage.readUInt32(&word), MP4_OK);
         EXPECT_EQ(word, uint32_t(pattern(0)) << 24 | uint32_t(pattern(1)) << 16 |
                             uint32_t(pattern(2)) << 8 | pattern(3));
-        for (uint64_t at = 0x1FFF0; at + 1000000 < size; at += 1000000) expectPattern(&storage, at, 70000);
+        for (uint64_t at = 0x1FFF0; at + 1000000 < size; at += 1000000)
+            expectPattern(&storage, at, 70000);
         expectPattern(&storage, 5, 300000);  // freed long ago: fetched again
         EXPECT_EQ(storage.close(), MP4_OK);
         EXPECT_GE(server.requests(), 2);

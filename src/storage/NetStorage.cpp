@@ -53,9 +53,9 @@ constexpr uint32_t kBlockShift = 17;
 constexpr uint32_t kBlockSize = 1u << kBlockShift;  // 0x20000
 constexpr uint64_t kReportedLength = 0xFFFFFFFFFD800000ull;
 constexpr int32_t kNearSeek = 2000001;  // forward seeks below this keep the download
-constexpr size_t kAheadBlocks = 16;      // 2 MiB read ahead of the reader
-constexpr size_t kBehindBlocks = 64;     // 8 MiB kept behind it
-constexpr size_t kUrlCapacity = 2048;    // wide characters kept by setPath
+constexpr size_t kAheadBlocks = 16;     // 2 MiB read ahead of the reader
+constexpr size_t kBehindBlocks = 64;    // 8 MiB kept behind it
+constexpr size_t kUrlCapacity = 2048;   // wide characters kept by setPath
 constexpr auto kReaderPoll = std::chrono::milliseconds(100);
 constexpr auto kCloseWait = std::chrono::seconds(2);
 constexpr long kMaxRedirects = 8;
@@ -92,8 +92,8 @@ void initCurlOnce() {
 struct Resource {
     std::mutex lock;
     bool known = false;
-    int64_t total = -1;      // from Content-Range; -1 when given as "*"
-    std::string validator;   // strong ETag, else Last-Modified, else empty
+    int64_t total = -1;     // from Content-Range; -1 when given as "*"
+    std::string validator;  // strong ETag, else Last-Modified, else empty
 };
 
 enum class End { Running, Complete, Stopped, Dropped, Refused };
@@ -101,7 +101,9 @@ enum class End { Running, Complete, Stopped, Dropped, Refused };
 struct Download {
     Download(std::string url, uint32_t start, std::shared_ptr<Resource> resource,
              Mp4NetSettings settings)
-        : url(std::move(url)), startOffset(start), resource(std::move(resource)),
+        : url(std::move(url)),
+          startOffset(start),
+          resource(std::move(resource)),
           settings(settings) {}
 
     const std::string url;
@@ -118,7 +120,7 @@ struct Download {
     std::atomic<End> end{End::Running};   // set by the thread when it is done
     std::atomic<uint64_t> readerNeed{0};  // relative end of the read being waited for
     std::atomic<uint64_t> readerBlock{0};
-    std::atomic<int64_t> total{-1};       // resource length, once the reply was accepted
+    std::atomic<int64_t> total{-1};  // resource length, once the reply was accepted
 
     // Thread side only.
     std::shared_ptr<uint8_t[]> filling;
@@ -196,15 +198,16 @@ void parseHeaderLine(Download::Reply* reply, const std::string& line) {
     if (startsWithNoCase(line, "HTTP/")) {
         *reply = Download::Reply();
         const size_t space = line.find(' ');
-        if (space != std::string::npos) reply->status = std::strtol(line.c_str() + space, nullptr, 10);
+        if (space != std::string::npos)
+            reply->status = std::strtol(line.c_str() + space, nullptr, 10);
     } else if (startsWithNoCase(line, "content-length:")) {
         const std::string value = headerValue(line, 15);
         char* end = nullptr;
         const long long length = std::strtoll(value.c_str(), &end, 10);
         if (!value.empty() && *end == '\0' && length >= 0) reply->contentLength = length;
     } else if (startsWithNoCase(line, "content-range:")) {
-        reply->hasRange = parseContentRange(headerValue(line, 14), &reply->rangeFirst,
-                                            &reply->rangeTotal);
+        reply->hasRange =
+            parseContentRange(headerValue(line, 14), &reply->rangeFirst, &reply->rangeTotal);
     } else if (startsWithNoCase(line, "etag:")) {
         reply->etag = headerValue(line, 5);
     } else if (startsWithNoCase(line, "last-modified:")) {
@@ -219,8 +222,9 @@ bool acceptReply(Download* d) {
     const Download::Reply& reply = d->reply;
     if (reply.status != 206 || !reply.hasRange || reply.rangeFirst != d->startOffset) return false;
     // A weak ETag may not be used with If-Range (RFC 9110 §13.1.5).
-    const std::string validator =
-        !reply.etag.empty() && reply.etag.compare(0, 2, "W/") != 0 ? reply.etag : reply.lastModified;
+    const std::string validator = !reply.etag.empty() && reply.etag.compare(0, 2, "W/") != 0
+                                      ? reply.etag
+                                      : reply.lastModified;
     Resource& resource = *d->resource;
     std::lock_guard<std::mutex> guard(resource.lock);
     if (!resource.known) {
@@ -494,7 +498,7 @@ MP4Err CNetStorage::close() {
 
 void CNetStorage::startDownload(uint64_t offset) {
     currentBlock_.reset();
-    currentFirst_ = currentEnd_ = 0;
+    currentBase_ = currentEnd_ = 0;
     std::string url;
     if (widePathToUtf8(url_.get(), &url) != MP4_OK) url.clear();  // refused by the thread
     net::initCurlOnce();
@@ -512,7 +516,7 @@ void CNetStorage::startDownload(uint64_t offset) {
 
 void CNetStorage::stopDownload() {
     currentBlock_.reset();
-    currentFirst_ = currentEnd_ = 0;
+    currentBase_ = currentEnd_ = 0;
     if (!download_) return;
     download_->stop.store(true);
     download_->changed.notify_all();
@@ -562,7 +566,7 @@ MP4Err CNetStorage::getPosition(uint64_t* position) {
 }
 
 bool CNetStorage::copyFromCurrentBlock(uint8_t* buffer, uint32_t count) {
-    if (!currentBlock_ || position_ < currentFirst_ || position_ > currentEnd_ ||
+    if (!currentBlock_ || position_ < currentBase_ || position_ > currentEnd_ ||
         currentEnd_ - position_ < count) {
         return false;
     }
@@ -570,6 +574,44 @@ bool CNetStorage::copyFromCurrentBlock(uint8_t* buffer, uint32_t count) {
     position_ += count;
     return true;
 }
+
+namespace net {
+namespace {
+
+enum class Wait { Ready, Restart, Failed };
+
+// Waits, under the shared lock the caller holds, until blocks first..last
+// are cached. Restart when they were freed or the connection was lost after
+// making progress; Failed when the download ended without them.
+Wait waitForBlocks(Download& d, std::shared_lock<std::shared_mutex>& guard, size_t first,
+                   size_t last) {
+    for (;;) {
+        if (d.blocks.size() > last) return first < d.evictedBelow ? Wait::Restart : Wait::Ready;
+        if (d.ended()) {
+            const bool resumable = d.end.load() == End::Dropped && !d.blocks.empty();
+            return resumable ? Wait::Restart : Wait::Failed;
+        }
+        d.changed.wait_for(guard, kReaderPoll);
+    }
+}
+
+bool pastTheEnd(const Download& d, uint64_t need) {
+    const int64_t total = d.total.load();
+    return total >= 0 && d.startOffset + need > static_cast<uint64_t>(total);
+}
+
+void copyBlocks(const Download& d, uint64_t rel, uint8_t* buffer, uint32_t count) {
+    size_t index = static_cast<size_t>(rel >> kBlockShift);
+    uint32_t offset = static_cast<uint32_t>(rel & (kBlockSize - 1));
+    for (uint32_t copied = 0; copied < count; offset = 0, ++index) {
+        const uint32_t piece = std::min(kBlockSize - offset, count - copied);
+        std::memcpy(buffer + copied, d.blocks[index].get() + offset, piece);
+        copied += piece;
+    }
+}
+
+}  // namespace
+}  // namespace net
 
 MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
     transferFailed_ = false;
@@ -586,67 +628,43 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
         const uint64_t rel = position_ - d.startOffset;
         const uint64_t need = rel + count;
         // Blocks are addressed with 32-bit offsets from the download's start.
-        if (need > UINT32_MAX) return MP4_ERR_IO;
-        const int64_t total = d.total.load();
-        if (total >= 0 && d.startOffset + need > static_cast<uint64_t>(total)) return MP4_ERR_IO;
+        if (need > UINT32_MAX || net::pastTheEnd(d, need)) return MP4_ERR_IO;
 
         d.readerBlock.store(rel >> net::kBlockShift);
         d.readerNeed.store(need);
-        d.changed.notify_all();
-        const size_t first = static_cast<size_t>(rel >> net::kBlockShift);
+        d.changed.notify_all();  // the download may be waiting for the reader
         const size_t last = static_cast<size_t>(need >> net::kBlockShift);
-
         std::shared_lock<std::shared_mutex> guard(d.lock);
-        bool restart = false;
-        for (;;) {
-            if (d.blocks.size() > last) {
-                restart = first < d.evictedBelow;
-                break;
-            }
-            if (d.ended()) {
-                // A dropped connection that had made progress is resumed;
-                // anything else is final.
-                const End end = d.end.load();
-                if (end != End::Dropped || d.blocks.empty()) {
-                    transferFailed_ = end != End::Complete;
-                    return MP4_ERR_IO;
-                }
-                restart = true;
-                break;
-            }
-            d.changed.wait_for(guard, net::kReaderPoll);
-        }
-        if (restart) {
+        const size_t first = static_cast<size_t>(rel >> net::kBlockShift);
+        const net::Wait wait = net::waitForBlocks(d, guard, first, last);
+        if (wait == net::Wait::Restart) {
             guard.unlock();
             startDownload(position_);
             continue;
         }
-        // The length is known once the first block is there, maybe only now.
-        const int64_t length = d.total.load();
-        if (length >= 0 && d.startOffset + need > static_cast<uint64_t>(length)) return MP4_ERR_IO;
-
-        size_t index = first;
-        uint32_t offset = static_cast<uint32_t>(rel & (net::kBlockSize - 1));
-        uint32_t copied = 0;
-        while (copied < count) {
-            const uint32_t piece = std::min(net::kBlockSize - offset, count - copied);
-            std::memcpy(buffer + copied, d.blocks[index].get() + offset, piece);
-            copied += piece;
-            offset = 0;
-            ++index;
+        if (wait == net::Wait::Failed) {
+            transferFailed_ = d.end.load() != End::Complete;
+            return MP4_ERR_IO;
         }
-        // Later small reads inside the block that holds `need` skip the
-        // lock, up to one byte before its end (the block after it might
-        // not be there yet, and the ">=" rule would wait for it).
-        const size_t now = last;
-        currentBlock_ = d.blocks[now];
-        currentBase_ = d.startOffset + (static_cast<uint64_t>(now) << net::kBlockShift);
-        currentFirst_ = currentBase_;
-        currentEnd_ = currentBase_ + net::kBlockSize - 1;
-        if (length >= 0) currentEnd_ = std::min<uint64_t>(currentEnd_, static_cast<uint64_t>(length));
+        // The length is known once the first block is there, maybe only now.
+        if (net::pastTheEnd(d, need)) return MP4_ERR_IO;
+        net::copyBlocks(d, rel, buffer, count);
         position_ += count;
+        rememberBlock(d, last);
         return MP4_OK;
     }
+}
+
+// Later small reads inside the block that holds the end of the last read
+// skip the lock, up to one byte before its end (the block after it might
+// not be there yet, and the ">=" rule would wait for it) and never past the
+// length the server named.
+void CNetStorage::rememberBlock(const Download& d, size_t index) {
+    currentBlock_ = d.blocks[index];
+    currentBase_ = d.startOffset + (static_cast<uint64_t>(index) << net::kBlockShift);
+    currentEnd_ = currentBase_ + net::kBlockSize - 1;
+    const int64_t total = d.total.load();
+    if (total >= 0) currentEnd_ = std::min<uint64_t>(currentEnd_, static_cast<uint64_t>(total));
 }
 
 MP4Err CNetStorage::readUInt8(uint8_t* value) {

@@ -3,6 +3,7 @@
 #ifndef QUIL_STORAGE_NETSTORAGE_H
 #define QUIL_STORAGE_NETSTORAGE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -52,6 +53,8 @@ private:
     // The same without waiting or locking, when the bytes lie inside the
     // block the previous read came from; false when they do not.
     bool copyFromCurrentBlock(uint8_t* buffer, uint32_t count);
+    // Keeps that block for copyFromCurrentBlock.
+    void rememberBlock(const net::Download& download, size_t index);
     template <class T>
     MP4Err readWide(T* value, int width);
     void startDownload(uint64_t offset);
@@ -68,10 +71,9 @@ private:
     std::shared_ptr<net::Resource> resource_;  // what the first answer said about the file
 
     // The block the last waiting read ended in, and the absolute byte range
-    // [currentFirst_, currentEnd_) that may be copied from it directly.
+    // [currentBase_, currentEnd_) that may be copied from it directly.
     std::shared_ptr<const uint8_t[]> currentBlock_;
     uint64_t currentBase_ = 0;
-    uint64_t currentFirst_ = 0;
     uint64_t currentEnd_ = 0;
 };
 
