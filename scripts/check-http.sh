@@ -13,6 +13,7 @@
 #
 # Environment: QUIL (the tool) and QUIL_BENCH (quil_bench); when unset, both
 # are built in build-http/ (Release, benchmarks on). PORT (default 18480).
+# KEEP=1 keeps the temporary directory (configuration, logs, outputs).
 #
 # Files whose "moov" comes after their first "mdat" are expected to fail
 # over HTTP with "not an MP4 file": nothing after the media data box is read
