@@ -99,13 +99,15 @@ inline void printResult(const char* impl, const char* workload, const Checksums&
 
 inline int usage(const char* program) {
     std::fprintf(stderr,
-                 "usage: %s index|read|tracks FILE\n"
+                 "usage: %s index|read|tracks|digest FILE\n"
                  "       %s track N FILE\n"
                  "  index   offset, size, decode time, composition time and sync flag of\n"
                  "          every sample of every track\n"
                  "  read    the bytes of every sample, in file order\n"
                  "  tracks  the bytes of every sample, track after track (quil only)\n"
                  "  track   the bytes of every sample of track N only\n"
+                 "  digest  every sample byte hashed into checksum, track after track\n"
+                 "          (quil only; a check, not a measurement)\n"
                  "prints: impl= workload= tracks= samples= checksum= layout= seconds=\n"
                  "        maxrss_kb= [bytes= rchar=] file=\n"
                  "  bytes: the sample bytes returned; rchar: bytes the process read\n"

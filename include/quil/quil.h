@@ -10,6 +10,7 @@
 #include "Mp4MetaData.h"
 #include "Mp4Tags.h"
 #include "Mp4Track.h"
+#include "NetSettings.h"
 #include "Storage.h"
 
 #endif

@@ -48,7 +48,12 @@ MP4Err CSampleReader::readDirect(uint64_t offset, uint32_t size, uint8_t* buffer
     while (done < size) {
         ssize_t n = ::pread(fd_, buffer + done, size - done, static_cast<off_t>(offset + done));
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return MP4_ERR_IO;
+        if (n <= 0) {
+            // A failed read hands back nothing: no part of a sample is
+            // left in the buffer to be taken for data.
+            std::memset(buffer, 0, done);
+            return MP4_ERR_IO;
+        }
         done += static_cast<uint32_t>(n);
     }
     return MP4_OK;
