@@ -77,6 +77,11 @@ private:
     void deleteOwnedStorage();
     // "moov"/"mvhd" of the open file: 3 when either is missing.
     MP4Err findMovieHeader(CMovieHeaderBox** header);
+    // Steps of optimizeFile (Optimize.cpp), run with the source open as
+    // the file's storage.
+    MP4Err rewriteOpenSource(CStorage* target, const std::string& sourceUtf8,
+                             const std::string& targetUtf8);
+    MP4Err writeLeadingBoxes(CStorage* target, CBox* moov, CBox* movie);
 
     CStorage* storage_ = nullptr;
     std::unique_ptr<wchar_t[]> path_;
