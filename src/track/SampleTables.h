@@ -351,6 +351,10 @@ public:
     // Media time of the first edit with a non-zero duration (0 when there
     // is none, or without "elst"); an empty edit gives (uint64_t)-1.
     MP4Err getFirstMediaTime(uint64_t* mediaTime);
+    // Media time at which presentation starts: that of the first non-empty
+    // edit with a non-zero duration, else of the first non-empty edit; 0
+    // when there is none or without "elst".
+    MP4Err getPresentedMediaTime(int64_t* mediaTime);
 
 protected:
     bool growsOnAddChild() const override { return true; }

@@ -133,9 +133,11 @@ MP4Err CTrackImpl::findSampleTables() {
 
 MP4Err CTrackImpl::computeInitialDelay() {
     initialDelay_ = 0;
+    firstMediaTime_ = 0;
     CEditBox* edts = nullptr;
     MP4Err err = findOptional(trak_, fourcc("edts"), &edts);
     if (err != MP4_OK || !edts) return err;
+    if ((err = edts->getPresentedMediaTime(&firstMediaTime_)) != MP4_OK) return err;
     uint64_t movieDelay = 0;
     err = edts->getInitialDelay(&movieDelay);
     if (err != MP4_OK || movieDelay == 0) return err;
@@ -748,11 +750,13 @@ MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
     }
 }
 
-MP4Err CTrackImpl::getInitialDelay(uint64_t* delay) {
+MP4Err CTrackImpl::getInitialDelay(uint64_t* delay, int64_t* firstMediaTime) {
     if (!delay) return MP4_ERR_INVALID_ARGUMENT;
     *delay = 0;
+    if (firstMediaTime) *firstMediaTime = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     *delay = initialDelay_;
+    if (firstMediaTime) *firstMediaTime = firstMediaTime_;
     return MP4_OK;
 }
 
@@ -783,13 +787,9 @@ MP4Err CTrackImpl::addSample(const uint8_t*, uint32_t, uint64_t, uint64_t, bool)
 
 // Writing tracks arrive with file writing; until then these are refused.
 MP4Err CTrackImpl::setTrackType(uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::addVisualSampleEntry(uint32_t, uint16_t, uint16_t, const uint8_t*, uint32_t) {
-    return MP4_ERR_UNSUPPORTED;
-}
-MP4Err CTrackImpl::addSoundSampleEntry(uint32_t, uint32_t, uint16_t, uint16_t, const uint8_t*,
-                                       uint32_t) {
-    return MP4_ERR_UNSUPPORTED;
-}
+MP4Err CTrackImpl::addSampleEntry(const MP4SampleEntryInfo*) { return MP4_ERR_UNSUPPORTED; }
+MP4Err CTrackImpl::addSampleEntryFrom(CMp4Track*, uint32_t) { return MP4_ERR_UNSUPPORTED; }
+MP4Err CTrackImpl::setEditList(uint64_t, int64_t) { return MP4_ERR_UNSUPPORTED; }
 MP4Err CTrackImpl::setDimensions(uint32_t, uint32_t) { return MP4_ERR_UNSUPPORTED; }
 MP4Err CTrackImpl::setVolume(int16_t) { return MP4_ERR_UNSUPPORTED; }
 MP4Err CTrackImpl::setHandlerName(const char*) { return MP4_ERR_UNSUPPORTED; }

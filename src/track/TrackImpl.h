@@ -83,18 +83,21 @@ public:
     MP4Err findSyncSampleBefore(uint64_t time, uint32_t* sample) override;
     MP4Err findSampleByDecodeTime(uint64_t time, uint32_t* sample) override;
     MP4Err setTrackType(uint32_t type) override;
-    MP4Err addVisualSampleEntry(uint32_t format, uint16_t width, uint16_t height, const uint8_t* config, uint32_t configLength) override;
+    MP4Err addSampleEntry(const MP4SampleEntryInfo* info) override;
     MP4Err setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) override;
-    MP4Err addSoundSampleEntry(uint32_t format, uint32_t sampleRate, uint16_t channels, uint16_t sampleBits, const uint8_t* config, uint32_t configLength) override;
+    MP4Err addSampleEntryFrom(CMp4Track* source, uint32_t index) override;
     MP4Err setDimensions(uint32_t width, uint32_t height) override;
     MP4Err setVolume(int16_t volume) override;
     MP4Err setHandlerName(const char* name) override;
     MP4Err setAudioSampleFactor(uint32_t factor) override;
     MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
     MP4Err shiftChunkOffsets(int32_t delta) override;
-    MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index) override;
-    MP4Err getInitialDelay(uint64_t* delay) override;
+    MP4Err setEditList(uint64_t initialDelay, int64_t firstMediaTime) override;
+    MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime) override;
     double getRotateAngle() override;
+
+    // Sample description index (1-based) of a read sample.
+    MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index);
 
 private:
     // Binding steps.
@@ -158,6 +161,7 @@ private:
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
     uint64_t initialDelay_ = 0;    // media time scale
+    int64_t firstMediaTime_ = 0;   // media time where presentation starts
     uint32_t chunkAsSample_ = 0;   // 0, or 1/2: each chunk of raw audio is one sample
 
     // The chunk of the last offset query: its number, first sample, the
