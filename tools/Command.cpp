@@ -91,39 +91,44 @@ uint64_t fileSize(const std::string& path) {
 
 namespace {
 
-// The temporary file of the running command, removed if the user
-// interrupts it. A fixed buffer: the handler may only call unlink.
-char gTemporaryPath[4096];
-volatile std::sig_atomic_t gTemporaryActive = 0;
+// The temporary files of the running command, removed if the user
+// interrupts it. Fixed buffers: the handler may only call unlink.
+constexpr int kWatchedFiles = 2;
+char gTemporaryPaths[kWatchedFiles][4096];
+volatile std::sig_atomic_t gTemporaryActive[kWatchedFiles] = {};
 
 extern "C" void removeTemporaryAndExit(int signal) {
-    if (gTemporaryActive) ::unlink(gTemporaryPath);
+    for (int i = 0; i < kWatchedFiles; ++i) {
+        if (gTemporaryActive[i]) ::unlink(gTemporaryPaths[i]);
+    }
     std::signal(signal, SIG_DFL);
     std::raise(signal);
 }
 
-void watchInterruptions(const std::string& path) {
-    if (path.size() >= sizeof gTemporaryPath) return;
-    std::memcpy(gTemporaryPath, path.c_str(), path.size() + 1);
-    gTemporaryActive = 1;
-    std::signal(SIGINT, removeTemporaryAndExit);
-    std::signal(SIGTERM, removeTemporaryAndExit);
-    std::signal(SIGHUP, removeTemporaryAndExit);
+// The slot of the watched path, or -1.
+int watchInterruptions(const std::string& path) {
+    for (int i = 0; i < kWatchedFiles; ++i) {
+        if (gTemporaryActive[i] || path.size() >= sizeof gTemporaryPaths[i]) continue;
+        std::memcpy(gTemporaryPaths[i], path.c_str(), path.size() + 1);
+        gTemporaryActive[i] = 1;
+        std::signal(SIGINT, removeTemporaryAndExit);
+        std::signal(SIGTERM, removeTemporaryAndExit);
+        std::signal(SIGHUP, removeTemporaryAndExit);
+        return i;
+    }
+    return -1;
 }
 
-void stopWatching() {
-    gTemporaryActive = 0;
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    std::signal(SIGHUP, SIG_DFL);
+void stopWatching(int slot) {
+    if (slot >= 0) gTemporaryActive[slot] = 0;
 }
 
 }  // namespace
 
 OutputFile::~OutputFile() {
     if (temporary_.empty() || committed_) return;
+    stopWatching(watchSlot_);
     ::unlink(temporary_.c_str());
-    stopWatching();
 }
 
 bool OutputFile::create(const std::string& target, std::string* error) {
@@ -143,7 +148,7 @@ bool OutputFile::create(const std::string& target, std::string* error) {
     }
     ::close(fd);
     temporary_ = buffer.data();
-    watchInterruptions(temporary_);
+    watchSlot_ = watchInterruptions(temporary_);
     return true;
 }
 
@@ -157,7 +162,7 @@ bool OutputFile::commit(std::string* error) {
         return false;
     }
     committed_ = true;
-    stopWatching();
+    stopWatching(watchSlot_);
     return true;
 }
 

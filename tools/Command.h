@@ -81,6 +81,7 @@ private:
     std::string target_;
     std::string temporary_;
     bool committed_ = false;
+    int watchSlot_ = -1;  // of the interruption handler
 };
 
 // A progress line on stderr ("\rquil: remux: 42%"), shown only for large

@@ -48,6 +48,7 @@ public:
     MP4Err addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
+    MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
 
     // For the track objects (not exported).
     // First top-level box of that type: 3 when there is none.
