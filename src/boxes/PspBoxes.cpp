@@ -402,6 +402,16 @@ MP4Err makeUserMetadata(std::unique_ptr<CPspUsmtBox>* usmt, CPspMtdtBox** table)
     return err;
 }
 
+// Whether the box already holds user metadata: a close that failed runs
+// its steps again and must not add a second one.
+bool hasUserMetadata(CBox* owner) {
+    for (uint32_t n = 1;; ++n) {
+        CBox* box = nullptr;
+        if (owner->findChild(fourcc("uuid"), &box, n) != MP4_OK) return false;
+        if (dynamic_cast<CPspUsmtBox*>(box)) return true;
+    }
+}
+
 MP4Err appendTo(CBox* parent, std::unique_ptr<CPspUsmtBox> usmt) {
     MP4Err err = parent->addChild(usmt.get());
     if (err == MP4_OK) usmt.release();
@@ -419,6 +429,7 @@ uint64_t now1904() {
 
 MP4Err addPspMovieMetadata(CBox* moov, uint64_t creationTime) {
     if (!moov) return MP4_ERR_INVALID_ARGUMENT;
+    if (hasUserMetadata(moov)) return MP4_OK;
     uint32_t year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
     if (!secondsToDate(creationTime != 0 ? creationTime : now1904(), &year, &month, &day, &hour,
                        &minute, &second)) {
@@ -443,6 +454,7 @@ MP4Err addPspTrackMetadata(CBox* moov) {
         MP4Err err = moov->findChild(fourcc("trak"), &trak, n);
         if (err == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
         if (err != MP4_OK) return err;
+        if (hasUserMetadata(trak)) continue;
         std::unique_ptr<CPspUsmtBox> usmt;
         CPspMtdtBox* table = nullptr;
         err = makeUserMetadata(&usmt, &table);

@@ -152,7 +152,8 @@ MP4Err makePspProfileBox(bool xavc, std::unique_ptr<CBox>* box);
 // creationTime (seconds since 1904), or of the present time when it is 0.
 MP4Err addPspMovieMetadata(CBox* moov, uint64_t creationTime);
 // The finishing step at close: every track gets its user metadata box, as
-// PSP players expect one per track.
+// PSP players expect one per track. Both steps add nothing where user
+// metadata is already present, so that a close can be retried.
 MP4Err addPspTrackMetadata(CBox* moov);
 
 }  // namespace quil
