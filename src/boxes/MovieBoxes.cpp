@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
 #include "storage/BaseStorage.h"
 
 namespace quil {
@@ -19,7 +20,7 @@ char codeChar(uint32_t code, int index) {
 }
 
 // Reads consecutive payload fields, lowering the box's remaining count by
-// each field read. After the first failure nothing more is read and that
+// each field read and refusing (6) a field that the count cannot hold. After the first failure nothing more is read and that
 // error is kept.
 class PayloadReader {
 public:
@@ -51,6 +52,11 @@ private:
     template <class T>
     PayloadReader& get(MP4Err (CStorage::*read)(T*), T& v, uint64_t width) {
         if (err_ != MP4_OK) return *this;
+        // A box too short for its fields stops here; the count never wraps.
+        if (*remaining_ < width) {
+            err_ = MP4_ERR_BAD_BOX_SIZE;
+            return *this;
+        }
         err_ = (storage_->*read)(&v);
         if (err_ == MP4_OK) *remaining_ -= width;
         return *this;
@@ -107,7 +113,9 @@ private:
 MP4Err readTextTail(CStorage* storage, const CBox& box, std::unique_ptr<char[]>* text,
                     uint64_t* length) {
     uint64_t count = box.remaining;
-    if (count > box.size || count > kMax32) return MP4_ERR_BAD_BOX_SIZE;
+    if (count > box.size || count > kMax32 || count > readableBytes(storage)) {
+        return MP4_ERR_BAD_BOX_SIZE;
+    }
     std::unique_ptr<char[]> bytes(new (std::nothrow) char[count + 1]);
     if (!bytes) return MP4_ERR_OUT_OF_MEMORY;
     MP4Err err = storage->readBytes(reinterpret_cast<uint8_t*>(bytes.get()), count);
@@ -607,15 +615,21 @@ MP4Err CHandlerReferenceBox::read(CStorage* storage) {
         uint64_t length = 0;
         err = readTextTail(storage, *this, &name, &length);
         if (err != MP4_OK) return err;
+        nameAsRead_.assign(name.get(), length);
         // A counted (Pascal) string: its first byte is the length of the
         // rest. The count byte is dropped; the rest stays terminated.
         if (static_cast<uint8_t>(name[0]) == length - 1) {
             std::memmove(name.get(), name.get() + 1, length - 1);
             name[length - 1] = '\0';
         }
+        nameReadAs_ = name.get();
     }
     remaining = 0;
     return MP4_OK;
+}
+
+bool CHandlerReferenceBox::nameIsAsRead() const {
+    return name && !nameAsRead_.empty() && nameReadAs_ == name.get();
 }
 
 MP4Err CHandlerReferenceBox::write(CStorage* storage) {
@@ -624,7 +638,11 @@ MP4Err CHandlerReferenceBox::write(CStorage* storage) {
     if (err != MP4_OK) return err;
     PayloadWriter writer(storage);
     writer.u32(preDefined).u32(handlerType).each(&PayloadWriter::u32, reserved);
-    if (name) writeText(writer, name.get());
+    if (nameIsAsRead()) {
+        writer.block(nameAsRead_.data(), static_cast<uint32_t>(nameAsRead_.size()));
+    } else if (name) {
+        writeText(writer, name.get());
+    }
     return writer.error();
 }
 
@@ -641,11 +659,17 @@ MP4Err CHandlerReferenceBox::dump(int32_t depth) {
 MP4Err CHandlerReferenceBox::calculateSize() {
     CBox::calculateSize();
     size += 24;
-    if (name) size += nameLength() + 1;
+    if (nameIsAsRead()) {
+        size += nameAsRead_.size();
+    } else if (name) {
+        size += nameLength() + 1;
+    }
     return MP4_OK;
 }
 
 MP4Err CHandlerReferenceBox::setName(const char* text) {
+    nameAsRead_.clear();
+    nameReadAs_.clear();
     return copyText(text, kMaxHandlerName, &name);
 }
 

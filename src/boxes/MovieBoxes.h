@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Box.h"
 
@@ -234,6 +235,14 @@ public:
     uint32_t handlerType = 0;
     uint32_t reserved[3] = {0, 0, 0};
     std::unique_ptr<char[]> name;  // zero-terminated, or none
+
+private:
+    // The name's bytes as the file held them (counted or not, with or
+    // without a terminator), written back as they were while the name is
+    // still the one read from them.
+    bool nameIsAsRead() const;
+    std::string nameAsRead_;
+    std::string nameReadAs_;
 };
 
 // Handler type and name given to a new track of a media kind
