@@ -41,6 +41,19 @@ bool isCopiedKind(uint32_t kind) {
            kind == MP4_TRACK_OBJECT_DESCRIPTOR || kind == MP4_TRACK_SCENE_DESCRIPTION;
 }
 
+// Uncompressed audio is read a chunk at a time (each chunk one sample of
+// many audio samples) and written the same way, in chunk-as-sample mode.
+bool isRawAudio(uint32_t format) {
+    switch (format) {
+        case fourcc("twos"): case fourcc("sowt"): case fourcc("raw "): case fourcc("NONE"):
+        case fourcc("in24"): case fourcc("in32"): case fourcc("fl32"): case fourcc("fl64"):
+        case fourcc("lpcm"): case fourcc("ulaw"): case fourcc("alaw"):
+            return true;
+        default:
+            return false;
+    }
+}
+
 struct TrackCopy {
     uint32_t number = 0;  // in the source
     CMp4Track* in = nullptr;
@@ -49,6 +62,9 @@ struct TrackCopy {
     uint32_t nextSample = 1;
     uint32_t timeScale = 1;
     uint64_t delay = 0;       // initial delay, taken off the read times
+    // Added to composition times that would otherwise precede their decode
+    // time (negative offsets), and to the edit's media time to make up.
+    uint64_t compositionShift = 0;
     uint64_t nextDecode = 0;  // decode time of nextSample, as read
 };
 
@@ -80,6 +96,7 @@ private:
     bool addTracks();
     bool addTrack(uint32_t number);
     bool copyTrackProperties(TrackCopy* copy);
+    MP4Err findCompositionShift(TrackCopy* copy);
     bool copySamples();
     bool copySample(TrackCopy* copy);
     TrackCopy* nextTrack();
@@ -181,7 +198,12 @@ bool Remuxer::addTrack(uint32_t number) {
     TrackCopy& copy = tracks_.back();
     copy.number = number;
     copy.in = in;
+    uint32_t format = 0;
+    const bool raw = kind == MP4_TRACK_AUDIO && in->getSampleEntryType(&format) == MP4_OK &&
+                     isRawAudio(format);
+    if (raw) (void)target_->setTrackMode(1);
     err = target_->addTrack(&copy.out);
+    if (raw) (void)target_->setTrackMode(0);
     if (err != MP4_OK) return fail("adding track " + std::to_string(number), err);
     err = copy.out->setTrackType(kind);
     if (err != MP4_OK) return fail("track " + std::to_string(number) + " kind", err);
@@ -197,8 +219,9 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
     if (err != MP4_OK) return fail(track + " time scale", err);
     uint8_t language[3] = {};
     if (in->getLanguage(language) == MP4_OK) {
+        // A code that is no language (letters outside a-z) stays "und".
         err = out->setLanguage(language);
-        if (err != MP4_OK) return fail(track + " language", err);
+        if (err != MP4_OK && err != MP4_ERR_INVALID_ARGUMENT) return fail(track + " language", err);
     }
     uint32_t y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
     if (in->getCreationTime(&y, &mo, &d, &h, &mi, &s) == MP4_OK && y > 1904) {
@@ -212,20 +235,41 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
     }
     err = out->addSampleEntryFrom(in, 1);
     if (err != MP4_OK) return fail(track + " sample entry", err);
+    err = in->getSampleCount(&copy->sampleCount);
+    if (err == MP4_OK) err = findCompositionShift(copy);
+    if (err != MP4_OK) return fail(track + " samples", err);
     int64_t firstMediaTime = 0;
     err = in->getInitialDelay(&copy->delay, &firstMediaTime);
-    if (err == MP4_OK) err = out->setEditList(copy->delay, firstMediaTime);
+    if (err == MP4_OK) {
+        err = out->setEditList(copy->delay,
+                               firstMediaTime + static_cast<int64_t>(copy->compositionShift));
+    }
     if (err != MP4_OK) return fail(track + " edit list", err);
     err = out->setChunkLimits(copy->timeScale, kChunkByteLimit);
     if (err != MP4_OK) return fail(track + " chunk limits", err);
     err = target_->copyUserData(source_.get(), copy->number, static_cast<uint32_t>(tracks_.size()));
     if (err != MP4_OK && err != MP4_ERR_NOT_AVAILABLE) return fail(track + " user data", err);
 
-    err = in->getSampleCount(&copy->sampleCount);
-    if (err == MP4_OK && copy->sampleCount > 0) err = in->getSampleDecodeTime(1, &copy->nextDecode);
+    if (copy->sampleCount > 0) err = in->getSampleDecodeTime(1, &copy->nextDecode);
     if (err != MP4_OK) return fail(track + " samples", err);
     totalSamples_ += copy->sampleCount;
     return true;
+}
+
+// A track written with negative composition offsets (composition before
+// decode) is written with offsets raised by the largest such gap, which
+// the written format needs; its edit list starts that much later.
+MP4Err Remuxer::findCompositionShift(TrackCopy* copy) {
+    for (uint32_t sample = 1; sample <= copy->sampleCount; ++sample) {
+        uint64_t decode = 0, composition = 0;
+        MP4Err err = copy->in->getSampleDecodeTime(sample, &decode);
+        if (err == MP4_OK) err = copy->in->getSampleCompositionTime(sample, &composition);
+        if (err != MP4_OK) return err;
+        if (composition < decode && decode - composition > copy->compositionShift) {
+            copy->compositionShift = decode - composition;
+        }
+    }
+    return MP4_OK;
 }
 
 // The track whose next sample comes first in time, so that the output
@@ -274,7 +318,7 @@ bool Remuxer::copySample(TrackCopy* copy) {
     // track puts it back.
     const uint64_t decode = copy->nextDecode;
     err = copy->out->addSample(buffer_.data(), size, decode - copy->delay,
-                               composition - copy->delay, sync != 0);
+                               composition + copy->compositionShift - copy->delay, sync != 0);
     if (err != MP4_OK) {
         return fail("track " + std::to_string(copy->number) + ", sample " +
                         std::to_string(sample) + " cannot be written",

@@ -260,7 +260,7 @@ MP4Err makeDiscStorage(const wchar_t* path, std::unique_ptr<CDiscStorage>* stora
     return (*storage)->setPath(path);
 }
 
-MP4Err writeMediaDataHeader(CStorage* target, const CMediaDataBox& mdat) {
+MP4Err writeMovedMediaDataHeader(CStorage* target, const CMediaDataBox& mdat) {
     const uint64_t header = mdatHeaderLength(mdat);
     const uint64_t size = header + mdat.dataSize;
     MP4Err err = target->writeUInt32(header == 16 ? 1u : static_cast<uint32_t>(size));
@@ -345,7 +345,7 @@ MP4Err CMp4FileImpl::rewriteOpenSource(CStorage* target, const std::string& sour
     err = target->open(1);
     if (err != MP4_OK) return err;
     err = writeLeadingBoxes(target, layout.moov, movie);
-    if (err == MP4_OK) err = writeMediaDataHeader(target, *layout.mdat);
+    if (err == MP4_OK) err = writeMovedMediaDataHeader(target, *layout.mdat);
     uint64_t targetDataStart = 0;
     if (err == MP4_OK) err = target->getPosition(&targetDataStart);
     const MP4Err closed = target->close();
