@@ -445,6 +445,8 @@ TEST(HandlerReferenceBox, NamesForNewTracks) {
          "QUIL Object Descriptor Handler", fourcc("nmhd")},
         {MP4_TRACK_SCENE_DESCRIPTION, MP4_FILE_XAVC, fourcc("sdsm"), "QUIL BIFS Handler",
          fourcc("nmhd")},
+        {MP4_TRACK_TIMECODE, MP4_FILE_QUICKTIME, fourcc("tmcd"), "QUIL Time Code Handler",
+         fourcc("gmhd")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -460,7 +462,7 @@ TEST(HandlerReferenceBox, NamesForNewTracks) {
     }
     uint32_t handler = 0;
     const char* name = nullptr;
-    EXPECT_EQ(handlerForMediaKind(MP4_TRACK_TIMECODE, 0, &handler, &name), MP4_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(handlerForMediaKind(MP4_TRACK_OTHER, 0, &handler, &name), MP4_ERR_INVALID_ARGUMENT);
     CBox* header = nullptr;
     EXPECT_EQ(createMediaHeaderBox(MP4_TRACK_OTHER, &header), MP4_ERR_INVALID_ARGUMENT);
     EXPECT_EQ(header, nullptr);

@@ -128,12 +128,12 @@ public:
     // then CMp4File::releaseTrack, which finalises the track. Calls on a
     // track of a file opened for reading give 3 (5 when it is not bound).
 
-    // Sets the kind (MP4TrackType): video, audio, hint, object descriptor
-    // or scene description. Builds the media header, the handler
-    // ("vide", "soun", "hint", "odsm", "sdsm" with a matching default name),
-    // the data reference and the empty sample tables; audio tracks get
-    // volume 1.0. Once per track: 3 when already set, 2 for another kind
-    // (time-code tracks are not written). The sample entry and sample calls
+    // Sets the kind (MP4TrackType): video, audio, hint, object descriptor,
+    // scene description or time code. Builds the media header, the handler
+    // ("vide", "soun", "hint", "odsm", "sdsm", "tmcd", with a default name
+    // unless setHandlerName came first), the data reference and the empty
+    // sample tables; audio tracks get volume 1.0. Once per track: 3 when
+    // already set, 2 for another kind. The sample entry and sample calls
     // need the kind first (5 before it); the header setters (time scale,
     // language, creation time, dimensions, volume, handler name, edit list,
     // chunk limits) do not.
@@ -158,9 +158,12 @@ public:
     // source has no such entry, 5 before setTrackType.
     virtual MP4Err addSampleEntryFrom(CMp4Track* source, uint32_t index) = 0;
     // Presentation size in pixels, kept by the track header ("tkhd") as
-    // 16.16 values. Video tracks default to the first sample entry's
-    // size when this is never called. 2 above 65535.
-    virtual MP4Err setDimensions(uint32_t width, uint32_t height) = 0;
+    // 16.16 values, and the clockwise rotation a player applies (0, 90,
+    // 180 or 270 degrees, as getRotateAngle reports it; written as the
+    // header's transformation matrix). Video tracks default to the first
+    // sample entry's size and no rotation when this is never called.
+    // 2 for a size above 65535 or another angle.
+    virtual MP4Err setDimensions(uint32_t width, uint32_t height, uint32_t rotation = 0) = 0;
     // Track volume, 8.8 fixed point (0x0100 = full).
     virtual MP4Err setVolume(int16_t volume) = 0;
     // Human-readable handler name ("hdlr"), e.g. "SoundHandler"; at most
@@ -186,18 +189,22 @@ public:
     // Edit list written when the track is finalised: an empty edit of
     // initialDelay (media time units, converted to the movie time scale)
     // when non-zero, then one edit presenting the media from
-    // firstMediaTime (media time units, >= 0) to its end. (0, 0) writes no
-    // edit list. Without this call, a track whose first decode time is
-    // D > 0 gets an empty edit of D, so that the times read back equal the
-    // times written. A remux passes what getInitialDelay reports for the
-    // source track. 2 for a negative firstMediaTime.
-    virtual MP4Err setEditList(uint64_t initialDelay, int64_t firstMediaTime) = 0;
+    // firstMediaTime (media time units, >= 0) for presentedDuration media
+    // time units (0: to the end of the media). (0, 0, 0) writes no edit
+    // list. Without this call, a track whose first decode time is D > 0
+    // gets an empty edit of D, so that the times read back equal the times
+    // written. A remux passes what getInitialDelay reports for the source
+    // track. 2 for a negative firstMediaTime.
+    virtual MP4Err setEditList(uint64_t initialDelay, int64_t firstMediaTime,
+                               uint64_t presentedDuration = 0) = 0;
 
     // Edit list of a read track: the initial delay (an empty first edit, in
-    // media time units; decode times already include it) and, when
-    // firstMediaTime is given, the media time at which presentation starts
-    // (the first non-empty edit's media time; 0 without an edit list).
-    virtual MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime = nullptr) = 0;
+    // media time units; decode times already include it) and, when asked
+    // for, the media time at which presentation starts (the first non-empty
+    // edit's media time; 0 without an edit list) and how long that edit
+    // presents the media (media time units; 0 without an edit list).
+    virtual MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime = nullptr,
+                                   uint64_t* presentedDuration = nullptr) = 0;
 
     // Rotation in degrees computed from the "tkhd" matrix (0, 90, 180, 270).
     virtual double getRotateAngle() { return 0.0; }

@@ -700,10 +700,34 @@ MP4Err handlerForMediaKind(uint32_t mediaKind, uint32_t fileType, uint32_t* hand
             *handlerType = fourcc("sdsm");
             *name = "QUIL BIFS Handler";
             return MP4_OK;
+        case MP4_TRACK_TIMECODE:
+            *handlerType = fourcc("tmcd");
+            *name = "QUIL Time Code Handler";
+            return MP4_OK;
         default:
             return MP4_ERR_INVALID_ARGUMENT;
     }
 }
+
+namespace {
+
+// QuickTime's header of a time-code track: gmhd{tmcd{tcmi}}.
+MP4Err createTimeCodeMediaHeader(CBox** box) {
+    std::unique_ptr<CBaseMediaHeaderBox> gmhd(new (std::nothrow) CBaseMediaHeaderBox());
+    std::unique_ptr<CTimeCodeInformationListBox> tmcd(new (std::nothrow) CTimeCodeInformationListBox());
+    std::unique_ptr<CTimeCodeMediaHeaderBox> tcmi(new (std::nothrow) CTimeCodeMediaHeaderBox());
+    if (!gmhd || !tmcd || !tcmi) return MP4_ERR_OUT_OF_MEMORY;
+    tcmi->textSize = 12;
+    MP4Err err = tmcd->addChild(tcmi.get());
+    if (err != MP4_OK) return err;
+    tcmi.release();
+    if ((err = gmhd->addChild(tmcd.get())) != MP4_OK) return err;
+    tmcd.release();
+    *box = gmhd.release();
+    return MP4_OK;
+}
+
+}  // namespace
 
 MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box) {
     if (!box) return MP4_ERR_INVALID_ARGUMENT;
@@ -714,6 +738,7 @@ MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box) {
         case MP4_TRACK_HINT: *box = new (std::nothrow) CHintMediaHeaderBox(); break;
         case MP4_TRACK_OBJECT_DESCRIPTOR:
         case MP4_TRACK_SCENE_DESCRIPTION: *box = new (std::nothrow) CNullMediaHeaderBox(); break;
+        case MP4_TRACK_TIMECODE: return createTimeCodeMediaHeader(box);
         default: return MP4_ERR_INVALID_ARGUMENT;
     }
     return *box ? MP4_OK : MP4_ERR_OUT_OF_MEMORY;

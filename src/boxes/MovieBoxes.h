@@ -247,12 +247,13 @@ private:
 
 // Handler type and name given to a new track of a media kind
 // (MP4TrackType: video, audio, hint, object descriptor, scene
-// description). File type 10 (XAVC) names video and sound handlers the
+// description, time code). File type 10 (XAVC) names video and sound handlers the
 // way its players expect. 2 for any other kind.
 MP4Err handlerForMediaKind(uint32_t mediaKind, uint32_t fileType, uint32_t* handlerType,
                            const char** name);
 // The media header box of a new track of that kind: "vmhd" (flags 1),
-// "smhd", "hmhd" or "nmhd". 2 for any other kind, 1 out of memory.
+// "smhd", "hmhd", "nmhd" or, for time code, "gmhd"{"tmcd"{"tcmi"}}. 2 for
+// any other kind, 1 out of memory.
 MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box);
 
 // ---- media-type headers -----------------------------------------------------

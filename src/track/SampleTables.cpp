@@ -811,8 +811,9 @@ MP4Err CEditBox::getFirstMediaTime(uint64_t* mediaTime) {
     return err;
 }
 
-MP4Err CEditBox::getPresentedMediaTime(int64_t* mediaTime) {
+MP4Err CEditBox::getPresentedMediaTime(int64_t* mediaTime, uint64_t* duration) {
     *mediaTime = 0;
+    *duration = 0;
     CBox* child = nullptr;
     MP4Err err = findChild(fourcc("elst"), &child);
     if (err == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
@@ -826,7 +827,10 @@ MP4Err CEditBox::getPresentedMediaTime(int64_t* mediaTime) {
         if (entry->mediaTime < 0) continue;
         // A zero-duration edit shows nothing unless no timed one follows
         // (fragmented files write their only edit that way).
-        if (!found || entry->segmentDuration != 0) *mediaTime = entry->mediaTime;
+        if (!found || entry->segmentDuration != 0) {
+            *mediaTime = entry->mediaTime;
+            *duration = entry->segmentDuration;
+        }
         found = true;
         if (entry->segmentDuration != 0) break;
     }

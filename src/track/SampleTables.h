@@ -353,8 +353,9 @@ public:
     MP4Err getFirstMediaTime(uint64_t* mediaTime);
     // Media time at which presentation starts: that of the first non-empty
     // edit with a non-zero duration, else of the first non-empty edit; 0
-    // when there is none or without "elst".
-    MP4Err getPresentedMediaTime(int64_t* mediaTime);
+    // when there is none or without "elst". *duration: that edit's segment
+    // duration (movie time scale).
+    MP4Err getPresentedMediaTime(int64_t* mediaTime, uint64_t* duration);
 
 protected:
     bool growsOnAddChild() const override { return true; }
