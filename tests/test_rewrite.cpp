@@ -311,5 +311,82 @@ TEST(PspBoxesTest, DamagedMetadataTableIsBounded) {
     EXPECT_EQ(usmt, test::writeTree(read.get()));
 }
 
+// ---------------------------------------------------------------------------
+// Writing: PSP files and user data copied from a read file
+
+// Bytes of the first box of that type found anywhere (a depth-first walk
+// of the usual containers), empty when there is none.
+Bytes findBox(const Bytes& file, const char* type, size_t from = 0, size_t to = SIZE_MAX) {
+    static const std::string containers = "moov trak mdia minf stbl udta";
+    for (size_t at = from; at + 8 <= std::min(to, file.size());) {
+        const uint64_t size = bigEndian(file, at);
+        if (size < 8 || at + size > file.size()) break;
+        const std::string kind(file.begin() + at + 4, file.begin() + at + 8);
+        if (kind == type) return Bytes(file.begin() + at, file.begin() + at + size);
+        if (containers.find(kind) != std::string::npos) {
+            Bytes inner = findBox(file, type, at + 8, at + size);
+            if (!inner.empty()) return inner;
+        }
+        at += size;
+    }
+    return {};
+}
+
+// A track of one JPEG-typed video sample per frame, written through the
+// public interface; the source's user data copied when given.
+void writeSmallFile(const std::string& path, uint32_t fileType, CMp4File* source = nullptr) {
+    CMp4File* file = nullptr;
+    CMp4File::createInstance(&file);
+    ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), 1, fileType));
+    CMp4Track* track = nullptr;
+    ASSERT_EQ(MP4_OK, file->addTrack(&track));
+    ASSERT_EQ(MP4_OK, track->setTrackType(MP4_TRACK_VIDEO));
+    MP4SampleEntryInfo info{};
+    info.format = fourcc("jpeg");
+    info.width = 16;
+    info.height = 16;
+    ASSERT_EQ(MP4_OK, track->addSampleEntry(&info));
+    const uint8_t frame[4] = {0xFF, 0xD8, 0xFF, 0xD9};
+    for (uint64_t n = 0; n < 3; ++n) ASSERT_EQ(MP4_OK, track->addSample(frame, 4, n * 40, n * 40, true));
+    ASSERT_EQ(MP4_OK, file->releaseTrack(track));
+    if (source) {
+        EXPECT_EQ(MP4_OK, file->copyUserData(source, 0, 0));
+        EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file->copyUserData(source, 0, 1));
+        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file->copyUserData(source, 9, 1));
+    }
+    ASSERT_EQ(MP4_OK, file->close());
+    CMp4File::destroyInstance(&file);
+}
+
+TEST(PspWritingTest, ProfileBoxAfterFileTypeAndUserMetadataInTheMovie) {
+    TempDir dir;
+    for (uint32_t fileType : {MP4_FILE_PSP, MP4_FILE_XAVC}) {
+        const std::string path = dir.file("psp.mp4");
+        writeSmallFile(path, fileType);
+        const Bytes written = loadFile(path);
+        EXPECT_EQ((std::vector<std::string>{"ftyp", "uuid", "mdat", "moov"}), topLevelTypes(written));
+        const Bytes moov = findBox(written, "moov");
+        const Bytes usmt(CPspUsmtBox::kUserType, CPspUsmtBox::kUserType + 16);
+        // One in the movie, one in the track.
+        auto first = std::search(moov.begin(), moov.end(), usmt.begin(), usmt.end());
+        ASSERT_NE(moov.end(), first);
+        EXPECT_NE(moov.end(), std::search(first + 1, moov.end(), usmt.begin(), usmt.end()));
+        EXPECT_EQ(3u, readSamples(path).size());
+    }
+}
+
+TEST(CopyUserDataTest, MovieUserDataArrivesUnchanged) {
+    CMp4File* source = nullptr;
+    CMp4File::createInstance(&source);
+    ASSERT_EQ(MP4_OK, source->open(wide(fixture("h264-aac.mp4")).c_str(), 0, 0));
+    TempDir dir;
+    writeSmallFile(dir.file("copy.mp4"), MP4_FILE_MPEG4, source);
+    source->close();
+    CMp4File::destroyInstance(&source);
+    const Bytes original = findBox(findBox(loadFile(fixture("h264-aac.mp4")), "moov"), "udta");
+    ASSERT_FALSE(original.empty());
+    EXPECT_EQ(original, findBox(findBox(loadFile(dir.file("copy.mp4")), "moov"), "udta"));
+}
+
 }  // namespace
 }  // namespace quil

@@ -115,6 +115,8 @@ private:
     MP4Err addPspUserData();
     MP4Err writeSessionSdp();
     MP4Err finishPspUserData();
+    bool isPspFileType() const;  // 4 (PSP) and 10 (XAVC)
+    MP4Err writePspProfileBox();
     void forgetWritingTracks();
     // Releases what open made: storage (if made here), metadata, tree, path.
     void releaseAfterClose();
