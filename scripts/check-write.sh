@@ -21,7 +21,13 @@ failures=0
 fail() { echo "FAIL $*"; failures=$((failures + 1)); }
 ok() { echo "ok   $*"; }
 
-packets() { ffmpeg -nostdin -v error "$@" -map 0 -c copy -f framemd5 - | grep -v '^#' | md5sum; }
+# Packet hashes with times, without the duration column: the last
+# sample's duration is not carried by the write interface (each track's
+# last sample lasts as long as the one before it).
+packets() {
+    ffmpeg -nostdin -v error "$@" -map 0 -c copy -f framemd5 - | grep -v '^#' |
+        awk -F, '{$4 = ""; print}' | md5sum
+}
 
 brands=("mp42" "3gp4" "M4A " "avc1" "MSNV" "mp42" "3gp5" "3g2a" "3gp6" "" "XAVC" "iso4" "qt  ")
 source_packets=$(packets -i "$small")
