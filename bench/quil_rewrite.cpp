@@ -72,11 +72,12 @@ public:
         while (Copy* c = next()) {
             uint32_t size = 0, sync = 0;
             uint64_t composition = 0;
-            MP4Err err = c->in->getSampleSize(c->next, &size);
-            if (err == quil::MP4_OK && size > buffer.size()) buffer.resize(size);
-            if (err == quil::MP4_OK)
-                err = c->in->readSample(c->next, static_cast<uint32_t>(buffer.size()), &size,
-                                        buffer.data());
+            MP4Err err = c->in->readSample(c->next, static_cast<uint32_t>(buffer.size()), &size,
+                                           buffer.data());
+            if (err == quil::MP4_ERR_BUFFER_TOO_SMALL && size > buffer.size()) {
+                buffer.resize(size);
+                err = c->in->readSample(c->next, size, &size, buffer.data());
+            }
             if (err == quil::MP4_OK) err = c->in->getSampleCompositionTime(c->next, &composition);
             if (err == quil::MP4_OK) err = c->in->isSyncSample(c->next, &sync);
             if (err == quil::MP4_OK)
@@ -111,7 +112,8 @@ private:
                !failed(k.out->addSampleEntryFrom(k.in, 1), "addSampleEntryFrom", n) &&
                !failed(k.in->getInitialDelay(&k.delay, &firstMediaTime), "getInitialDelay", n) &&
                !failed(k.out->setEditList(k.delay, firstMediaTime), "setEditList", n) &&
-               !failed(k.out->setChunkLimits(k.timeScale, 1000000), "setChunkLimits", n) &&
+               // Chunks as `quil remux` makes them: a second or 256 KiB.
+               !failed(k.out->setChunkLimits(k.timeScale, 256 * 1024), "setChunkLimits", n) &&
                !failed(k.in->getSampleCount(&k.count), "getSampleCount", n) &&
                (k.count == 0 || !failed(k.in->getSampleDecodeTime(1, &k.decode), "decode time", n));
     }
