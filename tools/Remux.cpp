@@ -105,7 +105,6 @@ private:
     bool copySample(TrackCopy* copy);
     TrackCopy* nextTrack();
     bool finish();
-    void releaseTracks();
 
     const char* input_;
     uint32_t fileType_;
@@ -119,20 +118,17 @@ private:
 };
 
 Remuxer::~Remuxer() {
-    releaseTracks();
-    // Without close the file object gives its storage up without writing
-    // the movie; the caller removes the incomplete output.
-    CMp4File::destroyInstance(&target_);
-}
-
-void Remuxer::releaseTracks() {
+    // On a failure path: tracks whose finishing fails again stay ours; they
+    // are deleted after the file object, which detaches them first. Without
+    // close the file object gives its storage up without writing the
+    // movie; the caller removes the incomplete output.
+    std::vector<CMp4Track*> unreleased;
     for (TrackCopy& copy : tracks_) {
         if (copy.in) (void)source_.get()->releaseTrack(copy.in);
-        copy.in = nullptr;
-        // A track whose finishing fails stays the caller's to delete.
-        if (copy.out && target_ && target_->releaseTrack(copy.out) != MP4_OK) delete copy.out;
-        copy.out = nullptr;
+        if (copy.out && target_->releaseTrack(copy.out) != MP4_OK) unreleased.push_back(copy.out);
     }
+    CMp4File::destroyInstance(&target_);
+    for (CMp4Track* track : unreleased) delete track;
 }
 
 bool Remuxer::run(const std::string& output) {
