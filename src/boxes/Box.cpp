@@ -361,17 +361,20 @@ MP4Err dumpChildrenInBraces(CBoxList* list, int32_t depth) {
 
 namespace {
 
-// Keeps the bytes of a parent from a child's header (already read, headerLength
-// bytes long) to the parent's end, count bytes in all. Where the bytes cannot
-// be kept or the storage cannot go back, they are skipped instead.
-MP4Err keepFromHeader(CBoxList* list, CStorage* storage, uint64_t headerLength, uint64_t count) {
+// Keeps the bytes of a parent from `start` (where a child that did not fit
+// or did not read began) to the parent's end, count bytes in all, so that
+// writing the parent again reproduces them. Where they cannot be kept, or
+// the storage cannot go back, the rest of the parent is skipped instead.
+MP4Err keepRest(CBoxList* list, CStorage* storage, uint64_t start, uint64_t count) {
     uint64_t position = 0;
-    if (storage->getPosition(&position) == MP4_OK && position >= headerLength &&
-        storage->seek(position - headerLength) == MP4_OK) {
+    MP4Err err = storage->getPosition(&position);
+    if (err != MP4_OK) return err;
+    if (position >= start && position - start <= count && storage->seek(start) == MP4_OK) {
         if (list->trailing().keep(storage, count) == MP4_OK) return MP4_OK;
-        if (storage->seek(position) != MP4_OK) return MP4_ERR_IO;
+        err = storage->seek(position);
+        if (err != MP4_OK) return err;
     }
-    return storage->skip(count - headerLength);
+    return position - start <= count ? storage->skip(count - (position - start)) : MP4_OK;
 }
 
 }  // namespace
@@ -385,18 +388,22 @@ MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
         CBox* child = nullptr;
         uint32_t childType = 0;
         uint64_t before = *remaining;
+        uint64_t start = 0;
+        err = storage->getPosition(&start);
+        if (err != MP4_OK) return err;
         err = readBox(storage, parentType, &child, &childType, remaining);
         if (err == MP4_ERR_NOT_AVAILABLE) {
             // The child does not fit (or ends a "wave"): the rest of the
             // parent, from that child's header on, is kept as it is.
-            err = keepFromHeader(list, storage, before - *remaining, before);
+            err = keepRest(list, storage, start, before);
             if (err != MP4_OK) return err;
             *remaining = 0;
             return MP4_OK;
         }
         if (err != MP4_OK) {
             // A damaged child ends the parent quietly; the parent keeps
-            // what was read so far.
+            // what was read so far, and the damaged bytes as they are.
+            keepRest(list, storage, start, before);
             *remaining = 0;
             return MP4_OK;
         }
