@@ -101,6 +101,7 @@ private:
         Copy c;
         uint32_t kind = 0;
         int64_t firstMediaTime = 0;
+        uint64_t presented = 0;
         if (failed(in_->getTrack(n, &c.in), "getTrack", n)) return false;
         copies_.push_back(c);
         Copy& k = copies_.back();
@@ -110,8 +111,9 @@ private:
                !failed(k.in->getTimeScale(&k.timeScale), "getTimeScale", n) &&
                !failed(k.out->setTimeScale(k.timeScale), "setTimeScale", n) &&
                !failed(k.out->addSampleEntryFrom(k.in, 1), "addSampleEntryFrom", n) &&
-               !failed(k.in->getInitialDelay(&k.delay, &firstMediaTime), "getInitialDelay", n) &&
-               !failed(k.out->setEditList(k.delay, firstMediaTime), "setEditList", n) &&
+               !failed(k.in->getInitialDelay(&k.delay, &firstMediaTime, &presented),
+                       "getInitialDelay", n) &&
+               !failed(k.out->setEditList(k.delay, firstMediaTime, presented), "setEditList", n) &&
                // Chunks as `quil remux` makes them: a second or 256 KiB.
                !failed(k.out->setChunkLimits(k.timeScale, 256 * 1024), "setChunkLimits", n) &&
                !failed(k.in->getSampleCount(&k.count), "getSampleCount", n) &&

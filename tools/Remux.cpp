@@ -246,10 +246,12 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
     if (err == MP4_OK) err = findCompositionShift(copy);
     if (err != MP4_OK) return fail(track + " samples", err);
     int64_t firstMediaTime = 0;
-    err = in->getInitialDelay(&copy->delay, &firstMediaTime);
+    uint64_t presented = 0;
+    err = in->getInitialDelay(&copy->delay, &firstMediaTime, &presented);
     if (err == MP4_OK) {
         err = out->setEditList(copy->delay,
-                               firstMediaTime + static_cast<int64_t>(copy->compositionShift));
+                               firstMediaTime + static_cast<int64_t>(copy->compositionShift),
+                               presented);
     }
     if (err != MP4_OK) return fail(track + " edit list", err);
     err = out->setChunkLimits(copy->timeScale, kChunkByteLimit);
