@@ -48,7 +48,8 @@ const char* faststartFailure(MP4Err err) {
         case MP4_ERR_WRONG_LAYOUT:
             return "nothing to do: the movie box already comes first, or the file does not "
                    "have one media data box followed by a movie box";
-        case MP4_ERR_NOT_AVAILABLE: return "not an MP4 file (no movie box found)";
+        case MP4_ERR_NOT_AVAILABLE:
+            return "no movie box, or a track without the tables its chunk offsets are in";
         default: return nullptr;
     }
 }
