@@ -6,6 +6,8 @@
 // iTunes-style tags; or writes a copy with some 3GPP items set.
 #include "Meta.h"
 
+#include <cstdint>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -19,10 +21,6 @@
 namespace quil {
 namespace tool {
 namespace {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
 
 // One line of the listing: "[trackN.]key[:lang]=value".
 struct Item {
@@ -492,49 +490,38 @@ int writeWithChanges(const char* path, const std::vector<Assignment>& changes,
     return kExitOk;
 }
 
-int usage(const std::string& message) {
-    std::fprintf(stderr, "quil: %s (see quil --help)\n", message.c_str());
-    return kExitUsage;
-}
-
-}  // namespace
-
-int runMeta(int argc, char** argv) {
-    const char* path = nullptr;
-    const char* out = nullptr;
-    bool json = false;
+int metaCommand(const Arguments& arguments) {
+    const char* path = arguments.operand(0);
+    const bool json = arguments.has("--json");
+    // The output: "-o OUT" (a word the option parser leaves as operands) or
+    // "--out OUT"; further operands are assignments after a "--set".
+    const char* out = arguments.value("--out");
     std::vector<Assignment> changes;
-    for (int i = 2; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--json") {
-            json = true;
-        } else if (arg == "--set" || arg == "-o") {
-            if (i + 1 >= argc) return usage(arg + " needs a value");
-            if (arg == "-o") {
-                out = argv[++i];
-                continue;
-            }
-            Assignment change;
-            if (!parseAssignment(argv[++i], &change)) {
-                return usage("--set takes [trackN.]KEY[:LANG]=VALUE with KEY one of title, "
-                             "description, copyright, performer, author, genre, keywords");
-            }
-            changes.push_back(change);
-        } else if (!path && arg.compare(0, 1, "-") != 0) {
-            path = argv[i];
-        } else if (!changes.empty() && arg.find('=') != std::string::npos) {
-            // "--set A=1 B=2": further assignments after the first.
-            Assignment change;
-            if (!parseAssignment(arg, &change)) return usage("bad assignment " + arg);
-            changes.push_back(change);
+    std::vector<std::string> words = arguments.values("--set");
+    const size_t firstSet = words.size();
+    const std::vector<std::string>& operands = arguments.operands();
+    for (size_t i = 1; i < operands.size(); ++i) {
+        if (operands[i] == "-o") {
+            if (i + 1 >= operands.size()) return usageError("-o needs a value");
+            out = operands[++i].c_str();
         } else {
-            return usage("unknown option for meta");
+            words.push_back(operands[i]);
         }
     }
-    if (!path) return usage("no file given");
+    if (words.size() > firstSet && firstSet == 0) {
+        return usageError("meta takes one FILE; assignments follow --set");
+    }
+    for (const std::string& word : words) {
+        Assignment change;
+        if (!parseAssignment(word, &change)) {
+            return usageError("--set takes [trackN.]KEY[:LANG]=VALUE with KEY one of title, "
+                              "description, copyright, performer, author, genre, keywords");
+        }
+        changes.push_back(change);
+    }
     if (!changes.empty() || out) {
-        if (changes.empty() || !out) return usage("--set and -o OUT go together");
-        if (json) return usage("--json lists; it does not go with --set");
+        if (changes.empty() || !out) return usageError("--set and -o OUT go together");
+        if (json) return usageError("--json lists; it does not go with --set");
         return writeWithChanges(path, changes, out);
     }
     OpenedFile file;
@@ -549,6 +536,22 @@ int runMeta(int argc, char** argv) {
     else printText(items);
     return kExitOk;
 }
+
+}  // namespace
+
+const Command kMetaCommand = {
+    "meta", "meta FILE [--json] [--set [trackN.]KEY[:LANG]=VALUE ... -o OUT]",
+    "  meta     print every metadata item, one KEY[:LANG]=VALUE line each (\\n,\n"
+    "           \\t and \\\\ stand for line breaks, tabs and backslashes): the\n"
+    "           3GPP items of the movie and of each track (trackN.KEY), album\n"
+    "           and year, the iTunes tags (itunes.KEY) and QuickTime text items\n"
+    "           (quicktime.KEY); --json prints them as one JSON document.\n"
+    "           With --set (one or more KEY=VALUE each), writes a copy to OUT\n"
+    "           with the 3GPP items set (KEY: title, description, copyright,\n"
+    "           performer, author, genre, keywords as a comma list; LANG\n"
+    "           defaults to und)\n",
+    {{"--json", false}, {"--set", true}, {"--out", true}}, 1, SIZE_MAX, metaCommand,
+};
 
 }  // namespace tool
 }  // namespace quil

@@ -2,12 +2,13 @@
 #ifndef QUIL_TOOLS_META_H
 #define QUIL_TOOLS_META_H
 
+#include "Command.h"
+
 namespace quil {
 namespace tool {
 
-// quil meta FILE [--json] | quil meta FILE --set KEY[:LANG]=VALUE ... -o OUT.
-// argv[1] is "meta". Returns the process exit code.
-int runMeta(int argc, char** argv);
+// quil meta FILE [--json] | quil meta FILE --set KEY[:LANG]=VALUE ... -o OUT
+extern const Command kMetaCommand;
 
 }  // namespace tool
 }  // namespace quil
