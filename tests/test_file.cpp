@@ -213,7 +213,6 @@ TEST_F(FileTest, CloseReleasesTreeButKeepsSuppliedStorage) {
     EXPECT_EQ(1u, openFlag());
 }
 
-
 struct BrandCase {
     const char* brand;
     uint32_t fileType;
@@ -379,10 +378,8 @@ TEST_F(FileTest, TrackModeRange) {
     EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->setTrackMode(3));
 }
 
-
 // ---------------------------------------------------------------------------
 // Creation time
-
 
 TEST_F(FileTest, SetCreationTimeRaisesModificationTime) {
     SuppliedStorage* storage =
@@ -420,8 +417,6 @@ TEST_F(FileTest, CreationTimeRangeAndWidth) {
     EXPECT_EQ(MP4_ERR_INVALID_DATA, file_->getCreationTime(&y, &mo, &d, &h, &mi, &s));
     EXPECT_EQ(0u, y);
 }
-
-
 
 // ---------------------------------------------------------------------------
 // Dump and operations of later work

@@ -580,7 +580,6 @@ TEST(SampleEntryDumps, DescriptionVisualAndSoundEntries) {
               "Const. bytes per audio packet = 4\n"
               "Const. LPCM frames per audio packet = 1\n"
               "{\n  Box type = enda  Size = 10\n  Data: 1\n}\n");
-
 }
 
 TEST(SampleEntryDumps, CodecBoxes) {
