@@ -40,34 +40,21 @@ Bytes desc(uint8_t tag, const Bytes& payload) {
 // The same with a four-byte size field, as some muxers write it.
 Bytes descLong(uint8_t tag, const Bytes& payload) {
     uint32_t size = static_cast<uint32_t>(payload.size());
-    return ByteWriter()
-        .u8(tag)
-        .u8(0x80 | ((size >> 21) & 0x7F))
-        .u8(0x80 | ((size >> 14) & 0x7F))
-        .u8(0x80 | ((size >> 7) & 0x7F))
-        .u8(size & 0x7F)
-        .raw(payload);
+    return ByteWriter().u8(tag).u8(0x80 | ((size >> 21) & 0x7F)).u8(0x80 | ((size >> 14) & 0x7F))
+        .u8(0x80 | ((size >> 7) & 0x7F)).u8(size & 0x7F).raw(payload);
 }
 
 const Bytes kAudioSpecificConfig = {0x12, 0x10};
 
 Bytes decoderConfigPayload(const Bytes& children) {
-    return ByteWriter()
-        .u8(0x40)                   // AAC
-        .u8(0x15)                   // stream type 5, upstream 0, reserved 1
-        .u24(0x000300)              // buffer size DB
-        .u32(128000)
-        .u32(64000)
-        .raw(children);
+    // AAC; stream type 5, upstream 0, reserved 1; buffer size DB; max. and avg. bitrates.
+    return ByteWriter().u8(0x40).u8(0x15).u24(0x000300).u32(128000).u32(64000).raw(children);
 }
 
 // An AAC ES descriptor: ES_ID 2, no flags, decoder config with the audio
 // specific config, SL config predefined 2.
 Bytes aacESPayload(uint8_t flags = 0x00) {
-    return ByteWriter()
-        .u16(2)
-        .u8(flags)
-        .raw(desc(0x04, decoderConfigPayload(desc(0x05, kAudioSpecificConfig))))
+    return ByteWriter().u16(2).u8(flags).raw(desc(0x04, decoderConfigPayload(desc(0x05, kAudioSpecificConfig))))
         .raw(desc(0x06, {0x02}));
 }
 
@@ -130,17 +117,9 @@ uint32_t headerOf(CBaseDescriptor* descriptor) {
 
 // predefined 0, then the custom fields.
 Bytes customSL(uint8_t flags, uint8_t timeStampLength, const Bytes& tail = {}) {
-    return desc(0x06, ByteWriter()
-                          .u8(0x00)
-                          .u8(flags)
-                          .u32(1000)  // time stamp resolution
-                          .u32(0)     // OCR resolution
-                          .u8(timeStampLength)
-                          .u8(0)
-                          .u8(0)
-                          .u8(0)
-                          .u16(0x3F7D)  // 0011 11111 1111 1 01
-                          .raw(tail));
+    // Time stamp resolution 1000, OCR resolution 0, lengths, then 0011 11111 1111 1 01.
+    return desc(0x06, ByteWriter().u8(0x00).u8(flags).u32(1000).u32(0).u8(timeStampLength).u8(0).u8(0).u8(0)
+                          .u16(0x3F7D).raw(tail));
 }
 
 // ---- descriptor header ------------------------------------------------------------
@@ -361,14 +340,8 @@ TEST(ESDescriptor, FlagsByteKeepsOnlyPriorityBitsZeroAndTwo) {
 
 TEST(ESDescriptor, DependenceAndUrlRoundTrip) {
     std::string url = "rtsp://example.com/a";
-    Bytes payload = ByteWriter()
-                        .u16(7)
-                        .u8(0xC0)
-                        .u16(3)
-                        .u8(static_cast<uint32_t>(url.size()))
-                        .str(url, false)
-                        .raw(desc(0x04, decoderConfigPayload({})))
-                        .raw(desc(0x06, {0x02}));
+    Bytes payload = ByteWriter().u16(7).u8(0xC0).u16(3).u8(static_cast<uint32_t>(url.size())).str(url, false)
+                        .raw(desc(0x04, decoderConfigPayload({}))).raw(desc(0x06, {0x02}));
     ReadResult r = readOne(desc(0x03, payload));
     ASSERT_EQ(r.err, MP4_OK);
     auto* es = as<CESDescriptor>(r);
@@ -653,18 +626,9 @@ const Bytes kSps = {0x67, 0x42, 0xC0, 0x1E, 0xD9, 0x00, 0xA0, 0x47, 0xFE, 0xC8};
 const Bytes kPps = {0x68, 0xCE, 0x3C, 0x80};
 
 Bytes avcRecord(uint8_t profile, const Bytes& tail = {}) {
-    return ByteWriter()
-        .u8(1)
-        .u8(profile)
-        .u8(0xC0)
-        .u8(0x1E)
-        .u8(0xFF)
-        .u8(0xE1)
-        .u16(static_cast<uint32_t>(kSps.size()))
-        .raw(kSps)
-        .u8(1)
-        .u16(static_cast<uint32_t>(kPps.size()))
-        .raw(kPps)
+    return ByteWriter().u8(1).u8(profile).u8(0xC0).u8(0x1E).u8(0xFF).u8(0xE1)
+        .u16(static_cast<uint32_t>(kSps.size())).raw(kSps)
+        .u8(1).u16(static_cast<uint32_t>(kPps.size())).raw(kPps)
         .raw(tail);
 }
 
@@ -766,21 +730,10 @@ TEST(AVCDecoderConfigRecord, Dump) {
 
 Bytes hevcFixedPart(uint8_t arrays, uint8_t reservedOnes = 0xFF) {
     uint8_t r = reservedOnes;
-    return ByteWriter()
-        .u8(1)
-        .u8(0x01)  // profile space 0, tier 0, Main
-        .u32(0x60000000)
-        .u16(0x9000)
-        .u32(0)
-        .u8(93)
-        .u16((r & 0xF0) << 8)
-        .u8(r & 0xFC)
-        .u8((r & 0xFC) | 1)
-        .u8(r & 0xF8)
-        .u8(r & 0xF8)
-        .u16(0)
-        .u8(0x0F)  // one temporal layer, nested, four-byte lengths
-        .u8(arrays);
+    // Profile space 0, tier 0, Main; ...; one temporal layer, nested, four-byte lengths.
+    return ByteWriter().u8(1).u8(0x01).u32(0x60000000).u16(0x9000).u32(0).u8(93)
+        .u16((r & 0xF0) << 8).u8(r & 0xFC).u8((r & 0xFC) | 1).u8(r & 0xF8).u8(r & 0xF8).u16(0)
+        .u8(0x0F).u8(arrays);
 }
 
 Bytes hevcArrays() {
@@ -912,9 +865,7 @@ TEST(ConfigBoxes, RecordBoxFailures) {
 
 TEST(ConfigBoxes, EsdsIsResizedFromItsDescriptor) {
     // Four-byte size fields, as ffmpeg writes them, shrink on rewriting.
-    Bytes longForm = descLong(0x03, ByteWriter()
-                                        .u16(2)
-                                        .u8(0)
+    Bytes longForm = descLong(0x03, ByteWriter().u16(2).u8(0)
                                         .raw(descLong(0x04, decoderConfigPayload(descLong(0x05, kAudioSpecificConfig))))
                                         .raw(descLong(0x06, {0x02})));
     MP4Err err = MP4_ERR_IO;
