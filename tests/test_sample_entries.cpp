@@ -46,14 +46,15 @@ Read readOne(const Bytes& bytes, uint32_t parentType = kStsd) {
     return r;
 }
 
-// Reads the header into a box of class T, then lets it read its payload.
+// Reads the header into a new box of class T, then lets it read its payload.
 template <class T>
-MP4Err readPayloadInto(T* target, const Bytes& bytes) {
+MP4Err readPayloadAs(const Bytes& bytes) {
+    T target;
     MemoryFile file(bytes);
     CBox header;
     MP4Err err = header.read(file.storage());
-    if (err == MP4_OK) err = target->copyHeaderFrom(header);
-    return err == MP4_OK ? target->read(file.storage()) : err;
+    if (err == MP4_OK) err = target.copyHeaderFrom(header);
+    return err == MP4_OK ? target.read(file.storage()) : err;
 }
 
 struct Written {
@@ -283,21 +284,13 @@ TEST(SampleEntries, NewBoxesWriteWhatTheySize) {
 }
 
 TEST(SampleEntries, PayloadsShorterThanTheirFixedFieldsFail) {
-    CAVCSampleEntry avc;
-    EXPECT_EQ(readPayloadInto(&avc, box("avc1", Bytes(7, 0))), MP4_ERR_BAD_BOX_SIZE);
-    CAMRWBSampleEntry amr;
-    EXPECT_EQ(readPayloadInto(&amr, box("sawb", concat({entryStart(), Bytes(10, 0)}))),
+    EXPECT_EQ(readPayloadAs<CAVCSampleEntry>(box("avc1", Bytes(7, 0))), MP4_ERR_BAD_BOX_SIZE);
+    EXPECT_EQ(readPayloadAs<CAMRWBSampleEntry>(box("sawb", concat({entryStart(), Bytes(10, 0)}))), MP4_ERR_BAD_BOX_SIZE);
+    EXPECT_EQ(readPayloadAs<CTimeCodeSampleEntry>(box("tmcd", concat({entryStart(), Bytes(17, 0)}))),
               MP4_ERR_BAD_BOX_SIZE);
-    CTimeCodeSampleEntry timeCode;
-    EXPECT_EQ(readPayloadInto(&timeCode, box("tmcd", concat({entryStart(), Bytes(17, 0)}))),
-              MP4_ERR_BAD_BOX_SIZE);
-    CPixelAspectRatioBox aspect;
-    EXPECT_EQ(readPayloadInto(&aspect, box("pasp", Bytes(7, 1))), MP4_ERR_BAD_BOX_SIZE);
-    CEndianFormatBox endian;
-    EXPECT_EQ(readPayloadInto(&endian, box("enda", Bytes(1, 1))), MP4_ERR_BAD_BOX_SIZE);
-    CChannelCompositionBox layout;
-    EXPECT_EQ(readPayloadInto(&layout, fullBox("chan", 0, 0, Bytes(11, 1))),
-              MP4_ERR_BAD_BOX_SIZE);
+    EXPECT_EQ(readPayloadAs<CPixelAspectRatioBox>(box("pasp", Bytes(7, 1))), MP4_ERR_BAD_BOX_SIZE);
+    EXPECT_EQ(readPayloadAs<CEndianFormatBox>(box("enda", Bytes(1, 1))), MP4_ERR_BAD_BOX_SIZE);
+    EXPECT_EQ(readPayloadAs<CChannelCompositionBox>(fullBox("chan", 0, 0, Bytes(11, 1))), MP4_ERR_BAD_BOX_SIZE);
 
     // Through the factory the short box is skipped and kept with defaults.
     Read r = readOne(box("pasp", Bytes(7, 1)));
@@ -329,8 +322,6 @@ TEST(VisualSampleEntry, SeventyEightBytePayloadHasNoChildList) {
     auto* entry = r.as<CVisualSampleEntry>();
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->childList(), nullptr);
-    EXPECT_EQ(entry->frameWidth(), 64u);
-    EXPECT_EQ(entry->frameHeight(), 48u);
     CBox* child = nullptr;
     EXPECT_EQ(entry->findChild(fourcc("btrt"), &child), MP4_ERR_NOT_AVAILABLE);
 }
