@@ -305,6 +305,12 @@ void withTrack(const TrackPlan& plan, Check check) {
     check(t);
 }
 
+// Each search: (time, sample found or failed(code)), asked in this order.
+using Searches = std::vector<std::pair<uint64_t, uint64_t>>;
+void expectFound(CMp4Track* t, MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), const Searches& searches) {
+    for (const auto& [time, sample] : searches) EXPECT_EQ(sample, found(search, t, time)) << "time " << time;
+}
+
 // ---------------------------------------------------------------------------
 // The fixtures
 
@@ -387,15 +393,10 @@ TEST(TrackFixtures, CompositionTimesAndSearchesWithBFrames) {
     EXPECT_EQ(0u, initialDelay(t));  // the edit skips media, it does not delay it
     EXPECT_EQ(std::make_pair(uint64_t{9925}, 180u), place(t, 25));
 
-    auto byCts = &CMp4Track::findSampleByCompositionTime;
-    EXPECT_EQ(1u, found(byCts, t, 0));
-    EXPECT_EQ(3u, found(byCts, t, 2000));  // shown from 1536 to 2048
-    EXPECT_EQ(2u, found(byCts, t, 2560));
-    EXPECT_EQ(6u, found(byCts, t, 3100));
-    auto sync = &CMp4Track::findSyncSampleBefore;
-    EXPECT_EQ(1u, found(sync, t, 5000));
+    // Sample 3 is shown from 1536 to 2048.
+    expectFound(t, &CMp4Track::findSampleByCompositionTime, {{0, 1}, {2000, 3}, {2560, 2}, {3100, 6}});
     // Before the key frame is shown there is nothing to seek to.
-    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), found(sync, t, 500));
+    expectFound(t, &CMp4Track::findSyncSampleBefore, {{5000, 1}, {500, failed(MP4_ERR_NOT_AVAILABLE)}});
 }
 
 TEST(TrackFixtures, EmptyFirstEditDelaysEveryTime) {
@@ -408,8 +409,7 @@ TEST(TrackFixtures, EmptyFirstEditDelaysEveryTime) {
     EXPECT_EQ(20991u, dts[0]);
     EXPECT_EQ(22015u, dts[1]);
     EXPECT_EQ(dts, times(t, kComposition));
-    EXPECT_EQ(1u, found(&CMp4Track::findSampleByDecodeTime, t, 0));
-    EXPECT_EQ(2u, found(&CMp4Track::findSampleByDecodeTime, t, 22015));
+    expectFound(t, &CMp4Track::findSampleByDecodeTime, {{0, 1}, {22015, 2}});
 }
 
 // Raw PCM keeps one time unit per audio sample; each chunk is presented
@@ -783,12 +783,8 @@ TEST(TrackTimes, NegativeCompositionOffsets) {
     withTrack(cases[0].plan, [](CMp4Track* t) { EXPECT_EQ((std::vector<uint64_t>{0, 3, 6, 9, 12}), times(t, kDecode)); });
 }
 
-// Each search: (time, sample found or failed(code)), asked in this order.
-using Searches = std::vector<std::pair<uint64_t, uint64_t>>;
 void expectFound(const TrackPlan& plan, MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), const Searches& searches) {
-    withTrack(plan, [&](CMp4Track* t) {
-        for (const auto& [time, sample] : searches) EXPECT_EQ(sample, found(search, t, time)) << "time " << time;
-    });
+    withTrack(plan, [&](CMp4Track* t) { expectFound(t, search, searches); });
 }
 
 TEST(TrackTimes, FindSampleByDecodeTime) {
