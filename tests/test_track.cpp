@@ -482,29 +482,6 @@ TEST(TrackFixtures, CodecsAndSampleEntryFields) {
     }
 }
 
-TEST(TrackFixtures, DecoderSpecificInfoAndBufferRules) {
-    OpenedFile f("mpeg4-aac.mp4");
-    CMp4Track* video = f.track(1);
-    CMp4Track* audio = f.track(2);
-    ASSERT_TRUE(video && audio);
-    uint32_t length = 0;
-    uint8_t buffer[64] = {};
-    EXPECT_EQ(MP4_OK, audio->getDecoderSpecificInfo(nullptr, 0, &length));  // the length only
-    EXPECT_EQ(5u, length);
-    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, audio->getDecoderSpecificInfo(buffer, 4, &length));
-    EXPECT_EQ(5u, length);
-    EXPECT_EQ(MP4_OK, audio->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
-    EXPECT_EQ((Bytes{0x12, 0x08, 0x56, 0xE5, 0x00}), Bytes(buffer, buffer + length));
-    EXPECT_EQ(MP4_OK, video->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
-    EXPECT_EQ(30u, length);
-    EXPECT_EQ((Bytes{0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5}), Bytes(buffer, buffer + 9));
-    EXPECT_EQ(0x20u, get(&CMp4Track::getObjectTypeIndication, video));
-    OpenedFile amr("h263-amrnb.3gp");  // no "esds" in an AMR entry
-    CMp4Track* samr = amr.track(2);
-    ASSERT_TRUE(samr);
-    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, samr->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
-}
-
 // The payload of the first box of that type found in the bytes.
 Bytes boxPayload(const Bytes& file, const char* type) {
     for (size_t i = 4; i + 4 <= file.size(); ++i) {
@@ -516,28 +493,49 @@ Bytes boxPayload(const Bytes& file, const char* type) {
     return {};
 }
 
-TEST(TrackFixtures, CodecConfigurationIsTheRecordOfTheFile) {
+// Variable-length bytes: a null buffer asks for the length only, a buffer
+// one byte short is refused with the length needed. Returns the bytes.
+using BytesGetter = MP4Err (CMp4Track::*)(uint8_t*, uint32_t, uint32_t*);
+Bytes bytesOf(CMp4Track* t, BytesGetter getter) {
+    uint32_t length = 0;
+    EXPECT_EQ(MP4_OK, (t->*getter)(nullptr, 0, &length));
+    Bytes bytes(length);
+    if (length == 0) return bytes;
+    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, (t->*getter)(bytes.data(), length - 1, &length));
+    EXPECT_EQ(bytes.size(), length);
+    EXPECT_EQ(MP4_OK, (t->*getter)(bytes.data(), length, &length));
+    return bytes;
+}
+
+TEST(TrackFixtures, DecoderSpecificInfoAndCodecConfiguration) {
+    OpenedFile f("mpeg4-aac.mp4");
+    CMp4Track* video = f.track(1);
+    CMp4Track* audio = f.track(2);
+    ASSERT_TRUE(video && audio);
+    EXPECT_EQ((Bytes{0x12, 0x08, 0x56, 0xE5, 0x00}), bytesOf(audio, &CMp4Track::getDecoderSpecificInfo));
+    const Bytes visual = bytesOf(video, &CMp4Track::getDecoderSpecificInfo);
+    ASSERT_EQ(30u, visual.size());
+    EXPECT_EQ((Bytes{0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5}), Bytes(visual.begin(), visual.begin() + 9));
+    EXPECT_EQ(0x20u, get(&CMp4Track::getObjectTypeIndication, video));
+
     for (const auto& c : {std::make_pair("h264-aac.mp4", "avcC"), std::make_pair("hevc-hvc1.mp4", "hvcC")}) {
         SCOPED_TRACE(c.first);
         const Bytes expected = boxPayload(loadFixture(c.first), c.second);
         ASSERT_FALSE(expected.empty());
-        OpenedFile f(c.first);
-        CMp4Track* t = f.track(1);
+        OpenedFile g(c.first);
+        CMp4Track* t = g.track(1);
         ASSERT_TRUE(t);
-        uint32_t length = 0;
-        EXPECT_EQ(MP4_OK, t->getCodecConfiguration(nullptr, 0, &length));
-        ASSERT_EQ(expected.size(), length);
-        Bytes bytes(length);
-        EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->getCodecConfiguration(bytes.data(), length - 1, &length));
-        EXPECT_EQ(expected.size(), length);
-        EXPECT_EQ(MP4_OK, t->getCodecConfiguration(bytes.data(), length, &length));
-        EXPECT_EQ(expected, bytes);
+        EXPECT_EQ(expected, bytesOf(t, &CMp4Track::getCodecConfiguration));
     }
-    OpenedFile audio("audio-delay.mp4");
-    CMp4Track* t = audio.track(1);
-    ASSERT_TRUE(t);
+
+    // Neither in an AMR entry (no "esds"), nor for AAC (no record box).
+    OpenedFile amr("h263-amrnb.3gp");
+    CMp4Track* samr = amr.track(2);
+    ASSERT_TRUE(samr);
+    uint8_t buffer[64];
     uint32_t length = 7;
-    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->getCodecConfiguration(nullptr, 0, &length));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, samr->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, audio->getCodecConfiguration(nullptr, 0, &length));
     EXPECT_EQ(0u, length);
 }
 
