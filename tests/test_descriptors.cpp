@@ -338,18 +338,6 @@ TEST(ESDescriptor, FlagsByteKeepsOnlyPriorityBitsZeroAndTwo) {
     EXPECT_EQ(writeToStorage(es), desc(0x03, payload));
 }
 
-TEST(ESDescriptor, DependenceAndUrlRoundTrip) {
-    std::string url = "rtsp://example.com/a";
-    Bytes payload = ByteWriter().u16(7).u8(0xC0).u16(3).u8(static_cast<uint32_t>(url.size())).str(url, false)
-                        .raw(desc(0x04, decoderConfigPayload({}))).raw(desc(0x06, {0x02}));
-    ReadResult r = readOne(desc(0x03, payload));
-    ASSERT_EQ(r.err, MP4_OK);
-    auto* es = as<CESDescriptor>(r);
-    EXPECT_EQ(es->dependsOn_ES_ID, 3);
-    ASSERT_EQ(es->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(es), desc(0x03, payload));
-}
-
 TEST(ESDescriptor, MissingChildrenFailSizingWritingAndDumping) {
     CESDescriptor noList;
     MP4Err err = MP4_OK;
@@ -481,21 +469,6 @@ TEST(SLConfigDescriptor, DurationFieldsAreReadButNotWritten) {
               "Composition unit duration: 0\n");
 }
 
-TEST(ESIDDescriptors, RoundTripAndDump) {
-    ReadResult inc = readOne(desc(0x0E, {0x00, 0x00, 0x01, 0x02}));
-    ASSERT_EQ(inc.err, MP4_OK);
-    ASSERT_EQ(inc.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(inc.descriptor.get()), desc(0x0E, {0x00, 0x00, 0x01, 0x02}));
-    EXPECT_EQ(dumpOf(inc.descriptor.get()),
-              "--- Start descriptor\nES ID inc\nTag: 0x0e  Size: 4\nTrackID: 258\n");
-
-    ReadResult ref = readOne(desc(0x0F, {0x00, 0x03}));
-    ASSERT_EQ(ref.err, MP4_OK);
-    ASSERT_EQ(ref.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToMemory(ref.descriptor.get()), desc(0x0F, {0x00, 0x03}));
-    EXPECT_NE(dumpOf(ref.descriptor.get()).find("Track ref: 3\n"), std::string::npos);
-}
-
 // ---- dumps ---------------------------------------------------------------------------
 
 TEST(DescriptorDump, ESDescriptorTree) {
@@ -573,13 +546,20 @@ TEST(ObjectDescriptors, InitialObjectDescriptorWithProfilesOnly) {
               "Graphics profile level: 0xff\n");
 }
 
-// With track references, and the URL forms, which have no profile levels.
-TEST(ObjectDescriptors, RoundTripsByteExact) {
+// Read, resized and written (to a storage and to memory): the same bytes.
+TEST(DescriptorRoundTrip, ByteExact) {
+    std::string url = "rtsp://example.com/a";
     const Bytes cases[] = {
+        // ES with a dependence and a URL.
+        desc(0x03, ByteWriter().u16(7).u8(0xC0).u16(3).u8(static_cast<uint32_t>(url.size())).str(url, false)
+                       .raw(desc(0x04, decoderConfigPayload({}))).raw(desc(0x06, {0x02}))),
+        // IOD with track references, and the URL forms, which have no profile levels.
         desc(0x10, concat({{0x00, 0x5F, 0x01, 0x01, 0x29, 0xFE, 0x01}, desc(0x0E, {0, 0, 0, 1}),
                            desc(0x0E, {0, 0, 0, 2})})),
         desc(0x02, {0x00, 0x7F, 0x03, 'a', 'b', 'c'}),
         desc(0x01, {0x02, 0xBF, 0x01, 'x'}),  // ID 10
+        desc(0x0E, {0x00, 0x00, 0x01, 0x02}),
+        desc(0x0F, {0x00, 0x03}),
     };
     for (const Bytes& bytes : cases) {
         ReadResult r = readOne(bytes);
@@ -588,7 +568,11 @@ TEST(ObjectDescriptors, RoundTripsByteExact) {
         EXPECT_EQ(writeToStorage(r.descriptor.get()), bytes);
         EXPECT_EQ(writeToMemory(r.descriptor.get()), bytes);
     }
-    EXPECT_EQ(as<CObjectDescriptor>(readOne(cases[2]))->ObjectDescriptorID, 10);
+    EXPECT_EQ(as<CESDescriptor>(readOne(cases[0]))->dependsOn_ES_ID, 3);
+    EXPECT_EQ(as<CObjectDescriptor>(readOne(cases[3]))->ObjectDescriptorID, 10);
+    EXPECT_EQ(dumpOf(readOne(cases[4]).descriptor.get()),
+              "--- Start descriptor\nES ID inc\nTag: 0x0e  Size: 4\nTrackID: 258\n");
+    EXPECT_NE(dumpOf(readOne(cases[5]).descriptor.get()).find("Track ref: 3\n"), std::string::npos);
 }
 
 TEST(ObjectDescriptors, BuiltForAFileAndAnObjectDescriptorStream) {
