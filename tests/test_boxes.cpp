@@ -144,6 +144,11 @@ TEST(MovieBoxes, EveryBoxWritesBackWhatWasRead) {
 TEST(MovieBoxes, DumpLines) {
     const int32_t m[9] = {0, 0x00010000, 0, -0x00010000, 0, 0, 0x00F00000, 0, 0x40000000};
     const struct { Bytes bytes; int32_t depth; std::string expected; } cases[] = {
+        {box("ftyp", ByteWriter().code("isom").u32(512).code("isom").code("avc1")), 1,
+         "\n  Box type = ftyp  Size = 24\n"
+         "  Major Brand=isom Minor Version=512, #Compatible Brands=2:\n"
+         "  Compatible Brand 0: isom\n"
+         "  Compatible Brand 1: avc1\n"},
         {fullBox("mvhd", 0, 0, mvhdPayload(false, 5000)), 0,
          "\nBox type = mvhd  Size = 108\n"
          "Version = 0, Flags = 0x000000\n"
@@ -245,19 +250,7 @@ TEST(MovieBoxes, OnlyMdiaAndDinfGrowWhenAChildIsAdded) {
 // ---- ftyp -------------------------------------------------------------------
 
 TEST(FileTypeBox, ReadsBrandsAndRefusesAPartialBrand) {
-    Bytes bytes = box("ftyp", ByteWriter().code("isom").u32(512).code("isom").code("avc1"));
-    auto b = readTree(bytes);
-    auto* ftyp = as<CFileTypeBox>(b);
-    ASSERT_NE(ftyp, nullptr);
-    EXPECT_EQ(ftyp->majorBrand, fourcc("isom"));
-    ASSERT_EQ(ftyp->compatibleBrandCount, 2);
-    EXPECT_EQ(ftyp->compatibleBrands[1], fourcc("avc1"));
-    EXPECT_EQ(dumpOf(ftyp, 1),
-              "\n  Box type = ftyp  Size = 24\n"
-              "  Major Brand=isom Minor Version=512, #Compatible Brands=2:\n"
-              "  Compatible Brand 0: isom\n"
-              "  Compatible Brand 1: avc1\n");
-
+    // The brands read are checked by the dump.
     CFileTypeBox partial;
     EXPECT_EQ(readDirect(box("ftyp", ByteWriter().code("isom").u32(0).u16(0x6973)), &partial),
               MP4_ERR_BAD_BOX_SIZE);
