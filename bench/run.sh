@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Sample-index and sample-read benchmark: quil against libavformat.
+# Sample-index, sample-read and rewriting benchmark: quil against libavformat.
 #
-#   bench/run.sh          generate inputs if missing, build, run, print the table
+#   bench/run.sh          generate inputs if missing, build, run, print the tables
 #   bench/run.sh data     only generate the inputs
+#   bench/run.sh rewrite  only the rewriting workloads (remux, faststart)
 #
 # Environment: RUNS (repetitions per case, default 7; the median is used),
 # JOBS (ninja parallelism, default 2), QUIL_BENCH_DATA (input directory,
@@ -86,6 +87,12 @@ build() {
         echo "run.sh: quil_bench did not build; measuring the peer only (see $OUT/build.log)" >&2
         rm -f "$BUILD/bench/quil_bench"
     fi
+    ninja -C "$BUILD" -j"$JOBS" avformat_rewrite_peer >>"$OUT/build.log" 2>&1 ||
+        { cat "$OUT/build.log" >&2; die "the libavformat rewriting peer did not build"; }
+    if ! ninja -C "$BUILD" -j"$JOBS" quil_rewrite >>"$OUT/build.log" 2>&1; then
+        echo "run.sh: quil_rewrite did not build; measuring the peer only (see $OUT/build.log)" >&2
+        rm -f "$BUILD/bench/quil_rewrite"
+    fi
 }
 
 # --- measuring ---------------------------------------------------------------
@@ -94,11 +101,20 @@ declare -A SECS RSS SAMPLES CHECK LAYOUT ERR
 
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<" $2"; }
 
-# run_case KEY PROGRAM WORKLOAD FILE: one run, appended to the KEY's series.
+# run_case KEY PROGRAM WORKLOAD FILE [OUTPUT]: one run, appended to the KEY's
+# series. With an output file (the rewriting workloads) the page cache's
+# dirty pages are written back before the run, not during it, and the
+# output is removed afterwards.
 run_case() {
-    local key=$1 prog=$2 workload=$3 file=$4 line status=0
+    local key=$1 prog=$2 workload=$3 file=$4 output=${5:-} line status=0
     if [[ ! -x $prog ]]; then ERR[$key]="$(basename "$prog") not built"; return 0; fi
-    line=$("$prog" "$workload" "$file" 2>"$OUT/stderr") || status=$?
+    if [[ -n $output ]]; then
+        sync
+        line=$("$prog" "$workload" "$file" "$output" 2>"$OUT/stderr") || status=$?
+        rm -f "$output"
+    else
+        line=$("$prog" "$workload" "$file" 2>"$OUT/stderr") || status=$?
+    fi
     echo "$line" >>"$OUT/raw.txt"
     if (( status != 0 )); then
         ERR[$key]=$(head -n 1 "$OUT/stderr")
@@ -120,6 +136,18 @@ time_cat() {
     start=$EPOCHREALTIME
     cat "$1" >/dev/null
     end=$EPOCHREALTIME
+    awk -v a="$start" -v b="$end" 'BEGIN {printf "%.6f", b - a}'
+}
+
+# time_cp FILE OUTPUT: seconds of `cp FILE OUTPUT` (same file system as the
+# other outputs), started with no dirty pages pending.
+time_cp() {
+    local start end
+    sync
+    start=$EPOCHREALTIME
+    cp "$1" "$2"
+    end=$EPOCHREALTIME
+    rm -f "$2"
     awk -v a="$start" -v b="$end" 'BEGIN {printf "%.6f", b - a}'
 }
 
@@ -202,11 +230,85 @@ report() {
     echo "Raw result lines: $OUT/raw.txt"
 }
 
+rewrite_report() {
+    echo
+    echo "Rewriting: medians of $RUNS runs; outputs on the file system of the inputs."
+    row work input impl samples seconds peak_KB ns/sample B/sample checksum
+    local w f impl key
+    for w in remux faststart; do
+        for f in long big; do
+            [[ $w == faststart && $f == long ]] && continue
+            for impl in quil peer; do
+                key="$impl/$w/$f"
+                read -r ns bs <<<"$(per_sample "$impl" "$w" "$f")"
+                if ok "$key"; then
+                    row "$w" "$f" "$impl" "${SAMPLES[$key]}" "$(median "${SECS[$key]}")" \
+                        "$(median "${RSS[$key]}")" "$ns" "$bs" "${CHECK[$key]:0:11}"
+                else
+                    row "$w" "$f" "$impl" - - - - - -
+                    echo "       error: ${ERR[$key]:-no result}"
+                fi
+                eval "NS_${impl}_${w}_${f}=\$ns; BS_${impl}_${w}_${f}=\$bs"
+            done
+            if [[ $f == big ]]; then row "$w" "$f" cp - "$(median "$CP_SECS")" - - - -; fi
+        done
+    done
+    echo
+    echo "Cross-check (quil and peer must copy the same sample bytes):"
+    for f in long big; do
+        local q="quil/remux/$f" p="peer/remux/$f"
+        if ! ok "$q" || ! ok "$p"; then echo "  remux $f: not compared (a side failed)"
+        elif [[ ${CHECK[$q]} == "${CHECK[$p]}" && ${SAMPLES[$q]} == "${SAMPLES[$p]}" ]]; then
+            echo "  remux $f: same ${SAMPLES[$q]} samples, same bytes"
+        else
+            echo "  remux $f: DIFFERENT (quil ${SAMPLES[$q]} ${CHECK[$q]}, peer ${SAMPLES[$p]} ${CHECK[$p]})"
+        fi
+    done
+    local cp_s secs
+    cp_s=$(median "$CP_SECS")
+    secs() { ok "$1" && median "${SECS[$1]}" || echo -; }
+    echo
+    echo "Ratios (below 1 means quil is faster):"
+    printf '  %-40s %6s   target <= 1\n'    "remux 2 GB, quil / peer" "$(ratio "$(secs quil/remux/big)" "$(secs peer/remux/big)")"
+    printf '  %-40s %6s   target <= 1.2\n'  "remux 2 GB, quil / cp" "$(ratio "$(secs quil/remux/big)" "$cp_s")"
+    printf '  %-40s %6s\n'                  "remux 2 GB, peer / cp" "$(ratio "$(secs peer/remux/big)" "$cp_s")"
+    printf '  %-40s %6s   target <= 0.25\n' "remux per sample, 2-hour input" "$(ratio "$NS_quil_remux_long" "$NS_peer_remux_long")"
+    printf '  %-40s %6s\n'                  "remux peak memory per sample, 2-hour" "$(ratio "$BS_quil_remux_long" "$BS_peer_remux_long")"
+    printf '  %-40s %6s   target <= 1\n'    "faststart 2 GB, quil / peer" "$(ratio "$(secs quil/faststart/big)" "$(secs peer/faststart/big)")"
+    printf '  %-40s %6s   target <= 1.2\n'  "faststart 2 GB, quil / cp" "$(ratio "$(secs quil/faststart/big)" "$cp_s")"
+    echo "cp of the 2 GB input: $cp_s s"
+}
+
+run_rewrite() {
+    local quil=${QUIL_REWRITE_PROGRAM:-$BUILD/bench/quil_rewrite}
+    local peer=$BUILD/bench/avformat_rewrite_peer
+    local out="$DATA/rewrite-out.mp4" i f w
+    declare -A files=([long]=$LONG [long_1s]=$LONG_1S [big]=$BIG [big_1s]=$BIG_1S)
+    CP_SECS=""
+    for ((i = 1; i <= RUNS; i++)); do
+        echo "rewrite run $i of $RUNS" >&2
+        for w in remux faststart; do
+            for f in long long_1s big big_1s; do
+                [[ $w == faststart && $f == long* ]] && continue
+                run_case "quil/$w/$f" "$quil" "$w" "${files[$f]}" "$out"
+                run_case "peer/$w/$f" "$peer" "$w" "${files[$f]}" "$out"
+            done
+        done
+        CP_SECS+="$(time_cp "$BIG" "$out") "
+    done
+    rewrite_report
+}
+
 main() {
     generate
     [[ ${1:-} == data ]] && return 0
     build
     : >"$OUT/raw.txt"
+    cat "$LONG" "$LONG_1S" "$BIG" "$BIG_1S" >/dev/null
+    if [[ ${1:-} == rewrite ]]; then
+        run_rewrite
+        return 0
+    fi
     local quil=${QUIL_BENCH_PROGRAM:-$BUILD/bench/quil_bench} peer=$BUILD/bench/avformat_peer
 
     # Warm the page cache so every program, cat included, reads hot data.
@@ -227,6 +329,7 @@ main() {
         CAT_SECS+="$(time_cat "$BIG") "
     done
     report
+    run_rewrite
 }
 
 main "$@"

@@ -117,7 +117,7 @@ def check_file(quil, path, verbose):
     got = {}
     for line in out.splitlines():
         parts = line.split('\t')
-        if len(parts) != 7:
+        if len(parts) != 7 or parts[0] == 'track':  # the header row
             continue
         t, n, off, size, d, c, s = (int(x) for x in parts)
         got.setdefault(t, []).append((off, size, d, c, s))

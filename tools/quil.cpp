@@ -1,7 +1,10 @@
-// quil: command-line front end of the library.
+// quil: command-line front end of the library. Each command is a row of
+// the table at the end of this file; options may stand anywhere on the line.
 //   quil dump FILE                 the box tree as text
 //   quil info FILE [--json]        file and track properties
 //   quil samples FILE [--track N]  one line per sample
+//   quil remux IN OUT [--type N] [--faststart]
+//   quil faststart IN OUT
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -9,35 +12,14 @@
 #include <cstring>
 #include <string>
 
+#include "Command.h"
 #include "Info.h"
+#include "Rewrite.h"
 #include "quil/quil.h"
 
 namespace quil {
 namespace tool {
 namespace {
-
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-
-const char kUsage[] =
-    "usage: quil dump FILE\n"
-    "       quil info FILE [--json]\n"
-    "       quil samples FILE [--track N]\n"
-    "       quil --help\n"
-    "\n"
-    "  dump     print every box of the file with its fields\n"
-    "  info     print the file type, the movie and each track's properties;\n"
-    "           --json prints the same as one JSON document\n"
-    "  samples  print one line per sample, tab separated: track number,\n"
-    "           sample number, file offset, size, decode time, composition\n"
-    "           time (media time scale), sync (1 or 0); --track N limits\n"
-    "           the list to track N (1-based)\n";
-
-int usageError(const char* message) {
-    std::fprintf(stderr, "quil: %s (see quil --help)\n", message);
-    return kExitUsage;
-}
 
 // What a failed open most likely means, for the message.
 const char* openFailureHint(MP4Err err) {
@@ -115,6 +97,7 @@ int printTrackSamples(CMp4File* file, uint32_t number) {
 int runSamples(const char* path, uint32_t onlyTrack) {
     OpenedFile file;
     if (int status = openOrReport(&file, path)) return status;
+    std::printf("track\tsample\toffset\tsize\tdecode_time\tcomposition_time\tsync\n");
     if (onlyTrack != 0) return printTrackSamples(file.get(), onlyTrack);
     uint32_t count = 0;
     (void)file.get()->getTrackCount(&count);
@@ -124,51 +107,80 @@ int runSamples(const char* path, uint32_t onlyTrack) {
     return kExitOk;
 }
 
-// A track number 1..2^32-1 written in decimal digits only.
-bool parseTrackNumber(const char* text, uint32_t* number) {
-    if (text == nullptr || *text < '0' || *text > '9') return false;
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long long value = std::strtoull(text, &end, 10);
-    if (errno != 0 || *end != '\0' || value == 0 || value > UINT32_MAX) return false;
-    *number = static_cast<uint32_t>(value);
-    return true;
+int dumpCommand(const Arguments& arguments) { return runDump(arguments.operand(0)); }
+
+int infoCommand(const Arguments& arguments) {
+    return runInfo(arguments.operand(0), arguments.has("--json"));
+}
+
+int samplesCommand(const Arguments& arguments) {
+    uint64_t track = 0;
+    if (const char* text = arguments.value("--track")) {
+        if (!parseNumber(text, 1, UINT32_MAX, &track)) {
+            return usageError("--track needs a track number of 1 or more");
+        }
+    }
+    return runSamples(arguments.operand(0), static_cast<uint32_t>(track));
+}
+
+const Command kDumpCommand = {
+    "dump", "dump FILE",
+    "  dump     print every box of the file with its fields\n",
+    {}, 1, 1, dumpCommand,
+};
+
+const Command kInfoCommand = {
+    "info", "info FILE [--json]",
+    "  info     print the file type, the movie and each track's properties;\n"
+    "           --json prints the same as one JSON document\n",
+    {{"--json", false}}, 1, 1, infoCommand,
+};
+
+const Command kSamplesCommand = {
+    "samples", "samples FILE [--track N]",
+    "  samples  print a header row, then one line per sample, tab separated:\n"
+    "           track number, sample number, file offset, size, decode time,\n"
+    "           composition time (media time scale), sync (1 or 0); --track N\n"
+    "           limits the list to track N (1-based)\n",
+    {{"--track", true}}, 1, 1, samplesCommand,
+};
+
+// The commands, in the order --help lists them.
+const Command* const kCommands[] = {
+    &kDumpCommand, &kInfoCommand, &kSamplesCommand, &kRemuxCommand, &kFaststartCommand,
+};
+
+void printUsage() {
+    const char* prefix = "usage: quil ";
+    for (const Command* command : kCommands) {
+        std::printf("%s%s\n", prefix, command->synopsis);
+        prefix = "       quil ";
+    }
+    std::printf("%s--help\n\n", prefix);
+    for (const Command* command : kCommands) std::fputs(command->help, stdout);
 }
 
 int run(int argc, char** argv) {
     if (argc < 2) return usageError("no command given");
-    const std::string command = argv[1];
-    if (command == "--help" || command == "-h" || command == "help") {
-        std::fputs(kUsage, stdout);
+    const std::string name = argv[1];
+    if (name == "--help" || name == "-h" || name == "help") {
+        printUsage();
         return kExitOk;
     }
-    if (argc < 3) return usageError("no file given");
-    const char* path = argv[2];
-
-    if (command == "dump") {
-        if (argc != 3) return usageError("dump takes only a file");
-        return runDump(path);
-    }
-    if (command == "info") {
-        bool json = false;
-        for (int i = 3; i < argc; ++i) {
-            if (std::strcmp(argv[i], "--json") != 0) return usageError("unknown option for info");
-            json = true;
+    for (const Command* command : kCommands) {
+        if (name != command->name) continue;
+        Arguments arguments;
+        std::string error;
+        if (!arguments.parse(argc, argv, 2, command->options, &error)) {
+            return usageError(name + ": " + error);
         }
-        return runInfo(path, json);
-    }
-    if (command == "samples") {
-        uint32_t track = 0;
-        if (argc == 5 && std::strcmp(argv[3], "--track") == 0) {
-            if (!parseTrackNumber(argv[4], &track)) {
-                return usageError("--track needs a track number of 1 or more");
-            }
-        } else if (argc != 3) {
-            return usageError("samples takes a file and an optional --track N");
+        const size_t count = arguments.operands().size();
+        if (count < command->minOperands || count > command->maxOperands) {
+            return usageError(std::string("usage: quil ") + command->synopsis);
         }
-        return runSamples(path, track);
+        return command->run(arguments);
     }
-    return usageError("unknown command");
+    return usageError("unknown command " + name);
 }
 
 }  // namespace

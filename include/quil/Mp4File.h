@@ -87,6 +87,18 @@ public:
     virtual MP4Err addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
                                                 uint32_t secondTrackNumber) = 0;
     virtual MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) = 0;
+    // Write mode: copies the user data ("udta" with every box in it: asset
+    // and iTunes metadata, boxes the library does not know) of a file open
+    // for reading into this file: the movie's when both track numbers are
+    // 0, else that of track sourceTrack of the source into track
+    // targetTrack of this file (added before). RTP session data ("hnti")
+    // is left out: it belongs to the source's hint tracks. Boxes already in
+    // the target's user data stay; the copies follow them. 3 when this file
+    // is not being written, the source is not open, or there is no such
+    // track or user data (nothing is copied); 2 for a null source or when
+    // only one of the track numbers is 0.
+    virtual MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack,
+                                uint32_t targetTrack) = 0;
     virtual ~CMp4File() = default;
 
     static MP4Err createInstance(CMp4File** file);

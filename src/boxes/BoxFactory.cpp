@@ -10,6 +10,7 @@
 #include "CompressedMovie.h"
 #include "ConfigBoxes.h"
 #include "MovieBoxes.h"
+#include "PspBoxes.h"
 #include "SampleEntries.h"
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
@@ -146,10 +147,10 @@ const BoxFactoryRow kRows[] = {
     {fourcc("rtng"), kAnyBut, fourcc("ilst"), make<Opaque>},
     {fourcc("clsf"), kAny, 0, make<Opaque>},
     {fourcc("kywd"), kAny, 0, make<Opaque>},
-    {fourcc("FPRF"), kAny, 0, make<Opaque>},
-    {fourcc("APRF"), kAny, 0, make<Opaque>},
-    {fourcc("VPRF"), kAny, 0, make<Opaque>},
-    {fourcc("MTDT"), kAny, 0, make<Opaque>},
+    {fourcc("FPRF"), kAny, 0, make<CPspFprfBox>},
+    {fourcc("APRF"), kAny, 0, make<CPspAprfBox>},
+    {fourcc("VPRF"), kAny, 0, make<CPspVprfBox>},
+    {fourcc("MTDT"), kAny, 0, make<CPspMtdtBox>},
     {fourcc("pdin"), kAny, 0, make<Opaque>},
     {fourcc("tsel"), kAny, 0, make<Opaque>},
     {fourcc("pinf"), kAny, 0, make<Opaque>},
@@ -178,8 +179,8 @@ struct UuidRow {
     CBox* (*create)();
 };
 const UuidRow kUuidRows[] = {
-    {{0x50, 0x52, 0x4F, 0x46}, make<Opaque>},  // PSP profile ("PROF")
-    {{0x55, 0x53, 0x4D, 0x54}, make<Opaque>},  // PSP user metadata ("USMT")
+    {{0x50, 0x52, 0x4F, 0x46}, make<CPspProfBox>},  // PSP profile ("PROF")
+    {{0x55, 0x53, 0x4D, 0x54}, make<CPspUsmtBox>},  // PSP user metadata ("USMT")
     {{0x6B, 0x68, 0x40, 0xF2}, make<CAppleAvcBox>},  // Apple AVC private data
 };
 

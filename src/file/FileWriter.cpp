@@ -7,6 +7,7 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/ConfigBoxes.h"
 #include "boxes/MovieBoxes.h"
+#include "boxes/PspBoxes.h"
 #include "file/Mp4FileImpl.h"
 #include "track/TrackImpl.h"
 
@@ -77,7 +78,7 @@ MP4Err CMp4FileImpl::startWriting() {
     MP4Err err = MP4_OK;
     if (fileType_ != MP4_FILE_NO_FTYP && (err = writeFileTypeBox()) != MP4_OK) return err;
     if ((err = makeMovieAndMediaData()) != MP4_OK) return err;
-    // The PSP profile box (types 4 and 10) is written here by its owner.
+    if (isPspFileType() && (err = writePspProfileBox()) != MP4_OK) return err;
     if ((err = writeMediaDataHeader()) != MP4_OK) return err;
     trackCount_ = 0;
     if (fileType_ != MP4_FILE_MPEG4) return MP4_OK;
@@ -312,12 +313,42 @@ MP4Err CMp4FileImpl::appendMovie() {
 
 // PSP and XAVC files (types 4 and 10) carry user data with the date and
 // their languages; made before the session description.
-MP4Err CMp4FileImpl::addPspUserData() { return MP4_OK; }
+MP4Err CMp4FileImpl::addPspUserData() {
+    if (!isPspFileType()) return MP4_OK;
+    CMovieHeaderBox* mvhd = nullptr;
+    MP4Err err = findMovieHeader(&mvhd);
+    CBox* moov = nullptr;
+    if (err == MP4_OK) err = findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    return addPspMovieMetadata(moov, mvhd->creationTime);
+}
 
 // Hinted files: the session-level SDP stored under moov/udta/hnti.
 MP4Err CMp4FileImpl::writeSessionSdp() { return MP4_OK; }
 
 // PSP and XAVC files: the finishing step of their user data.
-MP4Err CMp4FileImpl::finishPspUserData() { return MP4_OK; }
+MP4Err CMp4FileImpl::finishPspUserData() {
+    if (!isPspFileType()) return MP4_OK;
+    CBox* moov = nullptr;
+    MP4Err err = findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    return addPspTrackMetadata(moov);
+}
+
+bool CMp4FileImpl::isPspFileType() const {
+    return fileType_ == MP4_FILE_PSP || fileType_ == MP4_FILE_XAVC;
+}
+
+// The profile box follows "ftyp" on disc; in the box list it comes after
+// "mdat" (the list's order is ftyp, moov, mdat, profile).
+MP4Err CMp4FileImpl::writePspProfileBox() {
+    std::unique_ptr<CBox> prof;
+    MP4Err err = makePspProfileBox(fileType_ == MP4_FILE_XAVC, &prof);
+    if (err != MP4_OK) return err;
+    CBox* box = prof.get();
+    if ((err = topLevelBoxes_->append(box)) != MP4_OK) return err;
+    prof.release();
+    return sizeAndWrite(box, storage_);
+}
 
 }  // namespace quil

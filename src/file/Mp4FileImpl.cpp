@@ -437,15 +437,7 @@ MP4Err CMp4FileImpl::addHintTrack(CMp4RtpHintTrack* hintTrack) {
     return MP4_ERR_UNSUPPORTED;
 }
 
-MP4Err CMp4FileImpl::optimizeFile(int32_t operation, const wchar_t* sourcePath,
-                                  const wchar_t* targetPath) {
-    if (operation != 1) return MP4_OK;  // only operation 1 is defined
-    if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
-    if (sourcePath == nullptr || targetPath == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    // Rewriting in place would destroy the source while it is being read.
-    if (std::wcscmp(sourcePath, targetPath) == 0) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
+// optimizeFile: Optimize.cpp
 
 MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t, uint32_t) {
     if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;

@@ -51,6 +51,7 @@ public:
     MP4Err addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
+    MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
 
     // For the track objects (not exported).
     // First top-level box of that type: 3 when there is none.
@@ -90,6 +91,11 @@ private:
     void deleteOwnedStorage();
     // "moov"/"mvhd" of the open file: 3 when either is missing.
     MP4Err findMovieHeader(CMovieHeaderBox** header);
+    // Steps of optimizeFile (Optimize.cpp), run with the source open as
+    // the file's storage.
+    MP4Err rewriteOpenSource(CStorage* target, const std::string& sourceUtf8,
+                             const std::string& targetUtf8);
+    MP4Err writeLeadingBoxes(CStorage* target, CBox* moov, CBox* movie);
 
     // Write path (FileWriter.cpp).
     MP4Err startWriting();
@@ -109,6 +115,8 @@ private:
     MP4Err addPspUserData();
     MP4Err writeSessionSdp();
     MP4Err finishPspUserData();
+    bool isPspFileType() const;  // 4 (PSP) and 10 (XAVC)
+    MP4Err writePspProfileBox();
     void forgetWritingTracks();
     // Releases what open made: storage (if made here), metadata, tree, path.
     void releaseAfterClose();

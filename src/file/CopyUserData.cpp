@@ -1,0 +1,112 @@
+// copyUserData: the user data of a file being read, copied into a file
+// being written (the remux path), box for box.
+#include <memory>
+#include <new>
+
+#include "Mp4FileImpl.h"
+#include "boxes/BoxFactory.h"
+#include "boxes/MovieBoxes.h"
+#include "storage/MemoryStorage.h"
+
+namespace quil {
+namespace {
+
+// User data larger than this is not metadata any player reads; refusing it
+// bounds the copy's memory.
+constexpr uint64_t kMaxUserDataBytes = 64ull << 20;
+
+// The movie (track 0) or the track-th "trak" of a file's movie.
+MP4Err findOwner(CMp4FileImpl* file, uint32_t track, CBox** owner) {
+    CBox* moov = nullptr;
+    MP4Err err = file->findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK || track == 0) {
+        *owner = moov;
+        return err;
+    }
+    return moov->findChild(fourcc("trak"), owner, track);
+}
+
+bool isCopied(const CBox* box) { return box->type != fourcc("hnti"); }
+
+// The copy goes through the boxes' own writers and readers: whatever a
+// box keeps when written and read back is kept in the copy.
+MP4Err serializeChildren(CBoxList* children, std::unique_ptr<uint8_t[]>* bytes,
+                         uint32_t* length) {
+    uint64_t total = 0;
+    for (CBoxList::Node* node = children->head(); node; node = node->next) {
+        if (!isCopied(node->box)) continue;
+        MP4Err err = node->box->calculateSize();
+        uint64_t size = 0;
+        if (err == MP4_OK) err = node->box->getSize(&size);
+        if (err != MP4_OK) return err;
+        total += size;
+        if (total > kMaxUserDataBytes) return MP4_ERR_VALUE_TOO_LARGE;
+    }
+    *length = static_cast<uint32_t>(total);
+    bytes->reset(new (std::nothrow) uint8_t[total > 0 ? total : 1]);
+    if (!*bytes) return MP4_ERR_OUT_OF_MEMORY;
+    CMemoryStorage storage;
+    storage.attach(bytes->get(), *length, true);
+    MP4Err err = storage.open(1);
+    for (CBoxList::Node* node = children->head(); err == MP4_OK && node; node = node->next) {
+        if (isCopied(node->box)) err = node->box->write(&storage);
+    }
+    storage.detach();
+    return err;
+}
+
+MP4Err targetUserData(CBox* owner, CBox** udta) {
+    MP4Err err = owner->findChild(fourcc("udta"), udta);
+    if (err != MP4_ERR_NOT_AVAILABLE) return err;
+    std::unique_ptr<CUserDataBox> made(new (std::nothrow) CUserDataBox());
+    if (!made) return MP4_ERR_OUT_OF_MEMORY;
+    err = owner->addChild(made.get());
+    if (err != MP4_OK) return err;
+    *udta = made.release();
+    return MP4_OK;
+}
+
+}  // namespace
+
+MP4Err CMp4FileImpl::copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) {
+    if (source == nullptr || (sourceTrack == 0) != (targetTrack == 0)) {
+        return MP4_ERR_INVALID_ARGUMENT;
+    }
+    CMp4FileImpl* from = dynamic_cast<CMp4FileImpl*>(source);
+    if (from == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    if (isOpen_ == 0 || mode_ != 1 || !from->isOpenFlag()) return MP4_ERR_NOT_AVAILABLE;
+
+    CBox *sourceOwner = nullptr, *targetOwner = nullptr, *sourceUdta = nullptr;
+    MP4Err err = findOwner(from, sourceTrack, &sourceOwner);
+    if (err == MP4_OK) err = findOwner(this, targetTrack, &targetOwner);
+    if (err == MP4_OK) err = sourceOwner->findChild(fourcc("udta"), &sourceUdta);
+    if (err != MP4_OK) return err;
+    CBoxList* children = sourceUdta->childList();
+    if (children == nullptr || children->count() == 0) return MP4_ERR_NOT_AVAILABLE;
+
+    std::unique_ptr<uint8_t[]> bytes;
+    uint32_t length = 0;
+    err = serializeChildren(children, &bytes, &length);
+    if (err != MP4_OK) return err;
+
+    CBox* udta = nullptr;
+    err = targetUserData(targetOwner, &udta);
+    if (err != MP4_OK) return err;
+    std::unique_ptr<CBoxList>* list = nullptr;
+    CContainerBox* container = dynamic_cast<CContainerBox*>(udta);
+    if (container == nullptr) return MP4_ERR_INVALID_DATA;
+    list = &container->children;
+    if (!*list) {
+        err = startChildList(list, container);
+        if (err != MP4_OK) return err;
+    }
+    CMemoryStorage storage;
+    storage.attach(bytes.get(), length, false);
+    err = storage.open(0);
+    uint64_t remaining = length;
+    if (err == MP4_OK) err = readChildren(list->get(), &storage, &remaining);
+    storage.detach();
+    return err;
+}
+
+}  // namespace quil
