@@ -65,6 +65,14 @@ public:
     // (its errors passed on). 4 unless the file is open for reading.
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer);
 
+    // RTP hinting (file/HintFile.cpp). The UTF-8 path of a file being
+    // written to disc, so that a hint track can read back the media samples
+    // already written; 12 for a supplied storage.
+    MP4Err pathForReadingBack(std::string* path);
+    // close, write mode: the session SDP of a hinted file, stored in
+    // moov/udta/hnti/"rtp ".
+    MP4Err writeSessionSdp();
+
 private:
     // Steps of open: the storage made for a path, the read path, and the
     // common failure exit.

@@ -1,0 +1,204 @@
+// The file object's RTP hinting and ISMA operations: hint tracks, the
+// session SDP written at close, and the object-descriptor tracks.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "Mp4FileImpl.h"
+#include "boxes/MovieBoxes.h"
+#include "hint/HintBoxes.h"
+#include "hint/Isma.h"
+#include "hint/Packetizers.h"
+#include "quil/Mp4Track.h"
+#include "storage/Base64.h"
+#include "storage/DiscStorage.h"
+#include "storage/WidePath.h"
+
+namespace quil {
+namespace {
+
+constexpr int32_t kFirstHintKind = kHintMpeg4Video;
+constexpr int32_t kLastHintKind = kHintH264;
+
+const char kSessionSdpIsma2[] = "a=control:*\r\na=isma-compliance:2,2.0,2.0\r\n";
+const char kSessionSdpIsma1[] =
+    "a=control:*\r\na=isma-compliance:1,1.0,1\r\n"
+    "a=mpeg4-iod: \"data:application/mpeg4-iod;base64,%s\"\r\n";
+
+// The child of that type, made and appended when missing.
+template <class T>
+MP4Err childOrNew(CBox* parent, uint32_t childType, T** child) {
+    *child = nullptr;
+    CBox* found = nullptr;
+    MP4Err err = parent->findChild(childType, &found, 1);
+    if (err == MP4_OK) {
+        *child = dynamic_cast<T*>(found);
+        return *child ? MP4_OK : MP4_ERR_INVALID_DATA;
+    }
+    if (err != MP4_ERR_NOT_AVAILABLE) return err;
+    std::unique_ptr<T> made(new (std::nothrow) T());
+    if (!made) return MP4_ERR_OUT_OF_MEMORY;
+    err = parent->addChild(made.get());
+    if (err != MP4_OK) return err;
+    *child = made.release();
+    return MP4_OK;
+}
+
+// What the ISMA descriptors need of one media track.
+struct IsmaTrack {
+    bool present = false;
+    uint32_t trackId = 0;
+    uint32_t bitrate = 0;
+    std::vector<uint8_t> config;
+    IsmaStream stream() const {
+        return IsmaStream{trackId, config.empty() ? nullptr : reinterpret_cast<const char*>(config.data()),
+                          static_cast<uint32_t>(config.size()), &bitrate, 0};
+    }
+};
+
+MP4Err readIsmaTrack(CMp4Track* track, IsmaTrack* out) {
+    MP4Err err = track->getTrackId(&out->trackId);
+    if (err != MP4_OK) return err;
+    uint32_t bufferSize = 0, maxBitrate = 0;
+    (void)track->getBitrates(&bufferSize, &maxBitrate, &out->bitrate);
+    uint32_t length = 0;
+    err = track->getDecoderSpecificInfo(nullptr, 0, &length);
+    if ((err == MP4_OK || err == MP4_ERR_BUFFER_TOO_SMALL) && length > 0) {
+        out->config.resize(length);
+        err = track->getDecoderSpecificInfo(out->config.data(), length, &length);
+        if (err != MP4_OK) return err;
+    }
+    out->present = true;
+    return MP4_OK;
+}
+
+}  // namespace
+
+MP4Err CMp4FileImpl::getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) {
+    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *hintTrack = nullptr;
+    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_INVALID_ARGUMENT;
+    std::unique_ptr<CMp4RtpHintTrackImpl> impl(new (std::nothrow) CMp4RtpHintTrackImpl(this, trackMode_));
+    if (!impl) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = impl->bind(trackNumber);
+    if (err != MP4_OK) return err;
+    *hintTrack = impl.release();
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) {
+    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *hintTrack = nullptr;
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    if (kind < kFirstHintKind || kind > kLastHintKind) return MP4_ERR_INVALID_ARGUMENT;
+    CMp4RtpHintTrackImpl* impl = createPacketizer(kind, this, trackMode_);
+    if (impl == nullptr) return MP4_ERR_OUT_OF_MEMORY;
+    *hintTrack = impl;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::addHintTrack(CMp4RtpHintTrack* hintTrack) {
+    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // Every call takes a payload type, counting from 96. 128 is still
+    // handed out although it lies outside the 7-bit RTP range, a limit kept
+    // deliberately; the byte then runs on to 129 and beyond, which fail.
+    const uint8_t payloadType = nextPayloadType_++;
+    if (static_cast<uint8_t>(payloadType - 1) > 127) return MP4_ERR_INVALID_ARGUMENT;
+    // Only the library's own hint tracks know how to build themselves.
+    CMp4RtpHintTrackImpl* impl = dynamic_cast<CMp4RtpHintTrackImpl*>(hintTrack);
+    if (impl == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    MP4Err err = impl->build(payloadType, hintTrackContext_);
+    if (err != MP4_OK) return err;
+    hasHintTracks_ = 1;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::getSessionSdp(uint8_t* buffer, uint32_t bufferSize) {
+    if (buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    CBox* box = nullptr;
+    MP4Err err = findTopLevelBox(fourcc("moov"), &box);
+    const uint32_t path[] = {fourcc("udta"), fourcc("hnti"), fourcc("rtp ")};
+    for (uint32_t childType : path) {
+        if (err != MP4_OK) return err;
+        CBox* child = nullptr;
+        err = box->findChild(childType, &child, 1);
+        box = child;
+    }
+    if (err != MP4_OK) return err;
+    CRtpMovieHintInformationBox* rtp = dynamic_cast<CRtpMovieHintInformationBox*>(box);
+    if (rtp == nullptr) return MP4_ERR_NOT_AVAILABLE;
+    // The text and its terminating zero.
+    if (static_cast<uint64_t>(rtp->textLength()) + 1 > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
+    std::memcpy(buffer, rtp->text(), rtp->textLength() + 1);
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::pathForReadingBack(std::string* path) {
+    path->clear();
+    if (isOpen_ == 0 || storage_ == nullptr) return MP4_ERR_NOT_AVAILABLE;
+    if (storageSupplied_ != 0) return MP4_ERR_UNSUPPORTED;
+    // Whatever the storage still buffers must reach the file first.
+    MP4Err err = storage_->flush();
+    if (err != MP4_OK) return err;
+    return widePathToUtf8(static_cast<CDiscStorage*>(storage_)->path(), path);
+}
+
+MP4Err CMp4FileImpl::writeSessionSdp() {
+    if (hasHintTracks_ == 0) return MP4_OK;
+    std::string text = kSessionSdpIsma2;
+    if (fileType_ == MP4_FILE_MPEG4) {
+        // The ISMA descriptor of the first video and first audio track; a
+        // file without either keeps the plain text.
+        IsmaTrack video, audio;
+        for (uint32_t number = 1; number <= trackCount_; ++number) {
+            CMp4Track* track = nullptr;
+            if (getTrack(number, &track) != MP4_OK) continue;
+            uint32_t kind = 0;
+            (void)track->getTrackType(&kind);
+            MP4Err err = MP4_OK;
+            if (kind == MP4_TRACK_VIDEO && !video.present) err = readIsmaTrack(track, &video);
+            if (kind == MP4_TRACK_AUDIO && !audio.present) err = readIsmaTrack(track, &audio);
+            (void)releaseTrack(track);
+            if (err != MP4_OK) return err;
+        }
+        IsmaStream videoStream = video.stream(), audioStream = audio.stream();
+        std::vector<uint8_t> iod;
+        if (buildIsmaIod(video.present ? &videoStream : nullptr,
+                         audio.present ? &audioStream : nullptr, &iod) == MP4_OK) {
+            char* encoded = nullptr;
+            uint32_t encodedLength = 0;
+            MP4Err err = base64::encode(iod.data(), static_cast<uint32_t>(iod.size()), &encoded,
+                                        &encodedLength);
+            if (err != MP4_OK) return err;
+            std::unique_ptr<char[]> owned(encoded);
+            std::vector<char> formatted(encodedLength + 256);
+            std::snprintf(formatted.data(), formatted.size(), kSessionSdpIsma1, encoded);
+            text = formatted.data();
+        }
+    }
+    if (hintTrackContext_ != nullptr) {
+        const char* replacement = hintTrackContext_->replaceSessionSdp(text.c_str());
+        if (replacement != nullptr) text = replacement;  // copied at once
+    }
+
+    CBox* moov = nullptr;
+    MP4Err err = findTopLevelBox(fourcc("moov"), &moov);
+    CUserDataBox* udta = nullptr;
+    CMovieHintInformationBox* hnti = nullptr;
+    CRtpMovieHintInformationBox* rtp = nullptr;
+    if (err == MP4_OK) err = childOrNew(moov, fourcc("udta"), &udta);
+    if (err == MP4_OK) err = childOrNew(udta, fourcc("hnti"), &hnti);
+    if (err == MP4_OK) err = childOrNew(hnti, fourcc("rtp "), &rtp);
+    if (err == MP4_OK) err = rtp->setText(text.c_str());
+    return err;
+}
+
+MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t, uint32_t) {
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    return MP4_ERR_UNSUPPORTED;
+}
+
+}  // namespace quil
