@@ -10,7 +10,8 @@
 # non-zero unless everything passed.
 #
 # Usage: scripts/check.sh [all|fuzz]   (fuzz: only stage 3)
-# Environment: JOBS (default 2), FUZZ_SECONDS (default 45).
+# Environment: JOBS (default 2), FUZZ_SECONDS (default 45), FUZZ_RUNS (when
+# set, each fuzz target runs that many executions instead of FUZZ_SECONDS).
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -81,32 +82,42 @@ have_libfuzzer() {
   return $status
 }
 
-# Seeds: every fixture and example media file (the fuzzers' working corpora
-# live in build-fuzz/corpus/, so the committed files are never modified).
+# Seeds: every fixture and example media file cut to at most 16 KiB with its
+# movie box whole (the fuzzers' working corpora live in build-fuzz/corpus/,
+# so the committed files are never modified).
 make_seeds() {
   local seeds=build-fuzz/seeds
   rm -rf "$seeds"
   mkdir -p "$seeds"
-  find tests/data examples -maxdepth 1 -type f \
-    \( -name '*.mp4' -o -name '*.mov' -o -name '*.3gp' -o -name '*.m4a' \) \
-    -exec cp {} "$seeds/" \;
+  python3 scripts/make-fuzz-seeds.py "$seeds" $(find tests/data examples -maxdepth 1 -type f \
+    \( -name '*.mp4' -o -name '*.mov' -o -name '*.3gp' -o -name '*.m4a' \)) >/dev/null
   echo "$seeds"
 }
 
+# run_fuzzer TARGET SEEDS: a run of FUZZ_SECONDS, or of FUZZ_RUNS executions
+# when that is set. Any single allocation above 256 MB is a finding: no input
+# of at most 16 KiB can justify one.
 run_fuzzer() {
   local target=$1 seeds=$2
   local corpus=build-fuzz/corpus/$target artifacts=build-fuzz/artifacts log
   mkdir -p "$corpus" "$artifacts"
   log=build-fuzz/$target.log
-  local extra=() regressions=()
+  local extra=() regressions=() budget
   # libFuzzer adds new inputs to the first corpus directory: the working
   # corpus comes first, the committed regression inputs last (read only).
   [ -d "fuzz/corpus/$target" ] && regressions+=("fuzz/corpus/$target")
   [ -f "fuzz/$target.dict" ] && extra+=("-dict=fuzz/$target.dict")
-  echo "$target: ${fuzz_seconds}s (log $log)"
+  if [ -n "${FUZZ_RUNS:-}" ]; then
+    budget=(-runs="$FUZZ_RUNS")
+    echo "$target: $FUZZ_RUNS executions (log $log)"
+  else
+    budget=(-max_total_time="$fuzz_seconds")
+    echo "$target: ${fuzz_seconds}s (log $log)"
+  fi
   if ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
      UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-     "build-fuzz/$target" -max_total_time="$fuzz_seconds" -timeout=20 -rss_limit_mb=2048 \
+     "build-fuzz/$target" "${budget[@]}" -max_len=16384 -timeout=20 \
+       -rss_limit_mb=2048 -malloc_limit_mb=256 \
        -print_final_stats=1 -artifact_prefix="$artifacts/$target-" \
        "${extra[@]}" "$corpus" "$seeds" "${regressions[@]}" >"$log" 2>&1; then
     grep -E '^(stat::number_of_executed_units|stat::peak_rss_mb)' "$log" | sed 's/^/  /'
@@ -129,8 +140,9 @@ fuzz_stage() {
   fi
   local seeds target
   seeds=$(make_seeds)
-  for target in fuzz_open fuzz_descriptors; do
-    run_fuzzer "$target" "$seeds"
+  for target in build-fuzz/fuzz_*; do
+    [ -x "$target" ] && [ -f "$target" ] || continue
+    run_fuzzer "$(basename "$target")" "$seeds"
   done
 }
 

@@ -526,6 +526,7 @@ TEST(DataReferenceBox, ReadsEntriesAsChildrenAndDumpsThemInBraces) {
               "    Box type = url   Size = 12\n    Version = 0, Flags = 0x000001\n  }\n");
     // Read twice: refused.
     MemoryFile again(Bytes(8, 0));
+    dref->remaining = 8;
     EXPECT_EQ(dref->read(again.storage()), MP4_ERR_INVALID_DATA);
 
     CDataReferenceBox made;

@@ -12,6 +12,8 @@
 #include "BoxBuilder.h"
 #include "boxes/Box.h"
 #include "boxes/BoxFactory.h"
+#include "quil/quil.h"
+#include "storage/MemoryStorage.h"
 
 namespace quil {
 namespace {
@@ -235,6 +237,109 @@ TEST(Fixtures, DamagedTreesDumpAndRewrite) {
             EXPECT_TRUE(err == MP4_OK || err == MP4_ERR_NOT_AVAILABLE) << err;
             if (err == MP4_OK) {
                 EXPECT_EQ(out.position(), size);
+            }
+        }
+    }
+}
+
+// ---- damage sweep -----------------------------------------------------------
+
+struct Span {
+    uint64_t offset;
+    uint64_t size;
+    uint32_t track;  // 1-based trak the box lies in, 0 for movie-level boxes
+};
+
+uint32_t u32At(const Bytes& bytes, uint64_t offset) {
+    return (uint32_t{bytes[offset]} << 24) | (uint32_t{bytes[offset + 1]} << 16) |
+           (uint32_t{bytes[offset + 2]} << 8) | bytes[offset + 3];
+}
+
+// Every box with a 32-bit size between begin and end, descending into the
+// containers of a movie box; the "trak" boxes themselves count as movie-level.
+void collectBoxes(const Bytes& bytes, uint64_t begin, uint64_t end, uint32_t track,
+                  std::vector<Span>* out) {
+    static const uint32_t kContainers[] = {fourcc("trak"), fourcc("mdia"), fourcc("minf"), fourcc("stbl"),
+                                           fourcc("dinf"), fourcc("edts"), fourcc("udta")};
+    uint32_t traks = 0;
+    for (uint64_t at = begin; at + 8 <= end;) {
+        uint64_t size = u32At(bytes, at);
+        if (size < 8 || at + size > end) return;
+        uint32_t type = u32At(bytes, at + 4);
+        uint32_t owner = track;
+        if (type == fourcc("trak") && track == 0) owner = ++traks;
+        out->push_back({at, size, type == fourcc("trak") ? 0 : owner});
+        for (uint32_t container : kContainers) {
+            if (type == container) collectBoxes(bytes, at + 8, at + size, owner, out);
+        }
+        at += size;
+    }
+}
+
+// One line per sample of each track that binds: offset, size, times, sync.
+std::vector<std::vector<std::string>> sampleListings(Bytes bytes) {
+    std::vector<std::vector<std::string>> listings;
+    CMemoryStorage storage;
+    storage.attach(bytes.data(), static_cast<uint32_t>(bytes.size()), false);
+    CMp4File* file = nullptr;
+    EXPECT_EQ(CMp4File::createInstance(&file), MP4_OK);
+    uint32_t tracks = 0;
+    if (file->setStorage(&storage) == MP4_OK && file->open(nullptr, 0, 0) == MP4_OK) {
+        file->getTrackCount(&tracks);
+    }
+    for (uint32_t n = 1; n <= tracks; ++n) {
+        std::vector<std::string> lines;
+        CMp4Track* track = nullptr;
+        uint32_t count = 0;
+        if (file->getTrack(n, &track) == MP4_OK && track->getSampleCount(&count) == MP4_OK) {
+            for (uint32_t i = 1; i <= count; ++i) {
+                uint64_t offset = 0, dts = 0, cts = 0;
+                uint32_t size = 0, sync = 0;
+                track->getSampleOffset(i, &offset, &size);
+                track->getSampleDecodeTime(i, &dts);
+                track->getSampleCompositionTime(i, &cts);
+                track->isSyncSample(i, &sync);
+                lines.push_back(std::to_string(offset) + " " + std::to_string(size) + " " +
+                                std::to_string(dts) + " " + std::to_string(cts) + " " +
+                                std::to_string(sync));
+            }
+        }
+        if (track) file->releaseTrack(track);
+        listings.push_back(std::move(lines));
+    }
+    file->close();
+    CMp4File::destroyInstance(&file);
+    storage.detach();
+    return listings;
+}
+
+// One damaged box at a time, declared 12 bytes long (its old payload is then
+// read as whatever follows it): the tracks that do not hold it read exactly
+// as before.
+TEST(Fixtures, DamageStaysInsideItsTrack) {
+    for (const char* name : {"h264-aac.mp4", "h263-amrnb.3gp", "timecode.mov"}) {
+        SCOPED_TRACE(name);
+        const Bytes original = loadFixture(name);
+        const auto intact = sampleListings(original);
+        ASSERT_GE(intact.size(), 2u);
+        std::vector<Span> boxes;
+        for (uint64_t at = 0; at + 8 <= original.size();) {
+            uint64_t size = u32At(original, at);
+            if (size < 8) break;
+            if (u32At(original, at + 4) == fourcc("moov")) collectBoxes(original, at + 8, at + size, 0, &boxes);
+            at += size;
+        }
+        ASSERT_GT(boxes.size(), 20u);
+        for (const Span& box : boxes) {
+            if (box.size <= 12 || box.track == 0) continue;
+            Bytes damaged = original;
+            damaged[box.offset] = damaged[box.offset + 1] = damaged[box.offset + 2] = 0;
+            damaged[box.offset + 3] = 12;
+            const auto listings = sampleListings(damaged);
+            for (uint32_t n = 1; n <= intact.size(); ++n) {
+                if (n == box.track) continue;
+                ASSERT_GE(listings.size(), n) << "box at " << box.offset;
+                EXPECT_EQ(listings[n - 1], intact[n - 1]) << "track " << n << ", box at " << box.offset;
             }
         }
     }

@@ -6,6 +6,8 @@
 
 #include "BoxFactory.h"
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
+#include "storage/MemoryStorage.h"
 
 namespace quil {
 namespace {
@@ -81,8 +83,9 @@ MP4Err CBox::write(CStorage* storage) {
     if (type == kUuid) {
         if (!usertype) return MP4_ERR_INVALID_DATA;
         err = storage->writeBlock(usertype.get(), 16);
+        if (err != MP4_OK) return err;
     }
-    return err;
+    return writeKept(storage);
 }
 
 MP4Err CBox::dump(int32_t depth) {
@@ -105,7 +108,7 @@ MP4Err CBox::dump(int32_t depth) {
 }
 
 MP4Err CBox::calculateSize() {
-    size = baseHeaderSize();
+    size = baseHeaderSize() + keptLength();
     sizeFromFile = false;
     return MP4_OK;
 }
@@ -138,9 +141,97 @@ MP4Err CBox::copyHeaderFrom(const CBox& header) {
     return MP4_OK;
 }
 
+// ---- kept payloads ------------------------------------------------------
+
+// Either the bytes themselves or where they lie in a storage that outlives
+// the tree (the file's own storage). Shared, never changed once made, so a
+// copied box can hold the same bytes.
+struct CBox::Kept {
+    std::unique_ptr<uint8_t[]> bytes;
+    CStorage* source = nullptr;
+    uint64_t offset = 0;
+    uint64_t length = 0;
+};
+
+MP4Err CBox::keepPayload(CStorage* storage) {
+    kept_.reset();
+    if (remaining == 0) return MP4_OK;
+    auto* window = dynamic_cast<CBoundedStorage*>(storage);
+    CStorage* base = window ? window->inner() : storage;
+    // Never more than the storage can deliver: a damaged size asks for
+    // nothing it does not hold.
+    if (remaining > readableBytes(storage)) return MP4_ERR_BAD_BOX_SIZE;
+    std::shared_ptr<Kept> kept(new (std::nothrow) Kept);
+    if (!kept) return MP4_ERR_OUT_OF_MEMORY;
+    kept->length = remaining;
+    // A memory storage's bytes may not outlive the reading (a decompressed
+    // movie, a copy made through memory): those are always copied.
+    bool inMemory = remaining <= kKeepInMemory || dynamic_cast<CMemoryStorage*>(base) != nullptr;
+    MP4Err err = MP4_OK;
+    if (inMemory) {
+        kept->bytes.reset(new (std::nothrow) uint8_t[remaining]);
+        if (!kept->bytes) return MP4_ERR_OUT_OF_MEMORY;
+        err = storage->readBytes(kept->bytes.get(), remaining);
+    } else {
+        kept->source = base;
+        err = storage->getPosition(&kept->offset);
+        if (err == MP4_OK) err = storage->skip(remaining);
+    }
+    if (err != MP4_OK) return err;
+    remaining = 0;
+    kept_ = std::move(kept);
+    return MP4_OK;
+}
+
+uint64_t CBox::keptLength() const { return kept_ ? kept_->length : 0; }
+
+MP4Err CBox::readKept(uint64_t offset, uint8_t* buffer, uint64_t count) const {
+    uint64_t length = keptLength();
+    if (offset > length || count > length - offset) return MP4_ERR_OUT_OF_RANGE;
+    if (count == 0) return MP4_OK;
+    if (kept_->bytes) {
+        std::memcpy(buffer, kept_->bytes.get() + offset, count);
+        return MP4_OK;
+    }
+    CStorage* source = kept_->source;
+    uint64_t saved = 0;
+    MP4Err err = source->getPosition(&saved);
+    if (err == MP4_OK) err = source->seek(kept_->offset + offset);
+    if (err == MP4_OK) err = source->readBytes(buffer, count);
+    MP4Err back = source->seek(saved);
+    return err != MP4_OK ? err : back;
+}
+
+MP4Err CBox::writeKept(CStorage* storage) const {
+    uint64_t length = keptLength();
+    if (length == 0) return MP4_OK;
+    if (kept_->bytes) {
+        // writeBlock takes a signed 32-bit count.
+        constexpr uint64_t kPiece = 1u << 30;
+        for (uint64_t done = 0; done < length;) {
+            uint64_t piece = length - done < kPiece ? length - done : kPiece;
+            MP4Err err = storage->writeBlock(kept_->bytes.get() + done, static_cast<int32_t>(piece));
+            if (err != MP4_OK) return err;
+            done += piece;
+        }
+        return MP4_OK;
+    }
+    std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kKeepInMemory]);
+    if (!piece) return MP4_ERR_OUT_OF_MEMORY;
+    for (uint64_t done = 0; done < length;) {
+        uint64_t count = length - done < kKeepInMemory ? length - done : kKeepInMemory;
+        MP4Err err = readKept(done, piece.get(), count);
+        if (err == MP4_OK) err = storage->writeBlock(piece.get(), static_cast<int32_t>(count));
+        if (err != MP4_OK) return err;
+        done += count;
+    }
+    return MP4_OK;
+}
+
 // ---- CFullBox -------------------------------------------------------------
 
 MP4Err CFullBox::readVersionAndFlags(CStorage* storage) {
+    if (remaining < 4) return MP4_ERR_BAD_BOX_SIZE;
     MP4Err err = storage->readUInt8(&version);
     if (err != MP4_OK) return err;
     err = storage->readUInt24(&flags);

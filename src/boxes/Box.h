@@ -53,6 +53,19 @@ public:
     // user type from the plain box the factory read the header into.
     MP4Err copyHeaderFrom(const CBox& header);
 
+    // Keeps the `remaining` payload bytes of a box the library does not
+    // interpret, so that writing the tree again writes the box unchanged:
+    // in memory up to kKeepInMemory bytes (or whatever a memory storage
+    // holds), beyond that as a reference to where they lie in the storage,
+    // copied from there at write time. Leaves the storage after the box.
+    MP4Err keepPayload(CStorage* storage);
+    // The kept payload's length (0 when nothing is kept).
+    uint64_t keptLength() const;
+    // Copies count bytes of the kept payload, from offset on, to buffer:
+    // 18 outside the payload, storage errors as they come.
+    MP4Err readKept(uint64_t offset, uint8_t* buffer, uint64_t count) const;
+    static constexpr uint64_t kKeepInMemory = 1u << 20;
+
     // 8, or 24 for "uuid": the header of a box with a 32-bit size.
     uint64_t baseHeaderSize() const { return type == fourcc("uuid") ? 24 : 8; }
 
@@ -61,6 +74,12 @@ public:
     std::unique_ptr<uint8_t[]> usertype;  // 16 bytes, "uuid" only
     uint64_t remaining = 0;
     bool sizeFromFile = false;
+
+private:
+    struct Kept;
+    // Writes the kept payload after the header.
+    MP4Err writeKept(CStorage* storage) const;
+    std::shared_ptr<const Kept> kept_;
 };
 
 // A box that starts its payload with an 8-bit version and 24-bit flags.
@@ -162,11 +181,11 @@ protected:
     virtual bool growsOnAddChild() const { return false; }
 };
 
-// A recognised box whose payload is kept in the file but not parsed: the
-// factory skips it. Used for boxes that carry nothing the library needs.
+// A recognised box whose payload the library does not parse: it is kept as
+// it is and written back unchanged.
 class COpaqueBox : public CBox {
 public:
-    MP4Err read(CStorage*) override { return MP4_OK; }
+    MP4Err read(CStorage* storage) override { return keepPayload(storage); }
 };
 
 }  // namespace quil

@@ -13,6 +13,7 @@
 #include "SampleEntries.h"
 #include "hint/HintBoxes.h"
 #include "storage/BaseStorage.h"
+#include "storage/BoundedStorage.h"
 #include "track/SampleTables.h"
 
 namespace quil {
@@ -229,6 +230,24 @@ Lookup findRow(const CBox& header, uint32_t parentType, CBox* (**create)()) {
     return Lookup::Unknown;
 }
 
+// Reads a known box's payload through its window and leaves the storage at
+// the box's end. What the reader left unread is skipped; a box too short for
+// its own fields ends where it ends and is kept with what it read, so the
+// damage stays inside it and its parent reads on with the next sibling.
+MP4Err readPayloadInWindow(CBox* box, CStorage* storage, uint64_t payload) {
+    uint64_t start = 0;
+    MP4Err err = storage->getPosition(&start);
+    if (err != MP4_OK) return err;
+    CReadWindow window(storage, start + payload);
+    if (!window.ok()) return MP4_ERR_IO;
+    err = box->read(window.storage());
+    // The count left is taken from where the storage stands, not from the
+    // reader's own arithmetic.
+    box->remaining = window.storage()->left();
+    if (box->remaining != 0) return window.storage()->skip(box->remaining);
+    return err == MP4_ERR_BAD_BOX_SIZE ? MP4_OK : err;
+}
+
 }  // namespace
 
 void resetBoxNesting() { gBoxNesting = 0; }
@@ -271,14 +290,11 @@ MP4Err readBox(CStorage* storage, uint32_t parentType, CBox** box, uint32_t* typ
         err = result->copyHeaderFrom(*header);
         if (err != MP4_OK) return err;
         header.reset();
-        err = result->read(storage);
-        // Unread payload is skipped; a successful skip accepts a box whose
-        // payload reader stopped early.
-        if (result->remaining != 0) err = storage->skip(result->remaining);
+        err = readPayloadInWindow(result.get(), storage, payload);
     } else {
         *type = 0;
         result = std::move(header);
-        err = storage->skip(result->remaining);
+        err = result->keepPayload(storage);
     }
     if (err != MP4_OK) return err;
 

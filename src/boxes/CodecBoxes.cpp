@@ -5,6 +5,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
 
 namespace quil {
 
@@ -13,7 +14,7 @@ namespace quil {
 MP4Err CCodecSpecificDataBox::read(CStorage* storage) {
     // The payload is bounded by the parent, so the copy is no larger than
     // the input; a payload beyond 32 bits cannot be held at all.
-    if (remaining > UINT32_MAX) return MP4_ERR_BAD_BOX_SIZE;
+    if (remaining > UINT32_MAX || remaining > readableBytes(storage)) return MP4_ERR_BAD_BOX_SIZE;
     data.reset();
     length = static_cast<uint32_t>(remaining);
     if (length == 0) return MP4_OK;

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 
 namespace quil {
@@ -95,6 +96,20 @@ MP4Err CDataCompressionBox::calculateSize() {
     return MP4_OK;
 }
 
+namespace {
+
+// The largest movie box we inflate: a real one is a small part of its file,
+// so anything beyond the file's own length (or 4 MiB for tiny files) is a
+// damaged or hostile size, refused before anything is allocated.
+uint64_t inflateCeiling(CStorage* storage) {
+    constexpr uint64_t kFloor = 4u << 20;
+    uint64_t length = 0;
+    if (storage->getLength(&length) != MP4_OK) return kFloor;
+    return length > kFloor ? length : kFloor;
+}
+
+}  // namespace
+
 // ---- "cmvd" -----------------------------------------------------------------
 
 MP4Err CCompressedMovieDataBox::read(CStorage* storage) {
@@ -104,8 +119,9 @@ MP4Err CCompressedMovieDataBox::read(CStorage* storage) {
     remaining -= 4;
 
     uint64_t compressedLength = remaining;
-    if (tInflating || compressedLength > kMax32 ||
-        uncompressedSize > compressedLength * kMaxInflateRatio) {
+    if (tInflating || compressedLength > kMax32 || compressedLength > readableBytes(storage) ||
+        uncompressedSize > compressedLength * kMaxInflateRatio ||
+        uncompressedSize > inflateCeiling(storage)) {
         // Not inflated: the compressed bytes are passed over and the box
         // is dropped like any damaged one.
         err = storage->skip(remaining);

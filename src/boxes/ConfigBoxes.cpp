@@ -3,6 +3,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 
 namespace quil {
@@ -30,6 +31,7 @@ MP4Err readRecordBox(CBox* box, std::unique_ptr<Record>* record, CStorage* stora
     CStorage* source = storage;
     CMemoryStorage copy;
     std::unique_ptr<uint8_t[]> bytes;
+    if (payload > readableBytes(storage)) return MP4_ERR_BAD_BOX_SIZE;
     if (payload > 0 && payload <= kMaxKeptPayload) {
         bytes.reset(new (std::nothrow) uint8_t[payload]);
         if (!bytes) return MP4_ERR_OUT_OF_MEMORY;

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Dump.h"
+#include "storage/BoundedStorage.h"
 #include "storage/BaseStorage.h"
 
 namespace quil {
@@ -19,7 +20,7 @@ char codeChar(uint32_t code, int index) {
 }
 
 // Reads consecutive payload fields, lowering the box's remaining count by
-// each field read. After the first failure nothing more is read and that
+// each field read and refusing (6) a field that the count cannot hold. After the first failure nothing more is read and that
 // error is kept.
 class PayloadReader {
 public:
@@ -51,6 +52,11 @@ private:
     template <class T>
     PayloadReader& get(MP4Err (CStorage::*read)(T*), T& v, uint64_t width) {
         if (err_ != MP4_OK) return *this;
+        // A box too short for its fields stops here; the count never wraps.
+        if (*remaining_ < width) {
+            err_ = MP4_ERR_BAD_BOX_SIZE;
+            return *this;
+        }
         err_ = (storage_->*read)(&v);
         if (err_ == MP4_OK) *remaining_ -= width;
         return *this;
@@ -107,7 +113,9 @@ private:
 MP4Err readTextTail(CStorage* storage, const CBox& box, std::unique_ptr<char[]>* text,
                     uint64_t* length) {
     uint64_t count = box.remaining;
-    if (count > box.size || count > kMax32) return MP4_ERR_BAD_BOX_SIZE;
+    if (count > box.size || count > kMax32 || count > readableBytes(storage)) {
+        return MP4_ERR_BAD_BOX_SIZE;
+    }
     std::unique_ptr<char[]> bytes(new (std::nothrow) char[count + 1]);
     if (!bytes) return MP4_ERR_OUT_OF_MEMORY;
     MP4Err err = storage->readBytes(reinterpret_cast<uint8_t*>(bytes.get()), count);

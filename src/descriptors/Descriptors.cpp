@@ -5,6 +5,7 @@
 #include <new>
 
 #include "FieldIO.h"
+#include "storage/BoundedStorage.h"
 #include "ObjectDescriptors.h"
 #include "boxes/Dump.h"
 #include "storage/MemoryStorage.h"
@@ -73,11 +74,7 @@ FieldWriter& FieldWriter::bytes(const uint8_t* buffer, uint32_t count) {
 MP4Err readOwnedBytes(CStorage* storage, uint32_t count, std::unique_ptr<uint8_t[]>* out) {
     out->reset();
     if (count == 0) return MP4_OK;
-    uint64_t position = 0, length = 0;
-    bool available = storage->getPosition(&position) == MP4_OK &&
-                     storage->getLength(&length) == MP4_OK && position <= length &&
-                     count <= length - position;
-    if (available) {
+    if (count <= readableBytes(storage)) {
         std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[count]);
         if (!buffer) return MP4_ERR_OUT_OF_MEMORY;
         MP4Err err = storage->readBytes(buffer.get(), count);
@@ -350,12 +347,21 @@ MP4Err readDescriptor(CStorage* storage, uint32_t allowance, CBaseDescriptor** d
     MP4Err err = header->read(storage);
     if (err != MP4_OK) return err;
 
+    // The payload is read through a window that ends with the descriptor,
+    // so a damaged size inside it cannot reach the next descriptor's bytes.
+    uint64_t start = 0;
+    err = storage->getPosition(&start);
+    if (err != MP4_OK) return err;
+    CReadWindow window(storage, start + header->remaining);
+    if (!window.ok()) return MP4_ERR_IO;
+    CStorage* payload = window.storage();
+
     bool known = false;
     std::unique_ptr<CBaseDescriptor> made(createForTag(header->tag, &known));
     if (!known) {
         // Kept in its parent as a bare header; the payload is not kept.
         if (header->remaining > 0) {
-            err = skipPayload(storage, header->remaining);
+            err = skipPayload(payload, header->remaining);
             if (err != MP4_OK) return err;
             header->remaining = 0;
         }
@@ -364,7 +370,7 @@ MP4Err readDescriptor(CStorage* storage, uint32_t allowance, CBaseDescriptor** d
     }
     if (!made) return MP4_ERR_OUT_OF_MEMORY;
     made->copyHeaderFrom(*header, nesting);
-    err = made->read(storage);
+    err = made->read(payload);
     if (err != MP4_OK) return err;  // the partly read descriptor is freed here
     if (tag) *tag = made->tag;
     *descriptor = made.release();

@@ -12,31 +12,30 @@
 
 namespace quil {
 
-// Reads fields and lowers *remaining by each field that was read. The
-// count wraps like the unsigned counter it is: callers that must not read
-// past their payload check it first.
+// Reads fields and lowers *remaining by each field that was read; a field
+// the count cannot hold is refused with 6, so the count never wraps.
 class FieldReader {
 public:
     FieldReader(CStorage* storage, uint32_t* remaining) : storage_(storage), remaining_(remaining) {}
 
     FieldReader& u8(uint8_t* value) {
-        if (err_ == MP4_OK) consumed(storage_->readUInt8(value), 1);
+        if (err_ == MP4_OK && fits(1)) consumed(storage_->readUInt8(value), 1);
         return *this;
     }
     FieldReader& u16(uint16_t* value) {
-        if (err_ == MP4_OK) consumed(storage_->readUInt16(value), 2);
+        if (err_ == MP4_OK && fits(2)) consumed(storage_->readUInt16(value), 2);
         return *this;
     }
     FieldReader& u24(uint32_t* value) {
-        if (err_ == MP4_OK) consumed(storage_->readUInt24(value), 3);
+        if (err_ == MP4_OK && fits(3)) consumed(storage_->readUInt24(value), 3);
         return *this;
     }
     FieldReader& u32(uint32_t* value) {
-        if (err_ == MP4_OK) consumed(storage_->readUInt32(value), 4);
+        if (err_ == MP4_OK && fits(4)) consumed(storage_->readUInt32(value), 4);
         return *this;
     }
     FieldReader& bytes(uint8_t* buffer, uint32_t count) {
-        if (err_ == MP4_OK && count > 0) consumed(storage_->readBytes(buffer, count), count);
+        if (err_ == MP4_OK && count > 0 && fits(count)) consumed(storage_->readBytes(buffer, count), count);
         return *this;
     }
     MP4Err error() const { return err_; }
@@ -45,6 +44,11 @@ private:
     void consumed(MP4Err result, uint32_t width) {
         err_ = result;
         if (result == MP4_OK) *remaining_ -= width;
+    }
+    bool fits(uint32_t width) {
+        if (*remaining_ >= width) return true;
+        err_ = MP4_ERR_BAD_BOX_SIZE;
+        return false;
     }
 
     CStorage* storage_;
