@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "Hint.h"
 #include "Info.h"
 #include "quil/quil.h"
 
@@ -69,7 +70,7 @@ int runDump(const char* path) {
         reportError(path, err);
         return kExitFailure;
     }
-    return kExitOk;
+    return dumpHintSamples(file.get());
 }
 
 int runInfo(const char* path, bool json) {
@@ -167,6 +168,22 @@ int run(int argc, char** argv) {
             return usageError("samples takes a file and an optional --track N");
         }
         return runSamples(path, track);
+    }
+    if (command == "sdp") {
+        const char* to = nullptr;
+        if (argc == 5 && std::strcmp(argv[3], "--to") == 0) to = argv[4];
+        else if (argc != 3) return usageError("sdp takes a file and an optional --to HOST:PORT");
+        return runSdp(path, to);
+    }
+    if (command == "rtp-send") {
+        const char* to = nullptr;
+        double speed = 1.0;
+        for (int i = 3; i + 1 < argc; i += 2) {
+            if (std::strcmp(argv[i], "--to") == 0) to = argv[i + 1];
+            else if (std::strcmp(argv[i], "--speed") == 0) speed = std::atof(argv[i + 1]);
+            else return usageError("unknown option for rtp-send");
+        }
+        return runRtpSend(path, to, speed);
     }
     return usageError("unknown command");
 }
