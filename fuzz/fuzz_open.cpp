@@ -112,7 +112,8 @@ void queryTrackProperties(CMp4Track* track) {
     (void)track->getObjectTypeIndication(&u8);
     (void)track->getBitrates(&u32, &a, &b);
     (void)track->getPixelAspectRatio(&a, &b);
-    (void)track->getInitialDelay(&u64);
+    int64_t mediaTime = 0;
+    (void)track->getInitialDelay(&u64, &mediaTime);
     for (uint32_t which = 0; which <= 4; ++which) {
         (void)track->getTimecodeFlag(which, &u8);
     }
@@ -144,7 +145,6 @@ void querySample(CMp4Track* track, uint32_t sample, std::vector<uint8_t>& buffer
     (void)track->getSampleDecodeTime(sample, &time);
     (void)track->getSampleCompositionTime(sample, &time);
     (void)track->isSyncSample(sample, &value);
-    (void)track->getSampleDescriptionIndex(sample, &value);
     if (track->getSampleSize(sample, &size) != MP4_OK) {
         return;
     }

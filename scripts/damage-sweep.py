@@ -56,15 +56,17 @@ def usable_tracks(quil, path):
 def ffprobe_streams(path):
     """Streams from which ffprobe actually reads packets."""
     code, out = run(["ffprobe", "-v", "quiet", "-count_packets", "-show_entries",
-                     "stream=nb_read_packets", "-of", "json", path])
+                     "stream=nb_read_packets:stream_disposition=attached_pic", "-of", "json", path])
     if code != 0:
         return 0
     try:
         streams = json.loads(out).get("streams", [])
     except ValueError:
         return 0
+    # Cover art from iTunes metadata shows as a stream but is no track.
     return sum(1 for s in streams if str(s.get("nb_read_packets", "0")).isdigit()
-               and int(s.get("nb_read_packets", "0")) > 0)
+               and int(s.get("nb_read_packets", "0")) > 0
+               and not s.get("disposition", {}).get("attached_pic"))
 
 
 def boxes_inside(box, track=None, out=None):

@@ -1,12 +1,15 @@
 // The box header forms, the factory's rules and the container reader.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <set>
+#include <string>
 #include <tuple>
 
 #include "BoxBuilder.h"
 #include "boxes/Box.h"
 #include "boxes/BoxFactory.h"
+#include "storage/DiscStorage.h"
 
 namespace quil {
 namespace {
@@ -157,27 +160,61 @@ TEST(BoxFactory, TableHasNoDuplicateRows) {
     }
 }
 
-TEST(ContainerReading, ChildTooLargeSkipsTheRestOfTheParent) {
-    Bytes moov = box("moov", concat({box("free", Bytes(4, 0)), box("skip", Bytes(4, 0), 200),
-                                     Bytes(12, 0)}));
-    auto r = readOne(concat({moov, box("free", {})}));
-    ASSERT_EQ(r.err, MP4_OK);
-    ASSERT_NE(r.box->childList(), nullptr);
-    EXPECT_EQ(r.box->childList()->count(), 1u);
-    EXPECT_EQ(r.position, moov.size());
+// What a reader does not interpret is kept: writing the tree again gives
+// back the bytes that were read, and the storage ends after the box.
+TEST(ContainerReading, WhatIsNotInterpretedIsWrittenBackUnchanged) {
+    const Bytes waveEnd = ByteWriter().u32(8).u32(0);
+    const struct {
+        const char* what;
+        Bytes bytes;
+        uint32_t children;
+    } cases[] = {
+        {"child larger than its parent",
+         box("moov", concat({box("free", Bytes(4, 0)), box("skip", Bytes(4, 0), 200), Bytes(12, 0)})), 1},
+        {"stray bytes after the children", box("moov", concat({box("free", {}), Bytes(5, 0xEE)})), 1},
+        {"terminator of a wave", box("wave", concat({box("enda", Bytes(2, 1)), waveEnd, Bytes(4, 0)})), 1},
+        {"damaged child", box("trak", concat({box("free", {}), box("skip", {}, 4), box("free", {})})), 1},
+        {"table shorter than its count",
+         box("stbl", test::fullBox("stsz", 0, 0, ByteWriter().u32(0).u32(75).u32(1))), 1},
+        {"box too short for its fields", box("moov", concat({test::fullBox("dref", 0, 0, {}), box("free", {})})),
+         2},
+        {"unknown box inside a known one", box("moov", box("zzzz", Bytes(300, 9))), 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto r = readOne(concat({c.bytes, box("free", {})}));
+        ASSERT_EQ(r.err, MP4_OK);
+        ASSERT_NE(r.box->childList(), nullptr);
+        EXPECT_EQ(r.box->childList()->count(), c.children);
+        EXPECT_EQ(r.position, c.bytes.size());
+        EXPECT_EQ(test::writeTree(r.box.get()), c.bytes);
+    }
 }
 
-TEST(ContainerReading, TrailingBytesAreSkippedAndDamagedChildEndsQuietly) {
-    Bytes trailing = box("moov", concat({box("free", {}), Bytes(5, 0xEE)}));
-    auto r = readOne(trailing);
-    ASSERT_EQ(r.err, MP4_OK);
-    EXPECT_EQ(r.box->childList()->count(), 1u);
-    EXPECT_EQ(r.position, trailing.size());
+// A payload beyond the in-memory bound stays in the file and is copied
+// from there when written.
+TEST(ContainerReading, LargeUnknownPayloadIsCopiedFromTheFile) {
+    Bytes payload(CKeptBytes::kKeepInMemory + 100);
+    for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 7);
+    const Bytes file = concat({box("zzzz", payload), box("free", {})});
+    std::string path = testing::TempDir() + "quil-large-unknown.bin";
+    FILE* out = fopen(path.c_str(), "wb");
+    ASSERT_NE(out, nullptr);
+    fwrite(file.data(), 1, file.size(), out);
+    fclose(out);
 
-    Bytes damaged = box("trak", concat({box("free", {}), box("skip", {}, 4), box("free", {})}));
-    auto d = readOne(damaged);
-    ASSERT_EQ(d.err, MP4_OK);
-    EXPECT_EQ(d.box->childList()->count(), 1u);
+    CDiscStorage disc;
+    std::wstring wide(path.begin(), path.end());
+    ASSERT_EQ(disc.setPath(wide.c_str()), MP4_OK);
+    ASSERT_EQ(disc.open(0), MP4_OK);
+    uint64_t remaining = file.size();
+    CBox* read = nullptr;
+    uint32_t type = 0;
+    ASSERT_EQ(readBox(&disc, 0, &read, &type, &remaining), MP4_OK);
+    std::unique_ptr<CBox> owned(read);
+    EXPECT_EQ(test::writeTree(read), box("zzzz", payload));
+    disc.close();
+    std::remove(path.c_str());
 }
 
 TEST(ContainerReading, DeepNestingIsBoundedAndDoesNotCrash) {

@@ -405,21 +405,24 @@ TEST(HandlerReferenceBox, NameIsPlainOrCounted) {
               "    Handler type=vide\n"
               "    Name=VideoHandler\n");
 
-    // Counted, as QuickTime writes it: the count byte is dropped.
-    auto counted = readTree(hdlrBox(ByteWriter().u8(5).str("Apple", false)));
+    // Counted, as QuickTime writes it: the count byte is dropped from the
+    // name, and the bytes are written back as they were read.
+    const Bytes countedBytes = hdlrBox(ByteWriter().u8(5).str("Apple", false));
+    auto counted = readTree(countedBytes);
     hdlr = as<CHandlerReferenceBox>(counted);
     EXPECT_STREQ(hdlr->name.get(), "Apple");
+    EXPECT_EQ(writeTree(hdlr), countedBytes);
+    // A name set anew is written zero-terminated.
+    ASSERT_EQ(hdlr->setName("Apple"), MP4_OK);
     EXPECT_EQ(writeTree(hdlr), hdlrBox(ByteWriter().str("Apple")));
 
-    // Neither terminated nor counted: kept whole, terminated when written.
-    auto bare = readTree(hdlrBox(ByteWriter().str("Bare", false)));
-    EXPECT_STREQ(as<CHandlerReferenceBox>(bare)->name.get(), "Bare");
-    EXPECT_EQ(writeTree(bare.get()).size(), 32u + 5);
-
-    // A name with a zero inside counts up to the zero.
-    auto inner = readTree(hdlrBox(ByteWriter().str("ab").str("cd")));
-    EXPECT_EQ(as<CHandlerReferenceBox>(inner)->nameLength(), 2u);
-    EXPECT_EQ(writeTree(inner.get()), hdlrBox(ByteWriter().str("ab")));
+    // Neither terminated nor counted, or with a zero inside: the name ends
+    // at the end or the zero, and the bytes come back unchanged.
+    for (const Bytes& raw : {hdlrBox(ByteWriter().str("Bare", false)), hdlrBox(ByteWriter().str("ab").str("cd"))}) {
+        auto odd = readTree(raw);
+        EXPECT_LE(as<CHandlerReferenceBox>(odd)->nameLength(), 4u);
+        EXPECT_EQ(writeTree(odd.get()), raw);
+    }
 
     auto none = readTree(hdlrBox({}));
     EXPECT_EQ(as<CHandlerReferenceBox>(none)->name, nullptr);
@@ -442,6 +445,8 @@ TEST(HandlerReferenceBox, NamesForNewTracks) {
          "QUIL Object Descriptor Handler", fourcc("nmhd")},
         {MP4_TRACK_SCENE_DESCRIPTION, MP4_FILE_XAVC, fourcc("sdsm"), "QUIL BIFS Handler",
          fourcc("nmhd")},
+        {MP4_TRACK_TIMECODE, MP4_FILE_QUICKTIME, fourcc("tmcd"), "QUIL Time Code Handler",
+         fourcc("gmhd")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -457,7 +462,7 @@ TEST(HandlerReferenceBox, NamesForNewTracks) {
     }
     uint32_t handler = 0;
     const char* name = nullptr;
-    EXPECT_EQ(handlerForMediaKind(MP4_TRACK_TIMECODE, 0, &handler, &name), MP4_ERR_INVALID_ARGUMENT);
+    EXPECT_EQ(handlerForMediaKind(MP4_TRACK_OTHER, 0, &handler, &name), MP4_ERR_INVALID_ARGUMENT);
     CBox* header = nullptr;
     EXPECT_EQ(createMediaHeaderBox(MP4_TRACK_OTHER, &header), MP4_ERR_INVALID_ARGUMENT);
     EXPECT_EQ(header, nullptr);

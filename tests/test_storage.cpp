@@ -11,6 +11,7 @@
 
 #include "storage/Base64.h"
 #include "storage/BaseStorage.h"
+#include "storage/BoundedStorage.h"
 #include "storage/DiscStorage.h"
 #include "storage/MemoryStorage.h"
 #include "storage/WidePath.h"
@@ -327,6 +328,40 @@ public:
     Bytes input{0x80, 0x01, 0x02}, output;
     uint32_t blockCount = 0;
 };
+
+// A read window refuses what crosses its end without moving, and a nested
+// window narrows the outer one only for its own lifetime.
+TEST(BoundedStorageTest, WindowsRefuseReadsPastTheirEnd) {
+    uint8_t bytes[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    CMemoryStorage memory;
+    memory.attach(bytes, sizeof bytes, false);
+    ASSERT_EQ(MP4_OK, memory.seek(2));
+    CReadWindow outer(&memory, 12);
+    ASSERT_TRUE(outer.ok());
+    CStorage* view = outer.storage();
+    uint32_t u32 = 0;
+    ASSERT_EQ(MP4_OK, view->readUInt32(&u32));
+    EXPECT_EQ(0x03040506u, u32);
+    {
+        CReadWindow inner(view, 8);
+        EXPECT_EQ(inner.storage(), view);
+        uint16_t u16 = 0;
+        EXPECT_EQ(MP4_OK, inner.storage()->readUInt16(&u16));
+        EXPECT_EQ(MP4_ERR_BAD_BOX_SIZE, inner.storage()->readUInt8(reinterpret_cast<uint8_t*>(&u16)));
+        EXPECT_EQ(0u, readableBytes(inner.storage()));
+    }
+    uint64_t position = 0;
+    ASSERT_EQ(MP4_OK, view->getPosition(&position));
+    EXPECT_EQ(8u, position);
+    EXPECT_EQ(4u, readableBytes(view));
+    uint8_t block[8] = {};
+    EXPECT_EQ(MP4_ERR_BAD_BOX_SIZE, view->readBytes(block, 5));
+    EXPECT_EQ(MP4_ERR_BAD_BOX_SIZE, view->skip(5));
+    ASSERT_EQ(MP4_OK, view->readBytes(block, 4));
+    EXPECT_EQ(12, block[3]);
+    EXPECT_EQ(MP4_ERR_BAD_BOX_SIZE, view->readUInt8(block));
+    memory.detach();
+}
 
 TEST(BaseStorageTest, DefaultBodies) {
     ByteOnlyStorage storage;

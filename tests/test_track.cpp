@@ -91,6 +91,12 @@ uint64_t get(MP4Err (CMp4Track::*getter)(T*), CMp4Track* t) {
     return err == MP4_OK ? static_cast<uint64_t>(value) : failed(err);
 }
 
+uint64_t initialDelay(CMp4Track* t) {
+    uint64_t delay = 0;
+    EXPECT_EQ(MP4_OK, t->getInitialDelay(&delay));
+    return delay;
+}
+
 uint64_t found(MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), CMp4Track* t, uint64_t time) {
     uint32_t sample = 0;
     MP4Err err = (t->*search)(time, &sample);
@@ -369,7 +375,7 @@ TEST(TrackFixtures, CompositionTimesAndSearchesWithBFrames) {
     EXPECT_EQ((std::vector<uint64_t>{1024, 2560, 1536, 2048, 4096, 3072}), std::vector<uint64_t>(cts.begin(), cts.begin() + 6));
     EXPECT_EQ(12800u, cts[24]);
     EXPECT_EQ(12288u, times(t, kDecode)[24]);
-    EXPECT_EQ(0u, get(&CMp4Track::getInitialDelay, t));  // the edit skips media, it does not delay it
+    EXPECT_EQ(0u, initialDelay(t));  // the edit skips media, it does not delay it
     EXPECT_EQ(std::make_pair(uint64_t{9925}, 180u), place(t, 25));
 
     auto byCts = &CMp4Track::findSampleByCompositionTime;
@@ -387,7 +393,7 @@ TEST(TrackFixtures, EmptyFirstEditDelaysEveryTime) {
     OpenedFile f("audio-delay.mp4");
     CMp4Track* t = f.track(1);
     ASSERT_TRUE(t);
-    EXPECT_EQ(20991u, get(&CMp4Track::getInitialDelay, t));  // 476 ms at 44100 Hz, truncated
+    EXPECT_EQ(20991u, initialDelay(t));  // 476 ms at 44100 Hz, truncated
     std::vector<uint64_t> dts = times(t, kDecode);
     ASSERT_EQ(45u, dts.size());
     EXPECT_EQ(20991u, dts[0]);
@@ -745,7 +751,7 @@ TEST(TrackTimes, EmptyFirstEditOfOneSecond) {
     OpenedFile f(buildFile(plan));
     CMp4Track* t = f.track(1);
     ASSERT_TRUE(t);
-    EXPECT_EQ(44100u, get(&CMp4Track::getInitialDelay, t));
+    EXPECT_EQ(44100u, initialDelay(t));
     EXPECT_EQ((std::vector<uint64_t>{44100, 45124, 46148}), times(t, kDecode));
     EXPECT_EQ(times(t, kDecode), times(t, kComposition));
 }

@@ -27,9 +27,22 @@ public:
 // A media file opened for reading (mode 0) or created for writing (mode 1).
 // Obtain one with createInstance, release it with destroyInstance; close it
 // first. Track numbers are 1-based positions among the file's tracks.
+//
+// Writing: open(path, 1, fileType) writes the "ftyp" of the file type
+// (MP4FileType; none for type 9) and a 16-byte "mdat" header at once;
+// addTrack hands out tracks whose samples go into "mdat" chunk by chunk
+// (see CMp4Track's writing calls); releaseTrack finalises a track; close
+// rewrites the "mdat" header with its final size and appends "moov" (a file
+// closed without tracks gets no "moov"). The movie's duration is the first
+// track's.
 class QUIL_API CMp4File {
 public:
     virtual MP4Err open(const wchar_t* path, uint32_t mode, uint32_t fileType) = 0;
+    // Read mode: releases the box tree and the storage. Write mode: also
+    // finishes the file as above. Release every track first. When a step
+    // fails (a write error gives 4), its code is returned and the file stays
+    // open, nothing lost: the caller may call close again (e.g. after
+    // freeing disc space) or give up and destroy the object.
     virtual MP4Err close() = 0;
     virtual MP4Err isOpen(uint32_t* open) = 0;
     virtual MP4Err setStorage(CStorage* storage) = 0;  // caller-owned, used by the next open
@@ -45,13 +58,25 @@ public:
     virtual MP4Err setCreationTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour,
                                    uint32_t minute, uint32_t second) = 0;
     virtual MP4Err getTrack(uint32_t trackNumber, CMp4Track** track) = 0;
+    // Write mode only (3 otherwise): a new, empty track numbered
+    // trackCount + 1, with track ID = its number, time scale 1000 and
+    // language "und"; set its kind next (CMp4Track::setTrackType).
     virtual MP4Err addTrack(CMp4Track** track) = 0;
+    // Hands a track back and deletes it. A writing track that holds samples
+    // is finalised first: its last chunk is written, and durations, bit
+    // rates and the edit list are filled in. When that fails the error is
+    // returned and the track stays the caller's (release it again or
+    // close after fixing the cause).
     virtual MP4Err releaseTrack(CMp4Track* track) = 0;
     virtual MP4Err getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) = 0;
     virtual MP4Err createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) = 0;
     virtual MP4Err addHintTrack(CMp4RtpHintTrack* hintTrack) = 0;
     virtual MP4Err setHintTrackContext(CMp4HintTrackContext* context) = 0;
     virtual MP4Err dumpBoxes() = 0;
+    // 0..2 (2 above). Tracks made afterwards take it: for a writing audio
+    // track, 1 or 2 writes raw audio chunk-as-sample (each addSample call
+    // becomes one chunk of size / bytes-per-audio-sample samples of
+    // duration 1).
     virtual MP4Err setTrackMode(uint32_t trackMode) = 0;
     virtual MP4Err optimizeFile(int32_t operation, const wchar_t* sourcePath,
                                 const wchar_t* targetPath) = 0;

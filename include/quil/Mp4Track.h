@@ -12,6 +12,54 @@ namespace quil {
 
 class CMp4MetaData;
 
+// Codec parameters of a sample entry made by CMp4Track::addSampleEntry.
+// Value-initialise it (MP4SampleEntryInfo info{};) and fill what the
+// format needs:
+//
+// | format                      | needs                                        |
+// |-----------------------------|----------------------------------------------|
+// | "avc1", "avc3"              | width, height; config = AVC decoder          |
+// |                             | configuration record ("avcC" payload)        |
+// | "hvc1", "hev1"              | width, height; config = HEVC decoder         |
+// |                             | configuration record ("hvcC" payload)        |
+// | "mp4v"                      | width, height; config = decoder-specific     |
+// |                             | info (VOS/VOL headers), may be empty         |
+// | "s263"                      | width, height; config = the 7-byte "d263"    |
+// |                             | payload, or empty for vendor "quil",         |
+// |                             | level 10, profile 0                          |
+// | "jpeg"                      | width, height                                |
+// | "mp4a"                      | sampleRate, channels; config = decoder-      |
+// |                             | specific info (AudioSpecificConfig for AAC), |
+// |                             | empty for MP3 (objectTypeIndication 0x6B)    |
+// | "samr", "sawb"              | config = the 9-byte "damr" payload, or empty |
+// |                             | for vendor "quil", all modes, 1 frame/sample |
+// | "twos", "sowt", "raw ",     | sampleRate, channels, sampleBits (8/16 or    |
+// | "ulaw", "alaw"              | the coded size)                              |
+// | "in24", "fl32"              | sampleRate, channels; littleEndian           |
+// | "lpcm"                      | sampleRate, channels, sampleBits;            |
+// |                             | littleEndian, isFloat                        |
+//
+// Bit rates and buffer size of "esds"/"btrt" are filled in when the track
+// is finalised.
+struct MP4SampleEntryInfo {
+    uint32_t format = 0;  // four-character code, e.g. fourcc("avc1")
+    // Visual entries: coded size in pixels.
+    uint16_t width = 0;
+    uint16_t height = 0;
+    // Sound entries.
+    uint32_t sampleRate = 0;  // Hz
+    uint16_t channels = 0;
+    uint16_t sampleBits = 0;  // bits per channel sample; 0 means 16
+    bool littleEndian = false;  // "in24", "fl32", "lpcm"
+    bool isFloat = false;       // "lpcm"
+    // "mp4v"/"mp4a": ES object type indication; 0 picks 0x20 (MPEG-4
+    // visual) or 0x40 (MPEG-4 audio).
+    uint8_t objectTypeIndication = 0;
+    // Codec configuration bytes (copied), as the table above says.
+    const uint8_t* config = nullptr;
+    uint32_t configLength = 0;
+};
+
 // Sample numbers are 1-based. Times are 64-bit values in the track's media
 // time scale; decode and composition times include the edit list's initial
 // delay. Out-parameters are set to 0 before anything is checked.
@@ -72,24 +120,91 @@ public:
     virtual MP4Err findSyncSampleBefore(uint64_t time, uint32_t* sample) = 0;
     virtual MP4Err findSampleByDecodeTime(uint64_t time, uint32_t* sample) = 0;
 
-    // Writing.
-    virtual MP4Err setTrackType(uint32_t type) = 0;  // MP4TrackType
-    virtual MP4Err addVisualSampleEntry(uint32_t format, uint16_t width, uint16_t height,
-                                        const uint8_t* config, uint32_t configLength) = 0;
+    // ---- Writing -----------------------------------------------------------
+    // A track made by CMp4File::addTrack on a file opened for writing. The
+    // usual order: setTrackType, then setTimeScale / setLanguage /
+    // setHandlerName / setDimensions as wanted, then addSampleEntry (or
+    // addSampleEntryFrom), then addSample for every sample in decode order,
+    // then CMp4File::releaseTrack, which finalises the track. Calls on a
+    // track of a file opened for reading give 3 (5 when it is not bound).
+
+    // Sets the kind (MP4TrackType): video, audio, hint, object descriptor,
+    // scene description or time code. Builds the media header, the handler
+    // ("vide", "soun", "hint", "odsm", "sdsm", "tmcd", with a default name
+    // unless setHandlerName came first), the data reference and the empty
+    // sample tables; audio tracks get volume 1.0. Once per track: 3 when
+    // already set, 2 for another kind. The sample entry and sample calls
+    // need the kind first (5 before it); the header setters (time scale,
+    // language, creation time, dimensions, volume, handler name, edit list,
+    // chunk limits) do not.
+    virtual MP4Err setTrackType(uint32_t type) = 0;
+    // Adds a sample entry built from the codec parameters in *info (see
+    // MP4SampleEntryInfo for what each format takes). Samples refer to
+    // the first entry, so a track normally gets exactly one. 2 for a null
+    // info, a format this call cannot build, missing or malformed
+    // configuration bytes (an "avcC"/"hvcC" record that does not parse),
+    // or a format that does not suit the track kind; 5 before
+    // setTrackType.
+    virtual MP4Err addSampleEntry(const MP4SampleEntryInfo* info) = 0;
+    // Chunking: a chunk closes when its byte count reaches byteLimit
+    // (default 1000000, 0 = none), its sample count reaches 100, or its
+    // duration reaches durationLimit (media time units, default 0 = none).
+    // Always 0.
     virtual MP4Err setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) = 0;
-    virtual MP4Err addSoundSampleEntry(uint32_t format, uint32_t sampleRate, uint16_t channels,
-                                       uint16_t sampleBits, const uint8_t* config,
-                                       uint32_t configLength) = 0;
-    virtual MP4Err setDimensions(uint32_t width, uint32_t height) = 0;  // "tkhd"
+    // Adds a copy of the index-th (1-based) sample entry of another track,
+    // typically one being read, unchanged with all its child boxes (codec
+    // configuration, colour, aspect ratio, unknown boxes): the remux path.
+    // 2 for a null source or the track itself, 17 for index 0, 3 when the
+    // source has no such entry, 5 before setTrackType.
+    virtual MP4Err addSampleEntryFrom(CMp4Track* source, uint32_t index) = 0;
+    // Presentation size in pixels, kept by the track header ("tkhd") as
+    // 16.16 values, and the clockwise rotation a player applies (0, 90,
+    // 180 or 270 degrees, as getRotateAngle reports it; written as the
+    // header's transformation matrix). Video tracks default to the first
+    // sample entry's size and no rotation when this is never called.
+    // 2 for a size above 65535 or another angle.
+    virtual MP4Err setDimensions(uint32_t width, uint32_t height, uint32_t rotation = 0) = 0;
+    // Track volume, 8.8 fixed point (0x0100 = full).
     virtual MP4Err setVolume(int16_t volume) = 0;
+    // Human-readable handler name ("hdlr"), e.g. "SoundHandler"; at most
+    // 255 bytes are kept; may come before setTrackType. 2 for a null name.
     virtual MP4Err setHandlerName(const char* name) = 0;
+    // Raw audio written chunk-as-sample (file track mode 1 or 2): each
+    // addSample call holds size / (bytes per audio sample) audio samples.
+    // The bytes per audio sample come from the sample entry (channels x
+    // bytes per channel sample); this multiplies them (e.g. by the frames
+    // per packet of a packed format). 2 for 0, 5 before the sample entry.
     virtual MP4Err setAudioSampleFactor(uint32_t factor) = 0;
+    // Appends a sample: its bytes (copied), size (non-zero), decode and
+    // composition time in the media time scale, and whether it is a sync
+    // (random access) sample. Decode times must increase strictly and the
+    // composition time may not precede the decode time (13); sizes of 0
+    // give 2; before a sample entry 5; a write error of the file 4 (the
+    // samples already accepted stay intact). A chunk is written to the
+    // file when one of the chunk limits is reached.
     virtual MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
                              uint64_t compositionTime, bool sync) = 0;
+    // Adds delta to every chunk offset (used when "mdat" moves).
     virtual MP4Err shiftChunkOffsets(int32_t delta) = 0;
+    // Edit list written when the track is finalised: an empty edit of
+    // initialDelay (media time units, converted to the movie time scale)
+    // when non-zero, then one edit presenting the media from
+    // firstMediaTime (media time units, >= 0) for presentedDuration media
+    // time units (0: to the end of the media). (0, 0, 0) writes no edit
+    // list. Without this call, a track whose first decode time is D > 0
+    // gets an empty edit of D, so that the times read back equal the times
+    // written. A remux passes what getInitialDelay reports for the source
+    // track. 2 for a negative firstMediaTime.
+    virtual MP4Err setEditList(uint64_t initialDelay, int64_t firstMediaTime,
+                               uint64_t presentedDuration = 0) = 0;
 
-    virtual MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index) = 0;
-    virtual MP4Err getInitialDelay(uint64_t* delay) = 0;  // edit-list delay, media time units
+    // Edit list of a read track: the initial delay (an empty first edit, in
+    // media time units; decode times already include it) and, when asked
+    // for, the media time at which presentation starts (the first non-empty
+    // edit's media time; 0 without an edit list) and how long that edit
+    // presents the media (media time units; 0 without an edit list).
+    virtual MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime = nullptr,
+                                   uint64_t* presentedDuration = nullptr) = 0;
 
     // Rotation in degrees computed from the "tkhd" matrix (0, 90, 180, 270).
     virtual double getRotateAngle() { return 0.0; }

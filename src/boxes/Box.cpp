@@ -85,7 +85,7 @@ MP4Err CBox::write(CStorage* storage) {
         err = storage->writeBlock(usertype.get(), 16);
         if (err != MP4_OK) return err;
     }
-    return writeKept(storage);
+    return kept_.write(storage);
 }
 
 MP4Err CBox::dump(int32_t depth) {
@@ -108,7 +108,7 @@ MP4Err CBox::dump(int32_t depth) {
 }
 
 MP4Err CBox::calculateSize() {
-    size = baseHeaderSize() + keptLength();
+    size = baseHeaderSize() + kept_.length();
     sizeFromFile = false;
     return MP4_OK;
 }
@@ -141,76 +141,71 @@ MP4Err CBox::copyHeaderFrom(const CBox& header) {
     return MP4_OK;
 }
 
-// ---- kept payloads ------------------------------------------------------
+// ---- kept bytes -----------------------------------------------------------
 
-// Either the bytes themselves or where they lie in a storage that outlives
-// the tree (the file's own storage). Shared, never changed once made, so a
-// copied box can hold the same bytes.
-struct CBox::Kept {
-    std::unique_ptr<uint8_t[]> bytes;
-    CStorage* source = nullptr;
+struct CKeptBytes::Bytes {
+    std::unique_ptr<uint8_t[]> data;  // in memory, or
+    CStorage* source = nullptr;       // where they lie in the file's storage
     uint64_t offset = 0;
     uint64_t length = 0;
 };
 
-MP4Err CBox::keepPayload(CStorage* storage) {
-    kept_.reset();
-    if (remaining == 0) return MP4_OK;
-    auto* window = dynamic_cast<CBoundedStorage*>(storage);
-    CStorage* base = window ? window->inner() : storage;
+MP4Err CKeptBytes::keep(CStorage* storage, uint64_t count) {
+    bytes_.reset();
+    if (count == 0) return MP4_OK;
     // Never more than the storage can deliver: a damaged size asks for
     // nothing it does not hold.
-    if (remaining > readableBytes(storage)) return MP4_ERR_BAD_BOX_SIZE;
-    std::shared_ptr<Kept> kept(new (std::nothrow) Kept);
+    if (count > readableBytes(storage)) return MP4_ERR_BAD_BOX_SIZE;
+    auto* window = dynamic_cast<CBoundedStorage*>(storage);
+    CStorage* base = window ? window->inner() : storage;
+    std::shared_ptr<Bytes> kept(new (std::nothrow) Bytes);
     if (!kept) return MP4_ERR_OUT_OF_MEMORY;
-    kept->length = remaining;
-    // A memory storage's bytes may not outlive the reading (a decompressed
-    // movie, a copy made through memory): those are always copied.
-    bool inMemory = remaining <= kKeepInMemory || dynamic_cast<CMemoryStorage*>(base) != nullptr;
+    kept->length = count;
+    bool inMemory = count <= kKeepInMemory || dynamic_cast<CMemoryStorage*>(base) != nullptr;
     MP4Err err = MP4_OK;
     if (inMemory) {
-        kept->bytes.reset(new (std::nothrow) uint8_t[remaining]);
-        if (!kept->bytes) return MP4_ERR_OUT_OF_MEMORY;
-        err = storage->readBytes(kept->bytes.get(), remaining);
+        kept->data.reset(new (std::nothrow) uint8_t[count]);
+        if (!kept->data) return MP4_ERR_OUT_OF_MEMORY;
+        err = storage->readBytes(kept->data.get(), count);
     } else {
         kept->source = base;
         err = storage->getPosition(&kept->offset);
-        if (err == MP4_OK) err = storage->skip(remaining);
+        if (err == MP4_OK) err = storage->skip(count);
     }
     if (err != MP4_OK) return err;
-    remaining = 0;
-    kept_ = std::move(kept);
+    bytes_ = std::move(kept);
     return MP4_OK;
 }
 
-uint64_t CBox::keptLength() const { return kept_ ? kept_->length : 0; }
+uint64_t CKeptBytes::length() const { return bytes_ ? bytes_->length : 0; }
 
-MP4Err CBox::readKept(uint64_t offset, uint8_t* buffer, uint64_t count) const {
-    uint64_t length = keptLength();
-    if (offset > length || count > length - offset) return MP4_ERR_OUT_OF_RANGE;
+MP4Err CKeptBytes::read(uint64_t offset, uint8_t* buffer, uint64_t count) const {
+    uint64_t total = length();
+    if (offset > total || count > total - offset) return MP4_ERR_OUT_OF_RANGE;
     if (count == 0) return MP4_OK;
-    if (kept_->bytes) {
-        std::memcpy(buffer, kept_->bytes.get() + offset, count);
+    if (bytes_->data) {
+        std::memcpy(buffer, bytes_->data.get() + offset, count);
         return MP4_OK;
     }
-    CStorage* source = kept_->source;
+    CStorage* source = bytes_->source;
     uint64_t saved = 0;
     MP4Err err = source->getPosition(&saved);
-    if (err == MP4_OK) err = source->seek(kept_->offset + offset);
+    if (err == MP4_OK) err = source->seek(bytes_->offset + offset);
     if (err == MP4_OK) err = source->readBytes(buffer, count);
     MP4Err back = source->seek(saved);
     return err != MP4_OK ? err : back;
 }
 
-MP4Err CBox::writeKept(CStorage* storage) const {
-    uint64_t length = keptLength();
-    if (length == 0) return MP4_OK;
-    if (kept_->bytes) {
-        // writeBlock takes a signed 32-bit count.
-        constexpr uint64_t kPiece = 1u << 30;
-        for (uint64_t done = 0; done < length;) {
-            uint64_t piece = length - done < kPiece ? length - done : kPiece;
-            MP4Err err = storage->writeBlock(kept_->bytes.get() + done, static_cast<int32_t>(piece));
+MP4Err CKeptBytes::write(CStorage* storage) const {
+    uint64_t total = length();
+    if (total == 0) return MP4_OK;
+    // writeBlock takes a signed 32-bit count; bytes kept by reference go
+    // through a buffer of the in-memory bound.
+    constexpr uint64_t kPiece = 1u << 30;
+    if (bytes_->data) {
+        for (uint64_t done = 0; done < total;) {
+            uint64_t piece = total - done < kPiece ? total - done : kPiece;
+            MP4Err err = storage->writeBlock(bytes_->data.get() + done, static_cast<int32_t>(piece));
             if (err != MP4_OK) return err;
             done += piece;
         }
@@ -218,14 +213,28 @@ MP4Err CBox::writeKept(CStorage* storage) const {
     }
     std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kKeepInMemory]);
     if (!piece) return MP4_ERR_OUT_OF_MEMORY;
-    for (uint64_t done = 0; done < length;) {
-        uint64_t count = length - done < kKeepInMemory ? length - done : kKeepInMemory;
-        MP4Err err = readKept(done, piece.get(), count);
+    for (uint64_t done = 0; done < total;) {
+        uint64_t count = total - done < kKeepInMemory ? total - done : kKeepInMemory;
+        MP4Err err = read(done, piece.get(), count);
         if (err == MP4_OK) err = storage->writeBlock(piece.get(), static_cast<int32_t>(count));
         if (err != MP4_OK) return err;
         done += count;
     }
     return MP4_OK;
+}
+
+MP4Err CBox::keepPayload(CStorage* storage) {
+    MP4Err err = kept_.keep(storage, remaining);
+    if (err == MP4_OK) remaining = 0;
+    return err;
+}
+
+MP4Err sizeBox(CBox* box) {
+    return box->writesAsRead() ? box->CBox::calculateSize() : box->calculateSize();
+}
+
+MP4Err writeBox(CBox* box, CStorage* storage) {
+    return box->writesAsRead() ? box->CBox::write(storage) : box->write(storage);
 }
 
 // ---- CFullBox -------------------------------------------------------------
@@ -311,22 +320,23 @@ MP4Err CBoxList::replace(CBox* oldBox, CBox* newBox) {
 MP4Err writeChildren(CBoxList* list, CStorage* storage) {
     if (!list) return MP4_OK;
     for (CBoxList::Node* node = list->head(); node; node = node->next) {
-        MP4Err err = node->box->write(storage);
+        MP4Err err = writeBox(node->box, storage);
         if (err != MP4_OK) return err;
     }
-    return MP4_OK;
+    return list->trailing().write(storage);
 }
 
 MP4Err addChildrenSizes(CBoxList* list, uint64_t* total) {
     if (!list) return MP4_OK;
     for (CBoxList::Node* node = list->head(); node; node = node->next) {
-        MP4Err err = node->box->calculateSize();
+        MP4Err err = sizeBox(node->box);
         if (err != MP4_OK) return err;
         uint64_t childSize = 0;
         err = node->box->getSize(&childSize);
         if (err != MP4_OK) return err;
         *total += childSize;
     }
+    *total += list->trailing().length();
     return MP4_OK;
 }
 
@@ -349,6 +359,26 @@ MP4Err dumpChildrenInBraces(CBoxList* list, int32_t depth) {
     return MP4_OK;
 }
 
+namespace {
+
+// Keeps the bytes of a parent from `start` (where a child that did not fit
+// or did not read began) to the parent's end, count bytes in all, so that
+// writing the parent again reproduces them. Where they cannot be kept, or
+// the storage cannot go back, the rest of the parent is skipped instead.
+MP4Err keepRest(CBoxList* list, CStorage* storage, uint64_t start, uint64_t count) {
+    uint64_t position = 0;
+    MP4Err err = storage->getPosition(&position);
+    if (err != MP4_OK) return err;
+    if (position >= start && position - start <= count && storage->seek(start) == MP4_OK) {
+        if (list->trailing().keep(storage, count) == MP4_OK) return MP4_OK;
+        err = storage->seek(position);
+        if (err != MP4_OK) return err;
+    }
+    return position - start <= count ? storage->skip(count - (position - start)) : MP4_OK;
+}
+
+}  // namespace
+
 MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
     uint32_t eof = 0;
     MP4Err err = storage->isEof(&eof);  // only a failing query matters
@@ -357,17 +387,23 @@ MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
     while (*remaining >= 8) {
         CBox* child = nullptr;
         uint32_t childType = 0;
+        uint64_t before = *remaining;
+        uint64_t start = 0;
+        err = storage->getPosition(&start);
+        if (err != MP4_OK) return err;
         err = readBox(storage, parentType, &child, &childType, remaining);
         if (err == MP4_ERR_NOT_AVAILABLE) {
-            // The child does not fit: the rest of the parent is skipped.
-            err = storage->skip(*remaining);
+            // The child does not fit (or ends a "wave"): the rest of the
+            // parent, from that child's header on, is kept as it is.
+            err = keepRest(list, storage, start, before);
             if (err != MP4_OK) return err;
             *remaining = 0;
             return MP4_OK;
         }
         if (err != MP4_OK) {
             // A damaged child ends the parent quietly; the parent keeps
-            // what was read so far.
+            // what was read so far, and the damaged bytes as they are.
+            keepRest(list, storage, start, before);
             *remaining = 0;
             return MP4_OK;
         }
@@ -378,7 +414,8 @@ MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
         }
     }
     if (*remaining > 0) {
-        err = storage->skip(*remaining);
+        err = list->trailing().keep(storage, *remaining);
+        if (err != MP4_OK) err = storage->skip(*remaining);
         *remaining = 0;
         return err;
     }

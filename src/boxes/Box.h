@@ -14,6 +14,29 @@ namespace quil {
 
 class CBoxList;
 
+// Bytes of a file kept as they were, so that writing the tree again writes
+// them unchanged: in memory up to kKeepInMemory bytes (or whatever a memory
+// storage holds, whose buffer may not outlive the reading), beyond that as a
+// reference to where they lie in the file's storage, copied from there at
+// write time. Copies share the bytes; they never change once kept.
+class CKeptBytes {
+public:
+    static constexpr uint64_t kKeepInMemory = 1u << 20;
+
+    // Keeps the next count bytes of the storage and leaves it after them.
+    // A count beyond what the storage can deliver is refused with 6.
+    MP4Err keep(CStorage* storage, uint64_t count);
+    void clear() { bytes_.reset(); }
+    uint64_t length() const;
+    // Copies count bytes from offset on: 18 outside, storage errors as they come.
+    MP4Err read(uint64_t offset, uint8_t* buffer, uint64_t count) const;
+    MP4Err write(CStorage* storage) const;
+
+private:
+    struct Bytes;
+    std::shared_ptr<const Bytes> bytes_;
+};
+
 // Base of every box. After reading, `size` is the total size from the
 // header; after calculateSize() it is the computed size, not yet counting a
 // 64-bit largesize field (getSize() and write() add those 8 bytes).
@@ -54,17 +77,14 @@ public:
     MP4Err copyHeaderFrom(const CBox& header);
 
     // Keeps the `remaining` payload bytes of a box the library does not
-    // interpret, so that writing the tree again writes the box unchanged:
-    // in memory up to kKeepInMemory bytes (or whatever a memory storage
-    // holds), beyond that as a reference to where they lie in the storage,
-    // copied from there at write time. Leaves the storage after the box.
+    // interpret (CBox::write writes them after the header, calculateSize
+    // counts them) and leaves the storage after the box.
     MP4Err keepPayload(CStorage* storage);
-    // The kept payload's length (0 when nothing is kept).
-    uint64_t keptLength() const;
-    // Copies count bytes of the kept payload, from offset on, to buffer:
-    // 18 outside the payload, storage errors as they come.
-    MP4Err readKept(uint64_t offset, uint8_t* buffer, uint64_t count) const;
-    static constexpr uint64_t kKeepInMemory = 1u << 20;
+    const CKeptBytes& keptPayload() const { return kept_; }
+    // A known box whose payload did not read as its class expects keeps its
+    // bytes as they were; writing the tree writes those, not the fields.
+    void writeAsRead() { writeAsRead_ = true; }
+    bool writesAsRead() const { return writeAsRead_; }
 
     // 8, or 24 for "uuid": the header of a box with a 32-bit size.
     uint64_t baseHeaderSize() const { return type == fourcc("uuid") ? 24 : 8; }
@@ -76,11 +96,14 @@ public:
     bool sizeFromFile = false;
 
 private:
-    struct Kept;
-    // Writes the kept payload after the header.
-    MP4Err writeKept(CStorage* storage) const;
-    std::shared_ptr<const Kept> kept_;
+    CKeptBytes kept_;
+    bool writeAsRead_ = false;
 };
+
+// Sizes and writes a box as a tree writer must: a box kept as read goes out
+// as its header and the bytes it was read from, any other through its class.
+MP4Err sizeBox(CBox* box);
+MP4Err writeBox(CBox* box, CStorage* storage);
 
 // A box that starts its payload with an 8-bit version and 24-bit flags.
 class CFullBox : public CBox {
@@ -124,6 +147,10 @@ public:
 
     Node* head() const { return head_; }
     uint32_t count() const { return count_; }
+    // Bytes after the last child that are not a box (a terminator, a
+    // child that did not fit, a few stray bytes), written back after the
+    // children.
+    CKeptBytes& trailing() { return trailing_; }
     CBox* owner() const { return owner_; }
     // Type of the owner, the parent type handed to the factory (0 without).
     uint32_t ownerType() const { return owner_ ? owner_->type : 0; }
@@ -134,12 +161,15 @@ private:
     Node* cursor_ = nullptr;
     uint32_t count_ = 0;
     CBox* owner_;
+    CKeptBytes trailing_;
 };
 
 // Helpers for any box that holds a child list.
-// Writes each child in order, stopping at the first error.
+// Writes each child in order, then the trailing bytes, stopping at the
+// first error.
 MP4Err writeChildren(CBoxList* list, CStorage* storage);
-// Runs calculateSize on each child and adds its getSize to *total.
+// Runs calculateSize on each child and adds its getSize, and the trailing
+// bytes, to *total.
 MP4Err addChildrenSizes(CBoxList* list, uint64_t* total);
 // Dumps each child at depth + 1, stopping at the first error.
 MP4Err dumpChildren(CBoxList* list, int32_t depth);
@@ -157,9 +187,9 @@ MP4Err startChildList(std::unique_ptr<CBoxList>* list, CBox* owner);
 
 // The container reading loop: reads children from the storage while at
 // least 8 of *remaining bytes are left, with the list owner's type as the
-// parent type. Lenient: a child too large for the parent skips the rest;
-// a damaged child ends the reading silently; 1 to 7 trailing bytes are
-// skipped.
+// parent type. Lenient: a child too large for the parent ends the reading
+// and the rest is kept as trailing bytes, as are 1 to 7 bytes at the end;
+// a damaged child ends the reading silently.
 MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining);
 
 // A box whose payload is only child boxes.

@@ -230,6 +230,16 @@ Lookup findRow(const CBox& header, uint32_t parentType, CBox* (**create)()) {
     return Lookup::Unknown;
 }
 
+// A box whose reader failed keeps what it read for the library's own use,
+// and its bytes as they were for writing: a rewrite then reproduces what the
+// file held instead of a half-read box. Where the bytes cannot be had again,
+// the box is simply written from its fields.
+void keepAsRead(CBox* box, CBoundedStorage* window, uint64_t start, uint64_t payload) {
+    if (window->seek(start) != MP4_OK) return;
+    box->remaining = payload;
+    if (box->keepPayload(window) == MP4_OK) box->writeAsRead();
+}
+
 // Reads a known box's payload through its window and leaves the storage at
 // the box's end. What the reader left unread is skipped; a box too short for
 // its own fields ends where it ends and is kept with what it read, so the
@@ -243,9 +253,15 @@ MP4Err readPayloadInWindow(CBox* box, CStorage* storage, uint64_t payload) {
     err = box->read(window.storage());
     // The count left is taken from where the storage stands, not from the
     // reader's own arithmetic.
+    const uint64_t unread = window.storage()->left();
+    if (err != MP4_OK) keepAsRead(box, window.storage(), start, payload);
     box->remaining = window.storage()->left();
-    if (box->remaining != 0) return window.storage()->skip(box->remaining);
-    return err == MP4_ERR_BAD_BOX_SIZE ? MP4_OK : err;
+    MP4Err skipped = box->remaining != 0 ? window.storage()->skip(box->remaining) : MP4_OK;
+    box->remaining = 0;
+    // A reader that stopped early is accepted when the rest skips; one
+    // that ran out of box ends where the box ends.
+    if (unread != 0 || err == MP4_ERR_BAD_BOX_SIZE) return skipped;
+    return err;
 }
 
 }  // namespace

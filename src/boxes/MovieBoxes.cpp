@@ -615,15 +615,21 @@ MP4Err CHandlerReferenceBox::read(CStorage* storage) {
         uint64_t length = 0;
         err = readTextTail(storage, *this, &name, &length);
         if (err != MP4_OK) return err;
+        nameAsRead_.assign(name.get(), length);
         // A counted (Pascal) string: its first byte is the length of the
         // rest. The count byte is dropped; the rest stays terminated.
         if (static_cast<uint8_t>(name[0]) == length - 1) {
             std::memmove(name.get(), name.get() + 1, length - 1);
             name[length - 1] = '\0';
         }
+        nameReadAs_ = name.get();
     }
     remaining = 0;
     return MP4_OK;
+}
+
+bool CHandlerReferenceBox::nameIsAsRead() const {
+    return name && !nameAsRead_.empty() && nameReadAs_ == name.get();
 }
 
 MP4Err CHandlerReferenceBox::write(CStorage* storage) {
@@ -632,7 +638,11 @@ MP4Err CHandlerReferenceBox::write(CStorage* storage) {
     if (err != MP4_OK) return err;
     PayloadWriter writer(storage);
     writer.u32(preDefined).u32(handlerType).each(&PayloadWriter::u32, reserved);
-    if (name) writeText(writer, name.get());
+    if (nameIsAsRead()) {
+        writer.block(nameAsRead_.data(), static_cast<uint32_t>(nameAsRead_.size()));
+    } else if (name) {
+        writeText(writer, name.get());
+    }
     return writer.error();
 }
 
@@ -649,11 +659,17 @@ MP4Err CHandlerReferenceBox::dump(int32_t depth) {
 MP4Err CHandlerReferenceBox::calculateSize() {
     CBox::calculateSize();
     size += 24;
-    if (name) size += nameLength() + 1;
+    if (nameIsAsRead()) {
+        size += nameAsRead_.size();
+    } else if (name) {
+        size += nameLength() + 1;
+    }
     return MP4_OK;
 }
 
 MP4Err CHandlerReferenceBox::setName(const char* text) {
+    nameAsRead_.clear();
+    nameReadAs_.clear();
     return copyText(text, kMaxHandlerName, &name);
 }
 
@@ -684,10 +700,34 @@ MP4Err handlerForMediaKind(uint32_t mediaKind, uint32_t fileType, uint32_t* hand
             *handlerType = fourcc("sdsm");
             *name = "QUIL BIFS Handler";
             return MP4_OK;
+        case MP4_TRACK_TIMECODE:
+            *handlerType = fourcc("tmcd");
+            *name = "QUIL Time Code Handler";
+            return MP4_OK;
         default:
             return MP4_ERR_INVALID_ARGUMENT;
     }
 }
+
+namespace {
+
+// QuickTime's header of a time-code track: gmhd{tmcd{tcmi}}.
+MP4Err createTimeCodeMediaHeader(CBox** box) {
+    std::unique_ptr<CBaseMediaHeaderBox> gmhd(new (std::nothrow) CBaseMediaHeaderBox());
+    std::unique_ptr<CTimeCodeInformationListBox> tmcd(new (std::nothrow) CTimeCodeInformationListBox());
+    std::unique_ptr<CTimeCodeMediaHeaderBox> tcmi(new (std::nothrow) CTimeCodeMediaHeaderBox());
+    if (!gmhd || !tmcd || !tcmi) return MP4_ERR_OUT_OF_MEMORY;
+    tcmi->textSize = 12;
+    MP4Err err = tmcd->addChild(tcmi.get());
+    if (err != MP4_OK) return err;
+    tcmi.release();
+    if ((err = gmhd->addChild(tmcd.get())) != MP4_OK) return err;
+    tmcd.release();
+    *box = gmhd.release();
+    return MP4_OK;
+}
+
+}  // namespace
 
 MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box) {
     if (!box) return MP4_ERR_INVALID_ARGUMENT;
@@ -698,6 +738,7 @@ MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box) {
         case MP4_TRACK_HINT: *box = new (std::nothrow) CHintMediaHeaderBox(); break;
         case MP4_TRACK_OBJECT_DESCRIPTOR:
         case MP4_TRACK_SCENE_DESCRIPTION: *box = new (std::nothrow) CNullMediaHeaderBox(); break;
+        case MP4_TRACK_TIMECODE: return createTimeCodeMediaHeader(box);
         default: return MP4_ERR_INVALID_ARGUMENT;
     }
     return *box ? MP4_OK : MP4_ERR_OUT_OF_MEMORY;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Box.h"
 
@@ -234,16 +235,25 @@ public:
     uint32_t handlerType = 0;
     uint32_t reserved[3] = {0, 0, 0};
     std::unique_ptr<char[]> name;  // zero-terminated, or none
+
+private:
+    // The name's bytes as the file held them (counted or not, with or
+    // without a terminator), written back as they were while the name is
+    // still the one read from them.
+    bool nameIsAsRead() const;
+    std::string nameAsRead_;
+    std::string nameReadAs_;
 };
 
 // Handler type and name given to a new track of a media kind
 // (MP4TrackType: video, audio, hint, object descriptor, scene
-// description). File type 10 (XAVC) names video and sound handlers the
+// description, time code). File type 10 (XAVC) names video and sound handlers the
 // way its players expect. 2 for any other kind.
 MP4Err handlerForMediaKind(uint32_t mediaKind, uint32_t fileType, uint32_t* handlerType,
                            const char** name);
 // The media header box of a new track of that kind: "vmhd" (flags 1),
-// "smhd", "hmhd" or "nmhd". 2 for any other kind, 1 out of memory.
+// "smhd", "hmhd", "nmhd" or, for time code, "gmhd"{"tmcd"{"tcmi"}}. 2 for
+// any other kind, 1 out of memory.
 MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box);
 
 // ---- media-type headers -----------------------------------------------------

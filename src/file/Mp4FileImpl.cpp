@@ -72,6 +72,8 @@ CMp4FileImpl::CMp4FileImpl() = default;
 
 CMp4FileImpl::~CMp4FileImpl() {
     delete metaData_;
+    // Tracks the caller still holds must not reach into freed boxes.
+    forgetWritingTracks();
     // A client should close first. If it did not, release what open made
     // rather than leak a stream; a supplied storage stays the caller's.
     if (isOpen_ != 0 && storageSupplied_ == 0 && storage_ != nullptr) {
@@ -101,13 +103,10 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     mode_ = mode;
     if (fileType > kMaxFileType) return failOpen(MP4_ERR_INVALID_ARGUMENT);
     fileType_ = fileType;
-    // Creating files is not available in this build. Refused before the
-    // storage is opened, so that an existing file is not truncated.
-    if (mode_ == 1) return failOpen(MP4_ERR_UNSUPPORTED);
 
     MP4Err err = storage_->open(mode_);
     if (err != MP4_OK) return failOpen(err);
-    err = readTopLevel();
+    err = mode_ == 0 ? readTopLevel() : startWriting();
     if (err != MP4_OK) return failOpen(err);
     isOpen_ = 1;
     return MP4_OK;
@@ -205,8 +204,20 @@ MP4Err CMp4FileImpl::countTracks() {
 
 MP4Err CMp4FileImpl::close() {
     if (isOpen_ == 0) return MP4_ERR_NOT_AVAILABLE;
-    MP4Err err = storage_->close();
+    MP4Err err = MP4_OK;
+    if (mode_ == 1 && (err = finishWriting()) != MP4_OK) return err;  // still open
+    err = storage_->close();
+    // A stream whose close failed after the movie was written is closed all
+    // the same (fclose releases it whatever it reports): a retried close
+    // then finds it closed and finishes.
+    if (err == MP4_ERR_NOT_AVAILABLE && mode_ == 1 && movieWritten_) err = MP4_OK;
     if (err != MP4_OK) return err;  // the object stays open
+    releaseAfterClose();
+    return MP4_OK;
+}
+
+void CMp4FileImpl::releaseAfterClose() {
+    forgetWritingTracks();
     isOpen_ = 0;
     delete metaData_;
     metaData_ = nullptr;
@@ -215,7 +226,6 @@ MP4Err CMp4FileImpl::close() {
     path_.reset();
     readPathUtf8_.clear();
     sampleReader_.reset();
-    return MP4_OK;
 }
 
 // ---------------------------------------------------------------------------
@@ -333,6 +343,9 @@ MP4Err CMp4FileImpl::getTrack(uint32_t trackNumber, CMp4Track** track) {
     if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *track = nullptr;
     if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_NOT_AVAILABLE;
+    // Tracks being written are the ones addTrack handed out; binding a
+    // reader to their tables while they grow would disturb them.
+    if (mode_ == 1) return MP4_ERR_NOT_AVAILABLE;
     CTrackImpl* impl = new (std::nothrow) CTrackImpl(this, trackMode_);
     if (impl == nullptr) return MP4_ERR_OUT_OF_MEMORY;
     MP4Err err = impl->bind(trackNumber);
@@ -342,23 +355,6 @@ MP4Err CMp4FileImpl::getTrack(uint32_t trackNumber, CMp4Track** track) {
     }
     *track = impl;
     return MP4_OK;
-}
-
-MP4Err CMp4FileImpl::releaseTrack(CMp4Track* track) {
-    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    // Only read tracks exist in this build; a writing track would finish
-    // its pending chunk here before being deleted.
-    delete track;
-    if (storage_ == nullptr) return MP4_ERR_NOT_AVAILABLE;
-    // The flush result is reported although the track is gone already.
-    return storage_->flush();
-}
-
-MP4Err CMp4FileImpl::addTrack(CMp4Track** track) {
-    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *track = nullptr;
-    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
-    return MP4_ERR_UNSUPPORTED;
 }
 
 // ---------------------------------------------------------------------------

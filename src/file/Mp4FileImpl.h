@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "boxes/Box.h"
 #include "file/SampleReader.h"
@@ -13,6 +14,8 @@
 namespace quil {
 
 class CMovieHeaderBox;
+class CMediaDataBox;
+class CTrackImpl;
 
 class CMp4FileImpl : public CMp4File {
 public:
@@ -69,9 +72,16 @@ public:
     // written to disc, so that a hint track can read back the media samples
     // already written; 12 for a supplied storage.
     MP4Err pathForReadingBack(std::string* path);
-    // close, write mode: the session SDP of a hinted file, stored in
-    // moov/udta/hnti/"rtp ".
-    MP4Err writeSessionSdp();
+
+    // Writing (FileWriter.cpp). Appends bytes at the end of the media data
+    // and reports where they start. The bytes are pushed to the storage
+    // before this returns, so a write error belongs to these bytes: "mdat"
+    // then stays as it was and the next append writes at the same place.
+    MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset);
+    // The shared cut-audio flag of interleaved (XAVC) files: set when a
+    // video track closes a chunk, so that the audio tracks close theirs.
+    bool cutAudio() const { return cutAudio_; }
+    void setCutAudio(bool cut) { cutAudio_ = cut; }
 
 private:
     // Steps of open: the storage made for a path, the read path, and the
@@ -85,6 +95,28 @@ private:
     void deleteOwnedStorage();
     // "moov"/"mvhd" of the open file: 3 when either is missing.
     MP4Err findMovieHeader(CMovieHeaderBox** header);
+
+    // Write path (FileWriter.cpp).
+    MP4Err startWriting();
+    MP4Err writeFileTypeBox();
+    MP4Err makeMovieAndMediaData();
+    MP4Err writeMediaDataHeader();
+    MP4Err fillInitialObjectDescriptor();
+    MP4Err finishWriting();
+    MP4Err finalizeOpenTracks();
+    MP4Err setMovieDuration();
+    MP4Err rewriteMediaDataHeader();
+    MP4Err appendMovie();
+    MP4Err findMediaData(CMediaDataBox** mdat);
+    // Steps of close kept for the PSP profile (user data made before the
+    // session description, finished after it) and for hinted files (the
+    // session description). Each returns 0 when it has nothing to do.
+    MP4Err addPspUserData();
+    MP4Err writeSessionSdp();
+    MP4Err finishPspUserData();
+    void forgetWritingTracks();
+    // Releases what open made: storage (if made here), metadata, tree, path.
+    void releaseAfterClose();
 
     CStorage* storage_ = nullptr;
     std::unique_ptr<wchar_t[]> path_;
@@ -101,6 +133,13 @@ private:
     CMp4HintTrackContext* hintTrackContext_ = nullptr;
     std::string readPathUtf8_;
     std::unique_ptr<CSampleReader> sampleReader_;  // made on the first sample read
+    // Writing: tracks handed out by addTrack and not yet released (close
+    // finishes them and cuts them loose from the boxes it frees), the end
+    // of the media data written so far, and the cut-audio flag.
+    std::vector<CTrackImpl*> writingTracks_;
+    uint64_t mediaDataEnd_ = 0;
+    bool cutAudio_ = false;
+    bool movieWritten_ = false;
 };
 
 }  // namespace quil

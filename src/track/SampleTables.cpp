@@ -811,4 +811,30 @@ MP4Err CEditBox::getFirstMediaTime(uint64_t* mediaTime) {
     return err;
 }
 
+MP4Err CEditBox::getPresentedMediaTime(int64_t* mediaTime, uint64_t* duration) {
+    *mediaTime = 0;
+    *duration = 0;
+    CBox* child = nullptr;
+    MP4Err err = findChild(fourcc("elst"), &child);
+    if (err == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
+    if (err != MP4_OK) return err;
+    auto* list = dynamic_cast<CEditListBox*>(child);
+    if (!list) return MP4_OK;
+    bool found = false;
+    for (uint32_t i = 1; i <= list->entries.count(); ++i) {
+        CEditListTableEntry* entry = nullptr;
+        if ((err = list->entries.getEntry(i, &entry)) != MP4_OK) return err;
+        if (entry->mediaTime < 0) continue;
+        // A zero-duration edit shows nothing unless no timed one follows
+        // (fragmented files write their only edit that way).
+        if (!found || entry->segmentDuration != 0) {
+            *mediaTime = entry->mediaTime;
+            *duration = entry->segmentDuration;
+        }
+        found = true;
+        if (entry->segmentDuration != 0) break;
+    }
+    return MP4_OK;
+}
+
 }  // namespace quil

@@ -351,6 +351,11 @@ public:
     // Media time of the first edit with a non-zero duration (0 when there
     // is none, or without "elst"); an empty edit gives (uint64_t)-1.
     MP4Err getFirstMediaTime(uint64_t* mediaTime);
+    // Media time at which presentation starts: that of the first non-empty
+    // edit with a non-zero duration, else of the first non-empty edit; 0
+    // when there is none or without "elst". *duration: that edit's segment
+    // duration (movie time scale).
+    MP4Err getPresentedMediaTime(int64_t* mediaTime, uint64_t* duration);
 
 protected:
     bool growsOnAddChild() const override { return true; }

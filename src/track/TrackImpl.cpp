@@ -133,9 +133,17 @@ MP4Err CTrackImpl::findSampleTables() {
 
 MP4Err CTrackImpl::computeInitialDelay() {
     initialDelay_ = 0;
+    firstMediaTime_ = 0;
+    presentedDuration_ = 0;
     CEditBox* edts = nullptr;
     MP4Err err = findOptional(trak_, fourcc("edts"), &edts);
     if (err != MP4_OK || !edts) return err;
+    uint64_t presented = 0;
+    if ((err = edts->getPresentedMediaTime(&firstMediaTime_, &presented)) != MP4_OK) return err;
+    CMovieHeaderBox* header = nullptr;
+    if (presented != 0 && movieHeader(&header) == MP4_OK) {
+        presentedDuration_ = rescaleTime(presented, mdhd_->timeScale, header->timeScale);
+    }
     uint64_t movieDelay = 0;
     err = edts->getInitialDelay(&movieDelay);
     if (err != MP4_OK || movieDelay == 0) return err;
@@ -748,12 +756,31 @@ MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
     }
 }
 
-MP4Err CTrackImpl::getInitialDelay(uint64_t* delay) {
+MP4Err CTrackImpl::getInitialDelay(uint64_t* delay, int64_t* firstMediaTime,
+                                   uint64_t* presentedDuration) {
     if (!delay) return MP4_ERR_INVALID_ARGUMENT;
     *delay = 0;
+    if (firstMediaTime) *firstMediaTime = 0;
+    if (presentedDuration) *presentedDuration = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     *delay = initialDelay_;
+    if (firstMediaTime) *firstMediaTime = firstMediaTime_;
+    if (presentedDuration) *presentedDuration = presentedDuration_;
     return MP4_OK;
+}
+
+MP4Err CTrackImpl::movieHeader(CMovieHeaderBox** header) {
+    *header = nullptr;
+    CBox* moov = nullptr;
+    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    if ((err = findTyped(moov, fourcc("mvhd"), header)) != MP4_OK) return err;
+    return (*header)->timeScale != 0 ? MP4_OK : MP4_ERR_INVALID_DATA;
+}
+
+uint64_t rescaleTime(uint64_t value, uint32_t to, uint32_t from) {
+    if (from == 0) return 0;
+    return static_cast<uint64_t>(static_cast<unsigned __int128>(value) * to / from);
 }
 
 double CTrackImpl::getRotateAngle() { return tkhd_ ? tkhd_->getRotationAngle() : 0.0; }
@@ -767,32 +794,5 @@ MP4Err CTrackImpl::shiftChunkOffsets(int32_t delta) {
     if (co64_) return co64_->shiftOffsets(delta);
     return MP4_ERR_WRONG_LAYOUT;
 }
-
-// ---- writing (tracks of files opened for writing) -------------------------
-
-MP4Err CTrackImpl::setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) {
-    chunkDurationLimit_ = durationLimit;
-    chunkByteLimit_ = byteLimit;
-    return MP4_OK;
-}
-
-// A track of a file opened for reading takes no samples.
-MP4Err CTrackImpl::addSample(const uint8_t*, uint32_t, uint64_t, uint64_t, bool) {
-    return open_ ? MP4_ERR_NOT_AVAILABLE : MP4_ERR_INVALID_DATA;
-}
-
-// Writing tracks arrive with file writing; until then these are refused.
-MP4Err CTrackImpl::setTrackType(uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::addVisualSampleEntry(uint32_t, uint16_t, uint16_t, const uint8_t*, uint32_t) {
-    return MP4_ERR_UNSUPPORTED;
-}
-MP4Err CTrackImpl::addSoundSampleEntry(uint32_t, uint32_t, uint16_t, uint16_t, const uint8_t*,
-                                       uint32_t) {
-    return MP4_ERR_UNSUPPORTED;
-}
-MP4Err CTrackImpl::setDimensions(uint32_t, uint32_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setVolume(int16_t) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setHandlerName(const char*) { return MP4_ERR_UNSUPPORTED; }
-MP4Err CTrackImpl::setAudioSampleFactor(uint32_t) { return MP4_ERR_UNSUPPORTED; }
 
 }  // namespace quil

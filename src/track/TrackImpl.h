@@ -5,6 +5,7 @@
 #define QUIL_TRACK_TRACKIMPL_H
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 
 #include "quil/Mp4Track.h"
@@ -22,6 +23,10 @@ class CMediaHeaderBox;
 class CSampleDescriptionBox;
 class CSampleEntry;
 class CESDBox;
+class CHandlerReferenceBox;
+class CSampleTableBox;
+class CMediaDataBox;
+class CMovieHeaderBox;
 
 // Decode and composition time of every sample, built once when a track is
 // bound so that time queries are list lookups.
@@ -33,6 +38,9 @@ public:
     uint32_t writing = 0;      // 0 for a track that reads
     uint64_t timeOffset = 0;   // reading: the initial delay added to decode times
 };
+
+// value x to / from without overflow, truncating (0 for from == 0).
+uint64_t rescaleTime(uint64_t value, uint32_t to, uint32_t from);
 
 class CTrackImpl final : public CMp4Track {
 public:
@@ -83,18 +91,40 @@ public:
     MP4Err findSyncSampleBefore(uint64_t time, uint32_t* sample) override;
     MP4Err findSampleByDecodeTime(uint64_t time, uint32_t* sample) override;
     MP4Err setTrackType(uint32_t type) override;
-    MP4Err addVisualSampleEntry(uint32_t format, uint16_t width, uint16_t height, const uint8_t* config, uint32_t configLength) override;
+    MP4Err addSampleEntry(const MP4SampleEntryInfo* info) override;
     MP4Err setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) override;
-    MP4Err addSoundSampleEntry(uint32_t format, uint32_t sampleRate, uint16_t channels, uint16_t sampleBits, const uint8_t* config, uint32_t configLength) override;
-    MP4Err setDimensions(uint32_t width, uint32_t height) override;
+    MP4Err addSampleEntryFrom(CMp4Track* source, uint32_t index) override;
+    MP4Err setDimensions(uint32_t width, uint32_t height, uint32_t rotation) override;
     MP4Err setVolume(int16_t volume) override;
     MP4Err setHandlerName(const char* name) override;
     MP4Err setAudioSampleFactor(uint32_t factor) override;
     MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
     MP4Err shiftChunkOffsets(int32_t delta) override;
-    MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index) override;
-    MP4Err getInitialDelay(uint64_t* delay) override;
+    MP4Err setEditList(uint64_t initialDelay, int64_t firstMediaTime,
+                       uint64_t presentedDuration) override;
+    MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime,
+                           uint64_t* presentedDuration) override;
     double getRotateAngle() override;
+
+    // Sample description index (1-based) of a read sample.
+    MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index);
+
+    // ---- writing (TrackWriter.cpp) ----
+    // Builds the "trak" of a new track numbered trackIndex under "moov" of
+    // a file open for writing: tkhd (flags 7, track ID = trackIndex) and
+    // mdia{mdhd (language "und"), hdlr (type 0), minf{}}.
+    MP4Err initWriting(uint32_t trackIndex);
+    // Writes the pending chunk, finishes "stts", fills durations, the edit
+    // list and bit rates. Runs once for a track with samples; a failure
+    // leaves the track as it was, so that it can be retried.
+    MP4Err finalizeWriting();
+    bool isWriting() const { return writing_; }
+    // The file is closing: every box this track points at goes away.
+    void detachFromFile();
+    // Takes ownership of a sample entry made elsewhere (e.g. hint tracks'
+    // "rtp " entry) and appends it to "stsd". 5 before setTrackType.
+    MP4Err addSampleEntryBox(CBox* entry);
+    CTrackBox* trackBox() const { return trak_; }
 
 private:
     // Binding steps.
@@ -158,6 +188,8 @@ private:
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
     uint64_t initialDelay_ = 0;    // media time scale
+    int64_t firstMediaTime_ = 0;   // media time where presentation starts
+    uint64_t presentedDuration_ = 0;  // of that edit, media time scale
     uint32_t chunkAsSample_ = 0;   // 0, or 1/2: each chunk of raw audio is one sample
 
     // The chunk of the last offset query: its number, first sample, the
@@ -191,9 +223,69 @@ private:
     } syncWindow_;
     bool stssAscending_ = true;
 
-    // Writing limits (kept for when the track writes).
+    // ---- writing state (TrackWriter.cpp) ----
+    MP4Err buildMediaInformation(uint32_t kind);
+    MP4Err checkSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
+                       uint64_t compositionTime, uint32_t* audioSamples);
+    MP4Err addToTables(uint32_t size, uint64_t decodeTime, uint64_t compositionTime, bool sync);
+    MP4Err addCompositionOffset(uint32_t sample, uint64_t decodeTime, uint64_t compositionTime);
+    MP4Err addSyncFlag(uint32_t sample, bool sync);
+    MP4Err queueBytes(const uint8_t* data, uint32_t size, uint32_t samples);
+    MP4Err chunkAfterAppend(uint64_t decodeTime);
+    MP4Err chunkBeforeAppend(uint64_t decodeTime, bool sync);
+    bool chunkLimitReached(uint64_t decodeTime, bool sync, bool interleaving) const;
+    MP4Err flushChunk();
+    MP4Err recordChunkOffset(uint32_t chunk, uint64_t offset);
+    MP4Err addToStatistics(uint64_t decodeTime, uint32_t size);
+    MP4Err finishDurations();
+    MP4Err writeEditList(uint64_t mediaDuration);
+    MP4Err fillBitrates(uint64_t mediaDuration);
+    void fillDefaultDimensions();
+    MP4Err movieTimeScale(uint32_t* timeScale);
+    // "mvhd" of the file: 3 when missing, 5 with a zero time scale.
+    MP4Err movieHeader(CMovieHeaderBox** header);
+    MP4Err appendSampleEntry(CBox* entry, bool builtHere);
+
+    bool writing_ = false;
+    bool finalized_ = false;
+    bool sttsFinished_ = false;
+    CHandlerReferenceBox* hdlr_ = nullptr;
+    CSampleTableBox* stbl_ = nullptr;
+    uint32_t nextSample_ = 1;
+    uint64_t lastDecodeTime_ = 0;
+    uint32_t bytesPerAudioSample_ = 0;  // chunk-as-sample writing; 0 before a sample entry
+    // The chunk being collected: its samples' bytes back to back (written
+    // in one piece: the same bytes as sample by sample, fewer calls).
+    std::unique_ptr<uint8_t[]> chunkBuffer_;
+    uint64_t chunkCapacity_ = 0;
+    uint64_t pendingBytes_ = 0;
+    uint32_t pendingCount_ = 0;
+    uint64_t pendingStart_ = 0;
+    uint32_t nextChunk_ = 1;
     uint64_t chunkDurationLimit_ = 0;
     uint32_t chunkByteLimit_ = 1000000;
+    uint32_t chunkSampleLimit_ = 100;
+    // Statistics for the bit rates: all bytes, the largest sample, and the
+    // bits of the samples within the last second of decode time.
+    uint64_t totalBytes_ = 0;
+    uint32_t largestSample_ = 0;
+    uint64_t peakBits_ = 0;
+    uint64_t spanBits_ = 0;
+    struct SpanNode {
+        uint64_t decodeTime;
+        uint32_t size;
+    };
+    std::deque<SpanNode> span_;
+    // Edit list asked for by setEditList.
+    bool editSet_ = false;
+    uint64_t editDelay_ = 0;
+    int64_t editMediaTime_ = 0;
+    uint64_t editDuration_ = 0;
+    bool dimensionsSet_ = false;
+    bool fillsBitrates_ = false;  // the first sample entry was built here
+    // The track mode asks for chunk-as-sample writing and the first sample
+    // entry is raw audio.
+    bool chunkAsSampleWriting_ = false;
 };
 
 }  // namespace quil
