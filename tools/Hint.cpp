@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Info.h"
+#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -246,9 +247,147 @@ int runRtpSend(const char* path, const char* destination, double speed) {
     return status;
 }
 
-int runHint(const char*, const char*, uint32_t, bool) {
-    std::fprintf(stderr, "quil: hint: writing files is not available in this build\n");
-    return kExitFailure;
+namespace {
+
+// The packetizer kind for a track's codec (0: none). AAC goes to RFC 3640
+// unless LATM is asked for.
+int32_t hintKindOf(CMp4Track* track, bool latm) {
+    uint32_t format = 0;
+    if (track->getSampleEntryType(&format) != MP4_OK) return 0;
+    if (format == fourcc("avc1") || format == fourcc("avc3")) return 6;
+    if (format == fourcc("mp4v")) return 1;
+    if (format == fourcc("s263") || format == fourcc("h263")) return 4;
+    if (format == fourcc("samr") || format == fourcc("sawb")) return 5;
+    if (format == fourcc("mp4a")) {
+        uint8_t objectType = 0;
+        if (track->getObjectTypeIndication(&objectType) != MP4_OK || objectType != 0x40) return 0;
+        return latm ? 2 : 3;
+    }
+    return 0;
+}
+
+// A file object closed and destroyed when it goes out of scope.
+class WrittenFile {
+public:
+    ~WrittenFile() {
+        if (file_ == nullptr) return;
+        uint32_t open = 0;
+        if (file_->isOpen(&open) == MP4_OK && open) (void)file_->close();
+        CMp4File::destroyInstance(&file_);
+    }
+    MP4Err open(const char* utf8Path) {
+        std::wstring path;
+        MP4Err err = utf8ToWidePath(utf8Path, &path);
+        if (err == MP4_OK) err = CMp4File::createInstance(&file_);
+        if (err == MP4_OK) err = file_->open(path.c_str(), 1, fileType);
+        return err;
+    }
+    CMp4File* get() const { return file_; }
+    uint32_t fileType = MP4_FILE_MPEG4;
+
+private:
+    CMp4File* file_ = nullptr;
+};
+
+// Copies one track through the write interface: its kind, time scale,
+// language, sample entry, edit list and every sample.
+MP4Err copyTrack(CMp4Track* source, CMp4File* output) {
+    CMp4Track* target = nullptr;
+    MP4Err err = output->addTrack(&target);
+    if (err != MP4_OK) return err;
+    TrackHandle handle(output, target);
+    uint32_t kind = 0, timeScale = 0, count = 0;
+    uint8_t language[3] = {};
+    uint64_t delay = 0, presented = 0;
+    int64_t firstMediaTime = 0;
+    err = source->getTrackType(&kind);
+    if (err == MP4_OK) err = source->getTimeScale(&timeScale);
+    if (err == MP4_OK) err = source->getSampleCount(&count);
+    if (err == MP4_OK) err = target->setTrackType(kind);
+    if (err == MP4_OK) err = target->setTimeScale(timeScale);
+    if (err == MP4_OK && source->getLanguage(language) == MP4_OK) err = target->setLanguage(language);
+    if (err == MP4_OK) err = target->addSampleEntryFrom(source, 1);
+    if (err == MP4_OK && source->getInitialDelay(&delay, &firstMediaTime, &presented) == MP4_OK) {
+        err = target->setEditList(delay, firstMediaTime, presented);
+    }
+    std::vector<uint8_t> bytes;
+    for (uint32_t sample = 1; err == MP4_OK && sample <= count; ++sample) {
+        uint32_t size = 0, sync = 0;
+        uint64_t decode = 0, composition = 0;
+        err = source->getSampleSize(sample, &size);
+        if (err != MP4_OK) break;
+        bytes.resize(size);
+        err = source->readSample(sample, size, &size, bytes.data());
+        if (err == MP4_OK) err = source->getSampleDecodeTime(sample, &decode);
+        if (err == MP4_OK) err = source->getSampleCompositionTime(sample, &composition);
+        if (err == MP4_OK) err = source->isSyncSample(sample, &sync);
+        // Times read include the edit list's delay, which setEditList
+        // writes again.
+        if (err == MP4_OK) {
+            err = target->addSample(bytes.data(), size, decode - delay, composition - delay,
+                                    sync != 0);
+        }
+    }
+    return err;
+}
+
+}  // namespace
+
+int runHint(const char* input, const char* output, uint32_t mtu, bool latm) {
+    OpenedFile source;
+    MP4Err err = source.open(input);
+    if (err != MP4_OK) {
+        reportError(input, err);
+        return kExitFailure;
+    }
+    WrittenFile target;
+    uint32_t fileType = MP4_FILE_MPEG4;
+    (void)source.get()->getFileType(&fileType);
+    target.fileType = fileType == MP4_FILE_NO_FTYP ? MP4_FILE_MPEG4 : fileType;
+    err = target.open(output);
+    if (err != MP4_OK) {
+        reportError(output, err);
+        return kExitFailure;
+    }
+    // Audio and video tracks are copied; each with a packetizer then gets
+    // its hint track.
+    std::vector<std::pair<uint32_t, int32_t>> toHint;  // output track number, kind
+    uint32_t count = 0, written = 0;
+    (void)source.get()->getTrackCount(&count);
+    for (uint32_t number = 1; number <= count; ++number) {
+        CMp4Track* raw = nullptr;
+        if (source.get()->getTrack(number, &raw) != MP4_OK) continue;
+        TrackHandle track(source.get(), raw);
+        uint32_t kind = 0;
+        if (track->getTrackType(&kind) != MP4_OK) continue;
+        if (kind != MP4_TRACK_VIDEO && kind != MP4_TRACK_AUDIO) continue;
+        err = copyTrack(track.get(), target.get());
+        if (err != MP4_OK) {
+            std::fprintf(stderr, "quil: %s: track %u: %s\n", input, number, toString(err));
+            return kExitFailure;
+        }
+        ++written;
+        if (int32_t hintKind = hintKindOf(track.get(), latm)) toHint.emplace_back(written, hintKind);
+    }
+    for (const auto& [number, kind] : toHint) {
+        CMp4RtpHintTrack* raw = nullptr;
+        err = target.get()->createHintTrack(&raw, kind);
+        HintTrackPtr hint(raw);
+        if (err == MP4_OK) err = hint->setMediaTrack(number);
+        if (err == MP4_OK && mtu != 0) err = hint->setMaxPayloadSize(mtu);
+        if (err == MP4_OK) err = target.get()->addHintTrack(hint.get());
+        if (err != MP4_OK) {
+            std::fprintf(stderr, "quil: %s: hinting track %u: %s\n", output, number, toString(err));
+            return kExitFailure;
+        }
+    }
+    err = target.get()->close();
+    if (err != MP4_OK) {
+        reportError(output, err);
+        return kExitFailure;
+    }
+    if (toHint.empty()) std::fprintf(stderr, "quil: %s: no track with an RTP payload format\n", input);
+    return kExitOk;
 }
 
 }  // namespace tool

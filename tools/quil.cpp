@@ -169,6 +169,17 @@ int run(int argc, char** argv) {
         }
         return runSamples(path, track);
     }
+    if (command == "hint") {
+        if (argc < 4) return usageError("hint takes IN OUT [--mtu N] [--latm]");
+        uint32_t mtu = 0;
+        bool latm = false;
+        for (int i = 4; i < argc; ++i) {
+            if (std::strcmp(argv[i], "--latm") == 0) latm = true;
+            else if (std::strcmp(argv[i], "--mtu") == 0 && i + 1 < argc) mtu = std::atoi(argv[++i]);
+            else return usageError("unknown option for hint");
+        }
+        return runHint(path, argv[3], mtu, latm);
+    }
     if (command == "sdp") {
         const char* to = nullptr;
         if (argc == 5 && std::strcmp(argv[3], "--to") == 0) to = argv[4];

@@ -16,6 +16,7 @@
 #include "storage/Base64.h"
 #include "storage/DiscStorage.h"
 #include "storage/WidePath.h"
+#include "track/TrackImpl.h"
 
 namespace quil {
 namespace {
@@ -146,6 +147,29 @@ MP4Err CMp4FileImpl::pathForReadingBack(std::string* path) {
     return widePathToUtf8(static_cast<CDiscStorage*>(storage_)->path(), path);
 }
 
+MP4Err CMp4FileImpl::getFinishedTrack(uint32_t trackNumber, CMp4Track** track,
+                                      bool evenWhileWriting) {
+    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *track = nullptr;
+    if (mode_ != 1) return getTrack(trackNumber, track);
+    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_NOT_AVAILABLE;
+    std::unique_ptr<CTrackImpl> impl(new (std::nothrow) CTrackImpl(this, trackMode_));
+    if (!impl) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = impl->bind(trackNumber);
+    if (err != MP4_OK) return err;
+    if (!evenWhileWriting) {
+        uint32_t id = 0, writingId = 0;
+        (void)impl->getTrackId(&id);
+        for (CTrackImpl* writing : writingTracks_) {
+            if (writing->getTrackId(&writingId) == MP4_OK && writingId == id) {
+                return MP4_ERR_NOT_AVAILABLE;  // its last chunk may not be written yet
+            }
+        }
+    }
+    *track = impl.release();
+    return MP4_OK;
+}
+
 MP4Err CMp4FileImpl::writeSessionSdp() {
     if (hasHintTracks_ == 0) return MP4_OK;
     std::string text = kSessionSdpIsma2;
@@ -155,7 +179,7 @@ MP4Err CMp4FileImpl::writeSessionSdp() {
         IsmaTrack video, audio;
         for (uint32_t number = 1; number <= trackCount_; ++number) {
             CMp4Track* track = nullptr;
-            if (getTrack(number, &track) != MP4_OK) continue;
+            if (getFinishedTrack(number, &track, true) != MP4_OK) continue;
             uint32_t kind = 0;
             (void)track->getTrackType(&kind);
             MP4Err err = MP4_OK;

@@ -195,7 +195,7 @@ MP4Err CMp4RtpHintTrackImpl::setFramesPerPacket(uint32_t frames) {
 // ---- reading ----------------------------------------------------------------
 
 MP4Err CMp4RtpHintTrackImpl::bind(uint32_t trackNumber) {
-    MP4Err err = file_->getTrack(trackNumber, &hintTrack_);
+    MP4Err err = file_->getFinishedTrack(trackNumber, &hintTrack_);
     if (err != MP4_OK) return err;
     hintTrackNumber_ = trackNumber;
     uint32_t kind = 0;
@@ -305,7 +305,7 @@ MP4Err CMp4RtpHintTrackImpl::sourceForTrack(uint32_t trackNumber, CMediaSampleSo
     if (trackNumber == hintTrackNumber_ && hintTrack_) {
         cache.track = nullptr;  // the hint track itself, released by the destructor
     } else {
-        MP4Err err = file_->getTrack(trackNumber, &cache.track);
+        MP4Err err = file_->getFinishedTrack(trackNumber, &cache.track);
         if (err != MP4_OK) return err;
     }
     CMp4Track* track = cache.track ? cache.track : hintTrack_;

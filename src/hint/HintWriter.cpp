@@ -10,6 +10,7 @@
 #include "file/Mp4FileImpl.h"
 #include "hint/HintBoxes.h"
 #include "storage/MemoryStorage.h"
+#include "track/TrackImpl.h"
 
 namespace quil {
 namespace {
@@ -73,7 +74,7 @@ MP4Err CMp4RtpHintTrackImpl::build(uint8_t payloadType, CMp4HintTrackContext*) {
     state_.payloadType = payloadType;
 
     CMp4Track* media = nullptr;
-    MP4Err err = file_->getTrack(mediaTrackNumber_, &media);
+    MP4Err err = file_->getFinishedTrack(mediaTrackNumber_, &media);
     if (err != MP4_OK) return err;
     uint32_t kind = 0, mediaId = 0, clock = 0;
     err = media->getTrackType(&kind);
@@ -118,23 +119,23 @@ MP4Err CMp4RtpHintTrackImpl::build(uint8_t payloadType, CMp4HintTrackContext*) {
 }
 
 MP4Err CMp4RtpHintTrackImpl::addHintTrackBoxes(CMp4Track* hint, uint32_t mediaTrackId) {
-    (void)hint;
     CBox* trak = nullptr;
     MP4Err err = trakOf(file_, hintTrackNumber_, &trak);
-    CBox* box = nullptr;
-    if (err == MP4_OK) {
-        err = childOf(trak, {fourcc("mdia"), fourcc("minf"), fourcc("stbl"), fourcc("stsd")}, &box);
-    }
     if (err != MP4_OK) return err;
+    CTrackImpl* track = dynamic_cast<CTrackImpl*>(hint);
+    if (!track) return MP4_ERR_INVALID_ARGUMENT;
 
     std::unique_ptr<CRtpHintSampleEntry> entry(new (std::nothrow) CRtpHintSampleEntry());
     std::unique_ptr<CTimeScaleEntryBox> tims(new (std::nothrow) CTimeScaleEntryBox());
     if (!entry || !tims) return MP4_ERR_OUT_OF_MEMORY;
     tims->value = timeScale_;
     entry->tims = std::move(tims);
-    err = box->addChild(entry.get());
-    if (err != MP4_OK) return err;
-    entry_ = entry.release();
+    entry_ = entry.get();
+    err = track->addSampleEntryBox(entry.release());
+    if (err != MP4_OK) {
+        entry_ = nullptr;
+        return err;
+    }
 
     // The hint samples' constructors name the media track as reference 0.
     CTrackReferenceBox* tref = nullptr;

@@ -78,11 +78,13 @@ CMp4RtpHintTrackImpl* createPacketizer(int32_t kind, CMp4FileImpl* file, uint32_
 // ---- H.264 ------------------------------------------------------------------
 
 MP4Err CRfc3984H264HintTrackImpl::prepare(CMp4Track* media, uint32_t* clockRate) {
-    uint8_t record[8] = {};
     uint32_t length = 0;
-    MP4Err err = media->getCodecConfiguration(record, sizeof(record), &length);
+    MP4Err err = media->getCodecConfiguration(nullptr, 0, &length);
     if (err != MP4_OK && err != MP4_ERR_BUFFER_TOO_SMALL) return err;
     if (length < 5) return MP4_ERR_INVALID_DATA;
+    std::vector<uint8_t> record(length);
+    err = media->getCodecConfiguration(record.data(), length, &length);
+    if (err != MP4_OK) return err;
     // lengthSizeMinusOne; 3 (a 3-byte length) is not allowed by ISO/IEC
     // 14496-15 but costs nothing to honour.
     lengthSize_ = (record[4] & 0x03) + 1u;

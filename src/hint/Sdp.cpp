@@ -145,7 +145,7 @@ MP4Err CMp4RtpHintTrackImpl::collectSdpValues(uint32_t mediaTrackNumber, uint32_
                                               SdpValues* values, bool* kindMatches) {
     *kindMatches = false;
     CMp4Track* media = nullptr;
-    MP4Err err = file_->getTrack(mediaTrackNumber, &media);
+    MP4Err err = file_->getFinishedTrack(mediaTrackNumber, &media, true);
     if (err != MP4_OK) return err;
     uint32_t kind = 0;
     err = media->getTrackType(&kind);
