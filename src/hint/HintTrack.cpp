@@ -94,6 +94,9 @@ uint64_t scaleTime(uint64_t time, uint32_t to, uint32_t from) {
 
 // ---- media samples ----------------------------------------------------------
 
+CMediaSampleSource::CMediaSampleSource(CMp4FileImpl* file, CMp4Track* track)
+    : file_(file), track_(track) {}
+
 CMediaSampleSource::~CMediaSampleSource() = default;
 
 MP4Err CMediaSampleSource::read(uint32_t sample, const uint8_t** data, uint32_t* size) {

@@ -30,7 +30,7 @@ constexpr uint32_t kRtpHeaderSize = 12;
 // buffered at a time.
 class CMediaSampleSource {
 public:
-    CMediaSampleSource(CMp4FileImpl* file, CMp4Track* track) : file_(file), track_(track) {}
+    CMediaSampleSource(CMp4FileImpl* file, CMp4Track* track);
     ~CMediaSampleSource();
     // The sample's bytes (valid until the next call).
     MP4Err read(uint32_t sample, const uint8_t** data, uint32_t* size);
