@@ -505,6 +505,49 @@ TEST(SessionSdp, IsmaDescriptorForMpeg4FilesPlainTextOtherwiseAndTheContextsRepl
     EXPECT_FALSE(encoded.empty());
 }
 
+TEST(Isma, ObjectDescriptorAndSceneTracksForTwoMediaTracks) {
+    const std::string path = tempPath("isma-od.mp4");
+    {
+        File file;
+        ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), 1, MP4_FILE_MPEG4));
+        const uint8_t asc[2] = {0x14, 0x08};
+        for (uint32_t kind : {MP4_TRACK_VIDEO, MP4_TRACK_AUDIO}) {
+            CMp4Track* track = nullptr;
+            ASSERT_EQ(MP4_OK, file->addTrack(&track));
+            ASSERT_EQ(MP4_OK, track->setTrackType(kind));
+            MP4SampleEntryInfo entry{};
+            entry.format = kind == MP4_TRACK_VIDEO ? fourcc("mp4v") : fourcc("mp4a");
+            entry.width = 176;
+            entry.height = 144;
+            entry.sampleRate = 16000;
+            entry.channels = 1;
+            entry.config = kind == MP4_TRACK_AUDIO ? asc : nullptr;
+            entry.configLength = kind == MP4_TRACK_AUDIO ? 2 : 0;
+            ASSERT_EQ(MP4_OK, track->addSampleEntry(&entry));
+            const Bytes sample = pattern(50, 1, 0);
+            ASSERT_EQ(MP4_OK, track->addSample(sample.data(), 50, 0, 0, true));
+            ASSERT_EQ(MP4_OK, file->releaseTrack(track));
+        }
+        ASSERT_EQ(MP4_OK, file->addIsmaObjectDescriptorTrack(1, 2));
+    }
+    File file;
+    ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), 0, 0));
+    const uint32_t expectedKinds[2] = {MP4_TRACK_SCENE_DESCRIPTION, MP4_TRACK_OBJECT_DESCRIPTOR};
+    const uint8_t firstBytes[2] = {0xC0, 0x01};  // scene replacement, OD update
+    for (uint32_t i = 0; i < 2; ++i) {
+        CMp4Track* track = nullptr;
+        ASSERT_EQ(MP4_OK, file->getTrack(3 + i, &track));
+        uint32_t kind = 0;
+        EXPECT_EQ(MP4_OK, track->getTrackType(&kind));
+        EXPECT_EQ(expectedKinds[i], kind);
+        uint8_t bytes[64];
+        uint32_t size = 0;
+        EXPECT_EQ(MP4_OK, track->readSample(1, sizeof(bytes), &size, bytes));
+        EXPECT_EQ(firstBytes[i], bytes[0]);
+        EXPECT_EQ(MP4_OK, file->releaseTrack(track));
+    }
+}
+
 // ---- ISMA functions ----------------------------------------------------------------------
 
 TEST(Isma, DescriptorRoundTripsThroughDecode) {

@@ -8,7 +8,11 @@
 #include <vector>
 
 #include "Mp4FileImpl.h"
+#include "boxes/ConfigBoxes.h"
 #include "boxes/MovieBoxes.h"
+#include "boxes/SampleEntries.h"
+#include "descriptors/Descriptors.h"
+#include "descriptors/ObjectDescriptors.h"
 #include "hint/HintBoxes.h"
 #include "hint/Isma.h"
 #include "hint/Packetizers.h"
@@ -220,9 +224,136 @@ MP4Err CMp4FileImpl::writeSessionSdp() {
     return err;
 }
 
-MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t, uint32_t) {
+namespace {
+
+constexpr uint8_t kSystemsObjectType = 0x01;
+constexpr uint8_t kBifsV2ObjectType = 0x02;
+constexpr uint8_t kObjectDescriptorStream = 1;
+constexpr uint8_t kSceneDescriptionStream = 3;
+const uint8_t kBifsConfig[3] = {0x00, 0x00, 0x40};
+
+// A systems track (object descriptors or scene description) with one
+// sync sample at time 0 holding its access unit.
+MP4Err addSystemsTrack(CMp4File* file, uint32_t kind, uint8_t objectType, uint8_t streamType,
+                       const uint8_t* config, uint32_t configLength,
+                       const std::vector<uint8_t>& accessUnit, const std::vector<uint32_t>& mpod,
+                       CMp4FileImpl* impl, uint32_t* trackId) {
+    CMp4Track* track = nullptr;
+    MP4Err err = file->addTrack(&track);
+    if (err != MP4_OK) return err;
+    err = track->setTrackType(kind);
+    if (err == MP4_OK) err = track->setTimeScale(1000);
+    if (err == MP4_OK) err = track->getTrackId(trackId);
+    if (err == MP4_OK) {
+        std::unique_ptr<CMP4MpegSampleEntry> entry(new (std::nothrow) CMP4MpegSampleEntry());
+        std::unique_ptr<CESDBox> esds(new (std::nothrow) CESDBox());
+        std::unique_ptr<CESDescriptor> es(new (std::nothrow) CESDescriptor());
+        if (!entry || !esds || !es) err = MP4_ERR_OUT_OF_MEMORY;
+        if (err == MP4_OK) {
+            es->ES_ID = static_cast<uint16_t>(*trackId);
+            err = es->setDecoderConfig(objectType, streamType, config, configLength);
+        }
+        if (err == MP4_OK) err = es->setSLConfig(2);
+        if (err == MP4_OK) {
+            esds->esDescriptor = std::move(es);
+            err = entry->addChild(esds.get());
+        }
+        if (err == MP4_OK) {
+            esds.release();
+            err = static_cast<CTrackImpl*>(track)->addSampleEntryBox(entry.release());
+        }
+    }
+    if (err == MP4_OK && !mpod.empty()) {
+        // The object descriptors name their streams through these references.
+        CBox* moov = nullptr;
+        CBox* trak = nullptr;
+        uint32_t number = 0;
+        err = impl->findTopLevelBox(fourcc("moov"), &moov);
+        if (err == MP4_OK) err = file->getTrackCount(&number);
+        if (err == MP4_OK) err = moov->findChild(fourcc("trak"), &trak, number);
+        CTrackReferenceBox* tref = nullptr;
+        CTrackReferenceTypeBox* reference = nullptr;
+        if (err == MP4_OK) err = childOrNew(trak, fourcc("tref"), &tref);
+        if (err == MP4_OK) {
+            reference = new (std::nothrow) CTrackReferenceTypeBox(fourcc("mpod"));
+            err = reference ? tref->addChild(reference) : MP4_ERR_OUT_OF_MEMORY;
+            if (err != MP4_OK) delete reference;
+        }
+        for (uint32_t id : mpod) {
+            if (err == MP4_OK) err = reference->addTrackId(id);
+        }
+    }
+    if (err == MP4_OK) {
+        err = track->addSample(accessUnit.data(), static_cast<uint32_t>(accessUnit.size()), 0, 0, true);
+    }
+    MP4Err released = file->releaseTrack(track);
+    return err != MP4_OK ? err : released;
+}
+
+}  // namespace
+
+MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
+                                                  uint32_t secondTrackNumber) {
     if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
-    return MP4_ERR_UNSUPPORTED;
+    // The first video and the first audio track among the two named (0
+    // names none).
+    IsmaTrack video, audio;
+    for (uint32_t number : {firstTrackNumber, secondTrackNumber}) {
+        if (number == 0) continue;
+        CMp4Track* track = nullptr;
+        MP4Err err = getFinishedTrack(number, &track, true);
+        if (err != MP4_OK) return err;
+        uint32_t kind = 0;
+        (void)track->getTrackType(&kind);
+        if (kind == MP4_TRACK_VIDEO && !video.present) err = readIsmaTrack(track, &video);
+        if (kind == MP4_TRACK_AUDIO && !audio.present) err = readIsmaTrack(track, &audio);
+        (void)releaseTrack(track);
+        if (err != MP4_OK) return err;
+    }
+    if (!video.present && !audio.present) return MP4_ERR_NO_TRACKS;
+
+    std::vector<uint32_t> references;
+    IsmaStream videoStream = video.stream(), audioStream = audio.stream();
+    if (video.present) {
+        references.push_back(video.trackId);
+        videoStream.referenceIndex = static_cast<uint16_t>(references.size());
+    }
+    if (audio.present) {
+        references.push_back(audio.trackId);
+        audioStream.referenceIndex = static_cast<uint16_t>(references.size());
+    }
+    std::vector<uint8_t> odUpdate;
+    MP4Err err = buildIsmaOdUpdate(video.present ? &videoStream : nullptr,
+                                   audio.present ? &audioStream : nullptr, true, &odUpdate);
+    if (err != MP4_OK) return err;
+    const uint8_t* scene = nullptr;
+    uint32_t sceneLength = 0;
+    ismaBifsScene(video.present, audio.present, &scene, &sceneLength);
+
+    uint32_t sceneTrackId = 0, odTrackId = 0;
+    err = addSystemsTrack(this, MP4_TRACK_SCENE_DESCRIPTION, kBifsV2ObjectType,
+                          kSceneDescriptionStream, kBifsConfig, sizeof(kBifsConfig),
+                          std::vector<uint8_t>(scene, scene + sceneLength), {}, this, &sceneTrackId);
+    if (err == MP4_OK) {
+        err = addSystemsTrack(this, MP4_TRACK_OBJECT_DESCRIPTOR, kSystemsObjectType,
+                              kObjectDescriptorStream, nullptr, 0, odUpdate, references, this,
+                              &odTrackId);
+    }
+    if (err != MP4_OK) return err;
+
+    // The movie's initial object descriptor includes the two systems
+    // streams (ISO/IEC 14496-14 §3.1.2); files without one are left so.
+    CBox* moov = nullptr;
+    CBox* box = nullptr;
+    err = findTopLevelBox(fourcc("moov"), &moov);
+    if (err != MP4_OK) return err;
+    if (moov->findChild(fourcc("iods"), &box, 1) != MP4_OK) return MP4_OK;
+    CObjectDescriptorBox* iods = dynamic_cast<CObjectDescriptorBox*>(box);
+    CInitialObjectDescriptor* iod = nullptr;
+    if (!iods || iods->getDescriptor(&iod) != MP4_OK) return MP4_OK;
+    err = iod->addESIDInc(sceneTrackId);
+    if (err == MP4_OK) err = iod->addESIDInc(odTrackId);
+    return err;
 }
 
 }  // namespace quil
