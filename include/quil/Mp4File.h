@@ -57,6 +57,8 @@ public:
                                    uint32_t* hour, uint32_t* minute, uint32_t* second) = 0;
     virtual MP4Err setCreationTime(uint32_t year, uint32_t month, uint32_t day, uint32_t hour,
                                    uint32_t minute, uint32_t second) = 0;
+    // Read mode; a file being written answers 3 (its tracks are the ones
+    // addTrack handed out).
     virtual MP4Err getTrack(uint32_t trackNumber, CMp4Track** track) = 0;
     // Write mode only (3 otherwise): a new, empty track numbered
     // trackCount + 1, with track ID = its number, time scale 1000 and
@@ -73,10 +75,12 @@ public:
     virtual MP4Err addHintTrack(CMp4RtpHintTrack* hintTrack) = 0;
     virtual MP4Err setHintTrackContext(CMp4HintTrackContext* context) = 0;
     virtual MP4Err dumpBoxes() = 0;
-    // 0..2 (2 above). Tracks made afterwards take it: for a writing audio
-    // track, 1 or 2 writes raw audio chunk-as-sample (each addSample call
-    // becomes one chunk of size / bytes-per-audio-sample samples of
-    // duration 1).
+    // 0..2 (2 above). Tracks made afterwards take it: a writing audio track
+    // whose sample entry is raw PCM ("twos", "sowt", "raw ", "ulaw",
+    // "alaw", "in24", "fl32", ...) then writes chunk-as-sample: each
+    // addSample call becomes one chunk of size / bytes-per-audio-sample
+    // samples of duration 1, the way such tracks are read back. Compressed
+    // audio and other tracks are not affected.
     virtual MP4Err setTrackMode(uint32_t trackMode) = 0;
     virtual MP4Err optimizeFile(int32_t operation, const wchar_t* sourcePath,
                                 const wchar_t* targetPath) = 0;

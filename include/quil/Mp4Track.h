@@ -36,11 +36,12 @@ class CMp4MetaData;
 // | "twos", "sowt", "raw ",     | sampleRate, channels, sampleBits (8/16 or    |
 // | "ulaw", "alaw"              | the coded size)                              |
 // | "in24", "fl32"              | sampleRate, channels; littleEndian           |
-// | "lpcm"                      | sampleRate, channels, sampleBits;            |
-// |                             | littleEndian, isFloat                        |
+// | "lpcm"                      | not built (12): its QuickTime version-2      |
+// |                             | description is never written; use "sowt",    |
+// |                             | "twos", "in24" or "fl32"                     |
 //
 // Bit rates and buffer size of "esds"/"btrt" are filled in when the track
-// is finalised.
+// is finalised. The ES ID of "esds" is the track ID.
 struct MP4SampleEntryInfo {
     uint32_t format = 0;  // four-character code, e.g. fourcc("avc1")
     // Visual entries: coded size in pixels.
@@ -50,8 +51,7 @@ struct MP4SampleEntryInfo {
     uint32_t sampleRate = 0;  // Hz
     uint16_t channels = 0;
     uint16_t sampleBits = 0;  // bits per channel sample; 0 means 16
-    bool littleEndian = false;  // "in24", "fl32", "lpcm"
-    bool isFloat = false;       // "lpcm"
+    bool littleEndian = false;  // "in24", "fl32"
     // "mp4v"/"mp4a": ES object type indication; 0 picks 0x20 (MPEG-4
     // visual) or 0x40 (MPEG-4 audio).
     uint8_t objectTypeIndication = 0;
@@ -153,7 +153,8 @@ public:
     virtual MP4Err setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) = 0;
     // Adds a copy of the index-th (1-based) sample entry of another track,
     // typically one being read, unchanged with all its child boxes (codec
-    // configuration, colour, aspect ratio, unknown boxes): the remux path.
+    // configuration, colour, aspect ratio, unknown boxes, bit rates): the
+    // remux path.
     // 2 for a null source or the track itself, 17 for index 0, 3 when the
     // source has no such entry, 5 before setTrackType.
     virtual MP4Err addSampleEntryFrom(CMp4Track* source, uint32_t index) = 0;
@@ -177,11 +178,16 @@ public:
     virtual MP4Err setAudioSampleFactor(uint32_t factor) = 0;
     // Appends a sample: its bytes (copied), size (non-zero), decode and
     // composition time in the media time scale, and whether it is a sync
-    // (random access) sample. Decode times must increase strictly and the
-    // composition time may not precede the decode time (13); sizes of 0
-    // give 2; before a sample entry 5; a write error of the file 4 (the
-    // samples already accepted stay intact). A chunk is written to the
-    // file when one of the chunk limits is reached.
+    // (random access) sample. Decode times must increase strictly, by at
+    // most 2^32 - 1, and the composition time may neither precede the
+    // decode time nor follow it by 2^31 or more (13); sizes of 0 and null
+    // data give 2; before a sample entry 5. A chunk is written to the file
+    // when one of the chunk limits is reached; when that write fails (4,
+    // e.g. a full disc) the sample is still accepted and its chunk stays
+    // queued: the next sample, releaseTrack or close writes it again, so
+    // nothing accepted is lost once there is room. Tracks of raw audio
+    // written chunk-as-sample (see setAudioSampleFactor) take whole audio
+    // samples only (2 otherwise), with times counting one per audio sample.
     virtual MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
                              uint64_t compositionTime, bool sync) = 0;
     // Adds delta to every chunk offset (used when "mdat" moves).
@@ -194,7 +200,9 @@ public:
     // list. Without this call, a track whose first decode time is D > 0
     // gets an empty edit of D, so that the times read back equal the times
     // written. A remux passes what getInitialDelay reports for the source
-    // track. 2 for a negative firstMediaTime.
+    // track. Edits are stored in the movie time scale (1/1000 s), rounded
+    // up, so a read-back delay is exact when it is a whole number of
+    // milliseconds. 2 for a negative firstMediaTime.
     virtual MP4Err setEditList(uint64_t initialDelay, int64_t firstMediaTime,
                                uint64_t presentedDuration = 0) = 0;
 

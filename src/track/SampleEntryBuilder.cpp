@@ -20,7 +20,7 @@ public:
 
 // Sizes the box and writes it into a buffer of that size.
 MP4Err writeToMemory(CBox* box, std::unique_ptr<uint8_t[]>* bytes, uint32_t* length) {
-    MP4Err err = box->calculateSize();
+    MP4Err err = sizeBox(box);
     if (err != MP4_OK) return err;
     uint64_t total = 0;
     if ((err = box->getSize(&total)) != MP4_OK) return err;
@@ -32,7 +32,7 @@ MP4Err writeToMemory(CBox* box, std::unique_ptr<uint8_t[]>* bytes, uint32_t* len
     CMemoryStorage memory;
     memory.attach(bytes->get(), static_cast<uint32_t>(total), true);
     err = memory.open(1);
-    if (err == MP4_OK) err = box->write(&memory);
+    if (err == MP4_OK) err = writeBox(box, &memory);
     // A box that writes fewer bytes than it announced would leave garbage.
     if (err == MP4_OK && memory.position() != total) err = MP4_ERR_INVALID_DATA;
     memory.close();
@@ -96,7 +96,8 @@ MP4Err addRecordBox(CSampleEntry* entry, uint32_t boxType, const MP4SampleEntryI
     CBox* box = nullptr;
     MP4Err err = boxFromPayload(boxType, entry->type, info.config, info.configLength, &box);
     if (err == MP4_ERR_OUT_OF_MEMORY) return err;
-    if (err != MP4_OK || !box || box->type != boxType) {
+    // A record the reader could not take in is kept as read: still not one.
+    if (err != MP4_OK || !box || box->type != boxType || box->writesAsRead()) {
         delete box;
         return MP4_ERR_INVALID_ARGUMENT;  // not a record of that kind
     }

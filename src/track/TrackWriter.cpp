@@ -18,7 +18,6 @@ namespace {
 constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 constexpr uint32_t kTrackEnabledInMovieAndPreview = 7;
 constexpr int16_t kFullVolume = 0x0100;
-constexpr uint32_t kChunkWriteStep = 1u << 30;  // writeBytes counts in int32
 
 // Media time to movie time for edits, rounded up: a duration read back
 // (which truncates to media units) then converts to the one it came from.
@@ -319,7 +318,9 @@ MP4Err CTrackImpl::addSample(const uint8_t* data, uint32_t size, uint64_t decode
         return cut != MP4_OK ? cut : err;
     }
     // Chunk-as-sample: every audio sample is one table entry of one time
-    // unit; the call's bytes become one chunk.
+    // unit; the call's bytes become one chunk, which answers any cut the
+    // video of an interleaved file asked for.
+    if (file_->fileType() == MP4_FILE_XAVC) file_->setCutAudio(false);
     for (uint32_t i = 0; i < audioSamples; ++i) {
         err = addToTables(bytesPerAudioSample_, decodeTime + i, compositionTime + i, sync);
         if (err != MP4_OK) return err;
@@ -420,6 +421,10 @@ MP4Err CTrackImpl::chunkBeforeAppend(uint64_t decodeTime, bool sync) {
     if (mediaType_ == MP4_TRACK_AUDIO) {
         cut = file_->cutAudio();
         file_->setCutAudio(false);
+        // Without video cuts (an audio-only file) the chunk would grow with
+        // the media; the byte limit bounds it. Real video cuts come long
+        // before: a second of compressed audio is far below the limit.
+        if (chunkByteLimit_ != 0 && pendingBytes_ >= chunkByteLimit_) cut = true;
     } else if (chunkLimitReached(decodeTime, sync, true)) {
         cut = true;
         file_->setCutAudio(true);
@@ -539,8 +544,24 @@ MP4Err CTrackImpl::writeEditList(uint64_t mediaDuration) {
     const uint64_t delay = editSet_ ? editDelay_ : timeTable_->timeOffset;
     const int64_t mediaTime = editSet_ ? editMediaTime_ : 0;
     CBox* existing = nullptr;
-    // A retried finalisation finds the edit list of the first attempt.
-    if (trak_->findChild(fourcc("edts"), &existing) == MP4_OK) return MP4_OK;
+    // A retried finalisation finds the edit list of the first attempt; the
+    // track lasts as long as its edits.
+    if (trak_->findChild(fourcc("edts"), &existing) == MP4_OK) {
+        CBox* found = nullptr;
+        auto* list = existing->findChild(fourcc("elst"), &found) == MP4_OK
+                         ? dynamic_cast<CEditListBox*>(found)
+                         : nullptr;
+        if (!list) return MP4_ERR_INVALID_DATA;
+        uint64_t total = 0;
+        for (uint32_t i = 1; i <= list->entryCount; ++i) {
+            CEditListTableEntry* entry = nullptr;
+            MP4Err err = list->getEntry(i, &entry);
+            if (err != MP4_OK) return err;
+            total += entry->segmentDuration;
+        }
+        tkhd_->duration = total;
+        return MP4_OK;
+    }
     if (delay == 0 && mediaTime == 0 && (!editSet_ || editDuration_ == 0)) return MP4_OK;
     uint32_t movieScale = 0;
     MP4Err err = movieTimeScale(&movieScale);
