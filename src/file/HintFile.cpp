@@ -13,6 +13,7 @@
 #include "boxes/SampleEntries.h"
 #include "descriptors/Descriptors.h"
 #include "descriptors/ObjectDescriptors.h"
+#include "hint/BoxPaths.h"
 #include "hint/HintBoxes.h"
 #include "hint/Isma.h"
 #include "hint/Packetizers.h"
@@ -32,25 +33,6 @@ const char kSessionSdpIsma2[] = "a=control:*\r\na=isma-compliance:2,2.0,2.0\r\n"
 const char kSessionSdpIsma1[] =
     "a=control:*\r\na=isma-compliance:1,1.0,1\r\n"
     "a=mpeg4-iod: \"data:application/mpeg4-iod;base64,%s\"\r\n";
-
-// The child of that type, made and appended when missing.
-template <class T>
-MP4Err childOrNew(CBox* parent, uint32_t childType, T** child) {
-    *child = nullptr;
-    CBox* found = nullptr;
-    MP4Err err = parent->findChild(childType, &found, 1);
-    if (err == MP4_OK) {
-        *child = dynamic_cast<T*>(found);
-        return *child ? MP4_OK : MP4_ERR_INVALID_DATA;
-    }
-    if (err != MP4_ERR_NOT_AVAILABLE) return err;
-    std::unique_ptr<T> made(new (std::nothrow) T());
-    if (!made) return MP4_ERR_OUT_OF_MEMORY;
-    err = parent->addChild(made.get());
-    if (err != MP4_OK) return err;
-    *child = made.release();
-    return MP4_OK;
-}
 
 // What the ISMA descriptors need of one media track.
 struct IsmaTrack {
@@ -217,9 +199,9 @@ MP4Err CMp4FileImpl::writeSessionSdp() {
     CUserDataBox* udta = nullptr;
     CMovieHintInformationBox* hnti = nullptr;
     CRtpMovieHintInformationBox* rtp = nullptr;
-    if (err == MP4_OK) err = childOrNew(moov, fourcc("udta"), &udta);
-    if (err == MP4_OK) err = childOrNew(udta, fourcc("hnti"), &hnti);
-    if (err == MP4_OK) err = childOrNew(hnti, fourcc("rtp "), &rtp);
+    if (err == MP4_OK) err = findOrAddChild(moov, fourcc("udta"), &udta);
+    if (err == MP4_OK) err = findOrAddChild(udta, fourcc("hnti"), &hnti);
+    if (err == MP4_OK) err = findOrAddChild(hnti, fourcc("rtp "), &rtp);
     if (err == MP4_OK) err = rtp->setText(text.c_str());
     return err;
 }
@@ -273,7 +255,7 @@ MP4Err addSystemsTrack(CMp4File* file, uint32_t kind, uint8_t objectType, uint8_
         if (err == MP4_OK) err = moov->findChild(fourcc("trak"), &trak, number);
         CTrackReferenceBox* tref = nullptr;
         CTrackReferenceTypeBox* reference = nullptr;
-        if (err == MP4_OK) err = childOrNew(trak, fourcc("tref"), &tref);
+        if (err == MP4_OK) err = findOrAddChild(trak, fourcc("tref"), &tref);
         if (err == MP4_OK) {
             reference = new (std::nothrow) CTrackReferenceTypeBox(fourcc("mpod"));
             err = reference ? tref->addChild(reference) : MP4_ERR_OUT_OF_MEMORY;

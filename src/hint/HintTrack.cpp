@@ -7,6 +7,7 @@
 #include "boxes/SampleEntries.h"
 #include "file/Mp4FileImpl.h"
 #include "file/SampleReader.h"
+#include "hint/BoxPaths.h"
 #include "hint/HintBoxes.h"
 #include "storage/MemoryStorage.h"
 #include "track/SampleTables.h"
@@ -17,61 +18,12 @@ namespace {
 constexpr uint32_t kMinPayloadSize = 64;
 constexpr uint32_t kMaxPayloadSize = 65000;
 
-// The child of root found by walking the given types, first of each.
-MP4Err findPath(CBox* root, std::initializer_list<const char*> path, CBox** found) {
-    *found = nullptr;
-    CBox* box = root;
-    for (const char* code : path) {
-        uint32_t childType = (static_cast<uint32_t>(static_cast<uint8_t>(code[0])) << 24) |
-                             (static_cast<uint32_t>(static_cast<uint8_t>(code[1])) << 16) |
-                             (static_cast<uint32_t>(static_cast<uint8_t>(code[2])) << 8) |
-                             static_cast<uint8_t>(code[3]);
-        CBox* child = nullptr;
-        MP4Err err = box->findChild(childType, &child, 1);
-        if (err != MP4_OK) return err;
-        box = child;
-    }
-    *found = box;
-    return MP4_OK;
-}
-
-// The child of that type, made and appended when missing.
-template <class T>
-MP4Err findOrAdd(CBox* parent, uint32_t childType, T** child) {
-    *child = nullptr;
-    CBox* found = nullptr;
-    MP4Err err = parent->findChild(childType, &found, 1);
-    if (err == MP4_OK) {
-        *child = dynamic_cast<T*>(found);
-        return *child ? MP4_OK : MP4_ERR_INVALID_DATA;
-    }
-    if (err != MP4_ERR_NOT_AVAILABLE) return err;
-    std::unique_ptr<T> made(new (std::nothrow) T());
-    if (!made) return MP4_ERR_OUT_OF_MEMORY;
-    err = parent->addChild(made.get());
-    if (err != MP4_OK) return err;
-    *child = made.release();
-    return MP4_OK;
-}
-
-MP4Err findTrak(CMp4FileImpl* file, uint32_t trackNumber, CTrackBox** trak) {
-    *trak = nullptr;
-    CBox* moov = nullptr;
-    MP4Err err = file->findTopLevelBox(fourcc("moov"), &moov);
-    if (err != MP4_OK) return err;
-    CBox* found = nullptr;
-    err = moov->findChild(fourcc("trak"), &found, trackNumber);
-    if (err != MP4_OK) return err;
-    *trak = dynamic_cast<CTrackBox*>(found);
-    return *trak ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
-}
-
 // The 1-based number of the track with that ID, or 3.
 MP4Err trackNumberOfId(CMp4FileImpl* file, uint32_t trackId, uint32_t* number) {
     *number = 0;
     for (uint32_t n = 1;; ++n) {
-        CTrackBox* trak = nullptr;
-        MP4Err err = findTrak(file, n, &trak);
+        CBox* trak = nullptr;
+        MP4Err err = findTrackBox(file, n, &trak);
         if (err != MP4_OK) return err;
         CBox* box = nullptr;
         if (trak->findChild(fourcc("tkhd"), &box, 1) != MP4_OK) continue;
@@ -206,10 +158,10 @@ MP4Err CMp4RtpHintTrackImpl::bind(uint32_t trackNumber) {
     if (err != MP4_OK) return err;
     if (kind != MP4_TRACK_HINT) return MP4_ERR_NOT_AVAILABLE;
 
-    err = findTrak(file_, trackNumber, &trak_);
+    err = findTrackBox(file_, trackNumber, &trak_);
     if (err != MP4_OK) return err;
     CBox* box = nullptr;
-    err = findPath(trak_, {"mdia", "minf", "stbl", "stsd"}, &box);
+    err = findChildPath(trak_, {fourcc("mdia"), fourcc("minf"), fourcc("stbl"), fourcc("stsd")}, &box);
     if (err != MP4_OK) return err;
     CSampleDescriptionBox* stsd = dynamic_cast<CSampleDescriptionBox*>(box);
     CBox* entry = nullptr;
@@ -219,7 +171,7 @@ MP4Err CMp4RtpHintTrackImpl::bind(uint32_t trackNumber) {
     timeScale_ = entry_->tims ? entry_->tims->value : 0;
     maxPacketSize_ = entry_->maxPacketSize;
 
-    if (findPath(trak_, {"tref", "hint"}, &box) == MP4_OK) {
+    if (findChildPath(trak_, {fourcc("tref"), fourcc("hint")}, &box) == MP4_OK) {
         CTrackReferenceTypeBox* hint = dynamic_cast<CTrackReferenceTypeBox*>(box);
         for (uint32_t i = 0; hint && i < hint->count; ++i) {
             referencedTrackIds_.push_back(hint->trackIds[i]);
@@ -250,7 +202,7 @@ MP4Err CMp4RtpHintTrackImpl::bind(uint32_t trackNumber) {
         CRtpPacket* first = nullptr;
         if (packetAt(1, 1, &first) == MP4_OK) state_.payloadType = first->payloadType;
     }
-    if (findPath(trak_, {"mdia", "minf", "hmhd"}, &box) == MP4_OK) {
+    if (findChildPath(trak_, {fourcc("mdia"), fourcc("minf"), fourcc("hmhd")}, &box) == MP4_OK) {
         CHintMediaHeaderBox* hmhd = dynamic_cast<CHintMediaHeaderBox*>(box);
         if (hmhd && hmhd->avgBitrate != 0) bitrate_ = hmhd->avgBitrate;
     }
@@ -340,10 +292,10 @@ MP4Err CMp4RtpHintTrackImpl::sampleDescriptionBytes(int8_t trackRefIndex, uint32
     uint32_t trackNumber = 0;
     MP4Err err = referencedTrackNumber(trackRefIndex, &trackNumber);
     if (err != MP4_OK) return err;
-    CTrackBox* trak = nullptr;
-    err = findTrak(file_, trackNumber, &trak);
+    CBox* trak = nullptr;
+    err = findTrackBox(file_, trackNumber, &trak);
     CBox* box = nullptr;
-    if (err == MP4_OK) err = findPath(trak, {"mdia", "minf", "stbl", "stsd"}, &box);
+    if (err == MP4_OK) err = findChildPath(trak, {fourcc("mdia"), fourcc("minf"), fourcc("stbl"), fourcc("stsd")}, &box);
     CSampleDescriptionBox* stsd = dynamic_cast<CSampleDescriptionBox*>(box);
     if (err != MP4_OK || !stsd) return MP4_ERR_INVALID_DATA;
     CBox* entry = nullptr;
@@ -509,11 +461,11 @@ MP4Err CMp4RtpHintTrackImpl::setRtpSession(uint32_t ssrc, uint32_t timestampOffs
 MP4Err CMp4RtpHintTrackImpl::getTrackSdp(char** text) {
     if (!text) return MP4_ERR_INVALID_ARGUMENT;
     *text = nullptr;
-    CTrackBox* trak = trak_;
-    if (!trak && hintTrackNumber_ != 0) (void)findTrak(file_, hintTrackNumber_, &trak);
+    CBox* trak = trak_;
+    if (!trak && hintTrackNumber_ != 0) (void)findTrackBox(file_, hintTrackNumber_, &trak);
     if (!trak) return MP4_ERR_NOT_AVAILABLE;
     CBox* box = nullptr;
-    MP4Err err = findPath(trak, {"udta", "hnti", "sdp "}, &box);
+    MP4Err err = findChildPath(trak, {fourcc("udta"), fourcc("hnti"), fourcc("sdp ")}, &box);
     if (err != MP4_OK) return err;
     CRtpTrackSdpHintInformationBox* sdp = dynamic_cast<CRtpTrackSdpHintInformationBox*>(box);
     if (!sdp) return MP4_ERR_NOT_AVAILABLE;

@@ -20,7 +20,6 @@ namespace quil {
 
 class CMp4FileImpl;
 class CSampleReader;
-class CTrackBox;
 class CRtpHintSampleEntry;
 
 constexpr uint32_t kDefaultMaxPayloadSize = 1450;
@@ -164,7 +163,7 @@ private:
     MP4Err rtpTime(uint32_t sample, uint64_t* time, bool composition);
 
     CMp4Track* hintTrack_ = nullptr;  // reading: bound to the hint track (owned)
-    CTrackBox* trak_ = nullptr;
+    CBox* trak_ = nullptr;  // the hint track's "trak"
     CRtpHintSampleEntry* entry_ = nullptr;
     std::vector<uint32_t> referencedTrackIds_;
     uint32_t mediaTimeScale_ = 0;  // the hint track's "mdhd" time scale

@@ -8,51 +8,13 @@
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
 #include "file/Mp4FileImpl.h"
+#include "hint/BoxPaths.h"
 #include "hint/HintBoxes.h"
 #include "storage/MemoryStorage.h"
 #include "track/TrackImpl.h"
 
 namespace quil {
 namespace {
-
-MP4Err trakOf(CMp4FileImpl* file, uint32_t trackNumber, CBox** trak) {
-    *trak = nullptr;
-    CBox* moov = nullptr;
-    MP4Err err = file->findTopLevelBox(fourcc("moov"), &moov);
-    if (err != MP4_OK) return err;
-    return moov->findChild(fourcc("trak"), trak, trackNumber);
-}
-
-MP4Err childOf(CBox* parent, std::initializer_list<uint32_t> path, CBox** found) {
-    CBox* box = parent;
-    for (uint32_t childType : path) {
-        CBox* child = nullptr;
-        MP4Err err = box->findChild(childType, &child, 1);
-        if (err != MP4_OK) return err;
-        box = child;
-    }
-    *found = box;
-    return MP4_OK;
-}
-
-// The child of that type, made and appended when missing.
-template <class T>
-MP4Err childOrNew(CBox* parent, uint32_t childType, T** child) {
-    *child = nullptr;
-    CBox* found = nullptr;
-    MP4Err err = parent->findChild(childType, &found, 1);
-    if (err == MP4_OK) {
-        *child = dynamic_cast<T*>(found);
-        return *child ? MP4_OK : MP4_ERR_INVALID_DATA;
-    }
-    if (err != MP4_ERR_NOT_AVAILABLE) return err;
-    std::unique_ptr<T> made(new (std::nothrow) T());
-    if (!made) return MP4_ERR_OUT_OF_MEMORY;
-    err = parent->addChild(made.get());
-    if (err != MP4_OK) return err;
-    *child = made.release();
-    return MP4_OK;
-}
 
 uint64_t rescale(uint64_t time, uint32_t to, uint32_t from) {
     if (to == from || from == 0) return time;
@@ -120,7 +82,7 @@ MP4Err CMp4RtpHintTrackImpl::build(uint8_t payloadType, CMp4HintTrackContext*) {
 
 MP4Err CMp4RtpHintTrackImpl::addHintTrackBoxes(CMp4Track* hint, uint32_t mediaTrackId) {
     CBox* trak = nullptr;
-    MP4Err err = trakOf(file_, hintTrackNumber_, &trak);
+    MP4Err err = findTrackBox(file_, hintTrackNumber_, &trak);
     if (err != MP4_OK) return err;
     CTrackImpl* track = dynamic_cast<CTrackImpl*>(hint);
     if (!track) return MP4_ERR_INVALID_ARGUMENT;
@@ -139,10 +101,10 @@ MP4Err CMp4RtpHintTrackImpl::addHintTrackBoxes(CMp4Track* hint, uint32_t mediaTr
 
     // The hint samples' constructors name the media track as reference 0.
     CTrackReferenceBox* tref = nullptr;
-    err = childOrNew(trak, fourcc("tref"), &tref);
+    err = findOrAddChild(trak, fourcc("tref"), &tref);
     if (err != MP4_OK) return err;
     CTrackReferenceTypeBox* reference = nullptr;
-    err = childOrNew(tref, fourcc("hint"), &reference);
+    err = findOrAddChild(tref, fourcc("hint"), &reference);
     if (err != MP4_OK) return err;
     err = reference->addTrackId(mediaTrackId);
     if (err != MP4_OK) return err;
@@ -210,10 +172,10 @@ MP4Err CMp4RtpHintTrackImpl::finishHintTrack(uint32_t) {
     maxPacketSize_ = state_.largestPacket;
     if (entry_) entry_->maxPacketSize = maxPacketSize_;
     CBox* trak = nullptr;
-    MP4Err err = trakOf(file_, hintTrackNumber_, &trak);
+    MP4Err err = findTrackBox(file_, hintTrackNumber_, &trak);
     if (err != MP4_OK) return err;
     CBox* box = nullptr;
-    if (childOf(trak, {fourcc("mdia"), fourcc("minf"), fourcc("hmhd")}, &box) == MP4_OK) {
+    if (findChildPath(trak, {fourcc("mdia"), fourcc("minf"), fourcc("hmhd")}, &box) == MP4_OK) {
         if (CHintMediaHeaderBox* hmhd = dynamic_cast<CHintMediaHeaderBox*>(box)) {
             hmhd->maxPduSize = static_cast<uint16_t>(std::min<uint32_t>(maxPacketSize_, 0xFFFF));
             hmhd->avgPduSize = static_cast<uint16_t>(
@@ -231,9 +193,9 @@ MP4Err CMp4RtpHintTrackImpl::finishHintTrack(uint32_t) {
     CUserDataBox* udta = nullptr;
     CTrackHintInformationBox* hnti = nullptr;
     CRtpTrackSdpHintInformationBox* sdpBox = nullptr;
-    err = childOrNew(trak, fourcc("udta"), &udta);
-    if (err == MP4_OK) err = childOrNew(udta, fourcc("hnti"), &hnti);
-    if (err == MP4_OK) err = childOrNew(hnti, fourcc("sdp "), &sdpBox);
+    err = findOrAddChild(trak, fourcc("udta"), &udta);
+    if (err == MP4_OK) err = findOrAddChild(udta, fourcc("hnti"), &hnti);
+    if (err == MP4_OK) err = findOrAddChild(hnti, fourcc("sdp "), &sdpBox);
     if (err == MP4_OK) err = sdpBox->setText(sdp);
     return err;
 }

@@ -10,6 +10,7 @@
 #include "boxes/CodecBoxes.h"
 #include "boxes/SampleEntries.h"
 #include "file/Mp4FileImpl.h"
+#include "hint/BoxPaths.h"
 #include "storage/Base64.h"
 
 namespace quil {
@@ -99,15 +100,11 @@ uint32_t mpeg4VisualProfile(const std::string& configHex) {
 
 // The first sample entry of a track, through the file's box tree.
 CBox* firstSampleEntry(CMp4FileImpl* file, uint32_t trackNumber) {
+    CBox* trak = nullptr;
     CBox* box = nullptr;
-    if (file->findTopLevelBox(fourcc("moov"), &box) != MP4_OK) return nullptr;
-    const uint32_t path[] = {fourcc("trak"), fourcc("mdia"), fourcc("minf"), fourcc("stbl"),
-                             fourcc("stsd")};
-    for (uint32_t childType : path) {
-        CBox* child = nullptr;
-        uint32_t instance = childType == fourcc("trak") ? trackNumber : 1;
-        if (box->findChild(childType, &child, instance) != MP4_OK) return nullptr;
-        box = child;
+    if (findTrackBox(file, trackNumber, &trak) != MP4_OK) return nullptr;
+    if (findChildPath(trak, {fourcc("mdia"), fourcc("minf"), fourcc("stbl"), fourcc("stsd")}, &box) != MP4_OK) {
+        return nullptr;
     }
     CSampleDescriptionBox* stsd = dynamic_cast<CSampleDescriptionBox*>(box);
     CBox* entry = nullptr;
