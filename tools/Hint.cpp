@@ -340,11 +340,21 @@ int runHint(const char* input, const char* output, uint32_t mtu, bool latm) {
         reportError(input, err);
         return kExitFailure;
     }
+    // Written under a temporary name and renamed when complete, so that a
+    // failure never leaves a half-written file under the output's name.
+    const std::string temporary = std::string(output) + ".quil-tmp";
+    struct Cleanup {
+        const std::string& path;
+        bool keep = false;
+        ~Cleanup() {
+            if (!keep) std::remove(path.c_str());
+        }
+    } cleanup{temporary};
     WrittenFile target;
     uint32_t fileType = MP4_FILE_MPEG4;
     (void)source.get()->getFileType(&fileType);
     target.fileType = fileType == MP4_FILE_NO_FTYP ? MP4_FILE_MPEG4 : fileType;
-    err = target.open(output);
+    err = target.open(temporary.c_str());
     if (err != MP4_OK) {
         reportError(output, err);
         return kExitFailure;
@@ -386,6 +396,11 @@ int runHint(const char* input, const char* output, uint32_t mtu, bool latm) {
         reportError(output, err);
         return kExitFailure;
     }
+    if (std::rename(temporary.c_str(), output) != 0) {
+        std::perror("quil: hint");
+        return kExitFailure;
+    }
+    cleanup.keep = true;
     if (toHint.empty()) std::fprintf(stderr, "quil: %s: no track with an RTP payload format\n", input);
     return kExitOk;
 }

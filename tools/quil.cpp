@@ -25,6 +25,9 @@ const char kUsage[] =
     "usage: quil dump FILE\n"
     "       quil info FILE [--json]\n"
     "       quil samples FILE [--track N]\n"
+    "       quil hint IN OUT [--mtu N] [--latm]\n"
+    "       quil sdp FILE [--to HOST:PORT]\n"
+    "       quil rtp-send FILE --to HOST:PORT [--speed X]\n"
     "       quil --help\n"
     "\n"
     "  dump     print every box of the file with its fields\n"
@@ -33,7 +36,17 @@ const char kUsage[] =
     "  samples  print one line per sample, tab separated: track number,\n"
     "           sample number, file offset, size, decode time, composition\n"
     "           time (media time scale), sync (1 or 0); --track N limits\n"
-    "           the list to track N (1-based)\n";
+    "           the list to track N (1-based)\n"
+    "  hint     copy the audio and video tracks of IN to OUT and add an RTP\n"
+    "           hint track for each H.264, MPEG-4 video, H.263, AAC and AMR\n"
+    "           track; --mtu N sets the largest RTP payload (default 1450),\n"
+    "           --latm sends AAC as MP4A-LATM instead of mpeg4-generic\n"
+    "  sdp      print the session and media SDP of a hinted file; with --to\n"
+    "           HOST:PORT, a complete description for a receiver (track k on\n"
+    "           PORT + 2k)\n"
+    "  rtp-send send every hint track as RTP over UDP to HOST, track k to\n"
+    "           PORT + 2k, paced by the RTP times (--speed X plays X times\n"
+    "           as fast, 0 as fast as possible)\n";
 
 int usageError(const char* message) {
     std::fprintf(stderr, "quil: %s (see quil --help)\n", message);
