@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "BoxBuilder.h"
+#include "HintFileBuilder.h"
 #include "hint/HintBoxes.h"
 #include "hint/HintSample.h"
 #include "hint/Packetizers.h"
@@ -21,6 +22,18 @@ namespace {
 using test::box;
 using test::Bytes;
 using test::ByteWriter;
+
+// Owns a file object; closes and destroys it at the end.
+struct File {
+    CMp4File* file = nullptr;
+    File() { EXPECT_EQ(MP4_OK, CMp4File::createInstance(&file)); }
+    ~File() {
+        uint32_t open = 0;
+        if (file->isOpen(&open) == MP4_OK && open) (void)file->close();
+        CMp4File::destroyInstance(&file);
+    }
+    CMp4File* operator->() { return file; }
+};
 
 // ---- hint samples -------------------------------------------------------------
 
@@ -125,6 +138,76 @@ INSTANTIATE_TEST_SUITE_P(
                           MP4_ERR_BAD_BOX_SIZE}),
     [](const auto& info) { return info.param.name; });
 
+// ---- packets produced from a hint sample ----------------------------------------
+
+Bytes sampleConstructor(int8_t trackRef, uint16_t length, uint32_t sample, uint32_t offset) {
+    return ByteWriter().u8(2).u8(static_cast<uint8_t>(trackRef)).u16(length).u32(sample).u32(offset).u16(1).u16(1);
+}
+Bytes descriptionConstructor(uint16_t length, uint32_t index, uint32_t offset) {
+    return ByteWriter().u8(3).u8(0).u16(length).u32(index).u32(offset).u32(0);
+}
+// A hint sample of one packet with these constructors and 4 bytes of extra data.
+Bytes onePacket(const std::vector<Bytes>& constructors) {
+    ByteWriter out;
+    out.u16(1).u16(0).u32(0).u8(0x80).u8(0x80 | 97).u16(5).u8(0).u8(0).u16(static_cast<uint16_t>(constructors.size()));
+    for (const Bytes& c : constructors) out.raw(c);
+    return out.u32(0xDDCCBBAA);
+}
+
+MP4Err producePacket(const Bytes& hintSample, Bytes* packet) {
+    Bytes file = test::fileWithHintSample(hintSample.data(), hintSample.size());
+    CMemoryStorage memory;
+    memory.attach(file.data(), static_cast<uint32_t>(file.size()), false);
+    File mp4;
+    EXPECT_EQ(MP4_OK, mp4->setStorage(&memory));
+    EXPECT_EQ(MP4_OK, mp4->open(L"memory", 0, 0));
+    CMp4RtpHintTrack* raw = nullptr;
+    EXPECT_EQ(MP4_OK, mp4->getHintTrack(2, &raw));
+    std::unique_ptr<CMp4RtpHintTrack> hint(raw);
+    if (!hint) return MP4_ERR_NOT_AVAILABLE;
+    packet->assign(256, 0);
+    uint32_t length = 0;
+    MP4Err err = hint->getPacket(1, 1, packet->data(), static_cast<uint32_t>(packet->size()), &length);
+    packet->resize(err == MP4_OK ? length : 0);
+    return err;
+}
+
+TEST(HintTrackPackets, ConstructorsCopyTheirBytes) {
+    const Bytes immediate = ByteWriter().u8(1).u8(3).u8(0xAA).u8(0xBB).u8(0xCC).zeros(11);
+    const Bytes hintSample = onePacket({immediate, sampleConstructor(0, 10, 2, 5),
+                                        sampleConstructor(-1, 4, 1, 4 + 12 + 4 * 16),
+                                        descriptionConstructor(4, 1, 4)});
+    Bytes packet;
+    ASSERT_EQ(MP4_OK, producePacket(hintSample, &packet));
+    Bytes media(10);
+    for (uint8_t i = 0; i < 10; ++i) media[i] = static_cast<uint8_t>(20 + 5 + i);  // sample 2 from byte 5
+    const Bytes expected = ByteWriter()
+        .u8(0x80).u8(0x80 | 97).u16(5).u32(0).u32(0)  // RTP header: time 0, no SSRC yet
+        .u8(0xAA).u8(0xBB).u8(0xCC).raw(media)
+        .u32(0xDDCCBBAA)                               // the hint sample's own extra data
+        .code("mp4v");                                 // bytes 4..7 of the sample entry
+    EXPECT_EQ(expected, packet);
+}
+
+class ConstructorsOutsideTheirSource : public ::testing::TestWithParam<Bytes> {};
+
+TEST_P(ConstructorsOutsideTheirSource, GiveAnErrorAndNoPacket) {
+    Bytes packet;
+    EXPECT_EQ(MP4_ERR_INVALID_DATA, producePacket(onePacket({GetParam()}), &packet));
+    EXPECT_TRUE(packet.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    HintTrackPackets, ConstructorsOutsideTheirSource,
+    ::testing::Values(sampleConstructor(0, 10, 1, 1),          // past the end of sample 1
+                      sampleConstructor(0, 1, 4, 0),           // no sample 4
+                      sampleConstructor(0, 1, 0, 0),           // no sample 0
+                      sampleConstructor(1, 1, 1, 0),           // no second track reference
+                      sampleConstructor(-1, 40, 1, 0),         // past the hint sample (36 bytes)
+                      sampleConstructor(0, 1, 1, 0xFFFFFFFF),  // offset wrapping around
+                      descriptionConstructor(200, 1, 0),       // past the sample entry
+                      descriptionConstructor(1, 2, 0)));       // no second sample entry
+
 // ---- the "rtp " entry -------------------------------------------------------------
 
 Bytes rtpEntry(const Bytes& children) {
@@ -166,17 +249,6 @@ TEST(RtpHintSampleEntry, KeepsItsTimingChildrenAndRefusesDuplicates) {
 
 std::string tempPath(const std::string& name) { return ::testing::TempDir() + "quil_hint_" + name; }
 std::wstring wide(const std::string& path) { return std::wstring(path.begin(), path.end()); }
-
-struct File {
-    CMp4File* file = nullptr;
-    File() { EXPECT_EQ(MP4_OK, CMp4File::createInstance(&file)); }
-    ~File() {
-        uint32_t open = 0;
-        if (file->isOpen(&open) == MP4_OK && open) (void)file->close();
-        CMp4File::destroyInstance(&file);
-    }
-    CMp4File* operator->() { return file; }
-};
 
 struct HintRequest {
     MP4SampleEntryInfo entry{};
