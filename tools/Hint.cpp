@@ -77,6 +77,40 @@ std::string sessionText(CMp4File* file) {
     }
 }
 
+constexpr double kReportInterval = 1.0;  // seconds of media between sender reports
+constexpr double kNtpUnixOffset = 2208988800.0;  // 1900-01-01 to 1970-01-01
+
+// The wall clock as NTP seconds (RFC 3550 §4).
+double ntpNow() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(now).count() + kNtpUnixOffset;
+}
+
+void putU32(uint8_t* at, uint32_t value) {
+    for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+}
+
+// An RTCP sender report (RFC 3550 §6.4.1) on the stream's RTCP port: it
+// ties the stream's RTP clock to the session's NTP time line, so that a
+// receiver can put the streams in sync. The media time of the session is
+// taken as the NTP time after the session start.
+template <class Stream>
+void sendSenderReport(int sock, sockaddr_in target, const Stream& stream, double mediaTime,
+                      double sessionStart) {
+    uint8_t report[28] = {0x80, 200, 0, 6};
+    putU32(report + 4, stream.ssrc);
+    const double ntp = sessionStart + mediaTime;
+    const uint64_t whole = static_cast<uint64_t>(ntp);
+    putU32(report + 8, static_cast<uint32_t>(whole));
+    putU32(report + 12, static_cast<uint32_t>((ntp - static_cast<double>(whole)) * 4294967296.0));
+    const uint64_t ticks = static_cast<uint64_t>(mediaTime * stream.clock + 0.5);
+    putU32(report + 16, stream.timestampOffset + static_cast<uint32_t>(ticks));
+    putU32(report + 20, stream.packets);
+    putU32(report + 24, stream.octets);
+    target.sin_port = htons(static_cast<uint16_t>(stream.port + 1));
+    (void)sendto(sock, report, sizeof report, 0, reinterpret_cast<sockaddr*>(&target), sizeof target);
+}
+
 }  // namespace
 
 int dumpHintSamples(CMp4File* file) {
@@ -186,6 +220,11 @@ int runRtpSend(const char* path, const char* destination, double speed) {
         uint32_t clock = 0;
         uint32_t samples = 0;
         uint32_t next = 1;
+        uint32_t ssrc = 0;
+        uint32_t timestampOffset = 0;
+        uint32_t packets = 0;
+        uint32_t octets = 0;
+        double nextReport = 0;  // media time of the next sender report
     };
     std::vector<Stream> streams;
     std::mt19937 random(std::random_device{}());
@@ -194,12 +233,15 @@ int runRtpSend(const char* path, const char* destination, double speed) {
         Stream stream{hint.get(), static_cast<uint16_t>(port + 2 * index++)};
         (void)hint->getTimeScale(&stream.clock);
         (void)hint->getHintSampleCount(&stream.samples);
-        (void)hint->setRtpSession(random(), random(), static_cast<uint16_t>(random()));
+        stream.ssrc = random();
+        stream.timestampOffset = random();
+        (void)hint->setRtpSession(stream.ssrc, stream.timestampOffset, static_cast<uint16_t>(random()));
         if (stream.clock != 0) streams.push_back(stream);
     }
 
     std::vector<uint8_t> packet(kMaxPacket);
     const auto start = std::chrono::steady_clock::now();
+    const double sessionStart = ntpNow();
     int status = kExitOk;
     for (;;) {
         // The stream whose next hint sample is due first.
@@ -222,6 +264,10 @@ int runRtpSend(const char* path, const char* destination, double speed) {
         if (speed > 0) {
             std::this_thread::sleep_until(start + std::chrono::duration<double>(dueTime / speed));
         }
+        if (dueTime >= due->nextReport) {
+            sendSenderReport(sock, target, *due, dueTime, sessionStart);
+            due->nextReport = dueTime + kReportInterval;
+        }
         uint32_t packets = 0;
         err = due->hint->getPacketCount(due->next, &packets);
         for (uint32_t p = 1; err == MP4_OK && p <= packets; ++p) {
@@ -235,6 +281,8 @@ int runRtpSend(const char* path, const char* destination, double speed) {
                 status = kExitFailure;
                 break;
             }
+            ++due->packets;
+            due->octets += length - 12;
         }
         if (err != MP4_OK) {
             std::fprintf(stderr, "quil: %s: hint sample %u: %s\n", path, due->next, toString(err));
