@@ -188,7 +188,13 @@ int run(int argc, char** argv) {
         bool latm = false;
         for (int i = 4; i < argc; ++i) {
             if (std::strcmp(argv[i], "--latm") == 0) latm = true;
-            else if (std::strcmp(argv[i], "--mtu") == 0 && i + 1 < argc) mtu = std::atoi(argv[++i]);
+            else if (std::strcmp(argv[i], "--mtu") == 0 && i + 1 < argc) {
+                uint32_t value = 0;
+                if (!parseTrackNumber(argv[++i], &value) || value < 64 || value > 65000) {
+                    return usageError("--mtu needs a payload size of 64 to 65000 bytes");
+                }
+                mtu = value;
+            }
             else return usageError("unknown option for hint");
         }
         return runHint(path, argv[3], mtu, latm);
@@ -204,7 +210,11 @@ int run(int argc, char** argv) {
         double speed = 1.0;
         for (int i = 3; i + 1 < argc; i += 2) {
             if (std::strcmp(argv[i], "--to") == 0) to = argv[i + 1];
-            else if (std::strcmp(argv[i], "--speed") == 0) speed = std::atof(argv[i + 1]);
+            else if (std::strcmp(argv[i], "--speed") == 0) {
+                char* end = nullptr;
+                speed = std::strtod(argv[i + 1], &end);
+                if (*end != '\0' || !(speed >= 0)) return usageError("--speed needs a number of 0 or more");
+            }
             else return usageError("unknown option for rtp-send");
         }
         return runRtpSend(path, to, speed);
