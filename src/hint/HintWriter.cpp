@@ -175,6 +175,11 @@ MP4Err CMp4RtpHintTrackImpl::finishHintTrack(uint32_t) {
     MP4Err err = findTrackBox(file_, hintTrackNumber_, &trak);
     if (err != MP4_OK) return err;
     CBox* box = nullptr;
+    // Enabled, but not part of the presentation itself: players skip it,
+    // servers use it (ISO/IEC 14496-12 §8.3.2 track_in_movie).
+    if (findChildPath(trak, {fourcc("tkhd")}, &box) == MP4_OK) {
+        if (CTrackHeaderBox* tkhd = dynamic_cast<CTrackHeaderBox*>(box)) tkhd->flags = 1;
+    }
     if (findChildPath(trak, {fourcc("mdia"), fourcc("minf"), fourcc("hmhd")}, &box) == MP4_OK) {
         if (CHintMediaHeaderBox* hmhd = dynamic_cast<CHintMediaHeaderBox*>(box)) {
             hmhd->maxPduSize = static_cast<uint16_t>(std::min<uint32_t>(maxPacketSize_, 0xFFFF));
