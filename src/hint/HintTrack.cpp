@@ -1,5 +1,6 @@
 #include "HintTrack.h"
 
+#include <cstdio>
 #include <cstring>
 #include <new>
 
