@@ -22,7 +22,8 @@ namespace quil {
 // Reading: CMp4File::getHintTrack(n, &hint) on a file opened for reading
 // gives an object over the existing hint track n (3 when track n is not an
 // RTP hint track). It describes each hint sample's packets and produces
-// them (getPacket).
+// them (getPacket). It reads through the file: delete it before closing
+// the file.
 //
 // Sample and packet numbers are 1-based; out-parameters are set to 0 (or
 // null) first.
