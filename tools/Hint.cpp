@@ -353,10 +353,23 @@ MP4Err copyTrack(CMp4Track* source, CMp4File* output) {
     if (err == MP4_OK) err = source->getSampleCount(&count);
     if (err == MP4_OK) err = target->setTrackType(kind);
     if (err == MP4_OK) err = target->setTimeScale(timeScale);
-    if (err == MP4_OK && source->getLanguage(language) == MP4_OK) err = target->setLanguage(language);
+    // A language the writer does not take (not three letters) is left out.
+    if (err == MP4_OK && source->getLanguage(language) == MP4_OK) (void)target->setLanguage(language);
     if (err == MP4_OK) err = target->addSampleEntryFrom(source, 1);
+    // Composition offsets read as negative (version 1 "ctts") are shifted
+    // up to 0, and the edit list starts the presentation that much later in
+    // the media, so the frames still show at the same times.
+    uint64_t shift = 0;
+    for (uint32_t sample = 1; err == MP4_OK && sample <= count; ++sample) {
+        uint64_t decode = 0, composition = 0;
+        if (source->getSampleDecodeTime(sample, &decode) != MP4_OK ||
+            source->getSampleCompositionTime(sample, &composition) != MP4_OK) {
+            break;
+        }
+        if (composition < decode && decode - composition > shift) shift = decode - composition;
+    }
     if (err == MP4_OK && source->getInitialDelay(&delay, &firstMediaTime, &presented) == MP4_OK) {
-        err = target->setEditList(delay, firstMediaTime, presented);
+        err = target->setEditList(delay, firstMediaTime + static_cast<int64_t>(shift), presented);
     }
     std::vector<uint8_t> bytes;
     for (uint32_t sample = 1; err == MP4_OK && sample <= count; ++sample) {
@@ -372,8 +385,8 @@ MP4Err copyTrack(CMp4Track* source, CMp4File* output) {
         // Times read include the edit list's delay, which setEditList
         // writes again.
         if (err == MP4_OK) {
-            err = target->addSample(bytes.data(), size, decode - delay, composition - delay,
-                                    sync != 0);
+            err = target->addSample(bytes.data(), size, decode - delay,
+                                    composition + shift - delay, sync != 0);
         }
     }
     return err;
