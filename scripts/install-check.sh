@@ -76,7 +76,7 @@ for kind in static shared; do
 
   if [ "$kind" = shared ]; then
     # Every exported quil symbol must belong to the public interface.
-    public='quil::(CMp4File|CMp4Track|CMp4MetaData|CMp4HintTrack|CMp4RtpHintTrack|CMp4HintTrackContext|CStorage)\b|quil::(toString|Mp4VideoCodecId)\('
+    public='quil::(CMp4File|CMp4Track|CMp4MetaData|CMp4HintTrack|CMp4RtpHintTrack|CMp4HintTrackContext|CStorage)\b|quil::(toString|Mp4VideoCodecId|Mp4GetNetSettings|Mp4SetNetSettings)\('
     leaked=$(nm -D --defined-only -C "$libdir/libquil.so" | cut -d' ' -f3- |
              grep 'quil::' | grep -Ev "^(typeinfo|typeinfo name|vtable) for ($public)|^($public)" || true)
     if [ -n "$leaked" ]; then

@@ -9,7 +9,7 @@ packages=(
   cmake ninja-build g++ clang libclang-rt-14-dev
   libgtest-dev zlib1g-dev libcurl4-openssl-dev pkg-config
   ffmpeg libavformat-dev libavcodec-dev libavutil-dev
-  python3
+  python3 nginx-light
 )
 
 is_installed() {

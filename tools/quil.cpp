@@ -227,5 +227,12 @@ int run(int argc, char** argv) {
 }  // namespace quil
 
 int main(int argc, char** argv) {
+    // Standard output carries the reports; the library's download progress
+    // (files opened by URL) goes to standard error instead.
+    quil::Mp4NetSettings settings{};
+    if (quil::Mp4GetNetSettings(&settings) == quil::MP4_OK) {
+        settings.progress = stderr;
+        (void)quil::Mp4SetNetSettings(&settings);
+    }
     return quil::tool::run(argc, argv);
 }

@@ -9,6 +9,7 @@
 #include "Mp4HintTrack.h"
 #include "Mp4MetaData.h"
 #include "Mp4Track.h"
+#include "NetSettings.h"
 #include "Storage.h"
 
 #endif

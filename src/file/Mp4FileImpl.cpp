@@ -11,6 +11,7 @@
 #include "boxes/MovieBoxes.h"
 #include "quil/Mp4MetaData.h"
 #include "storage/DiscStorage.h"
+#include "storage/NetStorage.h"
 #include "storage/WidePath.h"
 #include "track/TrackImpl.h"
 
@@ -107,26 +108,33 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     MP4Err err = storage_->open(mode_);
     if (err != MP4_OK) return failOpen(err);
     err = mode_ == 0 ? readTopLevel() : startWriting();
+    // The top level ends quietly at a failed read, which then looks like a
+    // file without a movie; over HTTP a failed transfer is the real cause.
+    auto* net = dynamic_cast<CNetStorage*>(storage_);
+    if (err == MP4_ERR_NOT_AVAILABLE && net != nullptr && net->transferFailed()) err = MP4_ERR_IO;
     if (err != MP4_OK) return failOpen(err);
     isOpen_ = 1;
     return MP4_OK;
 }
 
 MP4Err CMp4FileImpl::makeStorageForPath(const wchar_t* path) {
-    // Reading over HTTP needs the network storage, which this build does
-    // not contain; such paths are refused instead of being tried on disc.
-    if (isHttpPath(path)) return MP4_ERR_UNSUPPORTED;
-
-    CDiscStorage* disc = new (std::nothrow) CDiscStorage();
-    if (disc == nullptr) return MP4_ERR_OUT_OF_MEMORY;
-    storage_ = disc;
+    CDiscStorage* disc = nullptr;
+    CNetStorage* net = nullptr;
+    if (isHttpPath(path)) {
+        net = new (std::nothrow) CNetStorage();
+        storage_ = net;
+    } else {
+        disc = new (std::nothrow) CDiscStorage();
+        storage_ = disc;
+    }
+    if (storage_ == nullptr) return MP4_ERR_OUT_OF_MEMORY;
     if (path == nullptr) return MP4_ERR_INVALID_ARGUMENT;
 
     const size_t length = std::wcslen(path);
     path_.reset(new (std::nothrow) wchar_t[length + 1]);
     if (!path_) return MP4_ERR_OUT_OF_MEMORY;
     std::wmemcpy(path_.get(), path, length + 1);
-    return disc->setPath(path_.get());
+    return net != nullptr ? net->setPath(path_.get()) : disc->setPath(path_.get());
 }
 
 MP4Err CMp4FileImpl::failOpen(MP4Err err) {
@@ -152,8 +160,9 @@ MP4Err CMp4FileImpl::readTopLevel() {
     detectFileType();
     err = countTracks();
     if (err != MP4_OK) return err;
-    if (storageSupplied_ == 0) {
-        // Only a disc storage is ever made here (see makeStorageForPath).
+    if (storageSupplied_ == 0 && !isNetworkStorage(storage_)) {
+        // A disc storage made from the path: samples are read through a
+        // handle of their own. A URL has no path to reopen.
         const wchar_t* kept = static_cast<CDiscStorage*>(storage_)->path();
         err = widePathToUtf8(kept, &readPathUtf8_);
     }
