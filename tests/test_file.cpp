@@ -14,6 +14,7 @@
 #include "../tools/Info.h"
 #include "boxes/MovieBoxes.h"
 #include "file/Mp4FileImpl.h"
+#include "hint/Packetizers.h"
 #include "quil/quil.h"
 #include "storage/MemoryStorage.h"
 #include "track/TrackImpl.h"
@@ -413,18 +414,17 @@ TEST_F(FileTest, LaterOperationsValidateThenReportUnsupported) {
     uint32_t length = 9;
     EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->getCopyright(nullptr, 4, &length, 0));
     EXPECT_EQ(0u, length);
-    char* command = nullptr;
-    uint32_t commandLength = 0;
     EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, CMp4File::createIsmaBifsCommand(1, 1, nullptr, nullptr));
-    EXPECT_EQ(MP4_ERR_UNSUPPORTED,
-              CMp4File::createIsmaBifsCommand(1, 1, &command, &commandLength));
-    EXPECT_EQ(nullptr, command);
 }
 
 TEST_F(FileTest, PayloadTypesRunOutAfter33HintTracks) {
-    CMp4RtpHintTrack hint;
-    for (int i = 0; i < 33; ++i) (void)file_->addHintTrack(&hint);  // 96..128
-    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->addHintTrack(&hint));
+    // A hint track whose build fails (no such media track) still takes a
+    // payload type.
+    std::unique_ptr<CMp4RtpHintTrackImpl> hint(
+        createPacketizer(kHintH264, static_cast<CMp4FileImpl*>(file_), 0));
+    ASSERT_EQ(MP4_OK, hint->setMediaTrack(1));
+    for (int i = 0; i < 33; ++i) EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file_->addHintTrack(hint.get()));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file_->addHintTrack(hint.get()));
 }
 
 // ---------------------------------------------------------------------------
