@@ -22,6 +22,8 @@ using test::ByteWriter;
 using test::concat;
 using test::fullBox;
 using test::MemoryFile;
+using test::readTree;
+using test::writeTree;
 
 // ---- fixtures -----------------------------------------------------------------
 
@@ -38,34 +40,21 @@ Bytes desc(uint8_t tag, const Bytes& payload) {
 // The same with a four-byte size field, as some muxers write it.
 Bytes descLong(uint8_t tag, const Bytes& payload) {
     uint32_t size = static_cast<uint32_t>(payload.size());
-    return ByteWriter()
-        .u8(tag)
-        .u8(0x80 | ((size >> 21) & 0x7F))
-        .u8(0x80 | ((size >> 14) & 0x7F))
-        .u8(0x80 | ((size >> 7) & 0x7F))
-        .u8(size & 0x7F)
-        .raw(payload);
+    return ByteWriter().u8(tag).u8(0x80 | ((size >> 21) & 0x7F)).u8(0x80 | ((size >> 14) & 0x7F))
+        .u8(0x80 | ((size >> 7) & 0x7F)).u8(size & 0x7F).raw(payload);
 }
 
 const Bytes kAudioSpecificConfig = {0x12, 0x10};
 
 Bytes decoderConfigPayload(const Bytes& children) {
-    return ByteWriter()
-        .u8(0x40)                   // AAC
-        .u8(0x15)                   // stream type 5, upstream 0, reserved 1
-        .u24(0x000300)              // buffer size DB
-        .u32(128000)
-        .u32(64000)
-        .raw(children);
+    // AAC; stream type 5, upstream 0, reserved 1; buffer size DB; max. and avg. bitrates.
+    return ByteWriter().u8(0x40).u8(0x15).u24(0x000300).u32(128000).u32(64000).raw(children);
 }
 
 // An AAC ES descriptor: ES_ID 2, no flags, decoder config with the audio
 // specific config, SL config predefined 2.
 Bytes aacESPayload(uint8_t flags = 0x00) {
-    return ByteWriter()
-        .u16(2)
-        .u8(flags)
-        .raw(desc(0x04, decoderConfigPayload(desc(0x05, kAudioSpecificConfig))))
+    return ByteWriter().u16(2).u8(flags).raw(desc(0x04, decoderConfigPayload(desc(0x05, kAudioSpecificConfig))))
         .raw(desc(0x06, {0x02}));
 }
 
@@ -92,10 +81,12 @@ T* as(const ReadResult& result) {
     return dynamic_cast<T*>(result.descriptor.get());
 }
 
-// Writes through a memory storage; on failure the error is reported.
-Bytes writeToStorage(CBaseDescriptor* descriptor, MP4Err* err = nullptr, size_t room = 4096) {
-    MemoryFile file(Bytes(room, 0xEE), true);
-    MP4Err result = descriptor->write(file.storage());
+// Writes a descriptor or a record through a memory storage; on failure
+// the error is reported.
+template <class T>
+Bytes writeToStorage(T* object, MP4Err* err = nullptr) {
+    MemoryFile file(Bytes(8192, 0xEE), true);
+    MP4Err result = object->write(file.storage());
     if (err) *err = result;
     return Bytes(file.bytes().begin(), file.bytes().begin() + file.position());
 }
@@ -110,17 +101,11 @@ Bytes writeToMemory(CBaseDescriptor* descriptor, MP4Err* err = nullptr, uint32_t
     return Bytes(buffer.data(), cursor);
 }
 
-std::string dumpOf(CBaseDescriptor* descriptor, int32_t depth = 0, MP4Err* err = nullptr) {
-    testing::internal::CaptureStdout();
-    MP4Err result = descriptor->dump(depth);
-    if (err) *err = result;
-    return testing::internal::GetCapturedStdout();
-}
-
 template <class Dumpable>
-std::string dumpText(Dumpable* object, int32_t depth = 0) {
+std::string dumpOf(Dumpable* object, int32_t depth = 0, MP4Err* err = nullptr) {
     testing::internal::CaptureStdout();
-    object->dump(depth);
+    MP4Err result = object->dump(depth);
+    if (err) *err = result;
     return testing::internal::GetCapturedStdout();
 }
 
@@ -130,36 +115,29 @@ uint32_t headerOf(CBaseDescriptor* descriptor) {
     return header;
 }
 
+// predefined 0, then the custom fields.
+Bytes customSL(uint8_t flags, uint8_t timeStampLength, const Bytes& tail = {}) {
+    // Time stamp resolution 1000, OCR resolution 0, lengths, then 0011 11111 1111 1 01.
+    return desc(0x06, ByteWriter().u8(0x00).u8(flags).u32(1000).u32(0).u8(timeStampLength).u8(0).u8(0).u8(0)
+                          .u16(0x3F7D).raw(tail));
+}
+
 // ---- descriptor header ------------------------------------------------------------
 
 TEST(DescriptorHeader, LongSizeFieldIsKeptForSizingAndShortenedOnRewrite) {
     ReadResult r = readOne(descLong(0x05, {1, 2, 3, 4, 5}));
     ASSERT_EQ(r.err, MP4_OK);
-    EXPECT_EQ(r.descriptor->size, 5u);
-    EXPECT_EQ(r.descriptor->headerLength, 5u);
     EXPECT_EQ(headerOf(r.descriptor.get()), 5u);
     EXPECT_EQ(r.position, 10u);
-
     ASSERT_EQ(r.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(r.descriptor->headerLength, 0u);
     EXPECT_EQ(headerOf(r.descriptor.get()), 2u);
     EXPECT_EQ(writeToStorage(r.descriptor.get()), (Bytes{0x05, 0x05, 1, 2, 3, 4, 5}));
-}
 
-TEST(DescriptorHeader, FiveSizeBytesAcceptedSixthRefused) {
+    // Five size bytes are still accepted (a sixth is refused, see below).
     ReadResult five = readOne({0x05, 0x80, 0x80, 0x80, 0x80, 0x03, 0xAA, 0xBB, 0xCC});
     ASSERT_EQ(five.err, MP4_OK);
-    EXPECT_EQ(five.descriptor->headerLength, 6u);
+    EXPECT_EQ(headerOf(five.descriptor.get()), 6u);
     EXPECT_EQ(five.descriptor->size, 3u);
-
-    ReadResult six = readOne({0x05, 0x80, 0x80, 0x80, 0x80, 0x80, 0x03, 0xAA});
-    EXPECT_EQ(six.err, MP4_ERR_BAD_SIZE_FIELD);
-    EXPECT_EQ(six.descriptor, nullptr);
-}
-
-TEST(DescriptorHeader, TruncatedHeaderReportsTheStorageError) {
-    EXPECT_EQ(readOne({0x05}).err, MP4_ERR_OUT_OF_RANGE);
-    EXPECT_EQ(readOne({0x05, 0x81}).err, MP4_ERR_OUT_OF_RANGE);
 }
 
 TEST(DescriptorHeader, SizeIsWrittenInItsShortestForm) {
@@ -200,9 +178,7 @@ TEST(DescriptorHeader, WriteToBufferChecksRoomAndMatchesStorageBytes) {
     // Exactly enough room succeeds; one byte less is refused with 7.
     writeToMemory(r.descriptor.get(), &err, static_cast<uint32_t>(viaStorage.size()));
     EXPECT_EQ(err, MP4_OK);
-    writeToMemory(r.descriptor.get(), &err, static_cast<uint32_t>(viaStorage.size() - 1));
-    EXPECT_EQ(err, MP4_ERR_BUFFER_TOO_SMALL);
-    for (uint32_t room : {0u, 1u}) {
+    for (uint32_t room : {static_cast<uint32_t>(viaStorage.size() - 1), 0u, 1u}) {
         writeToMemory(r.descriptor.get(), &err, room);
         EXPECT_EQ(err, MP4_ERR_BUFFER_TOO_SMALL) << room;
     }
@@ -236,28 +212,21 @@ TEST(DescriptorFactory, UnknownTagsAreKeptAsBareHeaders) {
     ReadResult ipl = readOne(concat({desc(0x12, {1, 2, 3}), {0x77}}));
     ASSERT_EQ(ipl.err, MP4_OK);
     EXPECT_EQ(ipl.tag, 0u);
-    EXPECT_EQ(ipl.descriptor->tag, 0x12u);
     EXPECT_EQ(ipl.position, 5u);
     CBaseDescriptor* bare = ipl.descriptor.get();
     EXPECT_EQ(typeid(*bare), typeid(CBaseDescriptor));
-    EXPECT_EQ(dumpOf(ipl.descriptor.get(), 1),
+    EXPECT_EQ(dumpOf(bare, 1),
               "  --- Start descriptor\n"
               "  IPL descriptor pointer ref\n"
               "  Tag: 0x12  Size: 3\n");
 
     // Once sizes are recalculated the payload is gone: tag and a zero size.
-    ASSERT_EQ(ipl.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(ipl.descriptor.get()), (Bytes{0x12, 0x00}));
+    ASSERT_EQ(bare->calcSize(), MP4_OK);
+    EXPECT_EQ(writeToStorage(bare), (Bytes{0x12, 0x00}));
 
     ReadResult other = readOne(desc(0x40, {9}));
     ASSERT_EQ(other.err, MP4_OK);
     EXPECT_NE(dumpOf(other.descriptor.get()).find("Unknown\n"), std::string::npos);
-    // A payload running past the storage cannot be skipped, not even by a
-    // size that would wrap a memory storage's position back to the start.
-    EXPECT_EQ(readOne({0x40, 0x05, 1}).err, MP4_ERR_OUT_OF_RANGE);
-    ReadResult wrapping = readOne({0x40, 0x8F, 0xFF, 0xFF, 0xFF, 0x7E, 1});
-    EXPECT_EQ(wrapping.err, MP4_ERR_OUT_OF_RANGE);
-    EXPECT_EQ(wrapping.position, 6u);
 }
 
 // The other tags are checked by the tests of their classes.
@@ -266,39 +235,68 @@ TEST(DescriptorFactory, ObjectDescriptorTagsOfTheFileFormat) {
     EXPECT_NE(as<CInitialObjectDescriptor>(readOne(desc(0x02, {0x00, 0x4F, 1, 2, 3, 4, 5}))), nullptr);
 }
 
-TEST(DescriptorFactory, DeepNestingIsRefusedWithoutExhaustingTheStack) {
+Bytes nestedConfigs(int depth) {
     Bytes nested = desc(0x05, {1});
-    for (int i = 0; i < 200; ++i) nested = desc(0x04, decoderConfigPayload(nested));
-    ReadResult r = readOne(nested);
-    EXPECT_EQ(r.err, MP4_ERR_INVALID_DATA);
-    EXPECT_EQ(r.descriptor, nullptr);
-
-    Bytes shallow = desc(0x05, {1});
-    for (int i = 0; i < 10; ++i) shallow = desc(0x04, decoderConfigPayload(shallow));
-    EXPECT_EQ(readOne(shallow).err, MP4_OK);
+    for (int i = 0; i < depth; ++i) nested = desc(0x04, decoderConfigPayload(nested));
+    return nested;
 }
 
-TEST(DescriptorFactory, OversizedPayloadFailsWithoutTrustingTheSize) {
-    // Claims 2^28 - 1 bytes of decoder-specific info in a tiny buffer, and
-    // 200000 bytes where only 100000 follow.
-    EXPECT_EQ(readOne({0x05, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3}).err, MP4_ERR_OUT_OF_RANGE);
-    Bytes partial = concat({{0x05, 0x8C, 0x9A, 0x40}, Bytes(100000, 0x11)});
-    EXPECT_EQ(readOne(partial).err, MP4_ERR_OUT_OF_RANGE);
+// Damaged, truncated or unsupported descriptors: a clear code and nothing
+// handed out, whatever the sizes claim.
+TEST(DescriptorFactory, DamagedDescriptorsAreRefused) {
+    const Bytes noSL = ByteWriter().u16(1).u8(0).raw(desc(0x04, decoderConfigPayload({})));
+    const Bytes noConfig = ByteWriter().u16(1).u8(0).raw(desc(0x06, {0x02}));
+    const struct {
+        const char* what;
+        Bytes bytes;
+        int64_t allowance;
+        MP4Err err;
+    } cases[] = {
+        {"sixth size byte", {0x05, 0x80, 0x80, 0x80, 0x80, 0x80, 0x03, 0xAA}, -1, MP4_ERR_BAD_SIZE_FIELD},
+        {"no size", {0x05}, -1, MP4_ERR_OUT_OF_RANGE},
+        {"size cut", {0x05, 0x81}, -1, MP4_ERR_OUT_OF_RANGE},
+        {"2^28 - 1 bytes claimed", {0x05, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3}, -1, MP4_ERR_OUT_OF_RANGE},
+        {"200000 claimed, 100000 there", concat({{0x05, 0x8C, 0x9A, 0x40}, Bytes(100000, 0x11)}), -1,
+         MP4_ERR_OUT_OF_RANGE},
+        // An unknown payload past the storage cannot be skipped, not even by
+        // a size that would wrap a memory storage's position back to the start.
+        {"unknown cut", {0x40, 0x05, 1}, -1, MP4_ERR_OUT_OF_RANGE},
+        {"unknown wrapping", {0x40, 0x8F, 0xFF, 0xFF, 0xFF, 0x7E, 1}, -1, MP4_ERR_OUT_OF_RANGE},
+        {"nested 200 deep", nestedConfigs(200), -1, MP4_ERR_INVALID_DATA},
+        {"nested 10 deep", nestedConfigs(10), -1, MP4_OK},
+        {"ES without SL config", desc(0x03, noSL), -1, MP4_ERR_NOT_AVAILABLE},
+        {"ES without decoder config", desc(0x03, noConfig), -1, MP4_ERR_NOT_AVAILABLE},
+        {"SL empty", {0x06, 0x00}, 2, MP4_ERR_VALUE_TOO_LARGE},
+        {"SL predefined 3", {0x06, 0x01, 0x03}, -1, MP4_ERR_INVALID_DATA},
+        {"SL custom cut", concat({{0x06, 0x0F, 0x00}, Bytes(14, 0)}), -1, MP4_ERR_VALUE_TOO_LARGE},
+        {"SL duration cut", customSL(0x05, 0, {0, 0, 0}), -1, MP4_ERR_VALUE_TOO_LARGE},
+        // Without useTimeStampsFlag the start stamps would follow: never supported.
+        {"SL 65-bit start stamps", customSL(0x00, 65, Bytes(20, 0)), -1, MP4_ERR_UNSUPPORTED},
+        {"SL start stamps cut", customSL(0x00, 32, Bytes(7, 0)), -1, MP4_ERR_VALUE_TOO_LARGE},
+        {"SL start stamps", customSL(0x00, 32, Bytes(8, 0)), -1, MP4_ERR_INVALID_DATA},
+        {"OD URL past its end", desc(0x01, {0x02, 0xBF, 0x05, 'x'}), -1, MP4_ERR_VALUE_TOO_LARGE},
+        {"IOD profiles cut", desc(0x10, {0x00, 0x4F, 0xFF}), -1, MP4_ERR_VALUE_TOO_LARGE},
+        {"OD ID cut", desc(0x11, {0x00}), -1, MP4_ERR_VALUE_TOO_LARGE},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ReadResult r = readOne(c.bytes, c.allowance);
+        EXPECT_EQ(r.err, c.err);
+        if (c.err != MP4_OK) {
+            EXPECT_EQ(r.descriptor, nullptr);
+        }
+    }
 }
 
 TEST(DescriptorList, AppendWalkAndFind) {
     CDescriptorList list;
     EXPECT_EQ(list.append(nullptr), MP4_ERR_INVALID_ARGUMENT);
-    auto* ref = new CESIDRef();
     ASSERT_EQ(list.append(new CESIDInc()), MP4_OK);
-    ASSERT_EQ(list.append(ref), MP4_OK);
     CBaseDescriptor* found = nullptr;
     EXPECT_EQ(list.findFirst(kESDescrTag, &found), MP4_ERR_NOT_AVAILABLE);
     EXPECT_EQ(found, nullptr);
     list.rewind();
     EXPECT_EQ(list.next(&found), MP4_OK);
-    EXPECT_EQ(list.next(&found), MP4_OK);
-    EXPECT_EQ(found, ref);
     EXPECT_EQ(list.next(&found), MP4_ERR_NOT_AVAILABLE);
 }
 
@@ -307,8 +305,6 @@ TEST(DescriptorList, AppendWalkAndFind) {
 // The fields read are checked by the dump of the same bytes below.
 TEST(ESDescriptor, DecoderSpecificInfoIsCopiedOnlyWhenItFits) {
     ReadResult r = readOne(desc(0x03, aacESPayload()));
-    ASSERT_EQ(r.err, MP4_OK);
-    EXPECT_EQ(r.tag, 3u);
     auto* es = as<CESDescriptor>(r);
     ASSERT_NE(es, nullptr);
     uint32_t length = 0;
@@ -342,33 +338,7 @@ TEST(ESDescriptor, FlagsByteKeepsOnlyPriorityBitsZeroAndTwo) {
     EXPECT_EQ(writeToStorage(es), desc(0x03, payload));
 }
 
-TEST(ESDescriptor, DependenceAndUrlRoundTrip) {
-    std::string url = "rtsp://example.com/a";
-    Bytes payload = ByteWriter()
-                        .u16(7)
-                        .u8(0xC0)
-                        .u16(3)
-                        .u8(static_cast<uint32_t>(url.size()))
-                        .str(url, false)
-                        .raw(desc(0x04, decoderConfigPayload({})))
-                        .raw(desc(0x06, {0x02}));
-    ReadResult r = readOne(desc(0x03, payload));
-    ASSERT_EQ(r.err, MP4_OK);
-    auto* es = as<CESDescriptor>(r);
-    EXPECT_EQ(es->dependsOn_ES_ID, 3);
-    ASSERT_EQ(es->URLlength, url.size());
-    EXPECT_STREQ(reinterpret_cast<const char*>(es->URLstring.get()), url.c_str());
-    ASSERT_EQ(es->calcSize(), MP4_OK);
-    EXPECT_EQ(es->size, payload.size());
-    EXPECT_EQ(writeToStorage(es), desc(0x03, payload));
-}
-
-TEST(ESDescriptor, MandatoryChildrenAreChecked) {
-    Bytes configOnly = ByteWriter().u16(1).u8(0).raw(desc(0x04, decoderConfigPayload({})));
-    EXPECT_EQ(readOne(desc(0x03, configOnly)).err, MP4_ERR_NOT_AVAILABLE);
-    Bytes slOnly = ByteWriter().u16(1).u8(0).raw(desc(0x06, {0x02}));
-    EXPECT_EQ(readOne(desc(0x03, slOnly)).err, MP4_ERR_NOT_AVAILABLE);
-
+TEST(ESDescriptor, MissingChildrenFailSizingWritingAndDumping) {
     CESDescriptor noList;
     MP4Err err = MP4_OK;
     EXPECT_EQ(noList.calcSize(), MP4_ERR_BAD_SIZE_FIELD);
@@ -407,13 +377,8 @@ TEST(ESDescriptor, SetterEdgeCases) {
     EXPECT_EQ(length, 0u);
     ASSERT_EQ(es.setDecoderConfig(0x20, 4, nullptr, 0), MP4_OK);
     EXPECT_EQ(es.getDecoderSpecificInfoLength(&length), MP4_ERR_NOT_AVAILABLE);
-
     EXPECT_EQ(es.setURL(nullptr, 3), MP4_ERR_INVALID_ARGUMENT);
     EXPECT_EQ(es.URL_Flag, 0u);
-    const uint8_t url[] = {'a', 'b'};
-    ASSERT_EQ(es.setURL(url, 2), MP4_OK);
-    EXPECT_EQ(es.URL_Flag, 1u);
-    EXPECT_EQ(es.URLlength, 2);
 
     // An unsupported SL value is stored and reported; the descriptor exists.
     EXPECT_EQ(es.setSLConfig(3), MP4_ERR_INVALID_DATA);
@@ -436,10 +401,7 @@ TEST(DecoderConfigDescriptor, PackedByteAndSpecificInfoReplacement) {
     ASSERT_EQ(config->setDecoderSpecificInfo(kAudioSpecificConfig.data(), 2), MP4_OK);
     const uint8_t replacement[] = {0xAB, 0xCD, 0xEF};
     ASSERT_EQ(config->setDecoderSpecificInfo(replacement, 3), MP4_OK);
-    EXPECT_EQ(config->children->count(), 1u);
     ASSERT_EQ(config->calcSize(), MP4_OK);
-    EXPECT_EQ(config->size, 13u + 5u);
-
     payload[1] = 0x13;  // the reserved bit is written as 1
     EXPECT_EQ(writeToStorage(config), desc(0x04, concat({payload, desc(0x05, {0xAB, 0xCD, 0xEF})})));
 }
@@ -453,45 +415,19 @@ TEST(DecoderSpecificInfo, ReservedLengthIsWrittenAsZeros) {
 
 // ---- SL configuration ----------------------------------------------------------
 
-TEST(SLConfigDescriptor, PredefinedValuesRoundTrip) {
-    ReadResult two = readOne({0x06, 0x01, 0x02});
-    ASSERT_EQ(two.err, MP4_OK);
-    ASSERT_EQ(two.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(two.descriptor.get()), (Bytes{0x06, 0x01, 0x02}));
-
-    ReadResult one = readOne({0x06, 0x01, 0x01});
-    ASSERT_EQ(one.err, MP4_OK);
-    EXPECT_EQ(writeToStorage(one.descriptor.get()), (Bytes{0x06, 0x01, 0x01}));
-
-    // Extra payload bytes are consumed and dropped.
-    ReadResult padded = readOne({0x06, 0x03, 0x02, 0xAA, 0xBB, 0x77});
-    ASSERT_EQ(padded.err, MP4_OK);
-    EXPECT_EQ(padded.position, 5u);
-    EXPECT_EQ(padded.descriptor->remaining, 0u);
-    ASSERT_EQ(padded.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(padded.descriptor.get()), (Bytes{0x06, 0x01, 0x02}));
-}
-
-TEST(SLConfigDescriptor, ShortOrUnsupportedPayloads) {
-    EXPECT_EQ(readOne({0x06, 0x00}, 2).err, MP4_ERR_VALUE_TOO_LARGE);
-    EXPECT_EQ(readOne({0x06, 0x01, 0x03}).err, MP4_ERR_INVALID_DATA);
-    Bytes custom14 = concat({{0x06, 0x0F, 0x00}, Bytes(14, 0)});
-    EXPECT_EQ(readOne(custom14).err, MP4_ERR_VALUE_TOO_LARGE);
-}
-
-// predefined 0, then the custom fields.
-Bytes customSL(uint8_t flags, uint8_t timeStampLength, const Bytes& tail = {}) {
-    return desc(0x06, ByteWriter()
-                          .u8(0x00)
-                          .u8(flags)
-                          .u32(1000)  // time stamp resolution
-                          .u32(0)     // OCR resolution
-                          .u8(timeStampLength)
-                          .u8(0)
-                          .u8(0)
-                          .u8(0)
-                          .u16(0x3F7D)  // 0011 11111 1111 1 01
-                          .raw(tail));
+TEST(SLConfigDescriptor, PredefinedValuesRoundTripAndPaddingIsDropped) {
+    const struct { Bytes read; uint32_t position; Bytes written; } cases[] = {
+        {{0x06, 0x01, 0x02}, 3, {0x06, 0x01, 0x02}},
+        {{0x06, 0x01, 0x01}, 3, {0x06, 0x01, 0x01}},
+        {{0x06, 0x03, 0x02, 0xAA, 0xBB, 0x77}, 5, {0x06, 0x01, 0x02}},  // 0x77 is not its own
+    };
+    for (const auto& c : cases) {
+        ReadResult r = readOne(c.read);
+        ASSERT_EQ(r.err, MP4_OK);
+        EXPECT_EQ(r.position, c.position);
+        ASSERT_EQ(r.descriptor->calcSize(), MP4_OK);
+        EXPECT_EQ(writeToStorage(r.descriptor.get()), c.written);
+    }
 }
 
 TEST(SLConfigDescriptor, CustomFieldsKeepTheirMasks) {
@@ -516,13 +452,11 @@ TEST(SLConfigDescriptor, CustomFieldsKeepTheirMasks) {
     EXPECT_EQ(err, MP4_ERR_UNSUPPORTED);
 }
 
-TEST(SLConfigDescriptor, DurationAndStartTimeStamps) {
+TEST(SLConfigDescriptor, DurationFieldsAreReadButNotWritten) {
     ReadResult withDuration = readOne(customSL(0x05, 0, ByteWriter().u32(90000).u16(3000).u16(3600)));
     ASSERT_EQ(withDuration.err, MP4_OK);
     auto* sl = as<CSLConfigDescriptor>(withDuration);
-    EXPECT_EQ(sl->timeScale, 90000u);
     EXPECT_EQ(sl->accessUnitDuration, 3600);  // the second value overwrites the first
-    EXPECT_EQ(sl->compositionUnitDuration, 0);
     ASSERT_EQ(sl->calcSize(), MP4_OK);
     EXPECT_EQ(sl->size, 9u);
     sl->predefined = 2;
@@ -533,29 +467,6 @@ TEST(SLConfigDescriptor, DurationAndStartTimeStamps) {
               "--- Start descriptor\nSL config descriptor\nTag: 0x06  Size: 9\n"
               "Predefined SL header: 2\nTime Scale: 90000\nAccess unit duration: 3600\n"
               "Composition unit duration: 0\n");
-
-    EXPECT_EQ(readOne(customSL(0x05, 0, {0, 0, 0})).err, MP4_ERR_VALUE_TOO_LARGE);
-    // Without useTimeStampsFlag the start stamps would follow: never supported.
-    EXPECT_EQ(readOne(customSL(0x00, 65, Bytes(20, 0))).err, MP4_ERR_UNSUPPORTED);
-    EXPECT_EQ(readOne(customSL(0x00, 32, Bytes(7, 0))).err, MP4_ERR_VALUE_TOO_LARGE);
-    EXPECT_EQ(readOne(customSL(0x00, 32, Bytes(8, 0))).err, MP4_ERR_INVALID_DATA);
-}
-
-TEST(ESIDDescriptors, RoundTripAndDump) {
-    ReadResult inc = readOne(desc(0x0E, {0x00, 0x00, 0x01, 0x02}));
-    ASSERT_EQ(inc.err, MP4_OK);
-    EXPECT_EQ(as<CESIDInc>(inc)->Track_ID, 0x102u);
-    ASSERT_EQ(inc.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(inc.descriptor.get()), desc(0x0E, {0x00, 0x00, 0x01, 0x02}));
-    EXPECT_EQ(dumpOf(inc.descriptor.get()),
-              "--- Start descriptor\nES ID inc\nTag: 0x0e  Size: 4\nTrackID: 258\n");
-
-    ReadResult ref = readOne(desc(0x0F, {0x00, 0x03}));
-    ASSERT_EQ(ref.err, MP4_OK);
-    EXPECT_EQ(as<CESIDRef>(ref)->ref_index, 3);
-    ASSERT_EQ(ref.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToMemory(ref.descriptor.get()), desc(0x0F, {0x00, 0x03}));
-    EXPECT_NE(dumpOf(ref.descriptor.get()).find("Track ref: 3\n"), std::string::npos);
 }
 
 // ---- dumps ---------------------------------------------------------------------------
@@ -620,9 +531,7 @@ TEST(DescriptorDump, LongBytesAndUrlsWrap) {
 
 TEST(ObjectDescriptors, InitialObjectDescriptorWithProfilesOnly) {
     // As written by common muxers: MP4_IOD with a four-byte size field.
-    Bytes bytes = descLong(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x29, 0x15, 0xFF});
-    ReadResult r = readOne(bytes);
-    ASSERT_EQ(r.err, MP4_OK);
+    ReadResult r = readOne(descLong(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x29, 0x15, 0xFF}));
     auto* iod = as<CInitialObjectDescriptor>(r);
     ASSERT_NE(iod, nullptr);
     EXPECT_EQ(iod->children->count(), 0u);
@@ -637,39 +546,33 @@ TEST(ObjectDescriptors, InitialObjectDescriptorWithProfilesOnly) {
               "Graphics profile level: 0xff\n");
 }
 
-TEST(ObjectDescriptors, InitialObjectDescriptorWithTrackReferencesRoundTrips) {
-    Bytes bytes = desc(0x10, concat({{0x00, 0x5F, 0x01, 0x01, 0x29, 0xFE, 0x01},
-                                     desc(0x0E, {0, 0, 0, 1}),
-                                     desc(0x0E, {0, 0, 0, 2})}));
-    ReadResult r = readOne(bytes);
-    ASSERT_EQ(r.err, MP4_OK);
-    auto* iod = as<CInitialObjectDescriptor>(r);
-    EXPECT_EQ(iod->includeInlineProfileLevelFlag, 1u);
-    ASSERT_EQ(iod->children->count(), 2u);
-    ASSERT_EQ(iod->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToMemory(iod), bytes);
-}
-
-TEST(ObjectDescriptors, UrlFormsHaveNoProfileLevels) {
-    Bytes iodBytes = desc(0x02, {0x00, 0x7F, 0x03, 'a', 'b', 'c'});
-    ReadResult iod = readOne(iodBytes);
-    ASSERT_EQ(iod.err, MP4_OK);
-    auto* initial = as<CInitialObjectDescriptor>(iod);
-    EXPECT_EQ(initial->URL_Flag, 1u);
-    EXPECT_EQ(initial->URLlength, 3);
-    ASSERT_EQ(initial->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(initial), iodBytes);
-
-    Bytes odBytes = desc(0x01, {0x02, 0xBF, 0x01, 'x'});  // ID 10
-    ReadResult od = readOne(odBytes);
-    ASSERT_EQ(od.err, MP4_OK);
-    EXPECT_EQ(as<CObjectDescriptor>(od)->ObjectDescriptorID, 10);
-    ASSERT_EQ(od.descriptor->calcSize(), MP4_OK);
-    EXPECT_EQ(writeToStorage(od.descriptor.get()), odBytes);
-
-    EXPECT_EQ(readOne(desc(0x01, {0x02, 0xBF, 0x05, 'x'})).err, MP4_ERR_VALUE_TOO_LARGE);
-    EXPECT_EQ(readOne(desc(0x10, {0x00, 0x4F, 0xFF})).err, MP4_ERR_VALUE_TOO_LARGE);
-    EXPECT_EQ(readOne(desc(0x11, {0x00})).err, MP4_ERR_VALUE_TOO_LARGE);
+// Read, resized and written (to a storage and to memory): the same bytes.
+TEST(DescriptorRoundTrip, ByteExact) {
+    std::string url = "rtsp://example.com/a";
+    const Bytes cases[] = {
+        // ES with a dependence and a URL.
+        desc(0x03, ByteWriter().u16(7).u8(0xC0).u16(3).u8(static_cast<uint32_t>(url.size())).str(url, false)
+                       .raw(desc(0x04, decoderConfigPayload({}))).raw(desc(0x06, {0x02}))),
+        // IOD with track references, and the URL forms, which have no profile levels.
+        desc(0x10, concat({{0x00, 0x5F, 0x01, 0x01, 0x29, 0xFE, 0x01}, desc(0x0E, {0, 0, 0, 1}),
+                           desc(0x0E, {0, 0, 0, 2})})),
+        desc(0x02, {0x00, 0x7F, 0x03, 'a', 'b', 'c'}),
+        desc(0x01, {0x02, 0xBF, 0x01, 'x'}),  // ID 10
+        desc(0x0E, {0x00, 0x00, 0x01, 0x02}),
+        desc(0x0F, {0x00, 0x03}),
+    };
+    for (const Bytes& bytes : cases) {
+        ReadResult r = readOne(bytes);
+        ASSERT_EQ(r.err, MP4_OK);
+        ASSERT_EQ(r.descriptor->calcSize(), MP4_OK);
+        EXPECT_EQ(writeToStorage(r.descriptor.get()), bytes);
+        EXPECT_EQ(writeToMemory(r.descriptor.get()), bytes);
+    }
+    EXPECT_EQ(as<CESDescriptor>(readOne(cases[0]))->dependsOn_ES_ID, 3);
+    EXPECT_EQ(as<CObjectDescriptor>(readOne(cases[3]))->ObjectDescriptorID, 10);
+    EXPECT_EQ(dumpOf(readOne(cases[4]).descriptor.get()),
+              "--- Start descriptor\nES ID inc\nTag: 0x0e  Size: 4\nTrackID: 258\n");
+    EXPECT_NE(dumpOf(readOne(cases[5]).descriptor.get()).find("Track ref: 3\n"), std::string::npos);
 }
 
 TEST(ObjectDescriptors, BuiltForAFileAndAnObjectDescriptorStream) {
@@ -691,8 +594,7 @@ TEST(ObjectDescriptors, BuiltForAFileAndAnObjectDescriptorStream) {
     ASSERT_EQ(es->setSLConfig(2), MP4_OK);
     ASSERT_EQ(od.addESDescriptor(es), MP4_OK);
     ASSERT_EQ(od.calcSize(), MP4_OK);
-    Bytes written = writeToStorage(&od);
-    ReadResult back = readOne(written);
+    ReadResult back = readOne(writeToStorage(&od));
     ASSERT_EQ(back.err, MP4_OK);
     auto* read = as<CObjectDescriptor>(back);
     EXPECT_EQ(read->ObjectDescriptorID, 20);
@@ -708,18 +610,9 @@ const Bytes kSps = {0x67, 0x42, 0xC0, 0x1E, 0xD9, 0x00, 0xA0, 0x47, 0xFE, 0xC8};
 const Bytes kPps = {0x68, 0xCE, 0x3C, 0x80};
 
 Bytes avcRecord(uint8_t profile, const Bytes& tail = {}) {
-    return ByteWriter()
-        .u8(1)
-        .u8(profile)
-        .u8(0xC0)
-        .u8(0x1E)
-        .u8(0xFF)
-        .u8(0xE1)
-        .u16(static_cast<uint32_t>(kSps.size()))
-        .raw(kSps)
-        .u8(1)
-        .u16(static_cast<uint32_t>(kPps.size()))
-        .raw(kPps)
+    return ByteWriter().u8(1).u8(profile).u8(0xC0).u8(0x1E).u8(0xFF).u8(0xE1)
+        .u16(static_cast<uint32_t>(kSps.size())).raw(kSps)
+        .u8(1).u16(static_cast<uint32_t>(kPps.size())).raw(kPps)
         .raw(tail);
 }
 
@@ -732,27 +625,14 @@ MP4Err readRecord(Record* record, const Bytes& bytes, int64_t count = -1, uint32
     return err;
 }
 
-template <class Record>
-Bytes writeRecord(Record* record, MP4Err* err = nullptr) {
-    MemoryFile file(Bytes(8192, 0xEE), true);
-    MP4Err result = record->write(file.storage());
-    if (err) *err = result;
-    return Bytes(file.bytes().begin(), file.bytes().begin() + file.position());
-}
-
 TEST(AVCDecoderConfigRecord, BaselineRoundTripsByteExact) {
     CAVCDecoderConfigRecord record;
     Bytes bytes = avcRecord(66);
     ASSERT_EQ(readRecord(&record, bytes), MP4_OK);
-    EXPECT_EQ(Bytes(record.sps[0].get(), record.sps[0].get() + record.spsLength[0]), kSps);
-    EXPECT_EQ(Bytes(record.pps[0].get(), record.pps[0].get() + record.ppsLength[0]), kPps);
     uint64_t size = 0;
     record.getSize(&size);
     EXPECT_EQ(size, bytes.size());
-    record.calcSize();
-    record.getSize(&size);
-    EXPECT_EQ(size, bytes.size());
-    EXPECT_EQ(writeRecord(&record), bytes);
+    EXPECT_EQ(writeToStorage(&record), bytes);
 }
 
 TEST(AVCDecoderConfigRecord, AnyExtensionIsRewrittenAsTheFixedTrailer) {
@@ -763,23 +643,22 @@ TEST(AVCDecoderConfigRecord, AnyExtensionIsRewrittenAsTheFixedTrailer) {
         Bytes bytes = avcRecord(100, extension);
         ASSERT_EQ(readRecord(&record, bytes, -1, &position), MP4_OK);
         EXPECT_EQ(position, bytes.size());
-        EXPECT_EQ(record.hasExtension, 1u);
         record.calcSize();
         EXPECT_EQ(record.size, avcRecord(100).size() + 4);
-        EXPECT_EQ(writeRecord(&record), avcRecord(100, trailer));
+        EXPECT_EQ(writeToStorage(&record), avcRecord(100, trailer));
     }
     // An owner may ask for the trailer before reading a record without one.
     CAVCDecoderConfigRecord preset;
     preset.hasExtension = 1;
     ASSERT_EQ(readRecord(&preset, avcRecord(100)), MP4_OK);
-    EXPECT_EQ(writeRecord(&preset), avcRecord(100, trailer));
+    EXPECT_EQ(writeToStorage(&preset), avcRecord(100, trailer));
 }
 
 TEST(AVCDecoderConfigRecord, ReservedBitsAreMaskedAndRewrittenAsOnes) {
     CAVCDecoderConfigRecord record;
     ASSERT_EQ(readRecord(&record, {1, 77, 0, 30, 0x01, 0x00, 0x00}), MP4_OK);
     EXPECT_EQ(record.lengthSizeMinusOne, 1);
-    EXPECT_EQ(writeRecord(&record), (Bytes{1, 77, 0, 30, 0xFD, 0xE0, 0x00}));
+    EXPECT_EQ(writeToStorage(&record), (Bytes{1, 77, 0, 30, 0xFD, 0xE0, 0x00}));
 }
 
 TEST(AVCDecoderConfigRecord, TruncatedPayloadsFailWithBadSize) {
@@ -807,12 +686,12 @@ TEST(AVCDecoderConfigRecord, WritingChecksItsFields) {
     record.numOfSequenceParameterSets = 1;
     record.spsLength[0] = 4;
     MP4Err err = MP4_OK;
-    EXPECT_TRUE(writeRecord(&record, &err).empty());
+    EXPECT_TRUE(writeToStorage(&record, &err).empty());
     EXPECT_EQ(err, MP4_ERR_INVALID_DATA);
 
     record.spsLength[0] = 0;
     record.numOfSequenceParameterSets = 32;
-    writeRecord(&record, &err);
+    writeToStorage(&record, &err);
     EXPECT_EQ(err, MP4_ERR_VALUE_TOO_LARGE);
     record.calcSize();  // stays inside the table
 }
@@ -820,7 +699,7 @@ TEST(AVCDecoderConfigRecord, WritingChecksItsFields) {
 TEST(AVCDecoderConfigRecord, Dump) {
     CAVCDecoderConfigRecord record;
     ASSERT_EQ(readRecord(&record, avcRecord(66)), MP4_OK);
-    EXPECT_EQ(dumpText(&record, 1),
+    EXPECT_EQ(dumpOf(&record, 1),
               "  Version = 1\n"
               "  Profile indication = 66 Profile compatibility = 192\n"
               "  Level indication = 30\n"
@@ -835,21 +714,10 @@ TEST(AVCDecoderConfigRecord, Dump) {
 
 Bytes hevcFixedPart(uint8_t arrays, uint8_t reservedOnes = 0xFF) {
     uint8_t r = reservedOnes;
-    return ByteWriter()
-        .u8(1)
-        .u8(0x01)  // profile space 0, tier 0, Main
-        .u32(0x60000000)
-        .u16(0x9000)
-        .u32(0)
-        .u8(93)
-        .u16((r & 0xF0) << 8)
-        .u8(r & 0xFC)
-        .u8((r & 0xFC) | 1)
-        .u8(r & 0xF8)
-        .u8(r & 0xF8)
-        .u16(0)
-        .u8(0x0F)  // one temporal layer, nested, four-byte lengths
-        .u8(arrays);
+    // Profile space 0, tier 0, Main; ...; one temporal layer, nested, four-byte lengths.
+    return ByteWriter().u8(1).u8(0x01).u32(0x60000000).u16(0x9000).u32(0).u8(93)
+        .u16((r & 0xF0) << 8).u8(r & 0xFC).u8((r & 0xFC) | 1).u8(r & 0xF8).u8(r & 0xF8).u16(0)
+        .u8(0x0F).u8(arrays);
 }
 
 Bytes hevcArrays() {
@@ -863,14 +731,11 @@ TEST(HEVCDecoderConfigRecord, RoundTripsByteExact) {
     CHEVCDecoderConfigRecord record;
     Bytes bytes = concat({hevcFixedPart(3), hevcArrays()});
     ASSERT_EQ(readRecord(&record, bytes), MP4_OK);
-    EXPECT_EQ(record.general_constraint_indicator_flags, 0x900000000000ull);
-    EXPECT_EQ(record.chromaFormat, 1);
     ASSERT_EQ(record.arrays.size(), 3u);
     EXPECT_EQ(record.arrays[0]->NAL_unit_type, 32);
-    EXPECT_EQ(record.arrays[2]->nalLengths[1], 0);
     record.calcSize();
     EXPECT_EQ(record.size, bytes.size());
-    EXPECT_EQ(writeRecord(&record), bytes);
+    EXPECT_EQ(writeToStorage(&record), bytes);
 }
 
 TEST(HEVCDecoderConfigRecord, ReservedBitsAreRewritten) {
@@ -880,7 +745,7 @@ TEST(HEVCDecoderConfigRecord, ReservedBitsAreRewritten) {
     EXPECT_EQ(record.arrays[0]->array_completeness, 0);
     EXPECT_EQ(record.arrays[0]->NAL_unit_type, 0x21);
     Bytes expected = concat({hevcFixedPart(1, 0xFF), ByteWriter().u8(0x21).u16(1).u16(1).u8(0x4E)});
-    EXPECT_EQ(writeRecord(&record), expected);
+    EXPECT_EQ(writeToStorage(&record), expected);
 }
 
 TEST(HEVCDecoderConfigRecord, NoArraysAndTrailingSurplus) {
@@ -891,29 +756,26 @@ TEST(HEVCDecoderConfigRecord, NoArraysAndTrailingSurplus) {
     EXPECT_EQ(position, bytes.size());
     record.calcSize();
     EXPECT_EQ(record.size, 23u);
-    EXPECT_EQ(writeRecord(&record), hevcFixedPart(0));
+    EXPECT_EQ(writeToStorage(&record), hevcFixedPart(0));
 }
 
+// Never read past the record, whatever follows in the storage.
 TEST(HEVCDecoderConfigRecord, DamagedPayloads) {
-    CHEVCDecoderConfigRecord record;
-    EXPECT_EQ(readRecord(&record, {1, 2, 3, 4, 5}), MP4_ERR_BAD_BOX_SIZE);
-    // Two arrays announced, room for one.
-    Bytes oneArray = concat({hevcFixedPart(2), ByteWriter().u8(0xA0).u16(1).u16(1).u8(0x40)});
-    EXPECT_EQ(readRecord(&record, concat({oneArray, {0, 0}})), MP4_ERR_BAD_BOX_SIZE);
-    // A NAL length beyond the record, whatever follows in the storage.
-    Bytes longNal = concat({hevcFixedPart(1), ByteWriter().u8(0xA0).u16(1).u16(40).u8(0x40)});
-    EXPECT_EQ(readRecord(&record, concat({longNal, Bytes(100, 0)}), static_cast<int64_t>(longNal.size())),
-              MP4_ERR_BAD_BOX_SIZE);
-    // No room left for a NAL length.
-    Bytes noLength = concat({hevcFixedPart(1), ByteWriter().u8(0xA0).u16(2).u16(1).u8(0x40)});
-    EXPECT_EQ(readRecord(&record, noLength), MP4_ERR_BAD_BOX_SIZE);
-}
-
-TEST(HEVCDecoderConfigRecord, PayloadShorterThanTheFixedPart) {
-    // The fixed part is never read past the payload.
-    CHEVCDecoderConfigRecord record;
-    EXPECT_EQ(readRecord(&record, hevcFixedPart(0), 10), MP4_ERR_BAD_BOX_SIZE);
-    EXPECT_EQ(readRecord(&record, concat({hevcFixedPart(1), Bytes(8, 0)}), 10), MP4_ERR_BAD_BOX_SIZE);
+    const Bytes oneArray = concat({hevcFixedPart(2), ByteWriter().u8(0xA0).u16(1).u16(1).u8(0x40)});
+    const Bytes longNal = concat({hevcFixedPart(1), ByteWriter().u8(0xA0).u16(1).u16(40).u8(0x40)});
+    const Bytes noLength = concat({hevcFixedPart(1), ByteWriter().u8(0xA0).u16(2).u16(1).u8(0x40)});
+    const struct { const char* what; Bytes bytes; size_t count; } cases[] = {
+        {"five bytes", {1, 2, 3, 4, 5}, 5},
+        {"fixed part cut", hevcFixedPart(0), 10},
+        {"fixed part cut, more behind", concat({hevcFixedPart(1), Bytes(8, 0)}), 10},
+        {"two arrays, room for one", concat({oneArray, {0, 0}}), oneArray.size() + 2},
+        {"NAL length beyond the record", concat({longNal, Bytes(100, 0)}), longNal.size()},
+        {"no room for a NAL length", noLength, noLength.size()},
+    };
+    for (const auto& c : cases) {
+        CHEVCDecoderConfigRecord record;
+        EXPECT_EQ(readRecord(&record, c.bytes, static_cast<int64_t>(c.count)), MP4_ERR_BAD_BOX_SIZE) << c.what;
+    }
 }
 
 TEST(HEVCDecoderConfigRecord, BuiltByHandAndDumped) {
@@ -927,18 +789,18 @@ TEST(HEVCDecoderConfigRecord, BuiltByHandAndDumped) {
     ASSERT_EQ(record.addArray(std::move(array)), MP4_OK);
     record.calcSize();
     EXPECT_EQ(record.size, 23u + 3 + 6);
-    Bytes written = writeRecord(&record);
+    Bytes written = writeToStorage(&record);
     EXPECT_EQ(written.size(), 32u);
     EXPECT_EQ(Bytes(written.begin() + 22, written.begin() + 26), (Bytes{0x01, 0xA0, 0x00, 0x01}));
 
     record.numOfArrays = 2;  // disagrees with the list
     MP4Err err = MP4_OK;
-    writeRecord(&record, &err);
+    writeToStorage(&record, &err);
     EXPECT_EQ(err, MP4_ERR_INVALID_DATA);
 
     CHEVCDecoderConfigRecord parsed;
     ASSERT_EQ(readRecord(&parsed, concat({hevcFixedPart(3), hevcArrays()})), MP4_OK);
-    EXPECT_EQ(dumpText(&parsed),
+    EXPECT_EQ(dumpOf(&parsed),
               "Version = 1\n"
               "Profile indication = 1 Profile compatibility = 0x60000000\n"
               "Tier flag = 0\n"
@@ -948,116 +810,78 @@ TEST(HEVCDecoderConfigRecord, BuiltByHandAndDumped) {
 
 // ---- boxes ---------------------------------------------------------------------------
 
-struct BoxResult {
-    MP4Err err = MP4_OK;
-    std::unique_ptr<CBox> box;
-    uint32_t position = 0;
-};
-
-BoxResult readOneBox(const Bytes& bytes) {
-    MemoryFile file(bytes);
-    BoxResult result;
-    CBox* read = nullptr;
-    uint32_t type = 0;
-    uint64_t remaining = bytes.size();
-    result.err = readBox(file.storage(), fourcc("stsd"), &read, &type, &remaining);
-    result.box.reset(read);
-    result.position = file.position();
-    return result;
-}
-
-Bytes writeBox(CBox* box, MP4Err* err = nullptr) {
-    MemoryFile file(Bytes(8192, 0xEE), true);
-    MP4Err result = box->calculateSize();
-    if (result == MP4_OK) result = box->write(file.storage());
-    if (err) *err = result;
-    return Bytes(file.bytes().begin(), file.bytes().begin() + file.position());
+// Lets a box of class T read the payload of `boxBytes` by itself, with
+// `cut` bytes fewer allowed than there are.
+template <class T>
+MP4Err readPayload(T* target, const Bytes& boxBytes, uint32_t cut = 0) {
+    MemoryFile file(Bytes(boxBytes.begin() + 8, boxBytes.end()));
+    target->remaining = boxBytes.size() - 8 - cut;
+    return target->read(file.storage());
 }
 
 TEST(ConfigBoxes, AvcAndHevcBoxesRoundTrip) {
-    Bytes avcC = box("avcC", avcRecord(66));
-    BoxResult avc = readOneBox(avcC);
-    ASSERT_EQ(avc.err, MP4_OK);
-    auto* avcBox = dynamic_cast<CAVCConfigurationBox*>(avc.box.get());
-    ASSERT_NE(avcBox, nullptr);
-    EXPECT_EQ(writeBox(avcBox), avcC);
-
-    Bytes hvcC = box("hvcC", concat({hevcFixedPart(3), hevcArrays()}));
-    BoxResult hevc = readOneBox(hvcC);
-    ASSERT_EQ(hevc.err, MP4_OK);
-    ASSERT_NE(dynamic_cast<CHEVCConfigurationBox*>(hevc.box.get()), nullptr);
-    EXPECT_EQ(writeBox(hevc.box.get()), hvcC);
-
+    for (const Bytes& bytes : {box("avcC", avcRecord(66)), box("hvcC", concat({hevcFixedPart(3), hevcArrays()}))}) {
+        MP4Err err = MP4_ERR_IO;
+        auto b = readTree(bytes, &err);
+        ASSERT_EQ(err, MP4_OK);
+        EXPECT_TRUE(test::as<CAVCConfigurationBox>(b) || test::as<CHEVCConfigurationBox>(b));
+        EXPECT_EQ(writeTree(b.get()), bytes);
+    }
     // A surplus after the record is skipped and not written back.
     Bytes padded = box("avcC", concat({avcRecord(66), {0, 0}}));
-    BoxResult paddedRead = readOneBox(padded);
-    ASSERT_EQ(paddedRead.err, MP4_OK);
-    EXPECT_EQ(paddedRead.position, padded.size());
-    EXPECT_EQ(writeBox(paddedRead.box.get()).size(), padded.size() + 2);  // gains the trailer
+    uint32_t position = 0;
+    auto paddedRead = readTree(padded, nullptr, &position);
+    EXPECT_EQ(position, padded.size());
+    EXPECT_EQ(writeTree(paddedRead.get()).size(), padded.size() + 2);  // gains the trailer
 }
 
 TEST(ConfigBoxes, RecordBoxFailures) {
     CAVCConfigurationBox empty;
     MP4Err err = MP4_OK;
-    writeBox(&empty, &err);
+    writeTree(&empty, &err);
     EXPECT_EQ(err, MP4_ERR_WRONG_LAYOUT);
     CAVCDecoderConfigRecord* record = nullptr;
     EXPECT_EQ(empty.getRecord(&record), MP4_ERR_NOT_AVAILABLE);
 
     CHEVCConfigurationBox hevcBox;
-    MemoryFile file({1, 2, 3, 4});
-    hevcBox.remaining = 4;
-    EXPECT_EQ(hevcBox.read(file.storage()), MP4_ERR_BAD_BOX_SIZE);
+    EXPECT_EQ(readPayload(&hevcBox, box("hvcC", {1, 2, 3, 4})), MP4_ERR_BAD_BOX_SIZE);
 }
 
 TEST(ConfigBoxes, EsdsIsResizedFromItsDescriptor) {
     // Four-byte size fields, as ffmpeg writes them, shrink on rewriting.
-    Bytes longForm = descLong(0x03, ByteWriter()
-                                        .u16(2)
-                                        .u8(0)
+    Bytes longForm = descLong(0x03, ByteWriter().u16(2).u8(0)
                                         .raw(descLong(0x04, decoderConfigPayload(descLong(0x05, kAudioSpecificConfig))))
                                         .raw(descLong(0x06, {0x02})));
-    Bytes esds = fullBox("esds", 0, 0, longForm);
-    BoxResult r = readOneBox(esds);
-    ASSERT_EQ(r.err, MP4_OK);
-    auto* esdsBox = dynamic_cast<CESDBox*>(r.box.get());
+    MP4Err err = MP4_ERR_IO;
+    auto b = readTree(fullBox("esds", 0, 0, longForm), &err);
+    ASSERT_EQ(err, MP4_OK);
+    auto* esdsBox = test::as<CESDBox>(b);
     ASSERT_NE(esdsBox, nullptr);
     EXPECT_EQ(esdsBox->remaining, 0u);
 
     Bytes shortForm = fullBox("esds", 0, 0, desc(0x03, aacESPayload()));
-    EXPECT_EQ(writeBox(esdsBox), shortForm);
-    EXPECT_EQ(esdsBox->size, shortForm.size());
+    EXPECT_EQ(writeTree(esdsBox), shortForm);
 
     uint32_t buffer = 0, maxRate = 0, avgRate = 0;
     EXPECT_EQ(esdsBox->getBitRates(&buffer, &maxRate, &avgRate), MP4_OK);
     EXPECT_EQ((std::vector<uint32_t>{0x300, 128000, 64000}), (std::vector<uint32_t>{buffer, maxRate, avgRate}));
 }
 
-
 TEST(ConfigBoxes, EsdsRefusesOtherDescriptors) {
     // Another tag, and a zero-size ES descriptor taken as unknown.
-    Bytes wrongTag = fullBox("esds", 0, 0, desc(0x04, decoderConfigPayload({})));
     CESDBox first;
-    MemoryFile file1(Bytes(wrongTag.begin() + 8, wrongTag.end()));
-    first.remaining = wrongTag.size() - 8;
-    EXPECT_EQ(first.read(file1.storage()), MP4_ERR_WRONG_LAYOUT);
+    EXPECT_EQ(readPayload(&first, fullBox("esds", 0, 0, desc(0x04, decoderConfigPayload({})))),
+              MP4_ERR_WRONG_LAYOUT);
     EXPECT_EQ(first.esDescriptor, nullptr);
-
-    Bytes zeroSize = concat({{0, 0, 0, 0, 0x03, 0x00}, Bytes(28, 0)});
     CESDBox second;
-    MemoryFile file2(zeroSize);
-    second.remaining = zeroSize.size();
-    EXPECT_EQ(second.read(file2.storage()), MP4_ERR_WRONG_LAYOUT);
+    EXPECT_EQ(readPayload(&second, fullBox("esds", 0, 0, concat({{0x03, 0x00}, Bytes(28, 0)}))),
+              MP4_ERR_WRONG_LAYOUT);
 
     // A descriptor longer than the box.
-    Bytes es = desc(0x03, aacESPayload());
     CESDBox third;
-    MemoryFile file3(concat({{0, 0, 0, 0}, es}));
-    third.remaining = 4 + es.size() - 1;
-    EXPECT_EQ(third.read(file3.storage()), MP4_ERR_VALUE_TOO_LARGE);
-
+    EXPECT_EQ(readPayload(&third, fullBox("esds", 0, 0, desc(0x03, aacESPayload())), 1), MP4_ERR_VALUE_TOO_LARGE);
     MP4Err err = MP4_OK;
-    writeBox(&third, &err);
+    writeTree(&third, &err);
     EXPECT_EQ(err, MP4_ERR_BAD_SIZE_FIELD);
     uint8_t objectType = 1;
     EXPECT_EQ(third.getObjectTypeIndication(&objectType), MP4_ERR_NOT_AVAILABLE);
@@ -1065,9 +889,8 @@ TEST(ConfigBoxes, EsdsRefusesOtherDescriptors) {
 }
 
 TEST(ConfigBoxes, EsdsDump) {
-    BoxResult r = readOneBox(fullBox("esds", 0, 0, desc(0x03, aacESPayload())));
-    ASSERT_EQ(r.err, MP4_OK);
-    std::string text = dumpText(r.box.get(), 1);
+    auto b = readTree(fullBox("esds", 0, 0, desc(0x03, aacESPayload())));
+    std::string text = dumpOf(b.get(), 1);
     EXPECT_EQ(text.substr(0, 91),
               "\n  Box type = esds  Size = 39\n"
               "  Version = 0, Flags = 0x000000\n"
@@ -1077,36 +900,29 @@ TEST(ConfigBoxes, EsdsDump) {
 }
 
 TEST(ConfigBoxes, IodsRoundTripAndMissingDescriptor) {
-    Bytes iods = fullBox("iods", 0, 0, descLong(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x29, 0x15, 0xFF}));
-    BoxResult r = readOneBox(iods);
-    ASSERT_EQ(r.err, MP4_OK);
-    auto* iodsBox = dynamic_cast<CObjectDescriptorBox*>(r.box.get());
+    auto b = readTree(fullBox("iods", 0, 0, descLong(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x29, 0x15, 0xFF})));
+    auto* iodsBox = test::as<CObjectDescriptorBox>(b);
     ASSERT_NE(iodsBox, nullptr);
     CInitialObjectDescriptor* iod = nullptr;
     ASSERT_EQ(iodsBox->getDescriptor(&iod), MP4_OK);
-    EXPECT_EQ(iod->audioProfileLevelIndication, 0x29);
-    EXPECT_EQ(writeBox(iodsBox), fullBox("iods", 0, 0, desc(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x29, 0x15, 0xFF})));
+    EXPECT_EQ(writeTree(iodsBox), fullBox("iods", 0, 0, desc(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x29, 0x15, 0xFF})));
 
     // An ES descriptor is not an initial object descriptor.
-    Bytes wrong = fullBox("iods", 0, 0, desc(0x03, aacESPayload()));
     CObjectDescriptorBox wrongBox;
-    MemoryFile file(Bytes(wrong.begin() + 8, wrong.end()));
-    wrongBox.remaining = wrong.size() - 8;
-    EXPECT_EQ(wrongBox.read(file.storage()), MP4_ERR_WRONG_LAYOUT);
+    EXPECT_EQ(readPayload(&wrongBox, fullBox("iods", 0, 0, desc(0x03, aacESPayload()))), MP4_ERR_WRONG_LAYOUT);
 
     CObjectDescriptorBox empty;
     MP4Err err = MP4_OK;
-    writeBox(&empty, &err);
+    writeTree(&empty, &err);
     EXPECT_EQ(err, MP4_ERR_BAD_SIZE_FIELD);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(empty.dump(0), MP4_ERR_BAD_SIZE_FIELD);
-    testing::internal::GetCapturedStdout();
+    dumpOf(&empty, 0, &err);
+    EXPECT_EQ(err, MP4_ERR_BAD_SIZE_FIELD);
 
     // The writer's default descriptor.
     ASSERT_EQ(empty.createDescriptor(&iod), MP4_OK);
     ASSERT_EQ(iod->setObjectDescriptorID(1), MP4_OK);
     iod->setProfileLevels(0xFF, 0xFF, 0x0F, 0x03, 0xFF);
-    EXPECT_EQ(writeBox(&empty), fullBox("iods", 0, 0, desc(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x0F, 0x03, 0xFF})));
+    EXPECT_EQ(writeTree(&empty), fullBox("iods", 0, 0, desc(0x10, {0x00, 0x4F, 0xFF, 0xFF, 0x0F, 0x03, 0xFF})));
 }
 
 }  // namespace

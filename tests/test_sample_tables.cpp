@@ -58,13 +58,6 @@ TEST(DataList, GrowsByWholeNodesAndFindsEntriesInAnyOrder) {
     EXPECT_EQ(list.last(), nullptr);
     for (uint32_t i = 1; i <= 250; ++i) ASSERT_EQ(list.append(CSyncSampleTableEntry{i * 7}), MP4_OK);
     EXPECT_EQ(list.count(), 250u);
-    ASSERT_NE(list.head(), nullptr);
-    EXPECT_EQ(list.head()->firstIndex, 1u);
-    ASSERT_NE(list.head()->next, nullptr);
-    EXPECT_EQ(list.head()->next->firstIndex, 101u);
-    ASSERT_NE(list.head()->next->next, nullptr);
-    EXPECT_EQ(list.head()->next->next->next, nullptr);
-
     for (uint32_t index : {101u, 150u, 120u, 30u, 250u, 1u, 100u, 201u, 200u}) {
         ASSERT_EQ(list.getEntry(index, &entry), MP4_OK) << index;
         EXPECT_EQ(entry->sampleNumber, index * 7) << index;
@@ -72,18 +65,12 @@ TEST(DataList, GrowsByWholeNodesAndFindsEntriesInAnyOrder) {
     EXPECT_EQ(list.getEntry(251, &entry), MP4_ERR_NOT_AVAILABLE);
     EXPECT_EQ(list.getEntry(0, &entry), MP4_ERR_BAD_INDEX);
 
-    // Entries change in place, and the last one is reachable directly.
-    ASSERT_EQ(list.getEntry(150, &entry), MP4_OK);
-    entry->sampleNumber = 1;
-    ASSERT_EQ(list.getEntry(150, &entry), MP4_OK);
-    EXPECT_EQ(entry->sampleNumber, 1u);
     EXPECT_EQ(list.last()->sampleNumber, 250u * 7);
 }
 
 TEST(DataList, ClearFreesOwnedEntriesAndStartsAgainAtOne) {
     CDataList<CChunkSampleEntry> list(0);  // falls back to blocks of 100
-    for
- (uint32_t i = 0; i < 150; ++i) {
+    for (uint32_t i = 0; i < 150; ++i) {
         CChunkSampleEntry sample;
         sample.size = i;
         sample.data.reset(new uint8_t[16]);
@@ -249,13 +236,14 @@ TEST(TimeToSample, GivesDecodeTimesAndTheTotalOnePastTheEnd) {
     EXPECT_EQ(stts->getSampleTime(0, &time), MP4_ERR_BAD_INDEX);
     EXPECT_EQ(stts->getTotalDuration(&time), MP4_OK);
     EXPECT_EQ(time, 70u);
+
+    // A fresh table is walked from sample 1 only.
+    auto fresh = readTree(counted("stts", {3, 10}, 1));
+    EXPECT_EQ(as<CTimeToSampleBox>(fresh)->getSampleTime(2, &time), MP4_ERR_BAD_INDEX);
 }
 
-TEST(TimeToSample, FreshTableStartsAtSampleOneAndTimesPass32Bits) {
-    auto fresh = readTree(counted("stts", {3, 10}, 1));
+TEST(TimeToSample, TimesPass32Bits) {
     uint64_t time = 0;
-    EXPECT_EQ(as<CTimeToSampleBox>(fresh)->getSampleTime(2, &time), MP4_ERR_BAD_INDEX);
-
     // 13.3 hours at 90 kHz with one-second samples.
     auto b = readTree(counted("stts", {100000, 90000}, 1));
     auto* stts = as<CTimeToSampleBox>(b);
@@ -428,30 +416,16 @@ TEST(EditBox, GrowsByEachAddedChild) {
 
 // ---------------------------------------------------------------------------
 
-std::vector<uint32_t> sizesOf(CSampleSizeBox& stsz) {
-    std::vector<uint32_t> sizes;
-    for (uint32_t i = 1; i <= stsz.entries.count(); ++i) {
-        CSampleSizeTableEntry* e = nullptr;
-        stsz.getEntry(i, &e);
-        sizes.push_back(e->entrySize);
-    }
-    return sizes;
-}
-
 TEST(TableBuilding, SampleSizesStayConstantUntilOneDiffers) {
     CSampleSizeBox same;
     same.type = fourcc("stsz");
     for (uint32_t i = 1; i <= 3; ++i) ASSERT_EQ(same.addSampleSize(i, 10), MP4_OK);
-    EXPECT_EQ(same.sampleSize, 10u);
-    EXPECT_EQ(same.sampleCount, 3u);
-    EXPECT_TRUE(sizesOf(same).empty());
+    EXPECT_EQ(same.entries.count(), 0u);
     EXPECT_EQ(writeTree(&same), fullBox("stsz", 0, 0, ByteWriter().u32(10).u32(3)));
 
     CSampleSizeBox mixed;
     mixed.type = fourcc("stsz");
     for (uint32_t size : {10u, 10u, 12u}) ASSERT_EQ(mixed.addSampleSize(mixed.sampleCount + 1, size), MP4_OK);
-    EXPECT_EQ(mixed.sampleSize, 0u);
-    EXPECT_EQ(sizesOf(mixed), (std::vector<uint32_t>{10, 10, 12}));
     EXPECT_EQ(writeTree(&mixed), fullBox("stsz", 0, 0, ByteWriter().u32(0).u32(3).u32(10).u32(10).u32(12)));
     uint32_t size = 0;
     ASSERT_EQ(mixed.getSampleSize(3, &size), MP4_OK);

@@ -402,11 +402,10 @@ MP4Err decodeText(const std::string& text, Bytes* out) {
 }
 
 TEST(Base64Test, KnownTexts) {
-    EXPECT_EQ("", encodeText({}));
-    EXPECT_EQ("TWFu", encodeText({'M', 'a', 'n'}));
-    EXPECT_EQ("TWE=", encodeText({'M', 'a'}));
-    EXPECT_EQ("TQ==", encodeText({'M'}));
-    EXPECT_EQ("+/8=", encodeText({0xFB, 0xFF}));
+    for (const auto& [text, data] : {std::pair<const char*, Bytes>{"", {}}, {"TWFu", {'M', 'a', 'n'}},
+                                     {"TWE=", {'M', 'a'}}, {"TQ==", {'M'}}, {"+/8=", {0xFB, 0xFF}}}) {
+        EXPECT_EQ(text, encodeText(data));
+    }
 
     // Decoded lengths count one byte more than the data.
     Bytes out;

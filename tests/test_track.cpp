@@ -296,6 +296,21 @@ TrackPlan simpleVideo(uint32_t n) {
     return t;
 }
 
+// Opens a built one-track file and hands its track to check.
+template <class Check>
+void withTrack(const TrackPlan& plan, Check check) {
+    OpenedFile f(buildFile(plan));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    check(t);
+}
+
+// Each search: (time, sample found or failed(code)), asked in this order.
+using Searches = std::vector<std::pair<uint64_t, uint64_t>>;
+void expectFound(CMp4Track* t, MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), const Searches& searches) {
+    for (const auto& [time, sample] : searches) EXPECT_EQ(sample, found(search, t, time)) << "time " << time;
+}
+
 // ---------------------------------------------------------------------------
 // The fixtures
 
@@ -378,15 +393,10 @@ TEST(TrackFixtures, CompositionTimesAndSearchesWithBFrames) {
     EXPECT_EQ(0u, initialDelay(t));  // the edit skips media, it does not delay it
     EXPECT_EQ(std::make_pair(uint64_t{9925}, 180u), place(t, 25));
 
-    auto byCts = &CMp4Track::findSampleByCompositionTime;
-    EXPECT_EQ(1u, found(byCts, t, 0));
-    EXPECT_EQ(3u, found(byCts, t, 2000));  // shown from 1536 to 2048
-    EXPECT_EQ(2u, found(byCts, t, 2560));
-    EXPECT_EQ(6u, found(byCts, t, 3100));
-    auto sync = &CMp4Track::findSyncSampleBefore;
-    EXPECT_EQ(1u, found(sync, t, 5000));
+    // Sample 3 is shown from 1536 to 2048.
+    expectFound(t, &CMp4Track::findSampleByCompositionTime, {{0, 1}, {2000, 3}, {2560, 2}, {3100, 6}});
     // Before the key frame is shown there is nothing to seek to.
-    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), found(sync, t, 500));
+    expectFound(t, &CMp4Track::findSyncSampleBefore, {{5000, 1}, {500, failed(MP4_ERR_NOT_AVAILABLE)}});
 }
 
 TEST(TrackFixtures, EmptyFirstEditDelaysEveryTime) {
@@ -399,8 +409,7 @@ TEST(TrackFixtures, EmptyFirstEditDelaysEveryTime) {
     EXPECT_EQ(20991u, dts[0]);
     EXPECT_EQ(22015u, dts[1]);
     EXPECT_EQ(dts, times(t, kComposition));
-    EXPECT_EQ(1u, found(&CMp4Track::findSampleByDecodeTime, t, 0));
-    EXPECT_EQ(2u, found(&CMp4Track::findSampleByDecodeTime, t, 22015));
+    expectFound(t, &CMp4Track::findSampleByDecodeTime, {{0, 1}, {22015, 2}});
 }
 
 // Raw PCM keeps one time unit per audio sample; each chunk is presented
@@ -473,29 +482,6 @@ TEST(TrackFixtures, CodecsAndSampleEntryFields) {
     }
 }
 
-TEST(TrackFixtures, DecoderSpecificInfoAndBufferRules) {
-    OpenedFile f("mpeg4-aac.mp4");
-    CMp4Track* video = f.track(1);
-    CMp4Track* audio = f.track(2);
-    ASSERT_TRUE(video && audio);
-    uint32_t length = 0;
-    uint8_t buffer[64] = {};
-    EXPECT_EQ(MP4_OK, audio->getDecoderSpecificInfo(nullptr, 0, &length));  // the length only
-    EXPECT_EQ(5u, length);
-    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, audio->getDecoderSpecificInfo(buffer, 4, &length));
-    EXPECT_EQ(5u, length);
-    EXPECT_EQ(MP4_OK, audio->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
-    EXPECT_EQ((Bytes{0x12, 0x08, 0x56, 0xE5, 0x00}), Bytes(buffer, buffer + length));
-    EXPECT_EQ(MP4_OK, video->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
-    EXPECT_EQ(30u, length);
-    EXPECT_EQ((Bytes{0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5}), Bytes(buffer, buffer + 9));
-    EXPECT_EQ(0x20u, get(&CMp4Track::getObjectTypeIndication, video));
-    OpenedFile amr("h263-amrnb.3gp");  // no "esds" in an AMR entry
-    CMp4Track* samr = amr.track(2);
-    ASSERT_TRUE(samr);
-    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, samr->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
-}
-
 // The payload of the first box of that type found in the bytes.
 Bytes boxPayload(const Bytes& file, const char* type) {
     for (size_t i = 4; i + 4 <= file.size(); ++i) {
@@ -507,28 +493,49 @@ Bytes boxPayload(const Bytes& file, const char* type) {
     return {};
 }
 
-TEST(TrackFixtures, CodecConfigurationIsTheRecordOfTheFile) {
+// Variable-length bytes: a null buffer asks for the length only, a buffer
+// one byte short is refused with the length needed. Returns the bytes.
+using BytesGetter = MP4Err (CMp4Track::*)(uint8_t*, uint32_t, uint32_t*);
+Bytes bytesOf(CMp4Track* t, BytesGetter getter) {
+    uint32_t length = 0;
+    EXPECT_EQ(MP4_OK, (t->*getter)(nullptr, 0, &length));
+    Bytes bytes(length);
+    if (length == 0) return bytes;
+    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, (t->*getter)(bytes.data(), length - 1, &length));
+    EXPECT_EQ(bytes.size(), length);
+    EXPECT_EQ(MP4_OK, (t->*getter)(bytes.data(), length, &length));
+    return bytes;
+}
+
+TEST(TrackFixtures, DecoderSpecificInfoAndCodecConfiguration) {
+    OpenedFile f("mpeg4-aac.mp4");
+    CMp4Track* video = f.track(1);
+    CMp4Track* audio = f.track(2);
+    ASSERT_TRUE(video && audio);
+    EXPECT_EQ((Bytes{0x12, 0x08, 0x56, 0xE5, 0x00}), bytesOf(audio, &CMp4Track::getDecoderSpecificInfo));
+    const Bytes visual = bytesOf(video, &CMp4Track::getDecoderSpecificInfo);
+    ASSERT_EQ(30u, visual.size());
+    EXPECT_EQ((Bytes{0x00, 0x00, 0x01, 0xB0, 0x01, 0x00, 0x00, 0x01, 0xB5}), Bytes(visual.begin(), visual.begin() + 9));
+    EXPECT_EQ(0x20u, get(&CMp4Track::getObjectTypeIndication, video));
+
     for (const auto& c : {std::make_pair("h264-aac.mp4", "avcC"), std::make_pair("hevc-hvc1.mp4", "hvcC")}) {
         SCOPED_TRACE(c.first);
         const Bytes expected = boxPayload(loadFixture(c.first), c.second);
         ASSERT_FALSE(expected.empty());
-        OpenedFile f(c.first);
-        CMp4Track* t = f.track(1);
+        OpenedFile g(c.first);
+        CMp4Track* t = g.track(1);
         ASSERT_TRUE(t);
-        uint32_t length = 0;
-        EXPECT_EQ(MP4_OK, t->getCodecConfiguration(nullptr, 0, &length));
-        ASSERT_EQ(expected.size(), length);
-        Bytes bytes(length);
-        EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->getCodecConfiguration(bytes.data(), length - 1, &length));
-        EXPECT_EQ(expected.size(), length);
-        EXPECT_EQ(MP4_OK, t->getCodecConfiguration(bytes.data(), length, &length));
-        EXPECT_EQ(expected, bytes);
+        EXPECT_EQ(expected, bytesOf(t, &CMp4Track::getCodecConfiguration));
     }
-    OpenedFile audio("audio-delay.mp4");
-    CMp4Track* t = audio.track(1);
-    ASSERT_TRUE(t);
+
+    // Neither in an AMR entry (no "esds"), nor for AAC (no record box).
+    OpenedFile amr("h263-amrnb.3gp");
+    CMp4Track* samr = amr.track(2);
+    ASSERT_TRUE(samr);
+    uint8_t buffer[64];
     uint32_t length = 7;
-    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->getCodecConfiguration(nullptr, 0, &length));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, samr->getDecoderSpecificInfo(buffer, sizeof buffer, &length));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, audio->getCodecConfiguration(nullptr, 0, &length));
     EXPECT_EQ(0u, length);
 }
 
@@ -544,25 +551,25 @@ TEST(TrackFixtures, VideoCodecIdOfTheFirstVideoTrack) {
 // Built files: reading samples
 
 TEST(TrackSamples, ReadSampleIndexAndBufferChecks) {
-    OpenedFile f(buildFile(simpleVideo(6)));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    uint8_t buffer[8] = {};
-    uint32_t size = 99;
-    EXPECT_EQ(MP4_ERR_BAD_INDEX, t->readSample(0, sizeof buffer, &size, buffer));
-    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->readSample(7, sizeof buffer, &size, buffer));
-    EXPECT_EQ(failed(MP4_ERR_BAD_INDEX), place(t, 0).first);
-    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 7).first);
-    // Sample 3 holds 4 bytes: a buffer one byte short reports the size needed.
-    EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->readSample(3, 3, &size, buffer));
-    EXPECT_EQ(4u, size);
-    EXPECT_EQ(MP4_OK, t->readSample(3, 4, &size, buffer));
-    EXPECT_EQ((Bytes{sampleByte(3, 0), sampleByte(3, 1), sampleByte(3, 2), sampleByte(3, 3)}), Bytes(buffer, buffer + size));
-    uint64_t time = 7;
-    EXPECT_EQ(MP4_ERR_BAD_INDEX, t->getSampleDecodeTime(0, &time));
-    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->getSampleCompositionTime(7, &time));
-    EXPECT_EQ(0u, time);
-    EXPECT_EQ(MP4_OK, t->getSampleDecodeTime(6, nullptr));  // the time may be left out
+    withTrack(simpleVideo(6), [](CMp4Track* t) {
+        uint8_t buffer[8] = {};
+        uint32_t size = 99;
+        EXPECT_EQ(MP4_ERR_BAD_INDEX, t->readSample(0, sizeof buffer, &size, buffer));
+        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->readSample(7, sizeof buffer, &size, buffer));
+        EXPECT_EQ(failed(MP4_ERR_BAD_INDEX), place(t, 0).first);
+        EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 7).first);
+        // Sample 3 holds 4 bytes: a buffer one byte short reports the size needed.
+        EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->readSample(3, 3, &size, buffer));
+        EXPECT_EQ(4u, size);
+        EXPECT_EQ(MP4_OK, t->readSample(3, 4, &size, buffer));
+        EXPECT_EQ((Bytes{sampleByte(3, 0), sampleByte(3, 1), sampleByte(3, 2), sampleByte(3, 3)}),
+                  Bytes(buffer, buffer + size));
+        uint64_t time = 7;
+        EXPECT_EQ(MP4_ERR_BAD_INDEX, t->getSampleDecodeTime(0, &time));
+        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->getSampleCompositionTime(7, &time));
+        EXPECT_EQ(0u, time);
+        EXPECT_EQ(MP4_OK, t->getSampleDecodeTime(6, nullptr));  // the time may be left out
+    });
 }
 
 // Chunk layouts (samples per chunk) covering one and several stsc runs,
@@ -653,24 +660,19 @@ TEST(TrackSamples, LargeChunkOffsetsKeepAll64Bits) {
     TrackPlan plan;
     plan.sampleEntry = visualEntry("avc1");
     plan.co64 = true;
-    const uint64_t bias = uint64_t{1} << 32;
-    auto places = layOut(&plan, {{4, 5}, {6}}, false, bias);
-    OpenedFile f(buildFile(plan));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    for (uint32_t s : {3u, 1u, 2u}) EXPECT_EQ(places[s - 1], place(t, s));
-    uint8_t buffer[8];
-    uint32_t size = 0;
-    EXPECT_NE(MP4_OK, t->readSample(1, sizeof buffer, &size, buffer));  // beyond the data
+    auto places = layOut(&plan, {{4, 5}, {6}}, false, uint64_t{1} << 32);
+    withTrack(plan, [&](CMp4Track* t) {
+        for (uint32_t s : {3u, 1u, 2u}) EXPECT_EQ(places[s - 1], place(t, s));
+        uint8_t buffer[8];
+        uint32_t size = 0;
+        EXPECT_NE(MP4_OK, t->readSample(1, sizeof buffer, &size, buffer));  // beyond the data
+    });
 }
 
 TEST(TrackSamples, ZeroSamplesPerChunkIsAnErrorNotACrash) {
     TrackPlan plan = simpleVideo(4);
     plan.stsc = {{1, 0, 1}};
-    OpenedFile f(buildFile(plan));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    EXPECT_EQ(failed(MP4_ERR_INVALID_DATA), place(t, 2).first);
+    withTrack(plan, [](CMp4Track* t) { EXPECT_EQ(failed(MP4_ERR_INVALID_DATA), place(t, 2).first); });
 }
 
 TEST(TrackSamples, SyncFlagsInAnyOrder) {
@@ -680,21 +682,19 @@ TEST(TrackSamples, SyncFlagsInAnyOrder) {
     TrackPlan withoutStss = simpleVideo(12);
     for (TrackPlan* plan : {&withStss, &withoutStss}) {
         SCOPED_TRACE(plan->hasStss ? "stss 1 5 9" : "no stss");
-        OpenedFile f(buildFile(*plan));
-        CMp4Track* t = f.track(1);
-        ASSERT_TRUE(t);
         std::vector<uint32_t> order;
         for (uint32_t s = 1; s <= 12; ++s) order.push_back(s);
         for (uint32_t s = 12; s >= 1; --s) order.push_back(s);
         for (uint32_t s : {9u, 9u, 5u, 6u, 1u, 10u, 4u, 5u, 12u, 8u}) order.push_back(s);
-        for (uint32_t s : order) {
+        withTrack(*plan, [&](CMp4Track* t) {
             uint32_t sync = 7;
-            ASSERT_EQ(MP4_OK, t->isSyncSample(s, &sync));
-            EXPECT_EQ(!plan->hasStss || s == 1 || s == 5 || s == 9 ? 1u : 0u, sync) << "sample " << s;
-        }
-        uint32_t sync = 7;
-        EXPECT_EQ(MP4_ERR_BAD_INDEX, t->isSyncSample(0, &sync));
-        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->isSyncSample(13, &sync));
+            for (uint32_t s : order) {
+                ASSERT_EQ(MP4_OK, t->isSyncSample(s, &sync));
+                EXPECT_EQ(!plan->hasStss || s == 1 || s == 5 || s == 9 ? 1u : 0u, sync) << "sample " << s;
+            }
+            EXPECT_EQ(MP4_ERR_BAD_INDEX, t->isSyncSample(0, &sync));
+            EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, t->isSyncSample(13, &sync));
+        });
     }
 }
 
@@ -724,15 +724,14 @@ TEST(TrackSamples, ChunksOfRawAudioAsSamples) {
         plan.stts = {{250, 1}};
         plan.media = Bytes(2000, 0x11);
         plan.chunkOffsets = {kMediaStart + 10, kMediaStart + 900, kMediaStart + 1500};
-        OpenedFile f(buildFile(plan));
-        CMp4Track* t = f.track(1);
-        ASSERT_TRUE(t);
-        EXPECT_EQ((std::vector<uint64_t>{0, 100, 200}), times(t, kDecode));
-        const uint32_t last = c.rate != 65535 ? c.bytesPer100 / 2 : c.bytesPer100;
-        EXPECT_EQ(std::make_pair(plan.chunkOffsets[2], last), place(t, 3));
-        EXPECT_EQ(std::make_pair(plan.chunkOffsets[0], c.bytesPer100), place(t, 1));
-        EXPECT_EQ(std::make_pair(plan.chunkOffsets[1], c.bytesPer100), place(t, 2));
-        EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 4).first);
+        withTrack(plan, [&](CMp4Track* t) {
+            EXPECT_EQ((std::vector<uint64_t>{0, 100, 200}), times(t, kDecode));
+            const uint32_t last = c.rate != 65535 ? c.bytesPer100 / 2 : c.bytesPer100;
+            EXPECT_EQ(std::make_pair(plan.chunkOffsets[2], last), place(t, 3));
+            EXPECT_EQ(std::make_pair(plan.chunkOffsets[0], c.bytesPer100), place(t, 1));
+            EXPECT_EQ(std::make_pair(plan.chunkOffsets[1], c.bytesPer100), place(t, 2));
+            EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, 4).first);
+        });
     }
 }
 
@@ -744,118 +743,79 @@ TEST(TrackTimes, EmptyFirstEditOfOneSecond) {
     plan.handler = fourcc("soun");
     plan.mediaHeader = "smhd";
     plan.sampleEntry = soundEntry("mp4a", 1, 44100);
-    plan.movieScale = 600;
     plan.mediaScale = 44100;
     plan.stts = {{3, 1024}};
     plan.edits = {{0, 5}, {600, -1}, {1800, 0}};  // an edit of no duration shows nothing
-    OpenedFile f(buildFile(plan));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    EXPECT_EQ(44100u, initialDelay(t));
-    EXPECT_EQ((std::vector<uint64_t>{44100, 45124, 46148}), times(t, kDecode));
-    EXPECT_EQ(times(t, kDecode), times(t, kComposition));
+    withTrack(plan, [](CMp4Track* t) {
+        EXPECT_EQ(44100u, initialDelay(t));
+        EXPECT_EQ((std::vector<uint64_t>{44100, 45124, 46148}), times(t, kDecode));
+        EXPECT_EQ(times(t, kDecode), times(t, kComposition));
+    });
+}
+
+// A video track of n samples with these decode deltas and composition offsets.
+TrackPlan videoWithOffsets(uint32_t n, std::vector<Run> ctts, std::vector<Run> stts = {}) {
+    TrackPlan plan = simpleVideo(n);
+    plan.ctts = std::move(ctts);
+    if (!stts.empty()) plan.stts = std::move(stts);
+    return plan;
 }
 
 TEST(TrackTimes, NegativeCompositionOffsets) {
-    TrackPlan plan = simpleVideo(5);
-    plan.stts = {{1, 3}, {4, 3}};  // decode times 0, 3, 6, 9, 12
-    // Offsets -1 (more than sample 1's decode time), +10, -5, -10 (more than
-    // sample 4's decode time) and -12 (exactly sample 5's).
-    plan.ctts = {{1, 0xFFFFFFFFu}, {1, 10}, {1, 0xFFFFFFFBu}, {1, 0xFFFFFFF6u}, {1, 0xFFFFFFF4u}};
-    OpenedFile f(buildFile(plan));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    EXPECT_EQ((std::vector<uint64_t>{0, 3, 6, 9, 12}), times(t, kDecode));
-    EXPECT_EQ((std::vector<uint64_t>{0, 13, 1, 1, 0}), times(t, kComposition));
+    const struct { const char* what; TrackPlan plan; std::vector<uint64_t> expected; } cases[] = {
+        // Decode times 0, 3, 6, 9, 12; offsets -1 (more than sample 1's decode
+        // time), +10, -5, -10 (more than sample 4's) and -12 (exactly sample 5's).
+        {"clamped at zero",
+         videoWithOffsets(5, {{1, 0xFFFFFFFFu}, {1, 10}, {1, 0xFFFFFFFBu}, {1, 0xFFFFFFF6u}, {1, 0xFFFFFFF4u}},
+                          {{1, 3}, {4, 3}}),
+         {0, 13, 1, 1, 0}},
+        // Sample 2 at decode time 3 with an offset of -5 keeps sample 1's time.
+        {"kept from the sample before", videoWithOffsets(3, {{1, 4}, {1, 0xFFFFFFFBu}, {1, 0}}, {{3, 3}}), {4, 4, 6}},
+        // Samples no entry covers are shown at their decode time.
+        {"short table", videoWithOffsets(4, {{2, 20}}), {20, 30, 20, 30}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        withTrack(c.plan, [&](CMp4Track* t) { EXPECT_EQ(c.expected, times(t, kComposition)); });
+    }
+    withTrack(cases[0].plan, [](CMp4Track* t) { EXPECT_EQ((std::vector<uint64_t>{0, 3, 6, 9, 12}), times(t, kDecode)); });
+}
 
-    // Sample 2 at decode time 3 with an offset of -5 keeps sample 1's time.
-    TrackPlan second = simpleVideo(3);
-    second.stts = {{3, 3}};
-    second.ctts = {{1, 4}, {1, 0xFFFFFFFBu}, {1, 0}};
-    OpenedFile g(buildFile(second));
-    CMp4Track* u = g.track(1);
-    ASSERT_TRUE(u);
-    EXPECT_EQ((std::vector<uint64_t>{4, 4, 6}), times(u, kComposition));
-
-    // Samples no entry covers are shown at their decode time.
-    TrackPlan shortCtts = simpleVideo(4);
-    shortCtts.ctts = {{2, 20}};
-    OpenedFile h(buildFile(shortCtts));
-    CMp4Track* v = h.track(1);
-    ASSERT_TRUE(v);
-    EXPECT_EQ((std::vector<uint64_t>{20, 30, 20, 30}), times(v, kComposition));
+void expectFound(const TrackPlan& plan, MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), const Searches& searches) {
+    withTrack(plan, [&](CMp4Track* t) { expectFound(t, search, searches); });
 }
 
 TEST(TrackTimes, FindSampleByDecodeTime) {
-    OpenedFile f(buildFile(simpleVideo(5)));  // decode times 0, 10, 20, 30, 40
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    auto byDts = &CMp4Track::findSampleByDecodeTime;
-    EXPECT_EQ(3u, found(byDts, t, 25));
-    EXPECT_EQ(4u, found(byDts, t, 30));
-    EXPECT_EQ(5u, found(byDts, t, 40));
-    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), found(byDts, t, 41));
-    // Going back in time, after a failure and after a hit.
-    EXPECT_EQ(2u, found(byDts, t, 19));
-    EXPECT_EQ(1u, found(byDts, t, 0));
-    EXPECT_EQ(5u, found(byDts, t, 40));
-    EXPECT_EQ(1u, found(byDts, t, 9));
+    // Decode times 0, 10, 20, 30, 40; going back in time after a failure and after a hit.
+    expectFound(simpleVideo(5), &CMp4Track::findSampleByDecodeTime,
+                {{25, 3}, {30, 4}, {40, 5}, {41, failed(MP4_ERR_NOT_AVAILABLE)}, {19, 2}, {0, 1}, {40, 5}, {9, 1}});
 }
 
 TEST(TrackTimes, FindSampleByCompositionTimeToleratesOneOutOfOrderSample) {
-    TrackPlan plan = simpleVideo(5);        // decode 0, 10, 20, 30, 40
-    plan.ctts = {{1, 10}, {1, 30}, {3, 0}};  // composition 10, 40, 20, 30, 40
-    OpenedFile f(buildFile(plan));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
+    // Composition 10, 40, 20, 30, 40: sample 2 is stepped over at 25, and a
+    // tie keeps the earlier sample.
     auto byCts = &CMp4Track::findSampleByCompositionTime;
-    EXPECT_EQ(1u, found(byCts, t, 5));  // before every sample
-    EXPECT_EQ(1u, found(byCts, t, 15));
-    EXPECT_EQ(3u, found(byCts, t, 25));  // sample 2 (at 40) is stepped over
-    EXPECT_EQ(4u, found(byCts, t, 35));
-    EXPECT_EQ(2u, found(byCts, t, 40));  // a tie keeps the earlier sample
-    EXPECT_EQ(2u, found(byCts, t, 1000));
-
-    // A second sample shown later ends the walk.
-    TrackPlan two = simpleVideo(5);
-    two.ctts = {{1, 10}, {2, 40}, {2, 0}};  // composition 10, 50, 60, 30, 40
-    OpenedFile g(buildFile(two));
-    CMp4Track* u = g.track(1);
-    ASSERT_TRUE(u);
-    EXPECT_EQ(1u, found(byCts, u, 35));
+    expectFound(videoWithOffsets(5, {{1, 10}, {1, 30}, {3, 0}}), byCts,
+                {{5, 1}, {15, 1}, {25, 3}, {35, 4}, {40, 2}, {1000, 2}});
+    // A second sample shown later (composition 10, 50, 60, 30, 40) ends the walk.
+    expectFound(videoWithOffsets(5, {{1, 10}, {2, 40}, {2, 0}}), byCts, {{35, 1}});
 }
 
 TEST(TrackTimes, FindSyncSampleBefore) {
+    auto sync = &CMp4Track::findSyncSampleBefore;
     TrackPlan plan = simpleVideo(50);  // decode times 10 apart
     plan.hasStss = true;
     plan.syncSamples = {1, 31};
-    OpenedFile f(buildFile(plan));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    auto sync = &CMp4Track::findSyncSampleBefore;
-    EXPECT_EQ(31u, found(sync, t, 395));  // inside sample 40
-    EXPECT_EQ(1u, found(sync, t, 5));
-    EXPECT_EQ(31u, found(sync, t, 300));
-    EXPECT_EQ(1u, found(sync, t, 299));
-    EXPECT_EQ(31u, found(sync, t, 100000));
-    EXPECT_EQ(1u, found(sync, t, 0));
+    expectFound(plan, sync, {{395, 31}, {5, 1}, {300, 31}, {299, 1}, {100000, 31}, {0, 1}});
+    expectFound(simpleVideo(50), sync, {{395, 40}});  // no "stss": the sample itself
 
     // The search starts one past the sample found: a sync sample shown at
     // the same time as the one before it is taken.
-    TrackPlan tie = simpleVideo(3);  // decode 0, 10, 20
-    tie.ctts = {{2, 10}, {1, 0}};    // composition 10, 20, 20
+    TrackPlan tie = videoWithOffsets(3, {{2, 10}, {1, 0}});  // composition 10, 20, 20
     tie.hasStss = true;
     tie.syncSamples = {1, 3};
-    OpenedFile g(buildFile(tie));
-    CMp4Track* u = g.track(1);
-    ASSERT_TRUE(u);
-    EXPECT_EQ(2u, found(&CMp4Track::findSampleByCompositionTime, u, 25));
-    EXPECT_EQ(3u, found(sync, u, 25));
-
-    OpenedFile h(buildFile(simpleVideo(50)));  // no "stss": the sample itself
-    CMp4Track* v = h.track(1);
-    ASSERT_TRUE(v);
-    EXPECT_EQ(40u, found(sync, v, 395));
+    expectFound(tie, &CMp4Track::findSampleByCompositionTime, {{25, 2}});
+    expectFound(tie, sync, {{25, 3}});
 }
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -915,8 +875,6 @@ TEST(TrackBinding, FailuresLeaveNoTrack) {
         EXPECT_EQ(nullptr, t);
     }
 }
-
-
 
 TEST(TrackBinding, KindFromMediaHeaderThenHandler) {
     const struct { uint32_t handler; const char* mediaHeader; uint64_t kind; } cases[] = {
@@ -992,28 +950,23 @@ TEST(TrackTimecode, CountersToHoursMinutesSecondsFrames) {
         {0, 25, 0, 25, 25, 0, -2, 0, timecodeError(MP4_ERR_INVALID_DATA)},
     };
     for (const TimecodeCase& c : cases) {
-        OpenedFile f(buildFile(timecodeTrack(c)));
-        CMp4Track* t = f.track(1);
-        ASSERT_TRUE(t);
-        EXPECT_EQ(c.expected, timecode(t, c.time)) << "counter " << c.counter << " time " << c.time;
+        SCOPED_TRACE("counter " + std::to_string(c.counter) + " time " + std::to_string(c.time));
+        withTrack(timecodeTrack(c), [&](CMp4Track* t) { EXPECT_EQ(c.expected, timecode(t, c.time)); });
     }
-    OpenedFile shortSample(buildFile(timecodeTrack(cases[2], 2)));
-    CMp4Track* t = shortSample.track(1);
-    ASSERT_TRUE(t);
-    EXPECT_EQ(timecodeError(MP4_ERR_UNSUPPORTED), timecode(t, 0));
+    withTrack(timecodeTrack(cases[2], 2),
+              [](CMp4Track* t) { EXPECT_EQ(timecodeError(MP4_ERR_UNSUPPORTED), timecode(t, 0)); });
 }
 
 TEST(TrackTimecode, FlagBitsOfTheDescription) {
-    OpenedFile f(buildFile(timecodeTrack({0xA, 25, 1, 25, 25, 0, -2, 0, {}})));
-    CMp4Track* t = f.track(1);
-    ASSERT_TRUE(t);
-    std::vector<int> flags;
-    for (uint32_t which = 0; which < 5; ++which) {
-        uint8_t flag = 9;
-        MP4Err err = t->getTimecodeFlag(which, &flag);
-        flags.push_back(err == MP4_OK ? flag : -static_cast<int>(err));
-    }
-    EXPECT_EQ((std::vector<int>{0, 1, 0, 1, -static_cast<int>(MP4_ERR_NOT_AVAILABLE)}), flags);
+    withTrack(timecodeTrack({0xA, 25, 1, 25, 25, 0, -2, 0, {}}), [](CMp4Track* t) {
+        std::vector<int> flags;
+        for (uint32_t which = 0; which < 5; ++which) {
+            uint8_t flag = 9;
+            MP4Err err = t->getTimecodeFlag(which, &flag);
+            flags.push_back(err == MP4_OK ? flag : -static_cast<int>(err));
+        }
+        EXPECT_EQ((std::vector<int>{0, 1, 0, 1, -static_cast<int>(MP4_ERR_NOT_AVAILABLE)}), flags);
+    });
 }
 
 }  // namespace

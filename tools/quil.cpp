@@ -14,6 +14,7 @@
 #include <string>
 
 #include "Command.h"
+#include "Hint.h"
 #include "Info.h"
 #include "Meta.h"
 #include "Rewrite.h"
@@ -53,7 +54,7 @@ int runDump(const char* path) {
         reportError(path, err);
         return kExitFailure;
     }
-    return kExitOk;
+    return dumpHintSamples(file.get());
 }
 
 int runInfo(const char* path, bool json) {
@@ -147,10 +148,62 @@ const Command kSamplesCommand = {
     {{"--track", true}}, 1, 1, samplesCommand,
 };
 
+int hintCommand(const Arguments& arguments) {
+    uint64_t mtu = 0;
+    if (const char* text = arguments.value("--mtu")) {
+        if (!parseNumber(text, 64, 65000, &mtu)) {
+            return usageError("--mtu needs a payload size of 64 to 65000 bytes");
+        }
+    }
+    return runHint(arguments.operand(0), arguments.operand(1), static_cast<uint32_t>(mtu),
+                   arguments.has("--latm"));
+}
+
+int sdpCommand(const Arguments& arguments) {
+    return runSdp(arguments.operand(0), arguments.value("--to"));
+}
+
+int rtpSendCommand(const Arguments& arguments) {
+    const char* to = arguments.value("--to");
+    if (to == nullptr) return usageError("rtp-send needs --to HOST:PORT");
+    double speed = 1.0;
+    if (const char* text = arguments.value("--speed")) {
+        char* end = nullptr;
+        speed = std::strtod(text, &end);
+        if (*end != '\0' || !(speed >= 0)) return usageError("--speed needs a number of 0 or more");
+    }
+    return runRtpSend(arguments.operand(0), to, speed);
+}
+
+const Command kHintCommand = {
+    "hint", "hint IN OUT [--mtu N] [--latm]",
+    "  hint     copy the audio and video tracks of IN to OUT and add an RTP\n"
+    "           hint track for each H.264, MPEG-4 video, H.263, AAC and AMR\n"
+    "           track; --mtu N sets the largest RTP payload (default 1450),\n"
+    "           --latm sends AAC as MP4A-LATM instead of mpeg4-generic\n",
+    {{"--mtu", true}, {"--latm", false}}, 2, 2, hintCommand,
+};
+
+const Command kSdpCommand = {
+    "sdp", "sdp FILE [--to HOST:PORT]",
+    "  sdp      print the session and media SDP of a hinted file; with --to\n"
+    "           HOST:PORT, a complete description for a receiver (track k on\n"
+    "           PORT + 2k)\n",
+    {{"--to", true}}, 1, 1, sdpCommand,
+};
+
+const Command kRtpSendCommand = {
+    "rtp-send", "rtp-send FILE --to HOST:PORT [--speed X]",
+    "  rtp-send send every hint track as RTP over UDP to HOST, track k to\n"
+    "           PORT + 2k, paced by the RTP times (--speed X plays X times\n"
+    "           as fast, 0 as fast as possible)\n",
+    {{"--to", true}, {"--speed", true}}, 1, 1, rtpSendCommand,
+};
+
 // The commands, in the order --help lists them.
 const Command* const kCommands[] = {
-    &kDumpCommand, &kInfoCommand,  &kSamplesCommand,
-    &kMetaCommand, &kRemuxCommand, &kFaststartCommand,
+    &kDumpCommand, &kInfoCommand, &kSamplesCommand, &kMetaCommand, &kRemuxCommand,
+    &kFaststartCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
 };
 
 void printUsage() {

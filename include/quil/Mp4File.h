@@ -76,6 +76,14 @@ public:
     // returned and the track stays the caller's (release it again or
     // close after fixing the cause).
     virtual MP4Err releaseTrack(CMp4Track* track) = 0;
+    // RTP hint tracks (see Mp4HintTrack.h). getHintTrack: the hint track
+    // object over track n (2 outside 1..trackCount, 3 when track n is not an
+    // RTP hint track). createHintTrack, write mode only: the packetizer of a
+    // kind: 1 MPEG-4 video (RFC 3016), 2 AAC in LATM (RFC 3016), 3 AAC
+    // (RFC 3640), 4 H.263 (RFC 4629), 5 AMR/AMR-WB (RFC 4867), 6 H.264
+    // (RFC 6184). addHintTrack gives it the next RTP payload type (96, 97,
+    // ... 128; then 2) and builds its hint track for its media track. The
+    // hint track objects are the caller's to delete.
     virtual MP4Err getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) = 0;
     virtual MP4Err createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) = 0;
     virtual MP4Err addHintTrack(CMp4RtpHintTrack* hintTrack) = 0;
@@ -90,8 +98,13 @@ public:
     virtual MP4Err setTrackMode(uint32_t trackMode) = 0;
     virtual MP4Err optimizeFile(int32_t operation, const wchar_t* sourcePath,
                                 const wchar_t* targetPath) = 0;
+    // Write mode: the ISMA scene-description and object-descriptor tracks
+    // for the first video and first audio track among the two (0: none),
+    // and their ES_ID_Incs in the movie's initial object descriptor.
     virtual MP4Err addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
                                                 uint32_t secondTrackNumber) = 0;
+    // The session SDP of a hinted file, zero-terminated (7 when the buffer
+    // cannot hold it and its terminator, 3 when the file has none).
     virtual MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) = 0;
     // Write mode: copies the user data ("udta" with every box in it: asset
     // and iTunes metadata, boxes the library does not know) of a file open
@@ -110,8 +123,23 @@ public:
     static MP4Err createInstance(CMp4File** file);
     static MP4Err destroyInstance(CMp4File** file);
 
-    // ISMA object descriptor helpers (buffers allocated by the library,
-    // freed by the caller with delete[]).
+    // ISMA 1.0 descriptors (ISO/IEC 14496-1).
+    // createIsmaIod: the initial object descriptor of an SDP session with
+    // the OD stream (ES 1) and the scene stream (ES 2) inline; the media
+    // get ES IDs 201 (video) and 101 (audio). *iodLength is the capacity of
+    // iod on entry and the descriptor's length on return (7 when it does
+    // not fit). decodeIsmaIod: the media streams of such a descriptor (as
+    // other tools write them too): their count, kinds (MP4TrackType), the
+    // lengths of their decoder-specific bytes and those bytes (null when
+    // empty); every array and buffer is the caller's to free with delete[].
+    // createIsmaODUpdateCommand: the object-descriptor update with OD 20
+    // (video) and 10 (audio) for the tracks whose ID is above 0; with
+    // odTrackId 0 each holds its full ES descriptor (decoder-specific bytes
+    // and bit rate, which may be null), otherwise an ES_ID_Ref to the OD
+    // track's "mpod" references (1 video, 2 audio, or 1 alone).
+    // createIsmaBifsCommand: the scene replacement for those streams (19
+    // for neither). Commands are allocated by the library, freed by the
+    // caller with delete[].
     static MP4Err createIsmaIod(bool hasVideo, bool hasAudio, char* videoConfig,
                                 uint32_t videoConfigLength, char* audioConfig,
                                 uint32_t audioConfigLength, char* iod, uint32_t* iodLength);

@@ -13,6 +13,7 @@
 #include "MovieBoxes.h"
 #include "PspBoxes.h"
 #include "SampleEntries.h"
+#include "hint/HintBoxes.h"
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
 #include "track/SampleTables.h"
@@ -162,16 +163,16 @@ const BoxFactoryRow kRows[] = {
     {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
     {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
-    // Hint information
-    {fourcc("rtp "), kOnly, fourcc("stsd"), make<Opaque>},
-    {fourcc("rtp "), kOnly, fourcc("hnti"), make<Opaque>},
+    // RTP hint tracks (hint/HintBoxes.h)
+    {fourcc("rtp "), kOnly, fourcc("stsd"), make<CRtpHintSampleEntry>},
+    {fourcc("rtp "), kOnly, fourcc("hnti"), make<CRtpMovieHintInformationBox>},
     {fourcc("rtp "), kAny, 0, nullptr},  // anywhere else: 8, payload not skipped
-    {fourcc("hnti"), kAny, 0, make<Container>},
-    {fourcc("sdp "), kAny, 0, make<Opaque>},
-    {fourcc("rtpo"), kAny, 0, make<Opaque>},
-    {fourcc("tims"), kAny, 0, make<Opaque>},
-    {fourcc("tsro"), kAny, 0, make<Opaque>},
-    {fourcc("snro"), kAny, 0, make<Opaque>},
+    {fourcc("hnti"), kAny, 0, make<CMovieHintInformationBox>},
+    {fourcc("sdp "), kAny, 0, make<CRtpTrackSdpHintInformationBox>},
+    {fourcc("rtpo"), kAny, 0, make<CRTPOffsetTLVBox>},
+    {fourcc("tims"), kAny, 0, make<CTimeScaleEntryBox>},
+    {fourcc("tsro"), kAny, 0, make<CTimeStampOffsetBox>},
+    {fourcc("snro"), kAny, 0, make<CSequenceOffsetBox>},
 };
 
 // "uuid" boxes are told apart by the first four bytes of their user type.

@@ -323,8 +323,8 @@ MP4Err CMp4FileImpl::addPspUserData() {
     return addPspMovieMetadata(moov, mvhd->creationTime);
 }
 
-// Hinted files: the session-level SDP stored under moov/udta/hnti.
-MP4Err CMp4FileImpl::writeSessionSdp() { return MP4_OK; }
+// Hinted files: the session-level SDP stored under moov/udta/hnti is
+// written by writeSessionSdp (HintFile.cpp).
 
 // PSP and XAVC files: the finishing step of their user data.
 MP4Err CMp4FileImpl::finishPspUserData() {

@@ -22,7 +22,6 @@ namespace {
 constexpr uint32_t kMaxMode = 1;             // 0 read, 1 write
 constexpr uint32_t kMaxFileType = MP4_FILE_QUICKTIME;
 constexpr uint32_t kMaxTrackMode = 2;
-constexpr int32_t kHintKindCount = 6;        // packetizers 1..6
 
 // Major brands that select a file type when reading; any other brand is
 // plain MPEG-4. Compatible brands are deliberately not consulted.
@@ -442,76 +441,8 @@ MP4Err CMp4FileImpl::metaDataFor(bool create, CMp4MetaData** metaData) {
     return MP4_OK;
 }
 
-MP4Err CMp4FileImpl::getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) {
-    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *hintTrack = nullptr;
-    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4FileImpl::createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) {
-    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *hintTrack = nullptr;
-    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
-    if (kind < 1 || kind > kHintKindCount) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4FileImpl::addHintTrack(CMp4RtpHintTrack* hintTrack) {
-    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    // Every call takes a payload type, counting from 96. 128 is still
-    // handed out although it lies outside the 7-bit RTP range, a limit kept
-    // deliberately; the byte then runs on to 129 and beyond, which fail.
-    const uint8_t payloadType = nextPayloadType_++;
-    if (static_cast<uint8_t>(payloadType - 1) > 127) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-// optimizeFile: Optimize.cpp
-
-MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t, uint32_t) {
-    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4FileImpl::getSessionSdp(uint8_t* buffer, uint32_t) {
-    if (buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4File::createIsmaIod(bool, bool, char*, uint32_t, char*, uint32_t, char* iod,
-                               uint32_t* iodLength) {
-    if (iod == nullptr || iodLength == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4File::decodeIsmaIod(const char* iod, uint32_t, uint32_t* count,
-                               MP4TrackType** trackTypes, uint32_t** values, char*** buffers) {
-    if (!count || !trackTypes || !values || !buffers) return MP4_ERR_INVALID_ARGUMENT;
-    *count = 0;
-    *trackTypes = nullptr;
-    *values = nullptr;
-    *buffers = nullptr;
-    if (iod == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4File::createIsmaODUpdateCommand(int32_t, int32_t, int32_t, char*, uint32_t, char*,
-                                           uint32_t, uint32_t*, uint32_t*, char** command,
-                                           uint32_t* commandLength) {
-    if (command == nullptr || commandLength == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *command = nullptr;
-    *commandLength = 0;
-    return MP4_ERR_UNSUPPORTED;
-}
-
-MP4Err CMp4File::createIsmaBifsCommand(uint32_t, uint32_t, char** command,
-                                       uint32_t* commandLength) {
-    if (command == nullptr || commandLength == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *command = nullptr;
-    *commandLength = 0;
-    return MP4_ERR_UNSUPPORTED;
-}
+// optimizeFile: Optimize.cpp. Hint tracks, the session SDP and the ISMA
+// functions: HintFile.cpp.
 
 // ---------------------------------------------------------------------------
 

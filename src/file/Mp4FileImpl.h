@@ -77,6 +77,16 @@ public:
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                           uint64_t readAheadEnd = 0);
 
+    // RTP hinting (file/HintFile.cpp). The UTF-8 path of a file being
+    // written to disc, so that a hint track can read back the media samples
+    // already written; 12 for a supplied storage.
+    MP4Err pathForReadingBack(std::string* path);
+    // A reading track over track n, also in write mode, where it must have
+    // been released (3 while the caller still writes it, unless
+    // evenWhileWriting: the session description at close only reads the
+    // sample entries of finished tracks).
+    MP4Err getFinishedTrack(uint32_t trackNumber, CMp4Track** track, bool evenWhileWriting = false);
+
     // Writing (FileWriter.cpp). Appends bytes at the end of the media data
     // and reports where they start. The bytes are pushed to the storage
     // before this returns, so a write error belongs to these bytes: "mdat"

@@ -24,8 +24,8 @@ public:
     // read. readAheadEnd is the file offset up to which the caller may ask
     // next (the end of the chunk holding the sample): bytes beyond it are
     // never fetched ahead. 0, or a value not past the sample, fetches the
-    // sample alone.
-    MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd);
+    // sample alone (unless the reads run on contiguously through the file).
+    MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd = 0);
 
 private:
     MP4Err fill(uint64_t offset, uint32_t length, uint32_t wanted);
