@@ -1,5 +1,6 @@
 // The box header forms, the factory's rules and the container reader.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <set>
@@ -197,7 +198,7 @@ TEST(ContainerReading, LargeUnknownPayloadIsCopiedFromTheFile) {
     Bytes payload(CKeptBytes::kKeepInMemory + 100);
     for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<uint8_t>(i * 7);
     const Bytes file = concat({box("zzzz", payload), box("free", {})});
-    std::string path = testing::TempDir() + "quil-large-unknown.bin";
+    std::string path = testing::TempDir() + "quil-large-unknown-" + std::to_string(getpid()) + ".bin";
     FILE* out = fopen(path.c_str(), "wb");
     ASSERT_NE(out, nullptr);
     fwrite(file.data(), 1, file.size(), out);

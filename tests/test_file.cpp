@@ -2,6 +2,7 @@
 // memory and disc storages, movie-level properties, and the tool's JSON
 // writer.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -113,7 +114,7 @@ protected:
 class TempFile {
 public:
     TempFile(const std::string& name, const Bytes& bytes)
-        : path_(::testing::TempDir() + "quil_file_test_" + name) {
+        : path_(::testing::TempDir() + "quil_file_test_" + std::to_string(getpid()) + "_" + name) {
         std::ofstream out(path_, std::ios::binary);
         out.write(reinterpret_cast<const char*>(bytes.data()),
                   static_cast<std::streamsize>(bytes.size()));
@@ -282,7 +283,8 @@ TEST_F(FileTest, PathIsReportedInUtf8UntilClosed) {
     TempFile file("\xC3\xA9t\xC3\xA9.mp4", concat({fileTypeBox("isom"), movie(1000, 1)}));  // "été"
     const std::string dir = ::testing::TempDir();
     std::wstring wide(dir.begin(), dir.end());
-    wide += L"quil_file_test_\u00E9t\u00E9.mp4";
+    const std::string pid = std::to_string(getpid());
+    wide += L"quil_file_test_" + std::wstring(pid.begin(), pid.end()) + L"_\u00E9t\u00E9.mp4";
     EXPECT_EQ(MP4_OK, file_->open(wide.c_str(), 0, 0));
     ASSERT_NE(nullptr, impl()->readPath());
     EXPECT_EQ(file.path(), impl()->readPath());

@@ -2,6 +2,7 @@
 // packetizer's cutting rules checked by reassembling the packets quil
 // produces, SDP sections, the session description and the ISMA functions.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <memory>
@@ -247,7 +248,7 @@ TEST(RtpHintSampleEntry, KeepsItsTimingChildrenAndRefusesDuplicates) {
 
 // ---- packetizers, through files written and hinted --------------------------------
 
-std::string tempPath(const std::string& name) { return ::testing::TempDir() + "quil_hint_" + name; }
+std::string tempPath(const std::string& name) { return ::testing::TempDir() + "quil_hint_" + std::to_string(getpid()) + "_" + name; }
 std::wstring wide(const std::string& path) { return std::wstring(path.begin(), path.end()); }
 
 struct HintRequest {

@@ -2,6 +2,7 @@
 // file and track copyright notices, iTunes-style tags, writing a changed
 // copy, and sample reads that fetch only their own chunk.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -226,7 +227,7 @@ TEST_F(OpenFixture, ChangedMetadataIsWrittenToACopyAndNothingElseChanges) {
     EXPECT_EQ(Mp4WriteCopy(file_, fixturePath("h264-aac-faststart.mp4").c_str()),
               MP4_ERR_INVALID_ARGUMENT);
 
-    std::string copy = testing::TempDir() + "quil-meta-copy.mp4";
+    std::string copy = testing::TempDir() + "quil-meta-copy-" + std::to_string(getpid()) + ".mp4";
     ASSERT_EQ(Mp4WriteCopy(file_, std::wstring(copy.begin(), copy.end()).c_str()), MP4_OK);
 
     CMp4File* reread = nullptr;
@@ -285,7 +286,7 @@ TEST_F(OpenFixture, AReadFileWithoutUserDataHasNoMetadataUntilEdited) {
 }
 
 TEST(WrittenFile, MetadataSetWhileWritingIsInTheClosedFile) {
-    const std::string path = testing::TempDir() + "quil-meta-written.mp4";
+    const std::string path = testing::TempDir() + "quil-meta-written-" + std::to_string(getpid()) + ".mp4";
     const std::wstring widePath(path.begin(), path.end());
     CMp4File* file = nullptr;
     ASSERT_EQ(CMp4File::createInstance(&file), MP4_OK);

@@ -2,6 +2,7 @@
 // codec family reads back sample-exactly; chunk layout, the switch to
 // 64-bit chunk offsets, finalisation values, error codes and write errors.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -19,7 +20,7 @@ namespace {
 
 using test::Bytes;
 
-std::string tempPath(const std::string& name) { return ::testing::TempDir() + "quil_write_" + name; }
+std::string tempPath(const std::string& name) { return ::testing::TempDir() + "quil_write_" + std::to_string(getpid()) + "_" + name; }
 std::wstring wide(const std::string& path) { return std::wstring(path.begin(), path.end()); }
 Bytes loadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
