@@ -19,16 +19,16 @@ namespace tool {
 
 namespace {
 
-const OptionSpec* findSpec(const std::vector<OptionSpec>& specs, const std::string& name) {
-    for (const OptionSpec& spec : specs) {
-        if (name == spec.name) return &spec;
+const OptionRule* findRule(const std::vector<OptionRule>& rules, const std::string& name) {
+    for (const OptionRule& rule : rules) {
+        if (name == rule.name) return &rule;
     }
     return nullptr;
 }
 
 }  // namespace
 
-bool Arguments::parse(int argc, char** argv, int first, const std::vector<OptionSpec>& specs,
+bool Arguments::parse(int argc, char** argv, int first, const std::vector<OptionRule>& rules,
                       std::string* error) {
     bool optionsEnded = false;
     for (int i = first; i < argc; ++i) {
@@ -43,12 +43,12 @@ bool Arguments::parse(int argc, char** argv, int first, const std::vector<Option
         }
         const size_t equals = word.find('=');
         const std::string name = word.substr(0, equals);
-        const OptionSpec* spec = findSpec(specs, name);
-        if (spec == nullptr) {
+        const OptionRule* rule = findRule(rules, name);
+        if (rule == nullptr) {
             *error = "unknown option " + name;
             return false;
         }
-        if (!spec->takesValue) {
+        if (!rule->takesValue) {
             if (equals != std::string::npos) {
                 *error = name + " takes no value";
                 return false;

@@ -15,7 +15,7 @@ constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
-struct OptionSpec {
+struct OptionRule {
     const char* name;  // with its dashes: "--track"
     bool takesValue;   // "--track N" or "--track=N"
 };
@@ -41,7 +41,7 @@ public:
 
     // Fills the arguments from argv[first..argc) against the command's
     // options; "--" ends the options. On failure *error says why.
-    bool parse(int argc, char** argv, int first, const std::vector<OptionSpec>& specs,
+    bool parse(int argc, char** argv, int first, const std::vector<OptionRule>& rules,
                std::string* error);
 
 private:
@@ -56,7 +56,7 @@ struct Command {
     const char* name;
     const char* synopsis;  // the usage line after "quil "
     const char* help;      // indented description lines for --help
-    std::vector<OptionSpec> options;
+    std::vector<OptionRule> options;
     size_t minOperands;
     size_t maxOperands;
     int (*run)(const Arguments& arguments);

@@ -128,6 +128,10 @@ protected:
     };
     // Opens the media track and, when its kind is requiredKind, collects
     // the values; *kindMatches tells which. The track is given back.
+    // The start every SDP section shares: 2 without an output, the output
+    // cleared, then the track's values as collectSdpValues gives them.
+    MP4Err startSdpSection(char** text, uint32_t mediaTrackNumber, uint32_t requiredKind,
+                           SdpValues* values, bool* matches);
     MP4Err collectSdpValues(uint32_t mediaTrackNumber, uint32_t requiredKind, SdpValues* values,
                             bool* kindMatches);
     // Formats a template into a new text (1024 bytes plus extra).

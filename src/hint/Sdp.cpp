@@ -138,6 +138,14 @@ MP4Err CMp4RtpHintTrackImpl::formatSdp(char** text, size_t extra, const char* fo
     return MP4_OK;
 }
 
+MP4Err CMp4RtpHintTrackImpl::startSdpSection(char** text, uint32_t mediaTrackNumber,
+                                             uint32_t requiredKind, SdpValues* values,
+                                             bool* matches) {
+    if (!text) return MP4_ERR_INVALID_ARGUMENT;
+    *text = nullptr;
+    return collectSdpValues(mediaTrackNumber, requiredKind, values, matches);
+}
+
 MP4Err CMp4RtpHintTrackImpl::collectSdpValues(uint32_t mediaTrackNumber, uint32_t requiredKind,
                                               SdpValues* values, bool* kindMatches) {
     *kindMatches = false;
@@ -185,11 +193,9 @@ MP4Err CMp4RtpHintTrackImpl::collectSdpValues(uint32_t mediaTrackNumber, uint32_
 }
 
 MP4Err CRfc3984H264HintTrackImpl::getSdpMediaDescription(char** text, uint32_t mediaTrackNumber) {
-    if (!text) return MP4_ERR_INVALID_ARGUMENT;
-    *text = nullptr;
     SdpValues v;
     bool matches = false;
-    MP4Err err = collectSdpValues(mediaTrackNumber, MP4_TRACK_VIDEO, &v, &matches);
+    MP4Err err = startSdpSection(text, mediaTrackNumber, MP4_TRACK_VIDEO, &v, &matches);
     if (err != MP4_OK || !matches) return err;
     std::string profileLevel, sprop;
     err = avcSdpParameters(v.codecConfig, &profileLevel, &sprop);
@@ -206,11 +212,9 @@ MP4Err CRfc3984H264HintTrackImpl::getSdpMediaDescription(char** text, uint32_t m
 }
 
 MP4Err CRfc3640AudioHintTrackImpl::getSdpMediaDescription(char** text, uint32_t mediaTrackNumber) {
-    if (!text) return MP4_ERR_INVALID_ARGUMENT;
-    *text = nullptr;
     SdpValues v;
     bool matches = false;
-    MP4Err err = collectSdpValues(mediaTrackNumber, MP4_TRACK_AUDIO, &v, &matches);
+    MP4Err err = startSdpSection(text, mediaTrackNumber, MP4_TRACK_AUDIO, &v, &matches);
     if (err != MP4_OK) return err;
     if (!matches) return MP4_ERR_INVALID_DATA;
     const uint32_t pt = state_.payloadType;
@@ -224,11 +228,9 @@ MP4Err CRfc3640AudioHintTrackImpl::getSdpMediaDescription(char** text, uint32_t 
 }
 
 MP4Err CRfc3016LatmHintTrackImpl::getSdpMediaDescription(char** text, uint32_t mediaTrackNumber) {
-    if (!text) return MP4_ERR_INVALID_ARGUMENT;
-    *text = nullptr;
     SdpValues v;
     bool matches = false;
-    MP4Err err = collectSdpValues(mediaTrackNumber, MP4_TRACK_AUDIO, &v, &matches);
+    MP4Err err = startSdpSection(text, mediaTrackNumber, MP4_TRACK_AUDIO, &v, &matches);
     if (err != MP4_OK) return err;
     if (!matches) return MP4_ERR_INVALID_DATA;
     std::vector<uint8_t> muxConfig;
@@ -246,11 +248,9 @@ MP4Err CRfc3016LatmHintTrackImpl::getSdpMediaDescription(char** text, uint32_t m
 }
 
 MP4Err CRfc3016VideoHintTrackImpl::getSdpMediaDescription(char** text, uint32_t mediaTrackNumber) {
-    if (!text) return MP4_ERR_INVALID_ARGUMENT;
-    *text = nullptr;
     SdpValues v;
     bool matches = false;
-    MP4Err err = collectSdpValues(mediaTrackNumber, MP4_TRACK_VIDEO, &v, &matches);
+    MP4Err err = startSdpSection(text, mediaTrackNumber, MP4_TRACK_VIDEO, &v, &matches);
     if (err != MP4_OK || !matches) return err;
     const uint32_t pt = state_.payloadType;
     return formatSdp(text, v.configHex.size(),
@@ -262,11 +262,9 @@ MP4Err CRfc3016VideoHintTrackImpl::getSdpMediaDescription(char** text, uint32_t 
 }
 
 MP4Err CRfc2429H263HintTrackImpl::getSdpMediaDescription(char** text, uint32_t mediaTrackNumber) {
-    if (!text) return MP4_ERR_INVALID_ARGUMENT;
-    *text = nullptr;
     SdpValues v;
     bool matches = false;
-    MP4Err err = collectSdpValues(mediaTrackNumber, MP4_TRACK_VIDEO, &v, &matches);
+    MP4Err err = startSdpSection(text, mediaTrackNumber, MP4_TRACK_VIDEO, &v, &matches);
     if (err != MP4_OK) return err;
     if (!matches) return MP4_ERR_INVALID_DATA;
     uint32_t profile = kDefaultH263Profile, level = kDefaultH263Level;
@@ -288,11 +286,9 @@ MP4Err CRfc2429H263HintTrackImpl::getSdpMediaDescription(char** text, uint32_t m
 }
 
 MP4Err CRfc3267AmrHintTrackImpl::getSdpMediaDescription(char** text, uint32_t mediaTrackNumber) {
-    if (!text) return MP4_ERR_INVALID_ARGUMENT;
-    *text = nullptr;
     SdpValues v;
     bool matches = false;
-    MP4Err err = collectSdpValues(mediaTrackNumber, MP4_TRACK_AUDIO, &v, &matches);
+    MP4Err err = startSdpSection(text, mediaTrackNumber, MP4_TRACK_AUDIO, &v, &matches);
     if (err != MP4_OK) return err;
     if (!matches) return MP4_ERR_INVALID_DATA;
     // RFC 4867 names the wide-band codec "AMR-WB"; a receiver told "AMR"
