@@ -324,7 +324,7 @@ MP4Err CMp4FileImpl::addPspUserData() {
 }
 
 // Hinted files: the session-level SDP stored under moov/udta/hnti is
-// written by writeSessionSdp (HintFile.cpp).
+// written by writeSessionSdp (HintSlots.cpp).
 
 // PSP and XAVC files: the finishing step of their user data.
 MP4Err CMp4FileImpl::finishPspUserData() {

@@ -442,7 +442,7 @@ MP4Err CMp4FileImpl::metaDataFor(bool create, CMp4MetaData** metaData) {
 }
 
 // optimizeFile: Optimize.cpp. Hint tracks, the session SDP and the ISMA
-// functions: HintFile.cpp.
+// functions: HintSlots.cpp, with the work in the hint layer.
 
 // ---------------------------------------------------------------------------
 

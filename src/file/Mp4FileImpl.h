@@ -82,7 +82,10 @@ public:
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                           uint64_t readAheadEnd = 0) override;
 
-    // RTP hinting (file/HintFile.cpp). The UTF-8 path of a file being
+    // RTP hinting (HintSlots.cpp; the hint layer does the work through
+    // FileHinting.h). The track mode hint tracks read their media with.
+    uint32_t trackMode() const { return trackMode_; }
+    // The UTF-8 path of a file being
     // written to disc, so that a hint track can read back the media samples
     // already written; 12 for a supplied storage.
     MP4Err pathForReadingBack(std::string* path);
@@ -137,7 +140,8 @@ private:
     MP4Err findMediaData(CMediaDataBox** mdat);
     // Steps of close kept for the PSP profile (user data made before the
     // session description, finished after it) and for hinted files (the
-    // session description). Each returns 0 when it has nothing to do.
+    // session description, HintSlots.cpp). Each returns 0 when it has
+    // nothing to do.
     MP4Err addPspUserData();
     MP4Err writeSessionSdp();
     MP4Err finishPspUserData();
