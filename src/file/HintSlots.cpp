@@ -7,8 +7,6 @@
 
 #include "file/FileHinting.h"
 #include "file/Mp4FileImpl.h"
-#include "storage/DiscStorage.h"
-#include "storage/WidePath.h"
 #include "track/TrackImpl.h"
 
 namespace quil {
@@ -54,16 +52,6 @@ MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
                                                   uint32_t secondTrackNumber) {
     if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
     return fileHinting().addIsmaObjectDescriptorTrack(this, firstTrackNumber, secondTrackNumber);
-}
-
-MP4Err CMp4FileImpl::pathForReadingBack(std::string* path) {
-    path->clear();
-    if (isOpen_ == 0 || storage_ == nullptr) return MP4_ERR_NOT_AVAILABLE;
-    if (storageSupplied_ != 0) return MP4_ERR_UNSUPPORTED;
-    // Whatever the storage still buffers must reach the file first.
-    MP4Err err = storage_->flush();
-    if (err != MP4_OK) return err;
-    return widePathToUtf8(static_cast<CDiscStorage*>(storage_)->path(), path);
 }
 
 MP4Err CMp4FileImpl::getFinishedTrack(uint32_t trackNumber, CMp4Track** track,

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "boxes/Box.h"
-#include "file/SampleReader.h"
+#include "storage/MediaReader.h"
 #include "quil/Mp4File.h"
 #include "track/TrackHost.h"
 
@@ -74,21 +74,22 @@ public:
     // read through a handle of their own); null for a supplied or network
     // storage.
     const char* readPath() const;
-    // Media bytes for a track: through a read-only handle of their own for
-    // a file opened by path (any failure 4), else through the storage
-    // (its errors passed on). 4 unless the file is open for reading.
-    // readAheadEnd: the end of the chunk holding the bytes (0 when
-    // unknown); the handle never fetches ahead beyond it.
+    // Media bytes for a track, through the file's media reader: a
+    // read-only handle of its own for a file opened by path (any failure
+    // 4), else the storage (its errors passed on). 4 unless the file is
+    // open for reading. readAheadEnd: the end of the chunk holding the
+    // bytes (0 when unknown); nothing beyond it is fetched ahead.
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                           uint64_t readAheadEnd = 0) override;
+    // Media bytes of a file being written, read back from the disc (a hint
+    // track reads the samples already written) through the same reader,
+    // opened on the file's path at the first read: 12 for a supplied
+    // storage, 3 when nothing is open.
+    MP4Err readBackMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer);
 
     // RTP hinting (HintSlots.cpp; the hint layer does the work through
     // FileHinting.h). The track mode hint tracks read their media with.
     uint32_t trackMode() const { return trackMode_; }
-    // The UTF-8 path of a file being
-    // written to disc, so that a hint track can read back the media samples
-    // already written; 12 for a supplied storage.
-    MP4Err pathForReadingBack(std::string* path);
     // A reading track over track n, also in write mode, where it must have
     // been released (3 while the caller still writes it, unless
     // evenWhileWriting: the session description at close only reads the
@@ -138,6 +139,9 @@ private:
     MP4Err rewriteMediaDataHeader();
     MP4Err appendMovie();
     MP4Err findMediaData(CMediaDataBox** mdat);
+    // The UTF-8 path of a file being written to disc, its buffered bytes
+    // flushed; 12 for a supplied storage.
+    MP4Err pathForReadingBack(std::string* path);
     // Steps of close kept for the PSP profile (user data made before the
     // session description, finished after it) and for hinted files (the
     // session description, HintSlots.cpp). Each returns 0 when it has
@@ -165,7 +169,7 @@ private:
     CMp4MetaData* metaData_ = nullptr;
     CMp4HintTrackContext* hintTrackContext_ = nullptr;
     std::string readPathUtf8_;
-    std::unique_ptr<CSampleReader> sampleReader_;  // made on the first sample read
+    CMediaReader mediaReader_;  // made ready by the first media read
     // Writing: tracks handed out by addTrack and not yet released (close
     // finishes them and cuts them loose from the boxes it frees), the end
     // of the media data written so far, and the interleaving signal.
