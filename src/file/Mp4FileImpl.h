@@ -14,6 +14,7 @@
 
 namespace quil {
 
+class CDiscStorage;
 class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
@@ -123,9 +124,8 @@ private:
     MP4Err findMovieHeader(CMovieHeaderBox** header);
     // Steps of optimizeFile (Optimize.cpp), run with the source open as
     // the file's storage.
-    MP4Err rewriteOpenSource(CStorage* target, const std::string& sourceUtf8,
+    MP4Err rewriteOpenSource(CDiscStorage* target, const std::string& sourceUtf8,
                              const std::string& targetUtf8);
-    MP4Err writeLeadingBoxes(CStorage* target, CBox* moov, CBox* movie);
 
     // Write path (FileWriter.cpp).
     MP4Err startWriting();
