@@ -41,7 +41,7 @@ public:
     // Length of the file's storage; false when unknown. Bounds the tables a
     // damaged count could otherwise make grow.
     virtual bool storageLength(uint64_t* length) = 0;
-    // The file is open for writing (0 read, 1 write).
+    // The mode the file is open in: 0 read, 1 write.
     virtual uint32_t mode() const = 0;
     virtual uint32_t fileType() const = 0;
 
