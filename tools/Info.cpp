@@ -150,6 +150,8 @@ const char* fileTypeName(uint32_t fileType) {
     return fileType < sizeof kNames / sizeof kNames[0] ? kNames[fileType] : "unknown";
 }
 
+}  // namespace
+
 const char* trackKindName(uint32_t kind) {
     static const char* const kNames[] = {
         "other", "video", "audio", "hint", "object descriptor", "scene description", "time code",
@@ -194,6 +196,8 @@ const char* codecName(uint32_t codec) {
         default: return "unknown";
     }
 }
+
+namespace {
 
 const char* avcProfileName(uint8_t profile, uint8_t compatibility) {
     switch (profile) {
@@ -604,26 +608,38 @@ void writeFieldsJson(JsonWriter* json, const Section& section) {
     }
 }
 
-}  // namespace
-
-int printInfo(const char* path, CMp4File* file, bool json) {
-    Section fileSection("File");
-    addFileFields(&fileSection, path, file);
-    std::vector<Section> tracks;
+void collectReport(const char* path, CMp4File* file, Section* fileSection,
+                   std::vector<Section>* tracks) {
+    addFileFields(fileSection, path, file);
     uint32_t count = 0;
     (void)file->getTrackCount(&count);
     for (uint32_t number = 1; number <= count; ++number) {
-        tracks.push_back(collectTrack(file, number));
+        tracks->push_back(collectTrack(file, number));
     }
+}
 
-    if (!json) {
-        printSectionText(fileSection, "");
-        for (const Section& track : tracks) {
-            std::printf("\n%s\n", track.title.c_str());
-            printSectionText(track, "  ");
-        }
+}  // namespace
+
+int printInfo(const char* path, CMp4File* file, bool json) {
+    if (json) {
+        std::printf("%s\n", infoJson(path, file).c_str());
         return 0;
     }
+    Section fileSection("File");
+    std::vector<Section> tracks;
+    collectReport(path, file, &fileSection, &tracks);
+    printSectionText(fileSection, "");
+    for (const Section& track : tracks) {
+        std::printf("\n%s\n", track.title.c_str());
+        printSectionText(track, "  ");
+    }
+    return 0;
+}
+
+std::string infoJson(const char* path, CMp4File* file) {
+    Section fileSection("File");
+    std::vector<Section> tracks;
+    collectReport(path, file, &fileSection, &tracks);
     JsonWriter writer;
     writer.beginObject();
     writeFieldsJson(&writer, fileSection);
@@ -636,8 +652,7 @@ int printInfo(const char* path, CMp4File* file, bool json) {
     }
     writer.endArray();
     writer.endObject();
-    std::printf("%s\n", writer.text().c_str());
-    return 0;
+    return writer.text();
 }
 
 }  // namespace tool
