@@ -387,7 +387,7 @@ does not have are None.)")
         .def_property_readonly("sample_bits", [](const Track& t) { return t.sound(&CMp4Track::getSampleBits); })
         .def_property_readonly("edit_list", &Track::editList,
                                "(initial_delay, first_media_time, presented_duration) in time-scale units.")
-        .def_property_readonly("initial_delay", [](const Track& t) { return t.editList()[0]; },
+        .def_property_readonly("initial_delay", [](const Track& t) { return t.editList()[0].cast<uint64_t>(); },
                                "The edit list's initial delay (an empty first edit), in time-scale units.")
         .def_property_readonly("rotation", &Track::rotation, "Clockwise rotation in degrees (0, 90, 180, 270).")
         .def_property_readonly("config", &Track::config,

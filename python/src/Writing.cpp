@@ -259,7 +259,15 @@ samples with add_sample; the edit list is not copied (see set_edit_list).)")
              "Finishes every track and writes the movie box; on failure (a full disc)\n"
              "raises quil.Error and may be called again.")
         .def("__enter__", [](Writer& w) -> Writer& { return w; })
-        .def("__exit__", [](Writer& w, py::args) { w.close(); });
+        .def("__exit__", [](Writer& w, const py::object& type, const py::object&, const py::object&) {
+            if (type.is_none()) return w.close();
+            // The exception leaving the block is the one to see; a failure
+            // to finish the file after it adds nothing.
+            try {
+                w.close();
+            } catch (const Failure&) {
+            }
+        });
 }
 
 }  // namespace python
