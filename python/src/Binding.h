@@ -54,6 +54,8 @@ public:
     const std::string& path() const { return path_; }
     bool writing() const { return writing_; }
     bool isOpen() const { return file_ != nullptr; }
+    // Bytes of a file on disc as opened; 0 for a URL.
+    uint64_t length() const { return length_; }
     CMp4File* file() const {
         if (file_ == nullptr) fail(MP4_ERR_NOT_AVAILABLE, path_ + ": the file is closed");
         return file_;
@@ -76,6 +78,7 @@ private:
     std::string path_;
     bool writing_;
     CMp4File* file_ = nullptr;
+    uint64_t length_ = 0;
     std::vector<CMp4Track*> tracks_;
 };
 

@@ -1,5 +1,7 @@
 // The quil._quil extension module: errors, the shared file object, and the
 // whole-file operations (remux, faststart).
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "Binding.h"
@@ -99,6 +101,10 @@ void FileCore::open(uint32_t fileType) {
     if (err != MP4_OK) {
         CMp4File::destroyInstance(&file_);
         fail(err, path_);
+    }
+    struct stat info {};
+    if (!writing_ && path_.compare(0, 4, "http") != 0 && ::stat(path_.c_str(), &info) == 0) {
+        length_ = static_cast<uint64_t>(info.st_size);
     }
 }
 

@@ -155,6 +155,12 @@ public:
         const uint32_t sample = sampleNumber(index);
         uint32_t size = 0;
         check(locked(*core_, [&] { return raw()->getSampleSize(sample, &size); }), "sample size");
+        // A damaged size field must not make us allocate more than the file
+        // holds; reading such a sample would fail with 4 anyway.
+        if (core_->length() != 0 && size > core_->length()) {
+            fail(MP4_ERR_IO, "track " + std::to_string(number_) + ", sample " + std::to_string(index) +
+                                 ": larger than the file");
+        }
         // Filled in place before anyone else can see it.
         py::bytes bytes = py::reinterpret_steal<py::bytes>(PyBytes_FromStringAndSize(nullptr, size));
         if (!bytes) throw py::error_already_set();
@@ -173,7 +179,7 @@ public:
         return size;
     }
 
-    py::object sample(uint32_t index) const {
+    py::object sample(int64_t index) const {
         const uint32_t number = sampleNumber(index);
         uint64_t dts = 0, cts = 0;
         uint32_t sync = 0;
