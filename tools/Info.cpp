@@ -608,14 +608,20 @@ void writeFieldsJson(JsonWriter* json, const Section& section) {
     }
 }
 
-void collectReport(const char* path, CMp4File* file, Section* fileSection,
-                   std::vector<Section>* tracks) {
-    addFileFields(fileSection, path, file);
+struct Report {
+    Section file{"File"};
+    std::vector<Section> tracks;
+};
+
+Report collectReport(const char* path, CMp4File* file) {
+    Report report;
+    addFileFields(&report.file, path, file);
     uint32_t count = 0;
     (void)file->getTrackCount(&count);
     for (uint32_t number = 1; number <= count; ++number) {
-        tracks->push_back(collectTrack(file, number));
+        report.tracks.push_back(collectTrack(file, number));
     }
+    return report;
 }
 
 }  // namespace
@@ -625,11 +631,9 @@ int printInfo(const char* path, CMp4File* file, bool json) {
         std::printf("%s\n", infoJson(path, file).c_str());
         return 0;
     }
-    Section fileSection("File");
-    std::vector<Section> tracks;
-    collectReport(path, file, &fileSection, &tracks);
-    printSectionText(fileSection, "");
-    for (const Section& track : tracks) {
+    const Report report = collectReport(path, file);
+    printSectionText(report.file, "");
+    for (const Section& track : report.tracks) {
         std::printf("\n%s\n", track.title.c_str());
         printSectionText(track, "  ");
     }
@@ -637,15 +641,13 @@ int printInfo(const char* path, CMp4File* file, bool json) {
 }
 
 std::string infoJson(const char* path, CMp4File* file) {
-    Section fileSection("File");
-    std::vector<Section> tracks;
-    collectReport(path, file, &fileSection, &tracks);
+    const Report report = collectReport(path, file);
     JsonWriter writer;
     writer.beginObject();
-    writeFieldsJson(&writer, fileSection);
+    writeFieldsJson(&writer, report.file);
     writer.key("tracks");
     writer.beginArray();
-    for (const Section& track : tracks) {
+    for (const Section& track : report.tracks) {
         writer.beginObject();
         writeFieldsJson(&writer, track);
         writer.endObject();
