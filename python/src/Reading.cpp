@@ -19,8 +19,6 @@ namespace {
 py::object gSampleTableType;
 py::object gSampleType;
 
-class File;
-
 // One bound track of a file opened for reading. Samples are numbered from
 // 0 here (row i of the sample table is the library's sample i + 1).
 class Track {
