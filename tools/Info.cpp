@@ -150,6 +150,8 @@ const char* fileTypeName(uint32_t fileType) {
     return fileType < sizeof kNames / sizeof kNames[0] ? kNames[fileType] : "unknown";
 }
 
+}  // namespace
+
 const char* trackKindName(uint32_t kind) {
     static const char* const kNames[] = {
         "other", "video", "audio", "hint", "object descriptor", "scene description", "time code",
@@ -194,6 +196,8 @@ const char* codecName(uint32_t codec) {
         default: return "unknown";
     }
 }
+
+namespace {
 
 const char* avcProfileName(uint8_t profile, uint8_t compatibility) {
     switch (profile) {
@@ -604,40 +608,53 @@ void writeFieldsJson(JsonWriter* json, const Section& section) {
     }
 }
 
-}  // namespace
-
-int printInfo(const char* path, CMp4File* file, bool json) {
-    Section fileSection("File");
-    addFileFields(&fileSection, path, file);
+struct Report {
+    Section file{"File"};
     std::vector<Section> tracks;
+};
+
+Report collectReport(const char* path, CMp4File* file) {
+    Report report;
+    addFileFields(&report.file, path, file);
     uint32_t count = 0;
     (void)file->getTrackCount(&count);
     for (uint32_t number = 1; number <= count; ++number) {
-        tracks.push_back(collectTrack(file, number));
+        report.tracks.push_back(collectTrack(file, number));
     }
+    return report;
+}
 
-    if (!json) {
-        printSectionText(fileSection, "");
-        for (const Section& track : tracks) {
-            std::printf("\n%s\n", track.title.c_str());
-            printSectionText(track, "  ");
-        }
+}  // namespace
+
+int printInfo(const char* path, CMp4File* file, bool json) {
+    if (json) {
+        std::printf("%s\n", infoJson(path, file).c_str());
         return 0;
     }
+    const Report report = collectReport(path, file);
+    printSectionText(report.file, "");
+    for (const Section& track : report.tracks) {
+        std::printf("\n%s\n", track.title.c_str());
+        printSectionText(track, "  ");
+    }
+    return 0;
+}
+
+std::string infoJson(const char* path, CMp4File* file) {
+    const Report report = collectReport(path, file);
     JsonWriter writer;
     writer.beginObject();
-    writeFieldsJson(&writer, fileSection);
+    writeFieldsJson(&writer, report.file);
     writer.key("tracks");
     writer.beginArray();
-    for (const Section& track : tracks) {
+    for (const Section& track : report.tracks) {
         writer.beginObject();
         writeFieldsJson(&writer, track);
         writer.endObject();
     }
     writer.endArray();
     writer.endObject();
-    std::printf("%s\n", writer.text().c_str());
-    return 0;
+    return writer.text();
 }
 
 }  // namespace tool

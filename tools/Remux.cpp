@@ -86,8 +86,9 @@ public:
     Remuxer(const Remuxer&) = delete;
     Remuxer& operator=(const Remuxer&) = delete;
 
-    // Writes the copy to output; prints one line and returns false on failure.
+    // Writes the copy to output; false on failure, which failure() describes.
     bool run(const std::string& output);
+    const Failure& failure() const { return failure_; }
 
 private:
     bool fail(const std::string& what, MP4Err err) {
@@ -132,13 +133,8 @@ Remuxer::~Remuxer() {
 }
 
 bool Remuxer::run(const std::string& output) {
-    const bool done = openInput() && openOutput(output) && copyMovieProperties() && addTracks() &&
-                      copySamples() && finish();
-    if (!done) {
-        std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input_, failure_.what.c_str(),
-                     toString(failure_.err));
-    }
-    return done;
+    return openInput() && openOutput(output) && copyMovieProperties() && addTracks() &&
+           copySamples() && finish();
 }
 
 bool Remuxer::openInput() {
@@ -361,6 +357,28 @@ bool Remuxer::finish() {
     return err == MP4_OK || fail("writing the movie box", err);
 }
 
+}  // namespace
+
+MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
+                 std::string* what) {
+    Remuxer remuxer(input, fileType, typeGiven);
+    if (remuxer.run(output)) return MP4_OK;
+    if (what != nullptr) *what = remuxer.failure().what;
+    return remuxer.failure().err;
+}
+
+namespace {
+
+// remuxFile, printing one line on failure.
+bool remuxOrReport(const char* input, const std::string& output, uint32_t fileType,
+                   bool typeGiven) {
+    std::string what;
+    const MP4Err err = remuxFile(input, output, fileType, typeGiven, &what);
+    if (err == MP4_OK) return true;
+    std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input, what.c_str(), toString(err));
+    return false;
+}
+
 int runRemux(const Arguments& arguments) {
     uint64_t fileType = 0;
     const char* typeText = arguments.value("--type");
@@ -381,16 +399,18 @@ int runRemux(const Arguments& arguments) {
             std::fprintf(stderr, "quil: remux: %s\n", error.c_str());
             return kExitFailure;
         }
-        {
-            Remuxer remuxer(input, static_cast<uint32_t>(fileType), typeText != nullptr);
-            if (!remuxer.run(intermediate.temporaryPath())) return kExitFailure;
+        if (!remuxOrReport(input, intermediate.temporaryPath(), static_cast<uint32_t>(fileType),
+                           typeText != nullptr)) {
+            return kExitFailure;
         }
         if (moveMovieFirst(intermediate.temporaryPath().c_str(), output.temporaryPath(), "remux")) {
             return kExitFailure;
         }
     } else {
-        Remuxer remuxer(input, static_cast<uint32_t>(fileType), typeText != nullptr);
-        if (!remuxer.run(output.temporaryPath())) return kExitFailure;
+        if (!remuxOrReport(input, output.temporaryPath(), static_cast<uint32_t>(fileType),
+                           typeText != nullptr)) {
+            return kExitFailure;
+        }
     }
     if (!output.commit(&error)) {
         std::fprintf(stderr, "quil: remux: %s\n", error.c_str());
