@@ -342,8 +342,6 @@ MP4Err readBox(CStorage* storage, uint32_t parentType, CBox** box, uint32_t* typ
     if (err != MP4_OK) return err;
 
     *parentRemaining -= payload;
-    // Nothing after the media data is read from a network storage.
-    if (result->type == fourcc("mdat") && isNetworkStorage(storage)) *parentRemaining = 0;
     *box = result.release();
     return MP4_OK;
 }
