@@ -82,6 +82,7 @@ MP4Err CFragmentSamples::build(CBoxList* topLevel, CBox* mvex, const FragmentTra
                                FragmentTimeSink sink, void* context) {
     runs_.clear();
     count_ = fragments_ = 0;
+    endTime_ = 0;
     cursorRun_ = cursorSample_ = 0;
     cursorOffset_ = 0;
     Defaults trex;
@@ -103,6 +104,7 @@ MP4Err CFragmentSamples::build(CBoxList* topLevel, CBox* mvex, const FragmentTra
     } catch (const std::bad_alloc&) {
         return MP4_ERR_OUT_OF_MEMORY;
     }
+    endTime_ = std::max(endTime_, nextDecode);
     return MP4_OK;
 }
 
@@ -180,9 +182,13 @@ MP4Err CFragmentSamples::addFragment(CBox* moof, const Defaults& trex, const Fra
             run.bytes = runBytes(*trun, defaultSize);
             run.firstSample = count_ + 1;
             for (uint32_t i = 0; i < trun->sampleCount; ++i) {
-                MP4Err err = sink(context, *nextDecode + info.timeOffset, trun->compositionOffset(i));
+                const int64_t offset = trun->compositionOffset(i);
+                MP4Err err = sink(context, *nextDecode + info.timeOffset, offset);
                 if (err != MP4_OK) return err;
-                *nextDecode += trun->duration(i, duration);
+                const uint64_t sampleDuration = trun->duration(i, duration);
+                const int64_t presentedEnd = static_cast<int64_t>(*nextDecode + sampleDuration) + offset;
+                if (presentedEnd > 0) endTime_ = std::max(endTime_, static_cast<uint64_t>(presentedEnd));
+                *nextDecode += sampleDuration;
             }
             if (trun->sampleCount > 0) runs_.push_back(run);
             count_ += trun->sampleCount;

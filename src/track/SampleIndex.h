@@ -90,6 +90,9 @@ public:
     uint32_t sampleCount() const { return count_; }
     // Movie fragments holding at least one sample of the track.
     uint32_t fragmentCount() const { return fragments_; }
+    // Where the last presented sample ends: the latest composition time
+    // plus duration (without the time offset).
+    uint64_t endTime() const { return endTime_; }
 
     MP4Err sampleSize(uint32_t sample, uint32_t* size) override;
     MP4Err sampleOffset(uint32_t sample, uint32_t size, uint64_t* offset,
@@ -120,6 +123,7 @@ private:
     std::vector<Run> runs_;
     uint32_t count_ = 0;
     uint32_t fragments_ = 0;
+    uint64_t endTime_ = 0;
     // Samples are usually asked for in order: the run of the last answer,
     // and the sample reached in it with its offset from the run's start.
     uint32_t cursorRun_ = 0;

@@ -367,6 +367,19 @@ MP4Err CTrackImpl::gatherFragments() {
     if (fragments->sampleCount() == 0) return MP4_OK;
     fragments_ = std::move(fragments);
     index_.setSources(&movieSamples_, movieCount, fragments_.get());
+    // An edit of duration 0 in a fragmented movie lasts to the end of the
+    // media, which only the fragments know.
+    if (presentedDuration_ == 0 && (firstMediaTime_ > 0 || initialDelay_ > 0) &&
+        fragments_->endTime() > static_cast<uint64_t>(firstMediaTime_)) {
+        presentedDuration_ = fragments_->endTime() - static_cast<uint64_t>(firstMediaTime_);
+    }
+    // A track that starts in a fragment at a later decode time (a stream
+    // joined mid-way) starts presenting that much later: the time before
+    // its first sample counts as delay, as an empty edit would.
+    CSampleTimeTableEntry* first = nullptr;
+    if (movieCount == 0 && timeTable_->entries.getEntry(1, &first) == MP4_OK) {
+        initialDelay_ = first->decodeTime;
+    }
     return MP4_OK;
 }
 
