@@ -120,6 +120,21 @@ protected:
     void dumpVersionAndFlags(int32_t depth);
 };
 
+// A box whose payload is one field layout: its class defines
+//     template <class IO> MP4Err fields(IO& io);
+// (io/FieldIO.h) and dump(); read, write and calculateSize walk that one
+// list. The family's source includes boxes/FieldBox.h and instantiates
+// `template class CFieldBox<CSomeBox, Base>;` once.
+template <class Self, class Base = CBox>
+class CFieldBox : public Base {
+public:
+    MP4Err read(CStorage* storage) override;
+    // The header, the fields, then the children when the box has a list.
+    MP4Err write(CStorage* storage) override;
+    // The header's size, what the fields count and the children's sizes.
+    MP4Err calculateSize() override;
+};
+
 // Ordered list of owned child boxes with a cursor, so that walking children
 // in order costs one step each. Indices are 1-based.
 class CBoxList {

@@ -3,7 +3,7 @@
 #include <cinttypes>
 #include <utility>
 
-#include "boxes/Dump.h"
+#include "io/Dump.h"
 
 namespace quil {
 namespace {
