@@ -16,7 +16,7 @@
 #include "hint/HintBoxes.h"
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
-#include "track/SampleTables.h"
+#include "boxes/SampleTableBoxes.h"
 
 namespace quil {
 namespace {
@@ -64,7 +64,7 @@ const BoxFactoryRow kRows[] = {
     {fourcc("udta"), kAny, 0, make<CUserDataBox>},
     {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
-    // Sample tables (track/SampleTables.h)
+    // Sample tables (boxes/SampleTableBoxes.h)
     {fourcc("edts"), kAny, 0, make<CEditBox>},
     {fourcc("elst"), kAny, 0, make<CEditListBox>},
     {fourcc("stbl"), kAny, 0, make<CSampleTableBox>},

@@ -19,6 +19,15 @@ FieldWriter& FieldWriter::bytes(const uint8_t* buffer, uint64_t count) {
     return *this;
 }
 
+FieldDecoder& FieldDecoder::bytes(uint8_t* buffer, uint64_t count) {
+    if (!ok()) return *this;
+    if (left_ < count) return fail(MP4_ERR_BAD_BOX_SIZE);
+    if (count > 0) std::memcpy(buffer, p_, count);
+    p_ += count;
+    left_ -= count;
+    return *this;
+}
+
 MP4Err readOwnedBytes(CStorage* storage, uint64_t count, std::unique_ptr<uint8_t[]>* out) {
     out->reset();
     if (count == 0) return MP4_OK;

@@ -33,6 +33,7 @@ template <class Budget>
 class FieldReader {
 public:
     static constexpr bool kReads = true;
+    static constexpr bool kCounts = false;
 
     FieldReader(CStorage* storage, Budget* budget) : storage_(storage), budget_(budget) {}
 
@@ -128,6 +129,7 @@ private:
 class FieldWriter {
 public:
     static constexpr bool kReads = false;
+    static constexpr bool kCounts = false;
 
     explicit FieldWriter(CStorage* storage) : storage_(storage) {}
 
@@ -189,6 +191,7 @@ private:
 class FieldCounter {
 public:
     static constexpr bool kReads = false;
+    static constexpr bool kCounts = true;
 
     FieldCounter& u8(const uint8_t&) { return add(1); }
     FieldCounter& u16(const uint16_t&) { return add(2); }
@@ -206,6 +209,8 @@ public:
         return add(sizeof(T) * N);
     }
     FieldCounter& bytes(const uint8_t*, uint64_t count) { return add(count); }
+    // count fields of width bytes each, without walking them.
+    FieldCounter& repeated(uint64_t count, uint64_t width) { return add(count * width); }
     FieldCounter& owned(const std::unique_ptr<uint8_t[]>&, uint64_t count) { return add(count); }
     template <class T>
     FieldCounter& value(const T&) {
@@ -228,6 +233,68 @@ private:
     }
 
     uint64_t total_ = 0;
+    MP4Err err_ = MP4_OK;
+};
+
+// Reads fields from bytes already in memory (a batch of table entries read
+// with one storage call): the same layouts, decoded without a storage call
+// per field. A field past the end of the bytes is refused with 6.
+class FieldDecoder {
+public:
+    static constexpr bool kReads = true;
+    static constexpr bool kCounts = false;
+
+    FieldDecoder(const uint8_t* bytes, uint64_t length) : p_(bytes), left_(length) {}
+
+    FieldDecoder& u8(uint8_t& v) { return get(v, 1); }
+    FieldDecoder& u16(uint16_t& v) { return get(v, 2); }
+    FieldDecoder& i16(int16_t& v) { return get(v, 2); }
+    FieldDecoder& u24(uint32_t& v) { return get(v, 3); }
+    FieldDecoder& u32(uint32_t& v) { return get(v, 4); }
+    FieldDecoder& i32(int32_t& v) { return get(v, 4); }
+    FieldDecoder& u64(uint64_t& v) { return get(v, 8); }
+    FieldDecoder& i64(int64_t& v) { return get(v, 8); }
+    FieldDecoder& u32or64(bool wide, uint64_t& v) {
+        if (wide) return u64(v);
+        uint32_t narrow = 0;
+        if (u32(narrow).ok()) v = narrow;
+        return *this;
+    }
+    FieldDecoder& i32or64(bool wide, int64_t& v) {
+        if (wide) return i64(v);
+        int32_t narrow = 0;
+        if (i32(narrow).ok()) v = narrow;
+        return *this;
+    }
+    FieldDecoder& versionAndFlags(uint8_t& version, uint32_t& flags) {
+        if (left_ < 4) return fail(MP4_ERR_BAD_BOX_SIZE);
+        return u8(version).u24(flags);
+    }
+    FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
+    uint64_t left() const { return left_; }
+    FieldDecoder& fail(MP4Err err) {
+        if (ok()) err_ = err;
+        return *this;
+    }
+    bool ok() const { return err_ == MP4_OK; }
+    MP4Err error() const { return err_; }
+
+private:
+    // Big-endian, sign carried by the conversion to T.
+    template <class T>
+    FieldDecoder& get(T& v, uint32_t width) {
+        if (!ok()) return *this;
+        if (left_ < width) return fail(MP4_ERR_BAD_BOX_SIZE);
+        uint64_t value = 0;
+        for (uint32_t i = 0; i < width; ++i) value = value << 8 | p_[i];
+        v = static_cast<T>(value);
+        p_ += width;
+        left_ -= width;
+        return *this;
+    }
+
+    const uint8_t* p_;
+    uint64_t left_;
     MP4Err err_ = MP4_OK;
 };
 
