@@ -13,7 +13,7 @@
 #include "MovieBoxes.h"
 #include "PspBoxes.h"
 #include "SampleEntries.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
 #include "boxes/SampleTableBoxes.h"
@@ -163,7 +163,7 @@ const BoxFactoryRow kRows[] = {
     {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
     {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
-    // RTP hint tracks (hint/HintBoxes.h)
+    // RTP hint tracks (boxes/HintBoxes.h)
     {fourcc("rtp "), kOnly, fourcc("stsd"), make<CRtpHintSampleEntry>},
     {fourcc("rtp "), kOnly, fourcc("hnti"), make<CRtpMovieHintInformationBox>},
     {fourcc("rtp "), kAny, 0, nullptr},  // anywhere else: 8, payload not skipped

@@ -14,7 +14,7 @@
 #include "descriptors/Descriptors.h"
 #include "descriptors/ObjectDescriptors.h"
 #include "hint/BoxPaths.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "hint/Isma.h"
 #include "hint/Packetizers.h"
 #include "quil/Mp4Track.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "io/Dump.h"
 #include "io/FieldIO.h"
 
