@@ -59,7 +59,9 @@ void expectRewritesAsRead(const Bytes& bytes, uint32_t childType = 0) {
     // A track fragment is read only inside a movie fragment.
     CBox* traf = nullptr;
     if (childType != fourcc("mfhd") && inner->findChild(fourcc("traf"), &traf) == MP4_OK) inner = traf;
-    if (childType) ASSERT_EQ(inner->findChild(childType, &inner), MP4_OK);
+    if (childType) {
+        ASSERT_EQ(inner->findChild(childType, &inner), MP4_OK);
+    }
     EXPECT_NE(typeid(*inner), typeid(CBox)) << "read as an unknown box";
     EXPECT_EQ(test::writeTree(read.get(), &err), bytes);
     EXPECT_EQ(err, MP4_OK);

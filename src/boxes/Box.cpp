@@ -5,7 +5,8 @@
 #include <new>
 
 #include "BoxFactory.h"
-#include "Dump.h"
+#include "io/Dump.h"
+#include "io/FourCC.h"
 #include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 
@@ -14,17 +15,6 @@ namespace {
 
 constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 constexpr uint32_t kUuid = fourcc("uuid");
-
-bool isPrintableCode(uint32_t code) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        if (((code >> shift) & 0xFF) < 0x20) return false;
-    }
-    return true;
-}
-
-char codeChar(uint32_t code, int index) {
-    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
-}
 
 }  // namespace
 
@@ -227,6 +217,16 @@ MP4Err CBox::keepPayload(CStorage* storage) {
     MP4Err err = kept_.keep(storage, remaining);
     if (err == MP4_OK) remaining = 0;
     return err;
+}
+
+MP4Err boxStartOffset(const CBox& box, CStorage* storage, uint64_t* offset) {
+    uint64_t position = 0;
+    MP4Err err = storage->getPosition(&position);
+    if (err != MP4_OK) return err;
+    const uint64_t headerLength = box.size - box.remaining;
+    if (position < headerLength) return MP4_ERR_BAD_BOX_SIZE;
+    *offset = position - headerLength;
+    return MP4_OK;
 }
 
 MP4Err sizeBox(CBox* box) {

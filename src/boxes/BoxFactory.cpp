@@ -14,10 +14,10 @@
 #include "MovieBoxes.h"
 #include "PspBoxes.h"
 #include "SampleEntries.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
-#include "track/SampleTables.h"
+#include "boxes/SampleTableBoxes.h"
 
 namespace quil {
 namespace {
@@ -65,7 +65,7 @@ const BoxFactoryRow kRows[] = {
     {fourcc("udta"), kAny, 0, make<CUserDataBox>},
     {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
-    // Sample tables (track/SampleTables.h)
+    // Sample tables (boxes/SampleTableBoxes.h)
     {fourcc("edts"), kAny, 0, make<CEditBox>},
     {fourcc("elst"), kAny, 0, make<CEditListBox>},
     {fourcc("stbl"), kAny, 0, make<CSampleTableBox>},
@@ -188,7 +188,7 @@ const BoxFactoryRow kRows[] = {
     {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
     {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
-    // RTP hint tracks (hint/HintBoxes.h)
+    // RTP hint tracks (boxes/HintBoxes.h)
     {fourcc("rtp "), kOnly, fourcc("stsd"), make<CRtpHintSampleEntry>},
     {fourcc("rtp "), kOnly, fourcc("hnti"), make<CRtpMovieHintInformationBox>},
     {fourcc("rtp "), kAny, 0, nullptr},  // anywhere else: 8, payload not skipped

@@ -41,35 +41,19 @@ public:
     CMovieFragmentRandomAccessBox() { type = fourcc("mfra"); }
 };
 
-// A full box whose fields are one list, walked to read, write and size it
-// (FragmentBoxes.cpp); subclasses print their own dump lines.
-class CFieldListBox : public CFullBox {
-public:
-    class FieldIO;
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
-    MP4Err calculateSize() override;
-    MP4Err dump(int32_t depth) override;
-
-protected:
-    // Walks every field after version and flags.
-    virtual MP4Err walkFields(FieldIO& io) = 0;
-    virtual void dumpFields(int32_t depth) = 0;
-};
-
 // "mehd": the duration of the whole fragmented movie (movie time scale).
-class CMovieExtendsHeaderBox : public CFieldListBox {
+class CMovieExtendsHeaderBox : public CFieldBox<CMovieExtendsHeaderBox, CFullBox> {
 public:
     CMovieExtendsHeaderBox() { type = fourcc("mehd"); }
     uint64_t fragmentDuration = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "trex": a track's defaults for every fragment.
-class CTrackExtendsBox : public CFieldListBox {
+class CTrackExtendsBox : public CFieldBox<CTrackExtendsBox, CFullBox> {
 public:
     CTrackExtendsBox() { type = fourcc("trex"); }
     uint32_t trackId = 0;
@@ -78,24 +62,24 @@ public:
     uint32_t defaultSampleSize = 0;
     uint32_t defaultSampleFlags = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
-class CMovieFragmentHeaderBox : public CFieldListBox {
+class CMovieFragmentHeaderBox : public CFieldBox<CMovieFragmentHeaderBox, CFullBox> {
 public:
     CMovieFragmentHeaderBox() { type = fourcc("mfhd"); }
     uint32_t sequenceNumber = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "tfhd": which track a fragment belongs to and the defaults its runs
 // use; each optional field is present when its flag is set.
-class CTrackFragmentHeaderBox : public CFieldListBox {
+class CTrackFragmentHeaderBox : public CFieldBox<CTrackFragmentHeaderBox, CFullBox> {
 public:
     static constexpr uint32_t kBaseDataOffset = 0x000001;
     static constexpr uint32_t kDescriptionIndex = 0x000002;
@@ -113,26 +97,26 @@ public:
     uint32_t defaultSampleSize = 0;
     uint32_t defaultSampleFlags = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "tfdt": decode time of the fragment's first sample (media time scale).
-class CTrackFragmentDecodeTimeBox : public CFieldListBox {
+class CTrackFragmentDecodeTimeBox : public CFieldBox<CTrackFragmentDecodeTimeBox, CFullBox> {
 public:
     CTrackFragmentDecodeTimeBox() { type = fourcc("tfdt"); }
     uint64_t baseMediaDecodeTime = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "trun": a run of contiguous samples. Only the per-sample fields the
 // flags announce are stored, back to back per sample (stride words each),
 // so a run costs what the file spends on it.
-class CTrackRunBox : public CFieldListBox {
+class CTrackRunBox : public CFieldBox<CTrackRunBox, CFullBox> {
 public:
     static constexpr uint32_t kDataOffset = 0x000001;
     static constexpr uint32_t kFirstSampleFlags = 0x000004;
@@ -159,9 +143,9 @@ public:
     MP4Err setSamples(uint32_t count, const uint32_t* values);
     uint32_t stride() const;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
 private:
     uint32_t field(uint32_t i, uint32_t flag, uint32_t byDefault) const;
@@ -169,7 +153,7 @@ private:
 };
 
 // "sidx": one segment's subsegments, for finding them without a scan.
-class CSegmentIndexBox : public CFieldListBox {
+class CSegmentIndexBox : public CFieldBox<CSegmentIndexBox, CFullBox> {
 public:
     struct Reference {
         uint32_t typeAndSize = 0;  // reference type (top bit) and size
@@ -185,13 +169,13 @@ public:
     uint16_t referenceCount = 0;
     std::unique_ptr<Reference[]> references;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "tfra": random access points of one track.
-class CTrackFragmentRandomAccessBox : public CFieldListBox {
+class CTrackFragmentRandomAccessBox : public CFieldBox<CTrackFragmentRandomAccessBox, CFullBox> {
 public:
     struct Entry {
         uint64_t time = 0;
@@ -206,24 +190,24 @@ public:
     uint32_t entryCount = 0;
     std::unique_ptr<Entry[]> entries;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "mfro": size of the enclosing "mfra", read from the end of a file.
-class CMovieFragmentRandomAccessOffsetBox : public CFieldListBox {
+class CMovieFragmentRandomAccessOffsetBox : public CFieldBox<CMovieFragmentRandomAccessOffsetBox, CFullBox> {
 public:
     CMovieFragmentRandomAccessOffsetBox() { type = fourcc("mfro"); }
     uint32_t mfraSize = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "emsg": an event message (versions 0 and 1 order the fields differently).
-class CEventMessageBox : public CFieldListBox {
+class CEventMessageBox : public CFieldBox<CEventMessageBox, CFullBox> {
 public:
     CEventMessageBox() { type = fourcc("emsg"); }
     std::string schemeIdUri;
@@ -234,22 +218,22 @@ public:
     uint32_t id = 0;
     std::string messageData;  // bytes
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // "prft": wall-clock time (NTP) of a media time.
-class CProducerReferenceTimeBox : public CFieldListBox {
+class CProducerReferenceTimeBox : public CFieldBox<CProducerReferenceTimeBox, CFullBox> {
 public:
     CProducerReferenceTimeBox() { type = fourcc("prft"); }
     uint32_t referenceTrackId = 0;
     uint64_t ntpTimestamp = 0;
     uint64_t mediaTime = 0;
 
-protected:
-    MP4Err walkFields(FieldIO& io) override;
-    void dumpFields(int32_t depth) override;
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 }  // namespace quil

@@ -7,7 +7,7 @@
 #include <new>
 
 #include "boxes/BoxFactory.h"
-#include "boxes/Dump.h"
+#include "io/Dump.h"
 #include "boxes/MovieBoxes.h"
 #include "meta/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "quil/MP4Err.h"
-#include "track/DataList.h"
+#include "boxes/DataList.h"
 #include "track/SampleTables.h"
 
 namespace quil {

@@ -10,7 +10,7 @@
 
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
-#include "track/DataList.h"
+#include "boxes/DataList.h"
 #include "track/SampleIndex.h"
 #include "track/SampleTables.h"
 #include "track/TrackHost.h"
