@@ -208,11 +208,11 @@ uint32_t CTrackRunBox::stride() const {
     return words;
 }
 
-uint32_t CTrackRunBox::field(uint32_t i, uint32_t flag, uint32_t byDefault) const {
-    if (!(flags & flag) || !values_) return byDefault;
-    uint32_t slot = 0;
-    for (uint32_t f = kDuration; f < flag; f <<= 1) slot += (flags & f) ? 1 : 0;
-    return values_[static_cast<uint64_t>(i) * stride() + slot];
+void CTrackRunBox::layOut() {
+    stride_ = 0;
+    for (uint32_t flag : {kDuration, kSize, kFlags, kCompositionOffset}) {
+        slots_[flagIndex(flag)] = (flags & flag) ? static_cast<uint8_t>(stride_++) : kAbsent;
+    }
 }
 
 int64_t CTrackRunBox::compositionOffset(uint32_t i) const {
@@ -231,6 +231,7 @@ MP4Err CTrackRunBox::setSamples(uint32_t count, const uint32_t* values) {
     }
     values_ = std::move(copy);
     sampleCount = count;
+    layOut();
     return MP4_OK;
 }
 
@@ -241,6 +242,7 @@ MP4Err CTrackRunBox::fields(IO& io) {
     if (flags & kDataOffset) io.i32(dataOffset);
     if (flags & kFirstSampleFlags) io.u32(firstSampleFlags);
     if (io.error() != MP4_OK) return io.error();
+    if constexpr (IO::kReads) layOut();
     // The count is trusted only as far as the box holds its samples.
     const uint64_t count = static_cast<uint64_t>(sampleCount) * stride();
     MP4Err err = makeEntries(io, &values_, count, 4);

@@ -148,7 +148,20 @@ public:
     MP4Err fields(IO& io);
 
 private:
-    uint32_t field(uint32_t i, uint32_t flag, uint32_t byDefault) const;
+    // Looked up for every sample: the slots come from the flags once, when
+    // the run is read or its samples are set.
+    uint32_t field(uint32_t i, uint32_t flag, uint32_t byDefault) const {
+        const uint8_t slot = slots_[flagIndex(flag)];
+        if (slot == kAbsent || !values_) return byDefault;
+        return values_[static_cast<uint64_t>(i) * stride_ + slot];
+    }
+    static constexpr uint32_t flagIndex(uint32_t flag) {
+        return flag == kDuration ? 0 : flag == kSize ? 1 : flag == kFlags ? 2 : 3;
+    }
+    void layOut();
+    static constexpr uint8_t kAbsent = 0xFF;
+    uint8_t slots_[4] = {kAbsent, kAbsent, kAbsent, kAbsent};
+    uint32_t stride_ = 0;
     std::unique_ptr<uint32_t[]> values_;
 };
 
