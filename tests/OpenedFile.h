@@ -1,11 +1,14 @@
-// Test helper: a file opened for reading through the public interface,
-// from a fixture of tests/data or over bytes in a caller-owned memory
-// storage. Tracks handed out are released before the file closes.
+// Test helpers: fixtures of tests/data by path or as bytes, and a file
+// opened for reading through the public interface, from a fixture or over
+// bytes in a caller-owned memory storage. Tracks handed out are released
+// before the file closes.
 #ifndef QUIL_TESTS_OPENEDFILE_H
 #define QUIL_TESTS_OPENEDFILE_H
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +24,11 @@ inline std::string fixturePath(const std::string& name) { return std::string(QUI
 inline std::wstring widePath(const std::string& name) {
     std::string path = fixturePath(name);
     return std::wstring(path.begin(), path.end());
+}
+
+inline Bytes loadFixture(const std::string& name) {
+    std::ifstream in(fixturePath(name), std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 class OpenedFile {

@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <fstream>
-#include <iterator>
 #include <typeinfo>
 #include <string>
 #include <vector>
@@ -25,12 +23,8 @@ using test::Bytes;
 using test::ByteWriter;
 using test::concat;
 using test::fullBox;
+using test::loadFixture;
 using test::OpenedFile;
-
-Bytes loadFixture(const std::string& name) {
-    std::ifstream in(test::fixturePath(name), std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // The top-level boxes of a file as (type, bytes).
 std::vector<std::pair<std::string, Bytes>> topLevel(const Bytes& file) {

@@ -30,14 +30,10 @@ using test::Bytes;
 using test::ByteWriter;
 using test::concat;
 using test::fullBox;
+using test::loadFixture;
 using test::OpenedFile;
-
 using test::fixturePath;
 using test::widePath;
-Bytes loadFixture(const std::string& name) {
-    std::ifstream in(fixturePath(name), std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Answers are compared as one number: the value, or failed(code) when the
 // call returns an error.
