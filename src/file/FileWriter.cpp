@@ -71,6 +71,7 @@ MP4Err flushWritten(CStorage* storage) {
 MP4Err CMp4FileImpl::startWriting() {
     nextPayloadType_ = 96;
     cutAudio_ = false;
+    movieDurationRule_ = MP4_MOVIE_DURATION_FIRST_TRACK;
     movieWritten_ = false;
     writingTracks_.clear();
     topLevelBoxes_.reset(new (std::nothrow) CBoxList(nullptr));
@@ -265,22 +266,34 @@ MP4Err CMp4FileImpl::finalizeOpenTracks() {
     return MP4_OK;
 }
 
-// The movie lasts as long as its first track, by design. Read from that
-// track's header directly: binding a track object would build a time table
-// for nothing.
+MP4Err CMp4FileImpl::setMovieDurationRule(uint32_t rule) {
+    if (rule > MP4_MOVIE_DURATION_LONGEST_TRACK) return MP4_ERR_INVALID_ARGUMENT;
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    movieDurationRule_ = rule;
+    return MP4_OK;
+}
+
+// The movie lasts as long as its first track by default, by design; asked
+// for, as long as its longest. Read from the tracks' headers directly:
+// binding track objects would build time tables for nothing.
 MP4Err CMp4FileImpl::setMovieDuration() {
     CMovieHeaderBox* mvhd = nullptr;
     MP4Err err = findMovieHeader(&mvhd);
     if (err != MP4_OK) return err;
     CBox* moov = nullptr;
-    CBox* trak = nullptr;
-    CBox* box = nullptr;
     if ((err = findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
-    if ((err = moov->findChild(fourcc("trak"), &trak, 1)) != MP4_OK) return err;
-    if ((err = trak->findChild(fourcc("tkhd"), &box)) != MP4_OK) return err;
-    auto* tkhd = dynamic_cast<CTrackHeaderBox*>(box);
-    if (!tkhd) return MP4_ERR_INVALID_DATA;
-    mvhd->duration = tkhd->duration;
+    const uint32_t last = movieDurationRule_ == MP4_MOVIE_DURATION_LONGEST_TRACK ? trackCount_ : 1;
+    uint64_t duration = 0;
+    for (uint32_t number = 1; number <= last; ++number) {
+        CBox* trak = nullptr;
+        CBox* box = nullptr;
+        if ((err = moov->findChild(fourcc("trak"), &trak, number)) != MP4_OK) return err;
+        if ((err = trak->findChild(fourcc("tkhd"), &box)) != MP4_OK) return err;
+        auto* tkhd = dynamic_cast<CTrackHeaderBox*>(box);
+        if (!tkhd) return MP4_ERR_INVALID_DATA;
+        if (number == 1 || tkhd->duration > duration) duration = tkhd->duration;
+    }
+    mvhd->duration = duration;
     if (mvhd->duration > 0xFFFFFFFFull) mvhd->version = 1;
     return MP4_OK;
 }

@@ -52,6 +52,9 @@ public:
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
+    MP4Err setMovieDurationRule(uint32_t rule) override;
+    // destroyInstance: a file still being written is closed first.
+    bool isOpenForWriting() const { return isOpen_ != 0 && mode_ == 1; }
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first
@@ -164,6 +167,7 @@ private:
     uint64_t mediaDataEnd_ = 0;
     bool cutAudio_ = false;
     bool movieWritten_ = false;
+    uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule
 };
 
 }  // namespace quil
