@@ -70,7 +70,7 @@ MP4Err flushWritten(CStorage* storage) {
 
 MP4Err CMp4FileImpl::startWriting() {
     nextPayloadType_ = 96;
-    cutAudio_ = false;
+    interleaving_.reset();
     movieDurationRule_ = MP4_MOVIE_DURATION_FIRST_TRACK;
     movieWritten_ = false;
     writingTracks_.clear();

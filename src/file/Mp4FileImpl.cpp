@@ -9,7 +9,7 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/Dump.h"
 #include "boxes/MovieBoxes.h"
-#include "file/MetaDataImpl.h"
+#include "meta/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"
 #include "storage/DiscStorage.h"
 #include "storage/NetStorage.h"
@@ -478,6 +478,10 @@ uint32_t Mp4VideoCodecId(const wchar_t* path) {
 }  // namespace quil
 
 namespace quil {
+
+bool CMp4FileImpl::storageLength(uint64_t* length) {
+    return storage_ != nullptr && storage_->getLength(length) == MP4_OK;
+}
 
 MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                                     uint64_t readAheadEnd) {

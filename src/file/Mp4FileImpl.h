@@ -10,6 +10,7 @@
 #include "boxes/Box.h"
 #include "file/SampleReader.h"
 #include "quil/Mp4File.h"
+#include "track/TrackHost.h"
 
 namespace quil {
 
@@ -17,7 +18,7 @@ class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
 
-class CMp4FileImpl : public CMp4File {
+class CMp4FileImpl : public CMp4File, public CTrackHost {
 public:
     CMp4FileImpl();
     ~CMp4FileImpl() override;
@@ -66,8 +67,12 @@ public:
     MP4Err findTopLevelBox(uint32_t type, CBox** box);
     CStorage* storage() const { return storage_; }
     bool isOpenFlag() const { return isOpen_ != 0; }
-    uint32_t mode() const { return mode_; }  // 0 read, 1 write
-    uint32_t fileType() const { return fileType_; }
+
+    // CTrackHost: what the track objects reach of their file.
+    MP4Err findMovie(CBox** moov) override { return findTopLevelBox(fourcc("moov"), moov); }
+    bool storageLength(uint64_t* length) override;
+    uint32_t mode() const override { return mode_; }  // 0 read, 1 write
+    uint32_t fileType() const override { return fileType_; }
     // The UTF-8 path of a disc storage made by open (samples may then be
     // read through a handle of their own); null for a supplied or network
     // storage.
@@ -78,7 +83,7 @@ public:
     // readAheadEnd: the end of the chunk holding the bytes (0 when
     // unknown); the handle never fetches ahead beyond it.
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
-                          uint64_t readAheadEnd = 0);
+                          uint64_t readAheadEnd = 0) override;
 
     // RTP hinting (file/HintFile.cpp). The UTF-8 path of a file being
     // written to disc, so that a hint track can read back the media samples
@@ -94,11 +99,11 @@ public:
     // and reports where they start. The bytes are pushed to the storage
     // before this returns, so a write error belongs to these bytes: "mdat"
     // then stays as it was and the next append writes at the same place.
-    MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset);
-    // The shared cut-audio flag of interleaved (XAVC) files: set when a
-    // video track closes a chunk, so that the audio tracks close theirs.
-    bool cutAudio() const { return cutAudio_; }
-    void setCutAudio(bool cut) { cutAudio_ = cut; }
+    MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset) override;
+    // XAVC files interleave the chunks of their audio and video tracks.
+    CChunkInterleaving* chunkInterleaving() override {
+        return fileType_ == MP4_FILE_XAVC ? &interleaving_ : nullptr;
+    }
 
 private:
     // Steps of open: the storage made for a path, the read path, and the
@@ -162,10 +167,10 @@ private:
     std::unique_ptr<CSampleReader> sampleReader_;  // made on the first sample read
     // Writing: tracks handed out by addTrack and not yet released (close
     // finishes them and cuts them loose from the boxes it frees), the end
-    // of the media data written so far, and the cut-audio flag.
+    // of the media data written so far, and the interleaving signal.
     std::vector<CTrackImpl*> writingTracks_;
     uint64_t mediaDataEnd_ = 0;
-    bool cutAudio_ = false;
+    CChunkInterleaving interleaving_;
     bool movieWritten_ = false;
     uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule
 };
