@@ -157,6 +157,8 @@ bool Remuxer::openOutput(const std::string& output) {
     MP4Err err = utf8ToWidePath(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
+    // Players show the file as long as its longest track.
+    if (err == MP4_OK) err = target_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
     return err == MP4_OK || fail("cannot create the output", err);
 }
 

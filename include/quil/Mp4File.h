@@ -131,8 +131,9 @@ public:
     // duration close writes into "mvhd" (MP4MovieDurationRule).
     // MP4_MOVIE_DURATION_FIRST_TRACK, the default at every open, keeps the
     // first track's duration; MP4_MOVIE_DURATION_LONGEST_TRACK writes the
-    // longest track's (in movie time units, edit lists included), which is
-    // what players and ffprobe show as the file's length.
+    // longest track's (in movie time units, edit lists included) among the
+    // tracks of the presentation (hint tracks are not; all tracks when
+    // none is), which is what players and ffprobe show as the length.
     virtual MP4Err setMovieDurationRule(uint32_t rule) = 0;
     virtual ~CMp4File() = default;
 

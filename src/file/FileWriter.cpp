@@ -17,6 +17,7 @@ namespace {
 constexpr uint64_t kProvisionalMediaDataSize = 0x100000000ull;  // forces the 16-byte header
 constexpr uint64_t kMediaDataHeaderSize = 16;
 constexpr uint64_t kWriteStep = 1u << 30;  // writeBytes counts in int32
+constexpr uint32_t kTrackInMovie = 2;       // tkhd flag
 
 struct FileTypeBrands {
     uint32_t majorBrand;
@@ -283,7 +284,10 @@ MP4Err CMp4FileImpl::setMovieDuration() {
     CBox* moov = nullptr;
     if ((err = findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
     const uint32_t last = movieDurationRule_ == MP4_MOVIE_DURATION_LONGEST_TRACK ? trackCount_ : 1;
-    uint64_t duration = 0;
+    // The longest of the tracks players present (track_in_movie: hint
+    // tracks are not), or of all when none is.
+    uint64_t longestPresented = 0, longest = 0;
+    bool anyPresented = false;
     for (uint32_t number = 1; number <= last; ++number) {
         CBox* trak = nullptr;
         CBox* box = nullptr;
@@ -291,8 +295,14 @@ MP4Err CMp4FileImpl::setMovieDuration() {
         if ((err = trak->findChild(fourcc("tkhd"), &box)) != MP4_OK) return err;
         auto* tkhd = dynamic_cast<CTrackHeaderBox*>(box);
         if (!tkhd) return MP4_ERR_INVALID_DATA;
-        if (number == 1 || tkhd->duration > duration) duration = tkhd->duration;
+        if (tkhd->duration > longest) longest = tkhd->duration;
+        if ((tkhd->flags & kTrackInMovie) != 0) {
+            anyPresented = true;
+            if (tkhd->duration > longestPresented) longestPresented = tkhd->duration;
+        }
     }
+    // The first track alone (the default rule) gives its own duration.
+    const uint64_t duration = anyPresented && last > 1 ? longestPresented : longest;
     mvhd->duration = duration;
     if (mvhd->duration > 0xFFFFFFFFull) mvhd->version = 1;
     return MP4_OK;
