@@ -52,6 +52,28 @@ struct ParameterSets {
     }
 };
 
+// Parses a parameter set with parse(data, size, &set) and keeps it.
+template <class Parsed, class Parse>
+MP4Err keepParameterSet(const NalUnit& nal, const char* kind, Parse parse,
+                        ParameterSets<Parsed>* sets, std::string* why) {
+    Parsed set;
+    MP4Err err = parse(nal.data, nal.size, &set);
+    if (err == MP4_OK && !sets->add(set.id, set, nal)) err = MP4_ERR_UNSUPPORTED;
+    if (err == MP4_OK) return MP4_OK;
+    *why = std::string(kind) + at(nal.offset) +
+           (err == MP4_ERR_UNSUPPORTED ? " reuses an ID with other contents; streams whose "
+                                         "parameter sets change are not imported"
+                                       : " is damaged");
+    return err;
+}
+
+MP4Err sliceError(const NalUnit& nal, MP4Err err, std::string* why) {
+    *why = "slice" + at(nal.offset) +
+           (err == MP4_ERR_NOT_AVAILABLE ? " refers to a parameter set not given before it"
+                                         : " has a damaged header");
+    return MP4_ERR_INVALID_DATA;
+}
+
 class CVideoImporter final : public CStreamImporter {
 public:
     CVideoImporter(const uint8_t* data, size_t size, bool hevc, FrameRate rate)
@@ -76,7 +98,6 @@ private:
     bool isParameterSetOrDelimiter(const NalUnit& nal) const;
     MP4Err chooseTiming(std::string* why);
     void computeTimes();
-    MP4Err parameterSetError(const char* kind, uint64_t offset, MP4Err err, std::string* why) const;
 
     const uint8_t* data_;
     size_t size_;
@@ -102,15 +123,6 @@ private:
     std::vector<uint8_t> buffer_;
 };
 
-MP4Err CVideoImporter::parameterSetError(const char* kind, uint64_t offset, MP4Err err,
-                                         std::string* why) const {
-    *why = std::string(kind) + at(offset) +
-           (err == MP4_ERR_UNSUPPORTED ? " reuses an ID with other contents; streams whose "
-                                         "parameter sets change are not imported"
-                                       : " is damaged");
-    return err;
-}
-
 MP4Err CVideoImporter::readAvcUnit(const NalUnit& nal, bool* vcl, bool* picture, AccessUnit* unit,
                                    std::string* why) {
     const uint8_t type = nal.data[0] & 0x1F;
@@ -118,31 +130,16 @@ MP4Err CVideoImporter::readAvcUnit(const NalUnit& nal, bool* vcl, bool* picture,
     *picture = false;
     MP4Err err = MP4_OK;
     if (type == AVC_NAL_SPS) {
-        AvcSps sps;
-        if ((err = parseAvcSps(nal.data, nal.size, &sps)) != MP4_OK) {
-            return parameterSetError("sequence parameter set", nal.offset, err, why);
-        }
-        if (!avcSps_.add(sps.id, sps, nal)) {
-            return parameterSetError("sequence parameter set", nal.offset, MP4_ERR_UNSUPPORTED, why);
-        }
-    } else if (type == AVC_NAL_PPS) {
-        AvcPps pps;
-        if ((err = parseAvcPps(nal.data, nal.size, &pps)) != MP4_OK) {
-            return parameterSetError("picture parameter set", nal.offset, err, why);
-        }
-        if (!avcPps_.add(pps.id, pps, nal)) {
-            return parameterSetError("picture parameter set", nal.offset, MP4_ERR_UNSUPPORTED, why);
-        }
-    } else if (*vcl) {
+        return keepParameterSet(nal, "sequence parameter set", parseAvcSps, &avcSps_, why);
+    }
+    if (type == AVC_NAL_PPS) {
+        return keepParameterSet(nal, "picture parameter set", parseAvcPps, &avcPps_, why);
+    }
+    if (*vcl) {
         AvcSliceHeader slice;
         const AvcSps* sps = nullptr;
         err = parseAvcSliceHeader(nal.data, nal.size, avcSps_.parsed, avcPps_.parsed, &slice, &sps);
-        if (err != MP4_OK) {
-            *why = "slice" + at(nal.offset) +
-                   (err == MP4_ERR_NOT_AVAILABLE ? " refers to a parameter set not given before it"
-                                                 : " has a damaged header");
-            return MP4_ERR_INVALID_DATA;
-        }
+        if (err != MP4_OK) return sliceError(nal, err, why);
         if (slice.firstMb != 0) return MP4_OK;
         const bool idr = type == AVC_NAL_IDR;
         if (idr) ++sequence_;
@@ -166,39 +163,19 @@ MP4Err CVideoImporter::readHevcUnit(const NalUnit& nal, bool* vcl, bool* picture
     *vcl = type < 32;
     MP4Err err = MP4_OK;
     if (type == HEVC_NAL_VPS) {
-        HevcVps vps;
-        if ((err = parseHevcVps(nal.data, nal.size, &vps)) != MP4_OK) {
-            return parameterSetError("video parameter set", nal.offset, err, why);
-        }
-        if (!hevcVps_.add(vps.id, vps, nal)) {
-            return parameterSetError("video parameter set", nal.offset, MP4_ERR_UNSUPPORTED, why);
-        }
-    } else if (type == HEVC_NAL_SPS) {
-        HevcSps sps;
-        if ((err = parseHevcSps(nal.data, nal.size, &sps)) != MP4_OK) {
-            return parameterSetError("sequence parameter set", nal.offset, err, why);
-        }
-        if (!hevcSps_.add(sps.id, sps, nal)) {
-            return parameterSetError("sequence parameter set", nal.offset, MP4_ERR_UNSUPPORTED, why);
-        }
-    } else if (type == HEVC_NAL_PPS) {
-        HevcPps pps;
-        if ((err = parseHevcPps(nal.data, nal.size, &pps)) != MP4_OK) {
-            return parameterSetError("picture parameter set", nal.offset, err, why);
-        }
-        if (!hevcPps_.add(pps.id, pps, nal)) {
-            return parameterSetError("picture parameter set", nal.offset, MP4_ERR_UNSUPPORTED, why);
-        }
-    } else if (*vcl) {
+        return keepParameterSet(nal, "video parameter set", parseHevcVps, &hevcVps_, why);
+    }
+    if (type == HEVC_NAL_SPS) {
+        return keepParameterSet(nal, "sequence parameter set", parseHevcSps, &hevcSps_, why);
+    }
+    if (type == HEVC_NAL_PPS) {
+        return keepParameterSet(nal, "picture parameter set", parseHevcPps, &hevcPps_, why);
+    }
+    if (*vcl) {
         HevcSliceHeader slice;
         const HevcSps* sps = nullptr;
         err = parseHevcSliceHeader(nal.data, nal.size, hevcSps_.parsed, hevcPps_.parsed, &slice, &sps);
-        if (err != MP4_OK) {
-            *why = "slice" + at(nal.offset) +
-                   (err == MP4_ERR_NOT_AVAILABLE ? " refers to a parameter set not given before it"
-                                                 : " has a damaged header");
-            return MP4_ERR_INVALID_DATA;
-        }
+        if (err != MP4_OK) return sliceError(nal, err, why);
         if (!slice.firstInPicture) return MP4_OK;
         const bool first = units_.empty() && sequence_ == 0;
         const int64_t order = hevcOrder_.next(*sps, slice, type, hevcTemporalId(nal.data), first);

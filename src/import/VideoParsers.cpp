@@ -230,9 +230,9 @@ int64_t CAvcPictureOrder::next(const AvcSps& sps, const AvcSliceHeader& slice, b
             prevMsb_ = msb;
             prevLsb_ = slice.pocLsb;
         }
+        // A field has one count; a frame the smaller of its two fields'.
         const int64_t top = msb + lsb;
         const int64_t bottom = top + slice.deltaPocBottom;
-        if (slice.fieldPic) return slice.bottomField ? msb + lsb : top;
         return top < bottom ? top : bottom;
     }
     // Types 1 and 2 count from frame_num.
