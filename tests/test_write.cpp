@@ -714,8 +714,8 @@ TEST(WriteMovieDuration, FirstTrackByDefaultLongestWhenAsked) {
             delete video;
             delete audio;
         }
-        const Bytes bytes = loadFile(path);
-        auto* mvhd = boxAt<CMovieHeaderBox>(movieOf(bytes).get(), {"mvhd"});
+        const std::unique_ptr<CBox> movie = movieOf(loadFile(path));
+        auto* mvhd = boxAt<CMovieHeaderBox>(movie.get(), {"mvhd"});
         ASSERT_NE(nullptr, mvhd);
         EXPECT_EQ(rule == MP4_MOVIE_DURATION_FIRST_TRACK ? 1000u : 5000u, mvhd->duration);
         std::remove(path.c_str());

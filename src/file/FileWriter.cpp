@@ -291,7 +291,10 @@ MP4Err CMp4FileImpl::setMovieDuration() {
     for (uint32_t number = 1; number <= last; ++number) {
         CBox* trak = nullptr;
         CBox* box = nullptr;
-        if ((err = moov->findChild(fourcc("trak"), &trak, number)) != MP4_OK) return err;
+        if ((err = moov->findChild(fourcc("trak"), &trak, number)) != MP4_OK) {
+            if (number > 1) break;  // fewer boxes than tracks counted: the first one decides
+            return err;
+        }
         if ((err = trak->findChild(fourcc("tkhd"), &box)) != MP4_OK) return err;
         auto* tkhd = dynamic_cast<CTrackHeaderBox*>(box);
         if (!tkhd) return MP4_ERR_INVALID_DATA;
