@@ -119,9 +119,9 @@ private:
 
 Remuxer::~Remuxer() {
     // On a failure path: tracks whose finishing fails again stay ours; they
-    // are deleted after the file object, which detaches them first. Without
-    // close the file object gives its storage up without writing the
-    // movie; the caller removes the incomplete output.
+    // are deleted after the file object, which detaches them first.
+    // Destroying an unclosed file closes it; the caller removes the
+    // incomplete output.
     std::vector<CMp4Track*> unreleased;
     for (TrackCopy& copy : tracks_) {
         if (copy.in) (void)source_.get()->releaseTrack(copy.in);
