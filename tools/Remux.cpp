@@ -70,6 +70,7 @@ struct TrackCopy {
     // time (negative offsets), and to the edit's media time to make up.
     uint64_t compositionShift = 0;
     uint64_t nextDecode = 0;  // decode time of nextSample, as read
+    bool rawAudio = false;    // written chunk-as-sample
 };
 
 // A failure to report: what was being done and the library's answer.
@@ -101,6 +102,7 @@ private:
     bool addTrack(uint32_t number);
     bool copyTrackProperties(TrackCopy* copy);
     MP4Err findCompositionShift(TrackCopy* copy);
+    bool copyLastSampleDuration(TrackCopy* copy);
     bool copySamples();
     bool copySample(TrackCopy* copy);
     TrackCopy* nextTrack();
@@ -203,6 +205,7 @@ bool Remuxer::addTrack(uint32_t number) {
     uint32_t format = 0;
     const bool raw = kind == MP4_TRACK_AUDIO && in->getSampleEntryType(&format) == MP4_OK &&
                      isRawAudio(format);
+    copy.rawAudio = raw;
     if (raw) (void)target_->setTrackMode(1);
     err = target_->addTrack(&copy.out);
     if (raw) (void)target_->setTrackMode(0);
@@ -263,7 +266,23 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
 
     if (copy->sampleCount > 0) err = in->getSampleDecodeTime(1, &copy->nextDecode);
     if (err != MP4_OK) return fail(track + " samples", err);
-    return true;
+    return copyLastSampleDuration(copy);
+}
+
+// The last sample lasts what the media duration leaves after its decode
+// time. Raw audio is read a chunk per sample but written an audio sample
+// per time unit, whose last one lasts one unit anyway.
+bool Remuxer::copyLastSampleDuration(TrackCopy* copy) {
+    if (copy->rawAudio || copy->sampleCount == 0) return true;
+    uint64_t media = 0, last = 0;
+    if (copy->in->getMediaDuration(&media) != MP4_OK ||
+        copy->in->getSampleDecodeTime(copy->sampleCount, &last) != MP4_OK) {
+        return true;  // the writer's rule then applies
+    }
+    const uint64_t span = last - copy->nextDecode;
+    if (last < copy->nextDecode || media <= span || media - span > 0x7FFFFFFFu) return true;
+    MP4Err err = copy->out->setLastSampleDuration(static_cast<uint32_t>(media - span));
+    return err == MP4_OK || fail("track " + std::to_string(copy->number) + " last sample", err);
 }
 
 // A track written with negative composition offsets (composition before
