@@ -27,7 +27,14 @@ size_t findStartCode(const uint8_t* data, size_t size, size_t from) {
 void skipScalingList(CBitReader* bits, int size) {
     int32_t last = 8, next = 8;
     for (int j = 0; j < size && !bits->failed(); ++j) {
-        if (next != 0) next = (last + bits->se() + 256) % 256;
+        if (next != 0) {
+            const int32_t delta = bits->se();  // delta_scale: -128..127
+            if (delta < -128 || delta > 127) {
+                bits->fail();
+                return;
+            }
+            next = (last + delta + 256) % 256;
+        }
         last = next == 0 ? last : next;
     }
 }
@@ -249,22 +256,27 @@ int64_t CAvcPictureOrder::next(const AvcSps& sps, const AvcSliceHeader& slice, b
         const int64_t value = 2 * static_cast<int64_t>(frameNumOffset + slice.frameNum);
         return reference ? value : value - 1;
     }
-    const int64_t cycle = static_cast<int64_t>(sps.refFrameOffsets.size());
-    int64_t absFrameNum = cycle != 0 ? static_cast<int64_t>(frameNumOffset + slice.frameNum) : 0;
+    // Sums of stream values in 64-bit two's complement: a damaged stream
+    // wraps instead of overflowing; the count only orders pictures.
+    const uint64_t cycle = sps.refFrameOffsets.size();
+    uint64_t absFrameNum = cycle != 0 ? frameNumOffset + slice.frameNum : 0;
     if (!reference && absFrameNum > 0) --absFrameNum;
-    int64_t expected = 0;
+    uint64_t expected = 0;
     if (absFrameNum > 0) {
-        int64_t perCycle = 0;
-        for (int32_t offset : sps.refFrameOffsets) perCycle += offset;
-        const int64_t cycles = (absFrameNum - 1) / cycle;
-        const int64_t inCycle = (absFrameNum - 1) % cycle;
-        expected = cycles * perCycle;
-        for (int64_t i = 0; i <= inCycle; ++i) expected += sps.refFrameOffsets[static_cast<size_t>(i)];
+        uint64_t perCycle = 0;
+        for (int32_t offset : sps.refFrameOffsets) perCycle += static_cast<uint64_t>(int64_t{offset});
+        const uint64_t inCycle = (absFrameNum - 1) % cycle;
+        expected = (absFrameNum - 1) / cycle * perCycle;
+        for (uint64_t i = 0; i <= inCycle; ++i) {
+            expected += static_cast<uint64_t>(int64_t{sps.refFrameOffsets[static_cast<size_t>(i)]});
+        }
     }
-    if (!reference) expected += sps.offsetForNonRefPic;
-    const int64_t top = expected + slice.deltaPoc[0];
-    const int64_t bottom = top + sps.offsetForTopToBottomField + slice.deltaPoc[1];
-    return top < bottom ? top : bottom;
+    if (!reference) expected += static_cast<uint64_t>(int64_t{sps.offsetForNonRefPic});
+    const uint64_t top = expected + static_cast<uint64_t>(int64_t{slice.deltaPoc[0]});
+    const uint64_t bottom = top + static_cast<uint64_t>(int64_t{sps.offsetForTopToBottomField}) +
+                            static_cast<uint64_t>(int64_t{slice.deltaPoc[1]});
+    const int64_t topCount = static_cast<int64_t>(top), bottomCount = static_cast<int64_t>(bottom);
+    return topCount < bottomCount ? topCount : bottomCount;
 }
 
 namespace {
