@@ -70,6 +70,7 @@ struct TrackCopy {
     // time (negative offsets), and to the edit's media time to make up.
     uint64_t compositionShift = 0;
     uint64_t nextDecode = 0;  // decode time of nextSample, as read
+    bool rawAudio = false;    // written chunk-as-sample
 };
 
 // A failure to report: what was being done and the library's answer.
@@ -102,6 +103,7 @@ private:
     bool addTrack(uint32_t number);
     bool copyTrackProperties(TrackCopy* copy);
     MP4Err findCompositionShift(TrackCopy* copy);
+    bool copyLastSampleDuration(TrackCopy* copy);
     bool copySamples();
     bool copySample(TrackCopy* copy);
     TrackCopy* nextTrack();
@@ -120,9 +122,9 @@ private:
 
 Remuxer::~Remuxer() {
     // On a failure path: tracks whose finishing fails again stay ours; they
-    // are deleted after the file object, which detaches them first. Without
-    // close the file object gives its storage up without writing the
-    // movie; the caller removes the incomplete output.
+    // are deleted after the file object, which detaches them first.
+    // Destroying an unclosed file closes it; the caller removes the
+    // incomplete output.
     std::vector<CMp4Track*> unreleased;
     for (TrackCopy& copy : tracks_) {
         if (copy.in) (void)source_.get()->releaseTrack(copy.in);
@@ -153,6 +155,8 @@ bool Remuxer::openOutput(const std::string& output) {
     MP4Err err = utf8ToWidePath(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
+    // Players show the file as long as its longest track.
+    if (err == MP4_OK) err = target_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
     return err == MP4_OK || fail("cannot create the output", err);
 }
 
@@ -197,6 +201,7 @@ bool Remuxer::addTrack(uint32_t number) {
     uint32_t format = 0;
     const bool raw = kind == MP4_TRACK_AUDIO && in->getSampleEntryType(&format) == MP4_OK &&
                      isRawAudio(format);
+    copy.rawAudio = raw;
     if (raw) (void)target_->setTrackMode(1);
     err = target_->addTrack(&copy.out);
     if (raw) (void)target_->setTrackMode(0);
@@ -257,7 +262,23 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
 
     if (copy->sampleCount > 0) err = in->getSampleDecodeTime(1, &copy->nextDecode);
     if (err != MP4_OK) return fail(track + " samples", err);
-    return true;
+    return copyLastSampleDuration(copy);
+}
+
+// The last sample lasts what the media duration leaves after its decode
+// time. Raw audio is read a chunk per sample but written an audio sample
+// per time unit, whose last one lasts one unit anyway.
+bool Remuxer::copyLastSampleDuration(TrackCopy* copy) {
+    if (copy->rawAudio || copy->sampleCount == 0) return true;
+    uint64_t media = 0, last = 0;
+    if (copy->in->getMediaDuration(&media) != MP4_OK ||
+        copy->in->getSampleDecodeTime(copy->sampleCount, &last) != MP4_OK) {
+        return true;  // the writer's rule then applies
+    }
+    const uint64_t span = last - copy->nextDecode;
+    if (last < copy->nextDecode || media <= span || media - span > 0x7FFFFFFFu) return true;
+    MP4Err err = copy->out->setLastSampleDuration(static_cast<uint32_t>(media - span));
+    return err == MP4_OK || fail("track " + std::to_string(copy->number) + " last sample", err);
 }
 
 // A track written with negative composition offsets (composition before
