@@ -270,6 +270,11 @@ public:
         if (left_ < 4) return fail(MP4_ERR_BAD_BOX_SIZE);
         return u8(version).u24(flags);
     }
+    template <class T, size_t N>
+    FieldDecoder& array(T (&values)[N]) {
+        for (T& v : values) get(v, sizeof(T));
+        return *this;
+    }
     FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
     uint64_t left() const { return left_; }
     FieldDecoder& fail(MP4Err err) {
