@@ -133,6 +133,7 @@ protected:
 template <class Self, class Base = CBox>
 class CFieldBox : public Base {
 public:
+    using Base::Base;
     MP4Err read(CStorage* storage) override;
     // The header, the fields, then the children when the box has a list.
     MP4Err write(CStorage* storage) override;

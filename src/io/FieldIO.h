@@ -82,6 +82,14 @@ public:
         }
         return *this;
     }
+    // Passes over count bytes the layout does not keep.
+    FieldReader& skip(uint64_t count) {
+        if (ok() && count > 0 && fits(count)) {
+            err_ = storage_->skip(count);
+            if (ok()) *budget_ -= static_cast<Budget>(count);
+        }
+        return *this;
+    }
     // count bytes into a new buffer (none for 0), allocated only as far as
     // the storage can fill it (see readOwnedBytes).
     FieldReader& owned(std::unique_ptr<uint8_t[]>& data, uint64_t count);
