@@ -82,6 +82,12 @@ public:
         }
         return *this;
     }
+    // Refuses (6) a run of fields as a whole when the budget cannot hold
+    // its count bytes, before any of them is read.
+    FieldReader& require(uint64_t count) {
+        if (ok()) fits(count);
+        return *this;
+    }
     // Passes over count bytes the layout does not keep.
     FieldReader& skip(uint64_t count) {
         if (ok() && count > 0 && fits(count)) {
@@ -163,6 +169,7 @@ public:
         for (const T& v : values) value(v);
         return *this;
     }
+    FieldWriter& require(uint64_t) { return *this; }
     FieldWriter& bytes(const uint8_t* buffer, uint64_t count);
     FieldWriter& owned(const std::unique_ptr<uint8_t[]>& data, uint64_t count) {
         return bytes(data.get(), count);
@@ -216,6 +223,7 @@ public:
     FieldCounter& array(const T (&)[N]) {
         return add(sizeof(T) * N);
     }
+    FieldCounter& require(uint64_t) { return *this; }
     FieldCounter& bytes(const uint8_t*, uint64_t count) { return add(count); }
     // count fields of width bytes each, without walking them.
     FieldCounter& repeated(uint64_t count, uint64_t width) { return add(count * width); }
@@ -282,6 +290,9 @@ public:
     FieldDecoder& array(T (&values)[N]) {
         for (T& v : values) get(v, sizeof(T));
         return *this;
+    }
+    FieldDecoder& require(uint64_t count) {
+        return ok() && left_ < count ? fail(MP4_ERR_BAD_BOX_SIZE) : *this;
     }
     FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
     uint64_t left() const { return left_; }
