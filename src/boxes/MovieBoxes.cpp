@@ -334,23 +334,13 @@ template <class IO>
 MP4Err CMediaHeaderBox::fields(IO& io) {
     if (!io.versionAndFlags(version, flags).ok()) return io.error();
     const bool wide = version == 1;
-    uint16_t packedLanguage = 0;
-    if (!IO::kReads) {
-        packedLanguage = static_cast<uint16_t>((language[0] * 32u + language[1]) * 32u + language[2]);
-    }
-    io.u32or64(wide, creationTime)
+    return io.u32or64(wide, creationTime)
         .u32or64(wide, modificationTime)
         .u32(timeScale)
         .u32or64(wide, duration)
-        .u16(packedLanguage)
-        .u16(preDefined);
-    if (IO::kReads) {
-        // The codes are taken even when pre-defined could not be read.
-        language[0] = static_cast<uint8_t>((packedLanguage >> 10) & 31);
-        language[1] = static_cast<uint8_t>((packedLanguage >> 5) & 31);
-        language[2] = static_cast<uint8_t>(packedLanguage & 31);
-    }
-    return io.error();
+        .language(language)
+        .u16(preDefined)
+        .error();
 }
 template class CFieldBox<CMediaHeaderBox, CFullBox>;
 

@@ -25,6 +25,16 @@
 
 namespace quil {
 
+// The 16-bit form of a three-code language and back.
+inline uint16_t packLanguage(const uint8_t (&codes)[3]) {
+    return static_cast<uint16_t>(((codes[0] * 32u + codes[1]) * 32u + codes[2]) & 0xFFFF);
+}
+inline void unpackLanguage(uint16_t packed, uint8_t (&codes)[3]) {
+    codes[0] = static_cast<uint8_t>((packed >> 10) & 31);
+    codes[1] = static_cast<uint8_t>((packed >> 5) & 31);
+    codes[2] = static_cast<uint8_t>(packed & 31);
+}
+
 // Reads fields from a storage and lowers *budget (a box's `remaining`, a
 // descriptor's payload count) by each field read. A field the budget cannot
 // hold is refused with 6 before anything of it is read, so the budget never
@@ -67,6 +77,13 @@ public:
         err_ = storage_->readUInt8(&version);
         if (ok()) err_ = storage_->readUInt24(&flags);
         if (ok()) *budget_ -= 4;
+        return *this;
+    }
+    // A packed ISO 639-2/T language: three 5-bit codes (letter - 0x60)
+    // after a zero pad bit, in 16 bits.
+    FieldReader& language(uint8_t (&codes)[3]) {
+        uint16_t packed = 0;
+        if (u16(packed).ok()) unpackLanguage(packed, codes);
         return *this;
     }
     template <class T, size_t N>
@@ -164,6 +181,7 @@ public:
     FieldWriter& versionAndFlags(const uint8_t& version, const uint32_t& flags) {
         return u8(version).u24(flags);
     }
+    FieldWriter& language(const uint8_t (&codes)[3]) { return u16(packLanguage(codes)); }
     template <class T, size_t N>
     FieldWriter& array(const T (&values)[N]) {
         for (const T& v : values) value(v);
@@ -219,6 +237,7 @@ public:
     FieldCounter& u32or64(bool wide, const uint64_t&) { return add(wide ? 8 : 4); }
     FieldCounter& i32or64(bool wide, const int64_t&) { return add(wide ? 8 : 4); }
     FieldCounter& versionAndFlags(const uint8_t&, const uint32_t&) { return add(4); }
+    FieldCounter& language(const uint8_t (&)[3]) { return add(2); }
     template <class T, size_t N>
     FieldCounter& array(const T (&)[N]) {
         return add(sizeof(T) * N);
