@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "descriptors/Descriptors.h"
+#include "descriptors/EsDescriptors.h"
 #include "descriptors/ObjectDescriptors.h"
 #include "storage/Base64.h"
 
