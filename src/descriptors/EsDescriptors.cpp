@@ -80,18 +80,21 @@ MP4Err CDecoderSpecificInfo::setData(const uint8_t* bytes, uint32_t length) {
 
 // ---- CDecoderConfigDescriptor -----------------------------------------------
 
+template <class IO>
+MP4Err CDecoderConfigDescriptor::fields(IO& io) {
+    // The reserved bit after upStream is written as 1.
+    uint8_t packed = static_cast<uint8_t>(((streamType & 0x3F) << 2) | ((upStream ? 1u : 0u) << 1) | 1u);
+    io.u8(objectTypeIndication).u8(packed).u24(bufferSizeDB).u32(maxBitrate).u32(avgBitrate);
+    if (IO::kReads && io.ok()) {
+        streamType = packed >> 2;
+        upStream = (packed >> 1) & 1;
+    }
+    return io.error();
+}
+
 MP4Err CDecoderConfigDescriptor::read(CStorage* storage) {
-    uint8_t packed = 0;
-    MP4Err err = FieldReader(storage, &remaining)
-                     .u8(objectTypeIndication)
-                     .u8(packed)
-                     .u24(bufferSizeDB)
-                     .u32(maxBitrate)
-                     .u32(avgBitrate)
-                     .error();
+    MP4Err err = readFields(this, storage, &remaining);
     if (err != MP4_OK) return err;
-    streamType = packed >> 2;
-    upStream = (packed >> 1) & 1;
     children.reset(new (std::nothrow) CDescriptorList());
     if (!children) return MP4_ERR_OUT_OF_MEMORY;
     return readDescriptorList(children.get(), storage, &remaining, nesting_ + 1);
@@ -99,18 +102,8 @@ MP4Err CDecoderConfigDescriptor::read(CStorage* storage) {
 
 MP4Err CDecoderConfigDescriptor::write(CStorage* storage) {
     MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    // The reserved bit after upStream is written as 1.
-    uint32_t packed = (static_cast<uint32_t>(streamType & 0x3F) << 2) | ((upStream ? 1u : 0u) << 1) | 1u;
-    err = FieldWriter(storage)
-              .u8(objectTypeIndication)
-              .u8(packed)
-              .u24(bufferSizeDB)
-              .u32(maxBitrate)
-              .u32(avgBitrate)
-              .error();
-    if (err != MP4_OK) return err;
-    return writeDescriptorList(children.get(), storage);
+    if (err == MP4_OK) err = writeFields(this, storage);
+    return err != MP4_OK ? err : writeDescriptorList(children.get(), storage);
 }
 
 MP4Err CDecoderConfigDescriptor::dump(int32_t depth) {
@@ -130,7 +123,7 @@ MP4Err CDecoderConfigDescriptor::calcSize() {
     uint64_t childBytes = 0;
     MP4Err err = calcDescriptorListSize(children.get(), &childBytes);
     if (err != MP4_OK) return err;
-    return storeSize(13 + childBytes, &size, &headerLength);
+    return storeSize(countFields(this) + childBytes, &size, &headerLength);
 }
 
 MP4Err CDecoderConfigDescriptor::findDecoderSpecificInfo(CDecoderSpecificInfo** info) const {
@@ -298,14 +291,16 @@ MP4Err CSLConfigDescriptor::calcSize() {
 
 // ---- CESIDInc / CESIDRef ----------------------------------------------------
 
-MP4Err CESIDInc::read(CStorage* storage) {
-    return FieldReader(storage, &remaining).u32(Track_ID).error();
+template <class IO>
+MP4Err CESIDInc::fields(IO& io) {
+    return io.u32(Track_ID).error();
 }
+
+MP4Err CESIDInc::read(CStorage* storage) { return readFields(this, storage, &remaining); }
 
 MP4Err CESIDInc::write(CStorage* storage) {
     MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt32(Track_ID);
+    return err != MP4_OK ? err : writeFields(this, storage);
 }
 
 MP4Err CESIDInc::dump(int32_t depth) {
@@ -315,20 +310,18 @@ MP4Err CESIDInc::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESIDInc::calcSize() {
-    size = 4;
-    headerLength = 0;
-    return MP4_OK;
+MP4Err CESIDInc::calcSize() { return storeSize(countFields(this), &size, &headerLength); }
+
+template <class IO>
+MP4Err CESIDRef::fields(IO& io) {
+    return io.u16(ref_index).error();
 }
 
-MP4Err CESIDRef::read(CStorage* storage) {
-    return FieldReader(storage, &remaining).u16(ref_index).error();
-}
+MP4Err CESIDRef::read(CStorage* storage) { return readFields(this, storage, &remaining); }
 
 MP4Err CESIDRef::write(CStorage* storage) {
     MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt16(ref_index);
+    return err != MP4_OK ? err : writeFields(this, storage);
 }
 
 MP4Err CESIDRef::dump(int32_t depth) {
@@ -338,11 +331,7 @@ MP4Err CESIDRef::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESIDRef::calcSize() {
-    size = 2;
-    headerLength = 0;
-    return MP4_OK;
-}
+MP4Err CESIDRef::calcSize() { return storeSize(countFields(this), &size, &headerLength); }
 
 // ---- CESDescriptor ----------------------------------------------------------
 
@@ -360,26 +349,39 @@ void CESDescriptor::findMandatoryChildren() {
     }
 }
 
-MP4Err CESDescriptor::read(CStorage* storage) {
-    uint8_t flags = 0;
-    FieldReader reader(storage, &remaining);
-    MP4Err err = reader.u16(ES_ID).u8(flags).error();
-    if (err != MP4_OK) return err;
-    streamDependenceFlag = (flags >> 7) & 1;
-    URL_Flag = (flags >> 6) & 1;
-    OCRstreamFlag = (flags >> 5) & 1;
-    // Deliberate: the priority keeps only bits 0 and 2 (mask 0x05), and no
-    // OCR_ES_Id is read even when OCRstreamFlag is set.
-    streamPriority = flags & 0x05;
-    if (streamDependenceFlag) reader.u16(dependsOn_ES_ID);
-    if (URL_Flag) reader.u8(URLlength);
-    err = reader.error();
-    if (err != MP4_OK) return err;
-    if (URL_Flag) {
-        err = readDescriptorURL(storage, URLlength, &URLstring);
-        if (err != MP4_OK) return err;
-        remaining -= URLlength;
+template <class IO>
+MP4Err CESDescriptor::fields(IO& io) {
+    // The OCR flag is not written on its own: it is set only when the
+    // priority carries that bit.
+    uint8_t flags = static_cast<uint8_t>(((streamDependenceFlag ? 1u : 0u) << 7) |
+                                         ((URL_Flag ? 1u : 0u) << 6) | streamPriority);
+    if (!io.u16(ES_ID).u8(flags).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        streamDependenceFlag = (flags >> 7) & 1;
+        URL_Flag = (flags >> 6) & 1;
+        OCRstreamFlag = (flags >> 5) & 1;
+        // Deliberate: the priority keeps only bits 0 and 2 (mask 0x05), and
+        // no OCR_ES_Id is read even when OCRstreamFlag is set.
+        streamPriority = flags & 0x05;
     }
+    if (streamDependenceFlag) io.u16(dependsOn_ES_ID);
+    if (!URL_Flag || !io.u8(URLlength).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        // Zero-terminated, the terminator not being part of the field.
+        std::unique_ptr<uint8_t[]> url(new (std::nothrow) uint8_t[URLlength + 1u]);
+        if (!url) return MP4_ERR_OUT_OF_MEMORY;
+        url[URLlength] = 0;
+        if (io.bytes(url.get(), URLlength).ok()) URLstring = std::move(url);
+        return io.error();
+    } else {
+        // Sized by its length even without the bytes (writing refuses that).
+        return io.bytes(URLstring.get(), IO::kCounts || URLstring ? URLlength : 0).error();
+    }
+}
+
+MP4Err CESDescriptor::read(CStorage* storage) {
+    MP4Err err = readFields(this, storage, &remaining);
+    if (err != MP4_OK) return err;
     decoderConfig = nullptr;
     slConfig = nullptr;
     children.reset(new (std::nothrow) CDescriptorList());
@@ -390,23 +392,10 @@ MP4Err CESDescriptor::read(CStorage* storage) {
     return decoderConfig && slConfig ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
 }
 
-MP4Err CESDescriptor::writeFixedFields(CStorage* storage) {
-    // The OCR flag is not written on its own: it is set only when the
-    // priority carries that bit.
-    uint32_t flags = ((streamDependenceFlag ? 1u : 0u) << 7) | ((URL_Flag ? 1u : 0u) << 6) |
-                     streamPriority;
-    FieldWriter writer(storage);
-    writer.u16(ES_ID).u8(flags);
-    if (streamDependenceFlag) writer.u16(dependsOn_ES_ID);
-    if (URL_Flag) writer.u8(URLlength).bytes(URLstring.get(), URLstring ? URLlength : 0);
-    return writer.error();
-}
-
 MP4Err CESDescriptor::write(CStorage* storage) {
     if (URL_Flag && URLlength > 0 && !URLstring) return MP4_ERR_INVALID_DATA;
     MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    err = writeFixedFields(storage);
+    if (err == MP4_OK) err = writeFields(this, storage);
     if (err != MP4_OK) return err;
     if (!children) return MP4_ERR_INVALID_DATA;
     if (!decoderConfig || !slConfig) return MP4_ERR_BAD_SIZE_FIELD;
@@ -431,13 +420,10 @@ MP4Err CESDescriptor::dump(int32_t depth) {
 
 MP4Err CESDescriptor::calcSize() {
     if (!children || !decoderConfig || !slConfig) return MP4_ERR_BAD_SIZE_FIELD;
-    uint64_t total = 3;
-    if (streamDependenceFlag) total += 2;
-    if (URL_Flag) total += 1u + URLlength;
     uint64_t childBytes = 0;
     MP4Err err = calcDescriptorListSize(children.get(), &childBytes);
     if (err != MP4_OK) return err;
-    return storeSize(total + childBytes, &size, &headerLength);
+    return storeSize(countFields(this) + childBytes, &size, &headerLength);
 }
 
 MP4Err CESDescriptor::ensureChildren() { return ensureDescriptorList(&children); }

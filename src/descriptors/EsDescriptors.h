@@ -38,6 +38,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Stores the bytes in the first DecoderSpecificInfo child, appending one
     // when there is none. 3 for a zero length; null bytes reserve zeros.
@@ -110,6 +112,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t Track_ID = 0;
 };
@@ -124,6 +128,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint16_t ref_index = 0;
 };
@@ -137,6 +143,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Appends a new decoder configuration (other fields 0) with the
     // decoder-specific bytes when length is non-zero. 5 if one exists.
@@ -169,7 +177,6 @@ public:
 
 private:
     MP4Err ensureChildren();
-    MP4Err writeFixedFields(CStorage* storage);
     void findMandatoryChildren();
 };
 
