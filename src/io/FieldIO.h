@@ -48,6 +48,7 @@ public:
     FieldReader(CStorage* storage, Budget* budget) : storage_(storage), budget_(budget) {}
 
     FieldReader& u8(uint8_t& v) { return get(&CStorage::readUInt8, v, 1); }
+    FieldReader& i8(int8_t& v) { return get(&CStorage::readInt8, v, 1); }
     FieldReader& u16(uint16_t& v) { return get(&CStorage::readUInt16, v, 2); }
     FieldReader& i16(int16_t& v) { return get(&CStorage::readInt16, v, 2); }
     FieldReader& u24(uint32_t& v) { return get(&CStorage::readUInt24, v, 3); }
@@ -165,6 +166,7 @@ public:
     explicit FieldWriter(CStorage* storage) : storage_(storage) {}
 
     FieldWriter& u8(const uint8_t& v) { return put(&CStorage::writeUInt8, v); }
+    FieldWriter& i8(const int8_t& v) { return put(&CStorage::writeInt8, v); }
     FieldWriter& u16(const uint16_t& v) { return put(&CStorage::writeUInt16, v); }
     FieldWriter& i16(const int16_t& v) { return put(&CStorage::writeInt16, v); }
     FieldWriter& u24(const uint32_t& v) { return put(&CStorage::writeUInt24, v & 0xFFFFFFu); }
@@ -227,6 +229,7 @@ public:
     static constexpr bool kCounts = true;
 
     FieldCounter& u8(const uint8_t&) { return add(1); }
+    FieldCounter& i8(const int8_t&) { return add(1); }
     FieldCounter& u16(const uint16_t&) { return add(2); }
     FieldCounter& i16(const int16_t&) { return add(2); }
     FieldCounter& u24(const uint32_t&) { return add(3); }
@@ -282,6 +285,7 @@ public:
     FieldDecoder(const uint8_t* bytes, uint64_t length) : p_(bytes), left_(length) {}
 
     FieldDecoder& u8(uint8_t& v) { return get(v, 1); }
+    FieldDecoder& i8(int8_t& v) { return get(v, 1); }
     FieldDecoder& u16(uint16_t& v) { return get(v, 2); }
     FieldDecoder& i16(int16_t& v) { return get(v, 2); }
     FieldDecoder& u24(uint32_t& v) { return get(v, 3); }
