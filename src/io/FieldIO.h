@@ -318,6 +318,16 @@ public:
         return ok() && left_ < count ? fail(MP4_ERR_BAD_BOX_SIZE) : *this;
     }
     FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
+    // Passes over count bytes.
+    FieldDecoder& skip(uint64_t count) {
+        if (!ok()) return *this;
+        if (left_ < count) return fail(MP4_ERR_BAD_BOX_SIZE);
+        p_ += count;
+        left_ -= count;
+        return *this;
+    }
+    // The bytes not yet decoded.
+    const uint8_t* data() const { return p_; }
     uint64_t left() const { return left_; }
     FieldDecoder& fail(MP4Err err) {
         if (ok()) err_ = err;
