@@ -35,12 +35,56 @@ inline void unpackLanguage(uint16_t packed, uint8_t (&codes)[3]) {
     codes[2] = static_cast<uint8_t>(packed & 31);
 }
 
+// What every reading walker builds on its primitive fields (Self defines
+// u16, u32, u64, i32, i64 ... and ok()).
+template <class Self>
+class FieldReading {
+public:
+    // A 64-bit field when wide, else a 32-bit one (zero-extended).
+    Self& u32or64(bool wide, uint64_t& v) {
+        if (wide) return self().u64(v);
+        uint32_t narrow = 0;
+        if (self().u32(narrow).ok()) v = narrow;
+        return self();
+    }
+    // The same for a signed field: a narrow one is sign-extended.
+    Self& i32or64(bool wide, int64_t& v) {
+        if (wide) return self().i64(v);
+        int32_t narrow = 0;
+        if (self().i32(narrow).ok()) v = narrow;
+        return self();
+    }
+    // A packed ISO 639-2/T language: three 5-bit codes (letter - 0x60)
+    // after a zero pad bit, in 16 bits.
+    Self& language(uint8_t (&codes)[3]) {
+        uint16_t packed = 0;
+        if (self().u16(packed).ok()) unpackLanguage(packed, codes);
+        return self();
+    }
+    template <class T, size_t N>
+    Self& array(T (&values)[N]) {
+        for (T& v : values) value(v);
+        return self();
+    }
+    // Any field by its type.
+    Self& value(uint8_t& v) { return self().u8(v); }
+    Self& value(uint16_t& v) { return self().u16(v); }
+    Self& value(int16_t& v) { return self().i16(v); }
+    Self& value(uint32_t& v) { return self().u32(v); }
+    Self& value(int32_t& v) { return self().i32(v); }
+    Self& value(uint64_t& v) { return self().u64(v); }
+    Self& value(int64_t& v) { return self().i64(v); }
+
+private:
+    Self& self() { return static_cast<Self&>(*this); }
+};
+
 // Reads fields from a storage and lowers *budget (a box's `remaining`, a
 // descriptor's payload count) by each field read. A field the budget cannot
 // hold is refused with 6 before anything of it is read, so the budget never
 // wraps; a storage error is returned as it came and leaves the budget alone.
 template <class Budget>
-class FieldReader {
+class FieldReader : public FieldReading<FieldReader<Budget>> {
 public:
     static constexpr bool kReads = true;
     static constexpr bool kCounts = false;
@@ -57,20 +101,6 @@ public:
     FieldReader& u64(uint64_t& v) { return get(&CStorage::readUInt64, v, 8); }
     FieldReader& i64(int64_t& v) { return get(&CStorage::readInt64, v, 8); }
 
-    // A 64-bit field when wide, else a 32-bit one (zero-extended).
-    FieldReader& u32or64(bool wide, uint64_t& v) {
-        if (wide) return u64(v);
-        uint32_t narrow = 0;
-        if (u32(narrow).ok()) v = narrow;
-        return *this;
-    }
-    // The same for a signed field: a narrow one is sign-extended.
-    FieldReader& i32or64(bool wide, int64_t& v) {
-        if (wide) return i64(v);
-        int32_t narrow = 0;
-        if (i32(narrow).ok()) v = narrow;
-        return *this;
-    }
     // Version and flags of a full box: the four bytes are refused together
     // when the budget cannot hold them.
     FieldReader& versionAndFlags(uint8_t& version, uint32_t& flags) {
@@ -78,18 +108,6 @@ public:
         err_ = storage_->readUInt8(&version);
         if (ok()) err_ = storage_->readUInt24(&flags);
         if (ok()) *budget_ -= 4;
-        return *this;
-    }
-    // A packed ISO 639-2/T language: three 5-bit codes (letter - 0x60)
-    // after a zero pad bit, in 16 bits.
-    FieldReader& language(uint8_t (&codes)[3]) {
-        uint16_t packed = 0;
-        if (u16(packed).ok()) unpackLanguage(packed, codes);
-        return *this;
-    }
-    template <class T, size_t N>
-    FieldReader& array(T (&values)[N]) {
-        for (T& v : values) value(v);
         return *this;
     }
     // count bytes into a buffer the caller sized.
@@ -117,15 +135,6 @@ public:
     // count bytes into a new buffer (none for 0), allocated only as far as
     // the storage can fill it (see readOwnedBytes).
     FieldReader& owned(std::unique_ptr<uint8_t[]>& data, uint64_t count);
-
-    // Any field by its type.
-    FieldReader& value(uint8_t& v) { return u8(v); }
-    FieldReader& value(uint16_t& v) { return u16(v); }
-    FieldReader& value(int16_t& v) { return i16(v); }
-    FieldReader& value(uint32_t& v) { return u32(v); }
-    FieldReader& value(int32_t& v) { return i32(v); }
-    FieldReader& value(uint64_t& v) { return u64(v); }
-    FieldReader& value(int64_t& v) { return i64(v); }
 
     // Bytes the budget still allows.
     Budget left() const { return *budget_; }
@@ -277,7 +286,7 @@ private:
 // Reads fields from bytes already in memory (a batch of table entries read
 // with one storage call): the same layouts, decoded without a storage call
 // per field. A field past the end of the bytes is refused with 6.
-class FieldDecoder {
+class FieldDecoder : public FieldReading<FieldDecoder> {
 public:
     static constexpr bool kReads = true;
     static constexpr bool kCounts = false;
@@ -293,26 +302,9 @@ public:
     FieldDecoder& i32(int32_t& v) { return get(v, 4); }
     FieldDecoder& u64(uint64_t& v) { return get(v, 8); }
     FieldDecoder& i64(int64_t& v) { return get(v, 8); }
-    FieldDecoder& u32or64(bool wide, uint64_t& v) {
-        if (wide) return u64(v);
-        uint32_t narrow = 0;
-        if (u32(narrow).ok()) v = narrow;
-        return *this;
-    }
-    FieldDecoder& i32or64(bool wide, int64_t& v) {
-        if (wide) return i64(v);
-        int32_t narrow = 0;
-        if (i32(narrow).ok()) v = narrow;
-        return *this;
-    }
     FieldDecoder& versionAndFlags(uint8_t& version, uint32_t& flags) {
         if (left_ < 4) return fail(MP4_ERR_BAD_BOX_SIZE);
         return u8(version).u24(flags);
-    }
-    template <class T, size_t N>
-    FieldDecoder& array(T (&values)[N]) {
-        for (T& v : values) get(v, sizeof(T));
-        return *this;
     }
     FieldDecoder& require(uint64_t count) {
         return ok() && left_ < count ? fail(MP4_ERR_BAD_BOX_SIZE) : *this;
