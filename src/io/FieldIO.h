@@ -35,6 +35,22 @@ inline void unpackLanguage(uint16_t packed, uint8_t (&codes)[3]) {
     codes[2] = static_cast<uint8_t>(packed & 31);
 }
 
+// The first error of a walk: every walker stops at it and keeps it.
+template <class Self>
+class FieldStatus {
+public:
+    // Stops the walk with an error of the layout's own (the first one stays).
+    Self& fail(MP4Err err) {
+        if (ok()) err_ = err;
+        return static_cast<Self&>(*this);
+    }
+    bool ok() const { return err_ == MP4_OK; }
+    MP4Err error() const { return err_; }
+
+protected:
+    MP4Err err_ = MP4_OK;
+};
+
 // What every reading walker builds on its primitive fields (Self defines
 // u16, u32, u64, i32, i64 ... and ok()).
 template <class Self>
@@ -84,8 +100,11 @@ private:
 // hold is refused with 6 before anything of it is read, so the budget never
 // wraps; a storage error is returned as it came and leaves the budget alone.
 template <class Budget>
-class FieldReader : public FieldReading<FieldReader<Budget>> {
+class FieldReader : public FieldReading<FieldReader<Budget>>, public FieldStatus<FieldReader<Budget>> {
 public:
+    using FieldStatus<FieldReader>::ok;
+    using FieldStatus<FieldReader>::fail;
+
     static constexpr bool kReads = true;
     static constexpr bool kCounts = false;
 
@@ -105,15 +124,15 @@ public:
     // when the budget cannot hold them.
     FieldReader& versionAndFlags(uint8_t& version, uint32_t& flags) {
         if (!ok() || !fits(4)) return *this;
-        err_ = storage_->readUInt8(&version);
-        if (ok()) err_ = storage_->readUInt24(&flags);
+        this->err_ = storage_->readUInt8(&version);
+        if (ok()) this->err_ = storage_->readUInt24(&flags);
         if (ok()) *budget_ -= 4;
         return *this;
     }
     // count bytes into a buffer the caller sized.
     FieldReader& bytes(uint8_t* buffer, uint64_t count) {
         if (ok() && count > 0 && fits(count)) {
-            err_ = storage_->readBytes(buffer, count);
+            this->err_ = storage_->readBytes(buffer, count);
             if (ok()) *budget_ -= static_cast<Budget>(count);
         }
         return *this;
@@ -127,7 +146,7 @@ public:
     // Passes over count bytes the layout does not keep.
     FieldReader& skip(uint64_t count) {
         if (ok() && count > 0 && fits(count)) {
-            err_ = storage_->skip(count);
+            this->err_ = storage_->skip(count);
             if (ok()) *budget_ -= static_cast<Budget>(count);
         }
         return *this;
@@ -140,34 +159,27 @@ public:
     Budget left() const { return *budget_; }
     CStorage* storage() const { return storage_; }
     // Stops the walk with an error of the layout's own (the first one stays).
-    FieldReader& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
 
 private:
     bool fits(uint64_t width) {
         if (*budget_ >= width) return true;
-        err_ = MP4_ERR_BAD_BOX_SIZE;
+        this->err_ = MP4_ERR_BAD_BOX_SIZE;
         return false;
     }
     template <class T>
     FieldReader& get(MP4Err (CStorage::*read)(T*), T& v, uint32_t width) {
         if (!ok() || !fits(width)) return *this;
-        err_ = (storage_->*read)(&v);
+        this->err_ = (storage_->*read)(&v);
         if (ok()) *budget_ -= width;
         return *this;
     }
 
     CStorage* storage_;
     Budget* budget_;
-    MP4Err err_ = MP4_OK;
 };
 
 // Writes fields to a storage.
-class FieldWriter {
+class FieldWriter : public FieldStatus<FieldWriter> {
 public:
     static constexpr bool kReads = false;
     static constexpr bool kCounts = false;
@@ -213,12 +225,6 @@ public:
     FieldWriter& value(const int64_t& v) { return i64(v); }
 
     CStorage* storage() const { return storage_; }
-    FieldWriter& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
 
 private:
     template <class T>
@@ -228,11 +234,10 @@ private:
     }
 
     CStorage* storage_;
-    MP4Err err_ = MP4_OK;
 };
 
 // Adds up the bytes the same fields take when written.
-class FieldCounter {
+class FieldCounter : public FieldStatus<FieldCounter> {
 public:
     static constexpr bool kReads = false;
     static constexpr bool kCounts = true;
@@ -265,12 +270,6 @@ public:
         return add(sizeof(T));
     }
 
-    FieldCounter& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
     uint64_t total() const { return total_; }
 
 private:
@@ -280,13 +279,12 @@ private:
     }
 
     uint64_t total_ = 0;
-    MP4Err err_ = MP4_OK;
 };
 
 // Reads fields from bytes already in memory (a batch of table entries read
 // with one storage call): the same layouts, decoded without a storage call
 // per field. A field past the end of the bytes is refused with 6.
-class FieldDecoder : public FieldReading<FieldDecoder> {
+class FieldDecoder : public FieldReading<FieldDecoder>, public FieldStatus<FieldDecoder> {
 public:
     static constexpr bool kReads = true;
     static constexpr bool kCounts = false;
@@ -321,12 +319,6 @@ public:
     // The bytes not yet decoded.
     const uint8_t* data() const { return p_; }
     uint64_t left() const { return left_; }
-    FieldDecoder& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
 
 private:
     // Big-endian, sign carried by the conversion to T.
@@ -344,7 +336,6 @@ private:
 
     const uint8_t* p_;
     uint64_t left_;
-    MP4Err err_ = MP4_OK;
 };
 
 // Reads count bytes into a new buffer. The buffer is allocated at once only
@@ -362,7 +353,7 @@ MP4Err skipPayload(CStorage* storage, uint64_t count);
 template <class Budget>
 FieldReader<Budget>& FieldReader<Budget>::owned(std::unique_ptr<uint8_t[]>& data, uint64_t count) {
     if (ok() && fits(count)) {
-        err_ = readOwnedBytes(storage_, count, &data);
+        this->err_ = readOwnedBytes(storage_, count, &data);
         if (ok()) *budget_ -= static_cast<Budget>(count);
     }
     return *this;
