@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "descriptors/ConfigRecords.h"
-#include "descriptors/Descriptors.h"
+#include "descriptors/EsDescriptors.h"
 #include "storage/MemoryStorage.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/ConfigBoxes.h"
 #include "descriptors/ConfigRecords.h"
-#include "descriptors/Descriptors.h"
+#include "descriptors/EsDescriptors.h"
 #include "descriptors/ObjectDescriptors.h"
 
 namespace quil {

@@ -1,8 +1,11 @@
 #include "Box.h"
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "BoxFactory.h"
 #include "io/Dump.h"
@@ -233,8 +236,53 @@ MP4Err sizeBox(CBox* box) {
     return box->writesAsRead() ? box->CBox::calculateSize() : box->calculateSize();
 }
 
-MP4Err writeBox(CBox* box, CStorage* storage) {
+namespace {
+
+MP4Err writeWithoutCheck(CBox* box, CStorage* storage) {
     return box->writesAsRead() ? box->CBox::write(storage) : box->write(storage);
+}
+
+#ifndef NDEBUG
+// The types of the boxes being written, outermost first.
+thread_local std::vector<uint32_t> gWritePath;
+
+// "moov/trak/mdia/minf/stbl/stsd/avc1"
+std::string writePathText() {
+    std::string text;
+    for (uint32_t code : gWritePath) {
+        if (!text.empty()) text += '/';
+        for (int i = 0; i < 4; ++i) text += codeChar(code, i);
+    }
+    return text;
+}
+
+// Writes the box and reports on standard error when the bytes it wrote
+// differ from the size it announced. Storages that cannot tell their
+// position are written without the check.
+MP4Err writeAndCheck(CBox* box, CStorage* storage) {
+    uint64_t announced = 0, start = 0, end = 0;
+    box->getSize(&announced);
+    bool measurable = !box->writtenElsewhere() && storage->getPosition(&start) == MP4_OK;
+    gWritePath.push_back(box->type);
+    MP4Err err = writeWithoutCheck(box, storage);
+    if (err == MP4_OK && measurable && storage->getPosition(&end) == MP4_OK &&
+        end - start != announced) {
+        std::fprintf(stderr, "quil: box %s wrote %" PRIu64 " bytes but announced %" PRIu64 "\n",
+                     writePathText().c_str(), end - start, announced);
+    }
+    gWritePath.pop_back();
+    return err;
+}
+#endif
+
+}  // namespace
+
+MP4Err writeBox(CBox* box, CStorage* storage) {
+#ifdef NDEBUG
+    return writeWithoutCheck(box, storage);
+#else
+    return writeAndCheck(box, storage);
+#endif
 }
 
 // ---- CFullBox -------------------------------------------------------------
@@ -319,6 +367,19 @@ MP4Err CBoxList::replace(CBox* oldBox, CBox* newBox) {
 
 MP4Err writeChildren(CBoxList* list, CStorage* storage) {
     if (!list) return MP4_OK;
+#ifndef NDEBUG
+    // A parent written straight through its write() (the movie box at
+    // close) still starts the path the check names.
+    struct PathRoot {
+        bool pushed;
+        explicit PathRoot(uint32_t type) : pushed(gWritePath.empty()) {
+            if (pushed) gWritePath.push_back(type);
+        }
+        ~PathRoot() {
+            if (pushed) gWritePath.pop_back();
+        }
+    } root(list->ownerType());
+#endif
     for (CBoxList::Node* node = list->head(); node; node = node->next) {
         MP4Err err = writeBox(node->box, storage);
         if (err != MP4_OK) return err;

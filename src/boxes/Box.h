@@ -63,6 +63,9 @@ public:
     virtual MP4Err calculateSize();
     virtual MP4Err getSize(uint64_t* size);
     virtual double getRotationAngle() { return 0.0; }
+    // Whether someone else writes the box (the media data, written by the
+    // file writer): its write() then writes nothing of what it announces.
+    virtual bool writtenElsewhere() const { return false; }
 
     // Child access for boxes that hold children (containers, "dref",
     // "stsd", sample entries, ...). instance is 1-based; 0 and 1 both mean
@@ -102,6 +105,8 @@ private:
 
 // Sizes and writes a box as a tree writer must: a box kept as read goes out
 // as its header and the bytes it was read from, any other through its class.
+// Debug builds (NDEBUG unset) also check that the box wrote the bytes its
+// size announced and name its path on standard error when it did not.
 MP4Err sizeBox(CBox* box);
 // Where a box being read starts in its storage: the position of its
 // payload's unread part less what was read of it. 6 when that lies before
@@ -132,6 +137,7 @@ protected:
 template <class Self, class Base = CBox>
 class CFieldBox : public Base {
 public:
+    using Base::Base;
     MP4Err read(CStorage* storage) override;
     // The header, the fields, then the children when the box has a list.
     MP4Err write(CStorage* storage) override;

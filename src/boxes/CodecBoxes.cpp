@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "boxes/FieldBox.h"
 #include "io/Dump.h"
 #include "storage/BoundedStorage.h"
 
@@ -11,34 +12,32 @@ namespace quil {
 
 // ---- "d263" and "damr" ----------------------------------------------------
 
-MP4Err CCodecSpecificDataBox::read(CStorage* storage) {
-    // The payload is bounded by the parent, so the copy is no larger than
-    // the input; a payload beyond 32 bits cannot be held at all.
-    if (remaining > UINT32_MAX || remaining > readableBytes(storage)) return MP4_ERR_BAD_BOX_SIZE;
-    data.reset();
-    length = static_cast<uint32_t>(remaining);
-    if (length == 0) return MP4_OK;
-    data.reset(new (std::nothrow) uint8_t[length]);
-    if (!data) {
-        length = 0;
-        return MP4_ERR_OUT_OF_MEMORY;
-    }
-    MP4Err err = storage->readBlock(data.get(), length);
-    if (err != MP4_OK) {
+template <class IO>
+MP4Err CCodecSpecificDataBox::fields(IO& io) {
+    if constexpr (IO::kReads) {
+        // The payload is bounded by the parent, so the copy is no larger
+        // than the input; a payload beyond 32 bits cannot be held at all.
+        if (remaining > UINT32_MAX || remaining > readableBytes(io.storage())) {
+            return MP4_ERR_BAD_BOX_SIZE;
+        }
         data.reset();
-        length = 0;
-        return err;
+        length = static_cast<uint32_t>(remaining);
+        if (length == 0) return MP4_OK;
+        data.reset(new (std::nothrow) uint8_t[length]);
+        if (!data) {
+            length = 0;
+            return MP4_ERR_OUT_OF_MEMORY;
+        }
+        if (!io.bytes(data.get(), length).ok()) {
+            data.reset();
+            length = 0;
+        }
+        return io.error();
+    } else {
+        return io.bytes(data.get(), data ? length : 0).error();
     }
-    remaining -= length;
-    return MP4_OK;
 }
-
-MP4Err CCodecSpecificDataBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    if (length == 0 || !data) return MP4_OK;
-    return storage->writeBlock(data.get(), static_cast<int32_t>(length));
-}
+template class CFieldBox<CCodecSpecificDataBox, CBox>;
 
 MP4Err CCodecSpecificDataBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -55,12 +54,6 @@ MP4Err CCodecSpecificDataBox::dump(int32_t depth) {
     printf("\n");
     printIndent(depth);
     printf("}\n");
-    return MP4_OK;
-}
-
-MP4Err CCodecSpecificDataBox::calculateSize() {
-    CBox::calculateSize();
-    size += data ? length : 0;
     return MP4_OK;
 }
 
@@ -98,23 +91,11 @@ MP4Err CAMRSpecificBox::getModeSet(uint16_t* modeSet) const {
 
 // ---- "btrt" ---------------------------------------------------------------
 
-MP4Err CMPEG4BitRateBox::read(CStorage* storage) {
-    uint32_t* fields[] = {&bufferSizeDB, &maxBitrate, &avgBitrate};
-    for (uint32_t* field : fields) {
-        MP4Err err = storage->readUInt32(field);
-        if (err != MP4_OK) return err;
-        remaining -= 4;
-    }
-    return MP4_OK;
+template <class IO>
+MP4Err CMPEG4BitRateBox::fields(IO& io) {
+    return io.u32(bufferSizeDB).u32(maxBitrate).u32(avgBitrate).error();
 }
-
-MP4Err CMPEG4BitRateBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(bufferSizeDB);
-    if (err == MP4_OK) err = storage->writeUInt32(maxBitrate);
-    if (err == MP4_OK) err = storage->writeUInt32(avgBitrate);
-    return err;
-}
+template class CFieldBox<CMPEG4BitRateBox, CBox>;
 
 MP4Err CMPEG4BitRateBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -125,30 +106,13 @@ MP4Err CMPEG4BitRateBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CMPEG4BitRateBox::calculateSize() {
-    CBox::calculateSize();
-    size += 12;
-    return MP4_OK;
-}
-
 // ---- "pasp" ---------------------------------------------------------------
 
-MP4Err CPixelAspectRatioBox::read(CStorage* storage) {
-    if (remaining < 8) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt32(&hSpacing);
-    if (err != MP4_OK) return err;
-    err = storage->readUInt32(&vSpacing);
-    if (err != MP4_OK) return err;
-    remaining -= 8;
-    return MP4_OK;
+template <class IO>
+MP4Err CPixelAspectRatioBox::fields(IO& io) {
+    return io.require(8).u32(hSpacing).u32(vSpacing).error();
 }
-
-MP4Err CPixelAspectRatioBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(hSpacing);
-    if (err == MP4_OK) err = storage->writeUInt32(vSpacing);
-    return err;
-}
+template class CFieldBox<CPixelAspectRatioBox, CBox>;
 
 MP4Err CPixelAspectRatioBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -158,27 +122,13 @@ MP4Err CPixelAspectRatioBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CPixelAspectRatioBox::calculateSize() {
-    CBox::calculateSize();
-    size += 8;
-    return MP4_OK;
-}
-
 // ---- "enda" ---------------------------------------------------------------
 
-MP4Err CEndianFormatBox::read(CStorage* storage) {
-    if (remaining < 2) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt16(&data);
-    if (err != MP4_OK) return err;
-    remaining -= 2;
-    return MP4_OK;
+template <class IO>
+MP4Err CEndianFormatBox::fields(IO& io) {
+    return io.u16(data).error();
 }
-
-MP4Err CEndianFormatBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt16(data);
-}
+template class CFieldBox<CEndianFormatBox, CBox>;
 
 MP4Err CEndianFormatBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -187,35 +137,18 @@ MP4Err CEndianFormatBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CEndianFormatBox::calculateSize() {
-    CBox::calculateSize();
-    size += 2;
-    return MP4_OK;
-}
-
 // ---- "chan" ---------------------------------------------------------------
 
-MP4Err CChannelCompositionBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    if (remaining < 12) return MP4_ERR_BAD_BOX_SIZE;
-    uint32_t* fields[] = {&channelLayoutTag, &channelBitmap, &numberChannelDescriptions};
-    for (uint32_t* field : fields) {
-        err = storage->readUInt32(field);
-        if (err != MP4_OK) return err;
-        remaining -= 4;
-    }
-    return MP4_OK;
+template <class IO>
+MP4Err CChannelCompositionBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags)
+        .require(12)
+        .u32(channelLayoutTag)
+        .u32(channelBitmap)
+        .u32(numberChannelDescriptions)
+        .error();
 }
-
-MP4Err CChannelCompositionBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(channelLayoutTag);
-    if (err == MP4_OK) err = storage->writeUInt32(channelBitmap);
-    if (err == MP4_OK) err = storage->writeUInt32(numberChannelDescriptions);
-    return err;
-}
+template class CFieldBox<CChannelCompositionBox, CFullBox>;
 
 MP4Err CChannelCompositionBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -224,12 +157,6 @@ MP4Err CChannelCompositionBox::dump(int32_t depth) {
     dumpLine(depth, "Data: %u\n", channelLayoutTag);
     dumpLine(depth, "Data: 0x%08x\n", channelBitmap);
     dumpLine(depth, "Data: %u\n", numberChannelDescriptions);
-    return MP4_OK;
-}
-
-MP4Err CChannelCompositionBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4 + 12;
     return MP4_OK;
 }
 
@@ -245,34 +172,25 @@ CAppleAvcBox::CAppleAvcBox() {
     if (usertype) std::memcpy(usertype.get(), kUserType, 16);
 }
 
-MP4Err CAppleAvcBox::read(CStorage* storage) {
-    if (remaining >= 4) {
-        MP4Err err = storage->readUInt32(&value);
+template <class IO>
+MP4Err CAppleAvcBox::fields(IO& io) {
+    if constexpr (IO::kReads) {
+        // The value when there is one; the rest of the payload is passed.
+        if (remaining >= 4 && !io.u32(value).ok()) return io.error();
+        MP4Err err = io.storage()->skip(remaining);
         if (err != MP4_OK) return err;
-        remaining -= 4;
+        remaining = 0;
+        return MP4_OK;
+    } else {
+        return io.u32(value).error();
     }
-    MP4Err err = storage->skip(remaining);
-    if (err != MP4_OK) return err;
-    remaining = 0;
-    return MP4_OK;
 }
-
-MP4Err CAppleAvcBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt32(value);
-}
+template class CFieldBox<CAppleAvcBox, CBox>;
 
 MP4Err CAppleAvcBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
     if (err != MP4_OK) return err;
     dumpLine(depth, "Value: 0x%08x (Apple's private data)\n", value);
-    return MP4_OK;
-}
-
-MP4Err CAppleAvcBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4;
     return MP4_OK;
 }
 

@@ -13,12 +13,11 @@ namespace quil {
 
 // A box whose whole payload is kept as raw bytes. "d263" and "damr" share
 // this behaviour and differ only in their type.
-class CCodecSpecificDataBox : public CBox {
+class CCodecSpecificDataBox : public CFieldBox<CCodecSpecificDataBox, CBox> {
 public:
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Replaces the payload with a copy of the bytes (null with length 0
     // empties it). 2 for a null buffer with a non-zero length, 1 when the
@@ -54,13 +53,12 @@ public:
 };
 
 // "btrt", ISO/IEC 14496-12 §8.5.2 BitRateBox.
-class CMPEG4BitRateBox : public CBox {
+class CMPEG4BitRateBox : public CFieldBox<CMPEG4BitRateBox, CBox> {
 public:
     CMPEG4BitRateBox() { type = fourcc("btrt"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t bufferSizeDB = 0;
     uint32_t maxBitrate = 0;
@@ -68,13 +66,12 @@ public:
 };
 
 // "pasp", ISO/IEC 14496-12 §12.1.4 PixelAspectRatioBox.
-class CPixelAspectRatioBox : public CBox {
+class CPixelAspectRatioBox : public CFieldBox<CPixelAspectRatioBox, CBox> {
 public:
     CPixelAspectRatioBox() { type = fourcc("pasp"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t hSpacing = 1;
     uint32_t vSpacing = 1;
@@ -90,13 +87,12 @@ public:
 
 // "enda": 0 big-endian, non-zero little-endian samples. The value is not
 // interpreted here; the sound entry that holds the box decides.
-class CEndianFormatBox : public CBox {
+class CEndianFormatBox : public CFieldBox<CEndianFormatBox, CBox> {
 public:
     CEndianFormatBox() { type = fourcc("enda"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint16_t data = 0;
 };
@@ -104,13 +100,12 @@ public:
 // "chan", the QuickTime audio channel layout. Only its three fixed values
 // are kept; channel descriptions after them are skipped when read and not
 // written back.
-class CChannelCompositionBox : public CFullBox {
+class CChannelCompositionBox : public CFieldBox<CChannelCompositionBox, CFullBox> {
 public:
     CChannelCompositionBox() { type = fourcc("chan"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t channelLayoutTag = 0;
     uint32_t channelBitmap = 0;
@@ -120,16 +115,15 @@ public:
 // "uuid" 6B6840F2-5F24-4FC5-BA39-A51BCF0323F3: a 32-bit value Apple
 // encoders put into AVC sample entries. Anything after the value is
 // ignored.
-class CAppleAvcBox : public CBox {
+class CAppleAvcBox : public CFieldBox<CAppleAvcBox, CBox> {
 public:
     static const uint8_t kUserType[16];
 
     // A new box carries its user type, so it can be written at once.
     CAppleAvcBox();
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t value = 0;
 };

@@ -8,7 +8,7 @@
 
 #include "Box.h"
 #include "descriptors/ConfigRecords.h"
-#include "descriptors/Descriptors.h"
+#include "descriptors/EsDescriptors.h"
 #include "descriptors/ObjectDescriptors.h"
 
 namespace quil {

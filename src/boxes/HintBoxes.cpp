@@ -5,8 +5,8 @@
 #include <new>
 
 #include "boxes/BoxFactory.h"
+#include "boxes/FieldBox.h"
 #include "io/Dump.h"
-#include "io/FieldIO.h"
 
 namespace quil {
 namespace {
@@ -27,25 +27,7 @@ MP4Err takeInto(std::unique_ptr<T>* slot, CBox* box) {
 
 // ---- 32-bit payload boxes ---------------------------------------------------
 
-MP4Err CInt32PayloadBox::read(CStorage* storage) {
-    if (remaining < 4) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt32(&value);
-    if (err != MP4_OK) return err;
-    remaining -= 4;
-    return MP4_OK;
-}
-
-MP4Err CInt32PayloadBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt32(value);
-}
-
-MP4Err CInt32PayloadBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4;
-    return MP4_OK;
-}
+template class CFieldBox<CInt32PayloadBox, CBox>;
 
 MP4Err CRTPOffsetTLVBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -77,16 +59,17 @@ MP4Err CSequenceOffsetBox::dump(int32_t depth) {
 
 // ---- "rtp " hint sample entry -----------------------------------------------
 
-MP4Err CRtpHintSampleEntry::read(CStorage* storage) {
-    MP4Err err = readSampleEntryStart(storage);
-    if (err != MP4_OK) return err;
-    if (remaining < kRtpEntryFieldsSize) return MP4_ERR_BAD_BOX_SIZE;
-    err = storage->readUInt16(&hintTrackVersion);
-    if (err == MP4_OK) err = storage->readUInt16(&highestCompatibleVersion);
-    if (err == MP4_OK) err = storage->readUInt32(&maxPacketSize);
-    if (err != MP4_OK) return err;
-    remaining -= kRtpEntryFieldsSize;
+template <class IO>
+MP4Err CRtpHintSampleEntry::fields(IO& io) {
+    if (!startFields(io).ok()) return io.error();
+    if (IO::kReads && remaining < kRtpEntryFieldsSize) return MP4_ERR_BAD_BOX_SIZE;
+    return io.u16(hintTrackVersion).u16(highestCompatibleVersion).u32(maxPacketSize).error();
+}
+template class CFieldBox<CRtpHintSampleEntry, CSampleEntry>;
 
+MP4Err CRtpHintSampleEntry::read(CStorage* storage) {
+    MP4Err err = readFields(this, storage, &remaining);
+    if (err != MP4_OK) return err;
     // Children one at a time: the three known ones are kept (a second one
     // of a kind is an error), anything else is read and dropped. A damaged
     // child ends the list, as in every container.
@@ -106,10 +89,7 @@ MP4Err CRtpHintSampleEntry::read(CStorage* storage) {
 
 MP4Err CRtpHintSampleEntry::write(CStorage* storage) {
     if (!tims) return MP4_ERR_WRONG_LAYOUT;
-    MP4Err err = writeSampleEntryStart(storage);
-    if (err == MP4_OK) err = storage->writeUInt16(hintTrackVersion);
-    if (err == MP4_OK) err = storage->writeUInt16(highestCompatibleVersion);
-    if (err == MP4_OK) err = storage->writeUInt32(maxPacketSize);
+    MP4Err err = CFieldBox::write(storage);
     if (err == MP4_OK) err = tims->write(storage);
     if (err == MP4_OK && tsro) err = tsro->write(storage);
     if (err == MP4_OK && snro) err = snro->write(storage);
@@ -117,8 +97,7 @@ MP4Err CRtpHintSampleEntry::write(CStorage* storage) {
 }
 
 MP4Err CRtpHintSampleEntry::calculateSize() {
-    calculateStartSize();
-    size += kRtpEntryFieldsSize;
+    CFieldBox::calculateSize();
     CBox* kept[] = {tims.get(), tsro.get(), snro.get()};
     for (CBox* child : kept) {
         if (!child) continue;
@@ -188,62 +167,29 @@ MP4Err CSdpTextBox::setText(const char* text) {
     return MP4_OK;
 }
 
-MP4Err CSdpTextBox::readText(CStorage* storage) {
-    if (remaining > UINT32_MAX - 1) return MP4_ERR_BAD_BOX_SIZE;
-    const uint32_t length = static_cast<uint32_t>(remaining);
-    std::unique_ptr<uint8_t[]> bytes;
-    // Grows with the bytes actually there, so a damaged size cannot make
-    // us allocate more than the input holds.
-    MP4Err err = readOwnedBytes(storage, length, &bytes);
-    if (err != MP4_OK) return err;
-    text_.reset(new (std::nothrow) char[static_cast<size_t>(length) + 1]);
-    if (!text_) return MP4_ERR_OUT_OF_MEMORY;
-    if (length > 0) std::memcpy(text_.get(), bytes.get(), length);
-    text_[length] = '\0';
-    // Up to the first zero, like any C text.
-    textLength_ = static_cast<uint32_t>(std::strlen(text_.get()));
-    remaining = 0;
-    return MP4_OK;
+template <class IO>
+MP4Err CSdpTextBox::textFields(IO& io) {
+    if constexpr (IO::kReads) {
+        if (remaining > UINT32_MAX - 1) return MP4_ERR_BAD_BOX_SIZE;
+        const uint32_t length = static_cast<uint32_t>(remaining);
+        std::unique_ptr<uint8_t[]> bytes;
+        // Grows with the bytes actually there, so a damaged size cannot
+        // make us allocate more than the input holds.
+        if (!io.owned(bytes, length).ok()) return io.error();
+        text_.reset(new (std::nothrow) char[static_cast<size_t>(length) + 1]);
+        if (!text_) return MP4_ERR_OUT_OF_MEMORY;
+        if (length > 0) std::memcpy(text_.get(), bytes.get(), length);
+        text_[length] = '\0';
+        // Up to the first zero, like any C text.
+        textLength_ = static_cast<uint32_t>(std::strlen(text_.get()));
+        remaining = 0;
+        return MP4_OK;
+    } else {
+        return io.bytes(reinterpret_cast<const uint8_t*>(text_.get()), textLength_).error();
+    }
 }
 
-MP4Err CSdpTextBox::writeText(CStorage* storage) {
-    if (textLength_ == 0) return MP4_OK;
-    return storage->writeBlock(text_.get(), static_cast<int32_t>(textLength_));
-}
-
-MP4Err CRtpMovieHintInformationBox::read(CStorage* storage) {
-    if (remaining < 4) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt32(&descriptionFormat);
-    if (err != MP4_OK) return err;
-    remaining -= 4;
-    return readText(storage);
-}
-
-MP4Err CRtpMovieHintInformationBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(descriptionFormat);
-    if (err == MP4_OK) err = writeText(storage);
-    return err;
-}
-
-MP4Err CRtpMovieHintInformationBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4 + static_cast<uint64_t>(textLength_);
-    return MP4_OK;
-}
-
-MP4Err CRtpTrackSdpHintInformationBox::read(CStorage* storage) { return readText(storage); }
-
-MP4Err CRtpTrackSdpHintInformationBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeText(storage);
-    return err;
-}
-
-MP4Err CRtpTrackSdpHintInformationBox::calculateSize() {
-    CBox::calculateSize();
-    size += textLength_;
-    return MP4_OK;
-}
+template class CFieldBox<CRtpMovieHintInformationBox, CSdpTextBox>;
+template class CFieldBox<CRtpTrackSdpHintInformationBox, CSdpTextBox>;
 
 }  // namespace quil

@@ -9,17 +9,19 @@
 
 #include "boxes/Box.h"
 #include "boxes/SampleEntries.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 
 // A plain box whose payload is one 32-bit value: "rtpo" (signed time
 // offset of a packet), "tims" (RTP clock rate), "tsro" (random offset added
 // to RTP timestamps), "snro" (random offset added to sequence numbers).
-class CInt32PayloadBox : public CBox {
+class CInt32PayloadBox : public CFieldBox<CInt32PayloadBox, CBox> {
 public:
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io) {
+        return io.u32(value).error();
+    }
 
     uint32_t value = 0;
 
@@ -54,13 +56,17 @@ public:
 
 // "rtp " hint sample entry. Keeps its "tims" (required), "tsro" and "snro"
 // children; any other child is read and dropped.
-class CRtpHintSampleEntry : public CSampleEntry {
+class CRtpHintSampleEntry : public CFieldBox<CRtpHintSampleEntry, CSampleEntry> {
 public:
-    CRtpHintSampleEntry() : CSampleEntry(fourcc("rtp ")) {}
+    CRtpHintSampleEntry() : CFieldBox(fourcc("rtp ")) {}
+    // The fields, then the kept children ("tims", "tsro", "snro").
     MP4Err read(CStorage* storage) override;
+    // 8 without "tims".
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err findChild(uint32_t childType, CBox** box, uint32_t instance = 1) override;
     // Takes a "tims", "tsro" or "snro" box: 8 when one is held already,
     // 2 for any other box (not taken).
@@ -93,8 +99,10 @@ public:
     uint32_t textLength() const { return textLength_; }
 
 protected:
-    MP4Err readText(CStorage* storage);
-    MP4Err writeText(CStorage* storage);
+    // The text up to the end of the box: read whole (kept up to its first
+    // zero), written and counted without a terminator.
+    template <class IO>
+    MP4Err textFields(IO& io);
 
     std::unique_ptr<char[]> text_;
     uint32_t textLength_ = 0;
@@ -102,23 +110,25 @@ protected:
 
 // Movie-level "rtp " inside "hnti": a description format ("sdp "), then
 // the session SDP up to the end of the box.
-class CRtpMovieHintInformationBox : public CSdpTextBox {
+class CRtpMovieHintInformationBox : public CFieldBox<CRtpMovieHintInformationBox, CSdpTextBox> {
 public:
     CRtpMovieHintInformationBox() { type = fourcc("rtp "); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io) {
+        return io.u32(descriptionFormat).ok() ? textFields(io) : io.error();
+    }
 
     uint32_t descriptionFormat = fourcc("sdp ");
 };
 
 // "sdp " inside a track's "hnti": the media SDP is the whole payload.
-class CRtpTrackSdpHintInformationBox : public CSdpTextBox {
+class CRtpTrackSdpHintInformationBox : public CFieldBox<CRtpTrackSdpHintInformationBox, CSdpTextBox> {
 public:
     CRtpTrackSdpHintInformationBox() { type = fourcc("sdp "); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io) {
+        return textFields(io);
+    }
 };
 
 }  // namespace quil

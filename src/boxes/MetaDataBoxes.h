@@ -11,17 +11,17 @@
 #include <vector>
 
 #include "Box.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 
 // Common base of the asset boxes: a packed ISO 639-2/T language code and a
 // zero-terminated text (UTF-8, or UTF-16 starting with a byte order mark).
-class CAssetMetaDataBox : public CFullBox {
+class CAssetMetaDataBox : public CFieldBox<CAssetMetaDataBox, CFullBox> {
 public:
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // language: three letters, each at least "a" (else 2). Replaces the
     // text with a copy of exactly length bytes (none when text is null or
@@ -49,14 +49,13 @@ public:
 protected:
     explicit CAssetMetaDataBox(uint32_t boxType) { type = boxType; }
     // Fields that come between version/flags and the language ("rtng",
-    // "clsf"): read, write, size and dump. None by default.
-    virtual MP4Err readLeadingFields(CStorage*) { return MP4_OK; }
-    virtual MP4Err writeLeadingFields(CStorage*) { return MP4_OK; }
-    virtual uint32_t leadingFieldsSize() const { return 0; }
+    // "clsf"), one override per walker, each running the box's one
+    // template (see LeadingFields below). None by default.
+    virtual MP4Err leadingFields(FieldReader<uint64_t>& io) { return io.error(); }
+    virtual MP4Err leadingFields(FieldWriter& io) { return io.error(); }
+    virtual MP4Err leadingFields(FieldCounter& io) { return io.error(); }
     virtual void dumpLeadingFields(int32_t) {}
 
-    MP4Err readLanguage(CStorage* storage);
-    MP4Err writeLanguage(CStorage* storage);
     void dumpLanguage(int32_t depth);
 };
 
@@ -85,44 +84,63 @@ public:
     CCopyrightBox() : CAssetMetaDataBox(fourcc("cprt")) {}
 };
 
+// An asset box with fields before its language: Self defines
+//     template <class IO> MP4Err leading(IO& io);
+// and every walker runs it.
+template <class Self>
+class CLeadingFieldsBox : public CAssetMetaDataBox {
+protected:
+    using CAssetMetaDataBox::CAssetMetaDataBox;
+    MP4Err leadingFields(FieldReader<uint64_t>& io) override { return self()->leading(io); }
+    MP4Err leadingFields(FieldWriter& io) override { return self()->leading(io); }
+    MP4Err leadingFields(FieldCounter& io) override { return self()->leading(io); }
+
+private:
+    Self* self() { return static_cast<Self*>(this); }
+};
+
 // "rtng": rating entity and criteria (four-character codes) before the
 // language.
-class CRatingBox : public CAssetMetaDataBox {
+class CRatingBox : public CLeadingFieldsBox<CRatingBox> {
 public:
-    CRatingBox() : CAssetMetaDataBox(fourcc("rtng")) {}
+    CRatingBox() : CLeadingFieldsBox(fourcc("rtng")) {}
+    template <class IO>
+    MP4Err leading(IO& io) {
+        return io.u32(ratingEntity).u32(ratingCriteria).error();
+    }
     uint32_t ratingEntity = 0;
     uint32_t ratingCriteria = 0;
 
 protected:
-    MP4Err readLeadingFields(CStorage* storage) override;
-    MP4Err writeLeadingFields(CStorage* storage) override;
-    uint32_t leadingFieldsSize() const override { return 8; }
     void dumpLeadingFields(int32_t depth) override;
 };
 
 // "clsf": classification entity (four-character code) and table.
-class CClassificationBox : public CAssetMetaDataBox {
+class CClassificationBox : public CLeadingFieldsBox<CClassificationBox> {
 public:
-    CClassificationBox() : CAssetMetaDataBox(fourcc("clsf")) {}
+    CClassificationBox() : CLeadingFieldsBox(fourcc("clsf")) {}
+    template <class IO>
+    MP4Err leading(IO& io) {
+        return io.u32(classificationEntity).u16(classificationTable).error();
+    }
     uint32_t classificationEntity = 0;
     uint16_t classificationTable = 0;
 
 protected:
-    MP4Err readLeadingFields(CStorage* storage) override;
-    MP4Err writeLeadingFields(CStorage* storage) override;
-    uint32_t leadingFieldsSize() const override { return 6; }
     void dumpLeadingFields(int32_t depth) override;
 };
 
 // "kywd": a language, a keyword count and the keywords, each a length byte
 // and that many bytes.
-class CKeywordBox : public CFullBox {
+class CKeywordBox : public CFieldBox<CKeywordBox, CFullBox> {
 public:
     CKeywordBox() { type = fourcc("kywd"); }
-    MP4Err read(CStorage* storage) override;
+    // 5 when fewer keywords are held than counted.
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Appends a copy of a keyword (does not change keywordCount). 1 when it
     // cannot be allocated.
@@ -149,13 +167,12 @@ public:
 
 // "pdin", ISO/IEC 14496-12 §8.1.3: pairs of download rate (bytes per
 // second) and the initial delay (milliseconds) playing at that rate needs.
-class CProgressiveDownloadInfoBox : public CFullBox {
+class CProgressiveDownloadInfoBox : public CFieldBox<CProgressiveDownloadInfoBox, CFullBox> {
 public:
     CProgressiveDownloadInfoBox() { type = fourcc("pdin"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     struct Entry {
         uint32_t rate;
@@ -166,13 +183,12 @@ public:
 
 // "tsel", ISO/IEC 14496-12 §8.10.3: the track's switch group and the
 // attributes (four-character codes) it may be told apart by.
-class CTrackSelectionBox : public CFullBox {
+class CTrackSelectionBox : public CFieldBox<CTrackSelectionBox, CFullBox> {
 public:
     CTrackSelectionBox() { type = fourcc("tsel"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     int32_t switchGroup = 0;
     std::vector<uint32_t> attributes;

@@ -60,6 +60,19 @@ MP4Err copyText(const char* text, uint32_t maxLength, std::unique_ptr<char[]>* o
     return MP4_OK;
 }
 
+// Version and flags, then the fields "mvhd" and "mdhd" start with: the
+// creation and modification times, the time scale and the duration, the
+// times and duration in 64 bits in version 1.
+template <class IO, class Header>
+IO& timedHeaderFields(IO& io, Header* box) {
+    if (!io.versionAndFlags(box->version, box->flags).ok()) return io;
+    const bool wide = box->version == 1;
+    return io.u32or64(wide, box->creationTime)
+        .u32or64(wide, box->modificationTime)
+        .u32(box->timeScale)
+        .u32or64(wide, box->duration);
+}
+
 // A text and its terminating zero, written or counted.
 template <class IO>
 IO& zeroTerminated(IO& io, const char* text) {
@@ -194,12 +207,7 @@ MP4Err CFileTypeBox::setCompatibleBrands(const uint32_t* brands, int32_t count) 
 
 template <class IO>
 MP4Err CMovieHeaderBox::fields(IO& io) {
-    if (!io.versionAndFlags(version, flags).ok()) return io.error();
-    const bool wide = version == 1;
-    return io.u32or64(wide, creationTime)
-        .u32or64(wide, modificationTime)
-        .u32(timeScale)
-        .u32or64(wide, duration)
+    return timedHeaderFields(io, this)
         .i32(rate)
         .i16(volume)
         .u16(reserved1)
@@ -332,25 +340,10 @@ MP4Err CTrackReferenceTypeBox::addTrackId(uint32_t trackId) {
 
 template <class IO>
 MP4Err CMediaHeaderBox::fields(IO& io) {
-    if (!io.versionAndFlags(version, flags).ok()) return io.error();
-    const bool wide = version == 1;
-    uint16_t packedLanguage = 0;
-    if (!IO::kReads) {
-        packedLanguage = static_cast<uint16_t>((language[0] * 32u + language[1]) * 32u + language[2]);
-    }
-    io.u32or64(wide, creationTime)
-        .u32or64(wide, modificationTime)
-        .u32(timeScale)
-        .u32or64(wide, duration)
-        .u16(packedLanguage)
-        .u16(preDefined);
-    if (IO::kReads) {
-        // The codes are taken even when pre-defined could not be read.
-        language[0] = static_cast<uint8_t>((packedLanguage >> 10) & 31);
-        language[1] = static_cast<uint8_t>((packedLanguage >> 5) & 31);
-        language[2] = static_cast<uint8_t>(packedLanguage & 31);
-    }
-    return io.error();
+    return timedHeaderFields(io, this)
+        .language(language)
+        .u16(preDefined)
+        .error();
 }
 template class CFieldBox<CMediaHeaderBox, CFullBox>;
 

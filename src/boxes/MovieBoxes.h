@@ -376,6 +376,7 @@ public:
     MP4Err read(CStorage* storage) override;
     MP4Err write(CStorage* storage) override;
     MP4Err calculateSize() override;
+    bool writtenElsewhere() const override { return true; }
 
     uint64_t dataSize = 0;   // payload bytes
     uint64_t boxOffset = 0;  // file position of the first header byte

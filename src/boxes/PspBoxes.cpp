@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "boxes/FieldBox.h"
 #include "io/Dump.h"
 #include "io/FourCC.h"
 
@@ -101,40 +102,26 @@ CPspFprfBox::CPspFprfBox() : CPspProfileEntryBox(fourcc("FPRF"), kFprfNames, kFi
 CPspVprfBox::CPspVprfBox() : CPspProfileEntryBox(fourcc("VPRF"), kVprfNames, kFieldCount) {}
 CPspAprfBox::CPspAprfBox() : CPspProfileEntryBox(fourcc("APRF"), kAprfNames, kFieldCount) {}
 
-MP4Err CPspProfileEntryBox::read(CStorage* storage) {
-    if (remaining < 4) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
+template <class IO>
+MP4Err CPspProfileEntryBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
     for (size_t i = 0; i < fieldCount_; ++i) {
         // A short entry keeps zeros in the fields it lacks.
-        if (remaining < 4) return MP4_OK;
-        err = storage->readUInt32(&fields_[i]);
-        if (err != MP4_OK) return err;
-        remaining -= 4;
+        if constexpr (IO::kReads) {
+            if (remaining < 4) return MP4_OK;
+        }
+        io.u32(fields_[i]);
     }
-    if (remaining == 0 || remaining > kMaxTrailingBytes) return MP4_OK;
-    trailing_.resize(static_cast<size_t>(remaining));
-    err = storage->readBytes(trailing_.data(), remaining);
-    if (err != MP4_OK) return err;
-    remaining = 0;
-    return MP4_OK;
-}
-
-MP4Err CPspProfileEntryBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    for (size_t i = 0; err == MP4_OK && i < fieldCount_; ++i) err = storage->writeUInt32(fields_[i]);
-    if (err == MP4_OK && !trailing_.empty()) {
-        err = storage->writeBytes(trailing_.data(), static_cast<int32_t>(trailing_.size()));
+    if constexpr (IO::kReads) {
+        if (!io.ok() || remaining == 0 || remaining > kMaxTrailingBytes) return io.error();
+        trailing_.resize(static_cast<size_t>(remaining));
+        if (io.bytes(trailing_.data(), remaining).ok()) remaining = 0;
+        return io.error();
+    } else {
+        return io.bytes(trailing_.data(), trailing_.size()).error();
     }
-    return err;
 }
-
-MP4Err CPspProfileEntryBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4 + 4 * fieldCount_ + trailing_.size();
-    return MP4_OK;
-}
+template class CFieldBox<CPspProfileEntryBox, CFullBox>;
 
 MP4Err CPspProfileEntryBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -167,31 +154,17 @@ CPspProfBox::CPspProfBox() {
     (void)makeUserType(&usertype, kUserType);
 }
 
+template <class IO>
+MP4Err CPspProfBox::fields(IO& io) {
+    return io.require(8).versionAndFlags(version, flags).u32(entryCount).error();
+}
+template class CFieldBox<CPspProfBox, CFullBox>;
+
 MP4Err CPspProfBox::read(CStorage* storage) {
-    if (remaining < 8) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = readVersionAndFlags(storage);
-    if (err == MP4_OK) err = storage->readUInt32(&entryCount);
-    if (err != MP4_OK) return err;
-    remaining -= 4;
-    err = startChildList(&entries, this);
+    MP4Err err = readFields(this, storage, &remaining);
+    if (err == MP4_OK) err = startChildList(&entries, this);
     if (err != MP4_OK) return err;
     return readChildren(entries.get(), storage, &remaining);
-}
-
-MP4Err CPspProfBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(entryCount);
-    if (err == MP4_OK && entries) err = writeChildren(entries.get(), storage);
-    return err;
-}
-
-MP4Err CPspProfBox::calculateSize() {
-    CBox::calculateSize();
-    uint64_t total = size + 8;
-    MP4Err err = entries ? addChildrenSizes(entries.get(), &total) : MP4_OK;
-    size = total;
-    return err;
 }
 
 MP4Err CPspProfBox::dump(int32_t depth) {
@@ -255,40 +228,51 @@ CPspUsmtBox::CPspUsmtBox() {
     (void)makeUserType(&usertype, kUserType);
 }
 
-MP4Err CPspMtdtBox::read(CStorage* storage) {
-    if (remaining < 2) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt16(&entryCount);
-    if (err != MP4_OK) return err;
-    remaining -= 2;
-    for (uint16_t n = 0; n < entryCount; ++n) {
-        // Each entry is checked against the bytes left before its data is
-        // allocated; one that does not fit ends the table.
-        if (remaining < kMtdtEntryHeader) break;
-        uint16_t entrySize = 0, language = 0;
-        PspMetadataEntry entry;
-        err = storage->readUInt16(&entrySize);
-        if (err != MP4_OK) return err;
-        remaining -= 2;
-        if (entrySize < kMtdtEntryHeader || entrySize - 2u > remaining) {
-            trailing.push_back(static_cast<uint8_t>(entrySize >> 8));
-            trailing.push_back(static_cast<uint8_t>(entrySize));
-            break;
-        }
-        err = storage->readUInt32(&entry.type);
-        if (err == MP4_OK) err = storage->readUInt16(&language);
-        if (err == MP4_OK) err = storage->readUInt16(&entry.encoding);
-        if (err != MP4_OK) return err;
-        unpackLanguage(language, entry.language);
-        entry.data.resize(entrySize - kMtdtEntryHeader);
-        if (!entry.data.empty()) {
-            err = storage->readBytes(entry.data.data(), entry.data.size());
-            if (err != MP4_OK) return err;
-        }
-        remaining -= entrySize - 2u;
-        entries.push_back(std::move(entry));
-    }
-    return readTrailing(storage);
+template <class IO>
+MP4Err CPspMtdtBox::entryFields(IO& io, PspMetadataEntry& entry, uint16_t& language) {
+    return io.u32(entry.type)
+        .u16(language)
+        .u16(entry.encoding)
+        .bytes(entry.data.data(), entry.data.size())
+        .error();
 }
+
+template <class IO>
+MP4Err CPspMtdtBox::fields(IO& io) {
+    if (!io.u16(entryCount).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        for (uint16_t n = 0; n < entryCount; ++n) {
+            // Each entry is checked against the bytes left before its data
+            // is allocated; one that does not fit ends the table.
+            if (remaining < kMtdtEntryHeader) break;
+            uint16_t entrySize = 0, language = 0;
+            PspMetadataEntry entry;
+            if (!io.u16(entrySize).ok()) return io.error();
+            if (entrySize < kMtdtEntryHeader || entrySize - 2u > remaining) {
+                trailing.push_back(static_cast<uint8_t>(entrySize >> 8));
+                trailing.push_back(static_cast<uint8_t>(entrySize));
+                break;
+            }
+            entry.data.resize(entrySize - kMtdtEntryHeader);
+            MP4Err err = entryFields(io, entry, language);
+            if (err != MP4_OK) return err;
+            unpackLanguage(language, entry.language);
+            entries.push_back(std::move(entry));
+        }
+        return readTrailing(io.storage());
+    } else {
+        for (PspMetadataEntry& entry : entries) {
+            const uint64_t entrySize = kMtdtEntryHeader + entry.data.size();
+            if (entrySize > UINT16_MAX) io.fail(MP4_ERR_VALUE_TOO_LARGE);
+            uint16_t language = 0;
+            if (!packLanguage(entry.language, &language)) io.fail(MP4_ERR_INVALID_DATA);
+            io.u16(static_cast<uint16_t>(entrySize));
+            entryFields(io, entry, language);
+        }
+        return io.bytes(trailing.data(), trailing.size()).error();
+    }
+}
+template class CFieldBox<CPspMtdtBox, CBox>;
 
 MP4Err CPspMtdtBox::readTrailing(CStorage* storage) {
     if (remaining == 0 || remaining > kMaxTrailingBytes) return MP4_OK;
@@ -297,36 +281,6 @@ MP4Err CPspMtdtBox::readTrailing(CStorage* storage) {
     MP4Err err = storage->readBytes(trailing.data() + kept, remaining);
     if (err == MP4_OK) remaining = 0;
     return err;
-}
-
-MP4Err CPspMtdtBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = storage->writeUInt16(entryCount);
-    for (const PspMetadataEntry& entry : entries) {
-        const uint64_t entrySize = kMtdtEntryHeader + entry.data.size();
-        if (err == MP4_OK && entrySize > UINT16_MAX) err = MP4_ERR_VALUE_TOO_LARGE;
-        uint16_t language = 0;
-        if (err == MP4_OK && !packLanguage(entry.language, &language)) err = MP4_ERR_INVALID_DATA;
-        if (err == MP4_OK) err = storage->writeUInt16(static_cast<uint16_t>(entrySize));
-        if (err == MP4_OK) err = storage->writeUInt32(entry.type);
-        if (err == MP4_OK) err = storage->writeUInt16(language);
-        if (err == MP4_OK) err = storage->writeUInt16(entry.encoding);
-        if (err == MP4_OK && !entry.data.empty()) {
-            err = storage->writeBytes(entry.data.data(), static_cast<int32_t>(entry.data.size()));
-        }
-    }
-    if (err == MP4_OK && !trailing.empty()) {
-        err = storage->writeBytes(trailing.data(), static_cast<int32_t>(trailing.size()));
-    }
-    return err;
-}
-
-MP4Err CPspMtdtBox::calculateSize() {
-    CBox::calculateSize();
-    size += 2;
-    for (const PspMetadataEntry& entry : entries) size += kMtdtEntryHeader + entry.data.size();
-    size += trailing.size();
-    return MP4_OK;
 }
 
 MP4Err CPspMtdtBox::dump(int32_t depth) {

@@ -23,17 +23,17 @@
 #include <vector>
 
 #include "Box.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 
 // Entries of PROF: a full box whose payload is a fixed row of u32 fields.
 // Bytes after the fields, if a file has any, are kept and written back.
-class CPspProfileEntryBox : public CFullBox {
+class CPspProfileEntryBox : public CFieldBox<CPspProfileEntryBox, CFullBox> {
 public:
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t field(size_t index) const { return index < fieldCount_ ? fields_[index] : 0; }
     void setField(size_t index, uint32_t value) {
@@ -78,15 +78,15 @@ public:
 };
 
 // "uuid" PROF: the profile entries, in file order.
-class CPspProfBox : public CFullBox {
+class CPspProfBox : public CFieldBox<CPspProfBox, CFullBox> {
 public:
     static const uint8_t kUserType[16];
 
     CPspProfBox();  // carries its user type, so it can be written at once
     MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err findChild(uint32_t type, CBox** box, uint32_t instance = 1) override;
     MP4Err addChild(CBox* box) override;  // counts the entry
     CBoxList* childList() override { return entries.get(); }
@@ -116,16 +116,15 @@ struct PspMetadataEntry {
 };
 
 // "MTDT": the metadata table.
-class CPspMtdtBox : public CBox {
+class CPspMtdtBox : public CFieldBox<CPspMtdtBox, CBox> {
 public:
     enum EntryType : uint32_t { kTitle = 1, kCreationDate = 3, kEncoder = 4 };
     enum Encoding : uint16_t { kBinary = 0, kUtf16 = 1 };
 
     CPspMtdtBox() { type = fourcc("MTDT"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // A text entry stored as UTF-16BE with its terminator; text is UTF-8.
     // 2 for a language letter outside a..z or an invalid text; 10 when the
@@ -140,6 +139,9 @@ public:
     std::vector<uint8_t> trailing;
 
 private:
+    // One entry after its size field (type, language, encoding, data).
+    template <class IO>
+    static MP4Err entryFields(IO& io, PspMetadataEntry& entry, uint16_t& language);
     MP4Err readTrailing(CStorage* storage);
 };
 

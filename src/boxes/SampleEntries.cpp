@@ -5,27 +5,17 @@
 #include <cstring>
 #include <new>
 
+#include "boxes/FieldBox.h"
 #include "io/Dump.h"
 
 namespace quil {
 namespace {
 
-constexpr uint64_t kSampleEntryStartSize = 8;
-constexpr uint64_t kVisualFieldsSize = 70;
-constexpr uint64_t kSoundCommonSize = 20;      // version .. sample rate fraction
 constexpr uint64_t kSoundVersion1Size = 16;
 constexpr uint64_t kSoundVersion2MinimumLeft = 20;  // deliberately weaker than the 48 read
 constexpr uint32_t kSoundVersion2StructSize = 72;   // 8 + 8 + 8 + 48, no extensions
 constexpr uint64_t kAudioFieldsSize = 20;
 constexpr uint64_t kTimeCodeFieldsSize = 18;
-
-// Lowers *remaining by count. A payload shorter than its fixed fields
-// wraps the budget around; the factory's modular skip then still lands on
-// the end of the box, but nothing may be read from such a budget.
-void consume(uint64_t* remaining, uint64_t count, bool* overrun) {
-    if (*remaining < count) *overrun = true;
-    *remaining -= count;
-}
 
 // A double truncated to a 32-bit integer; NaN and values outside the
 // int32 range give 0x80000000, as the x86 conversion instruction does.
@@ -41,50 +31,38 @@ double doubleFromBits(uint64_t bits) {
     return value;
 }
 
-MP4Err discardInt16s(CStorage* storage, int count) {
-    for (int i = 0; i < count; ++i) {
-        int16_t ignored = 0;
-        MP4Err err = storage->readInt16(&ignored);
-        if (err != MP4_OK) return err;
-    }
-    return MP4_OK;
-}
-
 }  // namespace
 
 // ---- "stsd" ---------------------------------------------------------------
 
-MP4Err CSampleDescriptionBox::read(CStorage* storage) {
-    bool overrun = remaining < 8;
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    err = storage->readUInt32(&entryCount);
-    if (err != MP4_OK) return err;
-    remaining -= 4;
+template <class IO>
+MP4Err CSampleDescriptionBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags).u32(entryCount).error();
+}
+template class CFieldBox<CSampleDescriptionBox, CFullBox>;
 
+MP4Err CSampleDescriptionBox::calculateSize() {
+    MP4Err err = CFieldBox::calculateSize();
+    // Without a child list the size counts no entries.
+    return children ? err : MP4_ERR_INVALID_DATA;
+}
+
+MP4Err CSampleDescriptionBox::read(CStorage* storage) {
+    MP4Err err = readFields(this, storage, &remaining);
+    if (err != MP4_OK) return err;
     if (MP4Err err = startChildList(&children, this)) return err;
 
     uint64_t position = 0;
     err = storage->getPosition(&position);
     if (err != MP4_OK) return err;
-    // The sum wraps like the budget when the box is shorter than its fields.
     uint64_t end = position + remaining;
 
-    MP4Err result = MP4_OK;
-    if (!overrun) result = readChildren(children.get(), storage, &remaining);
+    MP4Err result = readChildren(children.get(), storage, &remaining);
     // Damaged entries may leave the storage anywhere: always continue
     // after the box. The seek's own result is deliberately not looked at.
     storage->seek(end);
     remaining = 0;
     return result;
-}
-
-MP4Err CSampleDescriptionBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(entryCount);
-    if (err != MP4_OK) return err;
-    return writeChildren(children.get(), storage);
 }
 
 MP4Err CSampleDescriptionBox::dump(int32_t depth) {
@@ -93,13 +71,6 @@ MP4Err CSampleDescriptionBox::dump(int32_t depth) {
     dumpVersionAndFlags(depth);
     dumpLine(depth, "Entry count = %u\n", entryCount);
     return dumpChildrenInBraces(children.get(), depth);
-}
-
-MP4Err CSampleDescriptionBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4 + 4;
-    if (!children) return MP4_ERR_INVALID_DATA;
-    return addChildrenSizes(children.get(), &size);
 }
 
 MP4Err CSampleDescriptionBox::findChild(uint32_t childType, CBox** box, uint32_t instance) {
@@ -136,24 +107,14 @@ MP4Err CSampleEntry::addChild(CBox* box) {
     return appendToChildList(&children, this, box);
 }
 
-MP4Err CSampleEntry::readSampleEntryStart(CStorage* storage) {
-    if (remaining < kSampleEntryStartSize) return MP4_ERR_BAD_BOX_SIZE;
-    uint8_t reserved[6];
-    MP4Err err = storage->readBytes(reserved, sizeof(reserved));
-    if (err != MP4_OK) return err;
-    err = storage->readUInt16(&dataReferenceIndex);
-    if (err != MP4_OK) return err;
-    remaining -= kSampleEntryStartSize;
-    return MP4_OK;
-}
-
-MP4Err CSampleEntry::writeSampleEntryStart(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    const uint8_t reserved[6] = {};
-    err = storage->writeBlock(reserved, sizeof(reserved));
-    if (err != MP4_OK) return err;
-    return storage->writeUInt16(dataReferenceIndex);
+template <class IO>
+MP4Err CSampleEntry::childrenAfterFields(IO& io) {
+    if constexpr (IO::kReads) {
+        if (!io.ok() || remaining == 0) return io.error();
+        return readEntryChildren(io.storage());
+    } else {
+        return io.error();
+    }
 }
 
 void CSampleEntry::dumpDataReferenceIndex(int32_t depth) {
@@ -165,58 +126,28 @@ MP4Err CSampleEntry::readEntryChildren(CStorage* storage) {
     return readChildren(children.get(), storage, &remaining);
 }
 
-void CSampleEntry::calculateStartSize() {
-    CBox::calculateSize();
-    size += kSampleEntryStartSize;
-}
-
 // ---- visual entries -------------------------------------------------------
 
-CVisualSampleEntry::CVisualSampleEntry(uint32_t format) : CSampleEntry(format) {}
+CVisualSampleEntry::CVisualSampleEntry(uint32_t format) : CFieldBox(format) {}
 
-MP4Err CVisualSampleEntry::read(CStorage* storage) {
-    MP4Err err = readSampleEntryStart(storage);
-    if (err == MP4_OK) err = storage->readUInt16(&preDefined1);
-    if (err == MP4_OK) err = storage->readInt16(&reserved1);
-    for (uint32_t& value : preDefined2) {
-        if (err == MP4_OK) err = storage->readUInt32(&value);
-    }
-    if (err == MP4_OK) err = storage->readInt16(&width);
-    if (err == MP4_OK) err = storage->readInt16(&height);
-    if (err == MP4_OK) err = storage->readInt32(&horizResolution);
-    if (err == MP4_OK) err = storage->readInt32(&vertResolution);
-    if (err == MP4_OK) err = storage->readInt32(&reserved2);
-    if (err == MP4_OK) err = storage->readInt16(&frameCount);
-    if (err == MP4_OK) err = storage->readBytes(compressorName, sizeof(compressorName));
-    if (err == MP4_OK) err = storage->readInt16(&depth);
-    if (err == MP4_OK) err = storage->readInt16(&preDefined3);
-    if (err != MP4_OK) return err;
-
-    bool overrun = false;
-    consume(&remaining, kVisualFieldsSize, &overrun);
-    if (remaining == 0 || overrun) return MP4_OK;
-    return readEntryChildren(storage);
+template <class IO>
+MP4Err CVisualSampleEntry::fields(IO& io) {
+    startFields(io)
+        .u16(preDefined1)
+        .i16(reserved1)
+        .array(preDefined2)
+        .i16(width)
+        .i16(height)
+        .i32(horizResolution)
+        .i32(vertResolution)
+        .i32(reserved2)
+        .i16(frameCount)
+        .bytes(compressorName, sizeof(compressorName))
+        .i16(depth)
+        .i16(preDefined3);
+    return childrenAfterFields(io);
 }
-
-MP4Err CVisualSampleEntry::write(CStorage* storage) {
-    MP4Err err = writeSampleEntryStart(storage);
-    if (err == MP4_OK) err = storage->writeUInt16(preDefined1);
-    if (err == MP4_OK) err = storage->writeInt16(reserved1);
-    for (uint32_t value : preDefined2) {
-        if (err == MP4_OK) err = storage->writeUInt32(value);
-    }
-    if (err == MP4_OK) err = storage->writeInt16(width);
-    if (err == MP4_OK) err = storage->writeInt16(height);
-    if (err == MP4_OK) err = storage->writeInt32(horizResolution);
-    if (err == MP4_OK) err = storage->writeInt32(vertResolution);
-    if (err == MP4_OK) err = storage->writeInt32(reserved2);
-    if (err == MP4_OK) err = storage->writeInt16(frameCount);
-    if (err == MP4_OK) err = storage->writeBlock(compressorName, sizeof(compressorName));
-    if (err == MP4_OK) err = storage->writeInt16(depth);
-    if (err == MP4_OK) err = storage->writeInt16(preDefined3);
-    if (err != MP4_OK) return err;
-    return writeChildren(children.get(), storage);
-}
+template class CFieldBox<CVisualSampleEntry, CSampleEntry>;
 
 MP4Err CVisualSampleEntry::dump(int32_t level) {
     MP4Err err = CBox::dump(level);
@@ -234,12 +165,6 @@ MP4Err CVisualSampleEntry::dump(int32_t level) {
     dumpLine(level, "Depth = 0x%04x, Pre-defined = %d\n", static_cast<uint32_t>(depth) & 0xFFFF,
              static_cast<int32_t>(preDefined3));
     return dumpChildrenInBraces(children.get(), level);
-}
-
-MP4Err CVisualSampleEntry::calculateSize() {
-    calculateStartSize();
-    size += kVisualFieldsSize;
-    return addChildrenSizes(children.get(), &size);
 }
 
 void CVisualSampleEntry::setCompressorName(const char* name) {
@@ -281,78 +206,54 @@ MP4Err CMP4SampleEntry::getESDBox(CBox** esds) {
 
 // ---- QuickTime sound description ------------------------------------------
 
-MP4Err CSoundSampleEntry::read(CStorage* storage) {
-    MP4Err err = readSampleEntryStart(storage);
-    if (err == MP4_OK) err = storage->readUInt16(&version);
-    if (err == MP4_OK) err = storage->readUInt16(&revisionLevel);
-    if (err == MP4_OK) err = storage->readUInt32(&vendor);
-    if (err != MP4_OK) return err;
-    bool overrun = false;
-    consume(&remaining, 8, &overrun);
-
-    if (version <= 1) {
-        err = readVersion01Fields(storage);
-        if (err != MP4_OK) return err;
-        consume(&remaining, 12, &overrun);
-        if (version == 1 && remaining >= kSoundVersion1Size) {
-            uint32_t* fields[] = {&samplesPerPacket, &bytesPerPacket, &bytesPerFrame,
-                                  &bytesPerSample};
-            for (uint32_t* field : fields) {
-                err = storage->readUInt32(field);
-                if (err != MP4_OK) return err;
-            }
-            remaining -= kSoundVersion1Size;
+template <class IO>
+MP4Err CSoundSampleEntry::fields(IO& io) {
+    if (!startFields(io).u16(version).u16(revisionLevel).u32(vendor).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        if (version == 2 && io.left() >= kSoundVersion2MinimumLeft) {
+            MP4Err err = readVersion2Fields(io);
+            return err != MP4_OK ? err : childrenAfterFields(io);
         }
-    } else if (version == 2 && remaining >= kSoundVersion2MinimumLeft) {
-        err = readVersion2Fields(storage);
-        if (err != MP4_OK) return err;
-        consume(&remaining, 48, &overrun);
-        if (sizeOfStruct > kSoundVersion2StructSize) {
-            // Extensions of the description up to its declared length.
-            uint64_t extension = sizeOfStruct - kSoundVersion2StructSize;
-            if (extension > remaining) extension = remaining;
-            err = storage->skip(extension);
-            if (err != MP4_OK) return err;
-            remaining -= extension;
-        }
-    } else {
-        // Unknown versions and truncated version-2 descriptions: the factory
-        // skips the rest.
-        return MP4_OK;
+        // Unknown versions and truncated version-2 descriptions: the
+        // factory skips the rest.
+        if (version > 1) return MP4_OK;
     }
-
-    if (remaining == 0 || overrun) return MP4_OK;
-    return readEntryChildren(storage);
+    io.u16(channelCount)
+        .u16(sampleSize)
+        .i16(compressionId)
+        .u16(packetSize)
+        .u16(sampleRateInteger)
+        .u16(sampleRateFraction);
+    bool version1Fields = version == 1;
+    if constexpr (IO::kReads) version1Fields = version1Fields && io.left() >= kSoundVersion1Size;
+    if (version1Fields) {
+        io.u32(samplesPerPacket).u32(bytesPerPacket).u32(bytesPerFrame).u32(bytesPerSample);
+    } else if (!IO::kReads && version != 0) {
+        // Version-2 descriptions are read but deliberately never written.
+        io.fail(MP4_ERR_INVALID_DATA);
+    }
+    return childrenAfterFields(io);
 }
+template class CFieldBox<CSoundSampleEntry, CSampleEntry>;
 
-MP4Err CSoundSampleEntry::readVersion01Fields(CStorage* storage) {
-    MP4Err err = storage->readUInt16(&channelCount);
-    if (err == MP4_OK) err = storage->readUInt16(&sampleSize);
-    if (err == MP4_OK) err = storage->readInt16(&compressionId);
-    if (err == MP4_OK) err = storage->readUInt16(&packetSize);
-    if (err == MP4_OK) err = storage->readUInt16(&sampleRateInteger);
-    if (err == MP4_OK) err = storage->readUInt16(&sampleRateFraction);
-    return err;
-}
-
-MP4Err CSoundSampleEntry::readVersion2Fields(CStorage* storage) {
+MP4Err CSoundSampleEntry::readVersion2Fields(FieldReader<uint64_t>& io) {
     // The fixed placeholders of the version-2 layout (always 3, 16, -2, 0
-    // and 65536) are not kept.
-    MP4Err err = discardInt16s(storage, 4);
-    uint32_t placeholder = 0;
-    if (err == MP4_OK) err = storage->readUInt32(&placeholder);
-    if (err == MP4_OK) err = storage->readUInt32(&sizeOfStruct);
+    // and 65536) and the marker 0x7F000000 are not kept.
+    int16_t placeholders[4] = {};
+    uint32_t placeholder = 0, channels = 0;
     uint64_t rateBits = 0;
-    if (err == MP4_OK) err = storage->readUInt64(&rateBits);
-    uint32_t channels = 0;
-    if (err == MP4_OK) err = storage->readUInt32(&channels);
-    int32_t alwaysMarker = 0;  // 0x7F000000
-    if (err == MP4_OK) err = storage->readInt32(&alwaysMarker);
-    if (err == MP4_OK) err = storage->readUInt32(&constBitsPerChannel);
-    if (err == MP4_OK) err = storage->readUInt32(&formatSpecificFlags);
-    if (err == MP4_OK) err = storage->readUInt32(&constBytesPerAudioPacket);
-    if (err == MP4_OK) err = storage->readUInt32(&constLPCMFramesPerAudioPacket);
-    if (err != MP4_OK) return err;
+    int32_t alwaysMarker = 0;
+    io.array(placeholders)
+        .u32(placeholder)
+        .u32(sizeOfStruct)
+        .u64(rateBits)
+        .u32(channels)
+        .i32(alwaysMarker)
+        .u32(constBitsPerChannel)
+        .u32(formatSpecificFlags)
+        .u32(constBytesPerAudioPacket)
+        .u32(constLPCMFramesPerAudioPacket);
+    if (!io.ok()) return io.error();
 
     audioSampleRate = doubleFromBits(rateBits);
     // Only the low 16 bits of each conversion survive (44100.0 gives a
@@ -360,33 +261,13 @@ MP4Err CSoundSampleEntry::readVersion2Fields(CStorage* storage) {
     sampleRateInteger = static_cast<uint16_t>(truncateToInt32Bits(audioSampleRate));
     sampleRateFraction = static_cast<uint16_t>(truncateToInt32Bits(audioSampleRate * 65536.0));
     channelCount = static_cast<uint16_t>(channels);
-    return MP4_OK;
-}
-
-MP4Err CSoundSampleEntry::write(CStorage* storage) {
-    MP4Err err = writeSampleEntryStart(storage);
-    if (err == MP4_OK) err = storage->writeUInt16(version);
-    if (err == MP4_OK) err = storage->writeUInt16(revisionLevel);
-    if (err == MP4_OK) err = storage->writeUInt32(vendor);
-    if (err == MP4_OK) err = storage->writeUInt16(channelCount);
-    if (err == MP4_OK) err = storage->writeUInt16(sampleSize);
-    if (err == MP4_OK) err = storage->writeInt16(compressionId);
-    if (err == MP4_OK) err = storage->writeUInt16(packetSize);
-    if (err == MP4_OK) err = storage->writeUInt16(sampleRateInteger);
-    if (err == MP4_OK) err = storage->writeUInt16(sampleRateFraction);
-    if (err != MP4_OK) return err;
-    if (version == 1) {
-        const uint32_t fields[] = {samplesPerPacket, bytesPerPacket, bytesPerFrame,
-                                   bytesPerSample};
-        for (uint32_t field : fields) {
-            err = storage->writeUInt32(field);
-            if (err != MP4_OK) return err;
-        }
-    } else if (version != 0) {
-        // Version-2 descriptions are read but deliberately never written.
-        return MP4_ERR_INVALID_DATA;
+    if (sizeOfStruct > kSoundVersion2StructSize) {
+        // Extensions of the description up to its declared length.
+        uint64_t extension = sizeOfStruct - kSoundVersion2StructSize;
+        if (extension > io.left()) extension = io.left();
+        io.skip(extension);
     }
-    return writeChildren(children.get(), storage);
+    return io.error();
 }
 
 MP4Err CSoundSampleEntry::dump(int32_t depth) {
@@ -426,15 +307,6 @@ void CSoundSampleEntry::dumpVersionFields(int32_t depth) {
     }
 }
 
-MP4Err CSoundSampleEntry::calculateSize() {
-    // A version-2 entry is sized like version 0 although it cannot be
-    // written.
-    calculateStartSize();
-    size += kSoundCommonSize;
-    if (version == 1) size += kSoundVersion1Size;
-    return addChildrenSizes(children.get(), &size);
-}
-
 uint32_t CSoundSampleEntry::perSampleByteCount() const {
     if (version == 1) return bytesPerSample;
     if (version == 2) return constBytesPerAudioPacket;
@@ -464,36 +336,22 @@ MP4Err CSoundSampleEntry::getEndianFormatBox(CEndianFormatBox** box) {
 
 // ---- ISO audio entry ------------------------------------------------------
 
-MP4Err CAudioSampleEntry::read(CStorage* storage) {
-    MP4Err err = readSampleEntryStart(storage);
-    if (err != MP4_OK) return err;
-    if (remaining < kAudioFieldsSize) return MP4_ERR_BAD_BOX_SIZE;
-    uint8_t reserved[8];
-    err = storage->readBytes(reserved, sizeof(reserved));
-    if (err == MP4_OK) err = storage->readUInt16(&channelCount);
-    if (err == MP4_OK) err = storage->readUInt16(&sampleSize);
+template <class IO>
+MP4Err CAudioSampleEntry::fields(IO& io) {
+    if (!startFields(io).ok()) return io.error();
+    if (IO::kReads && remaining < kAudioFieldsSize) return MP4_ERR_BAD_BOX_SIZE;
+    // Reserved and pre-defined fields: read and dropped, written as zero.
+    uint8_t reserved[8] = {};
     uint16_t preDefined = 0, reserved16 = 0;
-    if (err == MP4_OK) err = storage->readUInt16(&preDefined);
-    if (err == MP4_OK) err = storage->readUInt16(&reserved16);
-    if (err == MP4_OK) err = storage->readUInt32(&sampleRate);
-    if (err != MP4_OK) return err;
-    remaining -= kAudioFieldsSize;
-    if (remaining == 0) return MP4_OK;
-    return readEntryChildren(storage);
+    io.bytes(reserved, sizeof(reserved))
+        .u16(channelCount)
+        .u16(sampleSize)
+        .u16(preDefined)
+        .u16(reserved16)
+        .u32(sampleRate);
+    return childrenAfterFields(io);
 }
-
-MP4Err CAudioSampleEntry::write(CStorage* storage) {
-    MP4Err err = writeSampleEntryStart(storage);
-    const uint8_t reserved[8] = {};
-    if (err == MP4_OK) err = storage->writeBlock(reserved, sizeof(reserved));
-    if (err == MP4_OK) err = storage->writeUInt16(channelCount);
-    if (err == MP4_OK) err = storage->writeUInt16(sampleSize);
-    if (err == MP4_OK) err = storage->writeUInt16(0);  // pre-defined
-    if (err == MP4_OK) err = storage->writeUInt16(0);  // reserved
-    if (err == MP4_OK) err = storage->writeUInt32(sampleRate);
-    if (err != MP4_OK) return err;
-    return writeChildren(children.get(), storage);
-}
+template class CFieldBox<CAudioSampleEntry, CSampleEntry>;
 
 MP4Err CAudioSampleEntry::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -505,43 +363,23 @@ MP4Err CAudioSampleEntry::dump(int32_t depth) {
     return dumpChildrenInBraces(children.get(), depth);
 }
 
-MP4Err CAudioSampleEntry::calculateSize() {
-    calculateStartSize();
-    size += kAudioFieldsSize;
-    return addChildrenSizes(children.get(), &size);
-}
-
 // ---- time-code entry ------------------------------------------------------
 
-MP4Err CTimeCodeSampleEntry::read(CStorage* storage) {
-    MP4Err err = readSampleEntryStart(storage);
-    if (err != MP4_OK) return err;
-    if (remaining < kTimeCodeFieldsSize) return MP4_ERR_BAD_BOX_SIZE;
-    uint32_t reserved32 = 0;
+template <class IO>
+MP4Err CTimeCodeSampleEntry::fields(IO& io) {
+    if (!startFields(io).ok()) return io.error();
+    if (IO::kReads && remaining < kTimeCodeFieldsSize) return MP4_ERR_BAD_BOX_SIZE;
+    uint32_t reserved32 = 0;  // read and dropped, written as zero
     uint8_t reserved8 = 0;
-    err = storage->readUInt32(&reserved32);
-    if (err == MP4_OK) err = storage->readUInt32(&flags);
-    if (err == MP4_OK) err = storage->readUInt32(&timeScale);
-    if (err == MP4_OK) err = storage->readInt32(&frameDuration);
-    if (err == MP4_OK) err = storage->readUInt8(&numberOfFrames);
-    if (err == MP4_OK) err = storage->readUInt8(&reserved8);
-    if (err != MP4_OK) return err;
-    remaining -= kTimeCodeFieldsSize;
-    if (remaining == 0) return MP4_OK;
-    return readEntryChildren(storage);
+    io.u32(reserved32)
+        .u32(flags)
+        .u32(timeScale)
+        .i32(frameDuration)
+        .u8(numberOfFrames)
+        .u8(reserved8);
+    return childrenAfterFields(io);
 }
-
-MP4Err CTimeCodeSampleEntry::write(CStorage* storage) {
-    MP4Err err = writeSampleEntryStart(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(0);  // reserved
-    if (err == MP4_OK) err = storage->writeUInt32(flags);
-    if (err == MP4_OK) err = storage->writeUInt32(timeScale);
-    if (err == MP4_OK) err = storage->writeInt32(frameDuration);
-    if (err == MP4_OK) err = storage->writeUInt8(numberOfFrames);
-    if (err == MP4_OK) err = storage->writeUInt8(0);  // reserved
-    if (err != MP4_OK) return err;
-    return writeChildren(children.get(), storage);
-}
+template class CFieldBox<CTimeCodeSampleEntry, CSampleEntry>;
 
 MP4Err CTimeCodeSampleEntry::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -553,37 +391,20 @@ MP4Err CTimeCodeSampleEntry::dump(int32_t depth) {
     return dumpChildrenInBraces(children.get(), depth);
 }
 
-MP4Err CTimeCodeSampleEntry::calculateSize() {
-    calculateStartSize();
-    size += kTimeCodeFieldsSize;
-    return addChildrenSizes(children.get(), &size);
-}
-
 // ---- MPEG-4 systems entry -------------------------------------------------
 
-MP4Err CMP4MpegSampleEntry::read(CStorage* storage) {
-    MP4Err err = readSampleEntryStart(storage);
-    if (err != MP4_OK) return err;
-    if (remaining == 0) return MP4_OK;
-    return readEntryChildren(storage);
+template <class IO>
+MP4Err CMP4MpegSampleEntry::fields(IO& io) {
+    startFields(io);
+    return childrenAfterFields(io);
 }
-
-MP4Err CMP4MpegSampleEntry::write(CStorage* storage) {
-    MP4Err err = writeSampleEntryStart(storage);
-    if (err != MP4_OK) return err;
-    return writeChildren(children.get(), storage);
-}
+template class CFieldBox<CMP4MpegSampleEntry, CSampleEntry>;
 
 MP4Err CMP4MpegSampleEntry::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
     if (err != MP4_OK) return err;
     dumpDataReferenceIndex(depth);
     return dumpChildrenInBraces(children.get(), depth);
-}
-
-MP4Err CMP4MpegSampleEntry::calculateSize() {
-    calculateStartSize();
-    return addChildrenSizes(children.get(), &size);
 }
 
 }  // namespace quil

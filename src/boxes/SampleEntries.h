@@ -11,18 +11,20 @@
 
 #include "Box.h"
 #include "CodecBoxes.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 
 // "stsd": the entry count, then one sample entry per coding format as
 // child boxes. Reading always leaves the storage at the end of the box,
 // whatever happened to the entries.
-class CSampleDescriptionBox : public CFullBox {
+class CSampleDescriptionBox : public CFieldBox<CSampleDescriptionBox, CFullBox> {
 public:
     CSampleDescriptionBox() { type = fourcc("stsd"); }
     MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
     // 5 without a child list (the size then counts no entries).
     MP4Err calculateSize() override;
     MP4Err findChild(uint32_t childType, CBox** box, uint32_t instance = 1) override;
@@ -68,29 +70,39 @@ public:
 protected:
     explicit CSampleEntry(uint32_t format) { type = format; }
 
-    // 6 when fewer than 8 payload bytes remain; lowers remaining by 8.
-    MP4Err readSampleEntryStart(CStorage* storage);
-    // The box header, the 6 reserved bytes and the data reference index.
-    MP4Err writeSampleEntryStart(CStorage* storage);
+    // The 6 reserved bytes (zero when written) and the data reference
+    // index; a reader refuses them together (6) when fewer than 8 payload
+    // bytes remain.
+    template <class IO>
+    IO& startFields(IO& io);
+    // Ends an entry's fields: a reader goes on with the child boxes over
+    // what remains of the payload (writing and sizing take the children
+    // from CFieldBox).
+    template <class IO>
+    MP4Err childrenAfterFields(IO& io);
     // "m_ui16DataReferenceIndex: %d\n" (after the "Box type" line).
     void dumpDataReferenceIndex(int32_t depth);
     // Creates the child list (5 if there is one already) and reads the
     // children over what remains of the payload.
     MP4Err readEntryChildren(CStorage* storage);
-    // Header plus the 8 bytes of the start; clears sizeFromFile.
-    void calculateStartSize();
 };
+
+template <class IO>
+IO& CSampleEntry::startFields(IO& io) {
+    if (IO::kReads && remaining < 8) return io.fail(MP4_ERR_BAD_BOX_SIZE);
+    uint8_t reserved[6] = {};
+    return io.bytes(reserved, sizeof(reserved)).u16(dataReferenceIndex);
+}
 
 // ISO/IEC 14496-12 VisualSampleEntry, also the plain entry of the
 // QuickTime video codes ("raw ", "cvid", "dvc ", ...).
-class CVisualSampleEntry : public CSampleEntry {
+class CVisualSampleEntry : public CFieldBox<CVisualSampleEntry, CSampleEntry> {
 public:
     // format is the coding name (the box type).
     explicit CVisualSampleEntry(uint32_t format = 0);
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Width and height as the unsigned pixel counts they denote.
     uint32_t frameWidth() const { return static_cast<uint16_t>(width); }
@@ -174,14 +186,14 @@ protected:
 // The QuickTime sound description, versions 0, 1 and 2, also the plain
 // entry of the PCM and QuickTime audio codes. Version 2 descriptions are
 // read but cannot be written back.
-class CSoundSampleEntry : public CSampleEntry {
+class CSoundSampleEntry : public CFieldBox<CSoundSampleEntry, CSampleEntry> {
 public:
-    explicit CSoundSampleEntry(uint32_t format = 0) : CSampleEntry(format) {}
-    MP4Err read(CStorage* storage) override;
-    // 5 for a version other than 0 and 1, after the common 20 bytes.
-    MP4Err write(CStorage* storage) override;
+    explicit CSoundSampleEntry(uint32_t format = 0) : CFieldBox(format) {}
+    // Writing: 5 for a version other than 0 and 1, after the common 20
+    // bytes (version 2 is sized like version 0).
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Bytes of one audio sample as the description states it: "bytes per
     // sample" of version 1, "const bytes per audio packet" of version 2,
@@ -223,8 +235,7 @@ public:
     uint32_t constLPCMFramesPerAudioPacket = 0;
 
 private:
-    MP4Err readVersion01Fields(CStorage* storage);
-    MP4Err readVersion2Fields(CStorage* storage);
+    MP4Err readVersion2Fields(FieldReader<uint64_t>& io);
     void dumpVersionFields(int32_t depth);
 };
 
@@ -254,12 +265,11 @@ protected:
 // ISO/IEC 14496-12 AudioSampleEntry: 8 reserved bytes, channel count,
 // sample size, pre-defined, reserved (zero when written), sample rate as
 // 16.16, then child boxes.
-class CAudioSampleEntry : public CSampleEntry {
+class CAudioSampleEntry : public CFieldBox<CAudioSampleEntry, CSampleEntry> {
 public:
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // The integer part of the sample rate, in Hz.
     uint32_t sampleRateHz() const { return sampleRate >> 16; }
@@ -269,7 +279,7 @@ public:
     uint32_t sampleRate = 0;  // 16.16
 
 protected:
-    explicit CAudioSampleEntry(uint32_t format) : CSampleEntry(format) {}
+    explicit CAudioSampleEntry(uint32_t format) : CFieldBox(format) {}
 };
 
 // 3GPP AMR entries (TS 26.244): child "damr". Channel count and sample
@@ -300,7 +310,7 @@ public:
 // sample-entry start: reserved (u32), flags, time scale, frame duration,
 // number of frames (u8), reserved (u8), then child boxes. Reserved fields
 // are written as zero.
-class CTimeCodeSampleEntry : public CSampleEntry {
+class CTimeCodeSampleEntry : public CFieldBox<CTimeCodeSampleEntry, CSampleEntry> {
 public:
     // Time-code flag bits.
     static constexpr uint32_t kDropFrame = 0x1;
@@ -308,12 +318,11 @@ public:
     static constexpr uint32_t kNegativeTimesOk = 0x4;
     static constexpr uint32_t kCounter = 0x8;
 
-    CTimeCodeSampleEntry() : CSampleEntry(fourcc("tmcd")) {}
-    // 6 when the payload is shorter than the fixed fields.
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
+    CTimeCodeSampleEntry() : CFieldBox(fourcc("tmcd")) {}
+    // Reading: 6 when the payload is shorter than the fixed fields.
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     bool isDropFrame() const { return (flags & kDropFrame) != 0; }
 
@@ -325,13 +334,12 @@ public:
 
 // "mp4s" (ISO/IEC 14496-14 MpegSampleEntry): the sample-entry start, then
 // child boxes ("esds").
-class CMP4MpegSampleEntry : public CSampleEntry, public CMP4SampleEntry {
+class CMP4MpegSampleEntry : public CFieldBox<CMP4MpegSampleEntry, CSampleEntry>, public CMP4SampleEntry {
 public:
-    CMP4MpegSampleEntry() : CSampleEntry(fourcc("mp4s")) {}
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
+    CMP4MpegSampleEntry() : CFieldBox(fourcc("mp4s")) {}
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
 protected:
     CSampleEntry* sampleEntry() override { return this; }

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "Descriptors.h"
+#include "EsDescriptors.h"
 
 namespace quil {
 

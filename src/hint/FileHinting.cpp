@@ -11,7 +11,7 @@
 #include "boxes/ConfigBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
-#include "descriptors/Descriptors.h"
+#include "descriptors/EsDescriptors.h"
 #include "descriptors/ObjectDescriptors.h"
 #include "file/FileHinting.h"
 #include "file/Mp4FileImpl.h"

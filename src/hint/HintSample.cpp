@@ -25,11 +25,6 @@ MP4Err skipBytes(CStorage* storage, uint32_t count) {
     return storage->readBytes(ignored, count);
 }
 
-MP4Err writeZeros(CStorage* storage, uint32_t count) {
-    const uint8_t zeros[kConstructorSize] = {};
-    return storage->writeBlock(zeros, static_cast<int32_t>(count));
-}
-
 }  // namespace
 
 const char* constructorName(uint8_t type) {
@@ -56,29 +51,32 @@ MP4Err CRTPBaseConstructor::getType(uint8_t* type) {
     return MP4_OK;
 }
 
-MP4Err CRTPNoOpConstructor::read(CStorage* storage) {
-    return skipBytes(storage, kConstructorSize - 1);
+template <class Self>
+MP4Err CRTPFieldConstructor<Self>::read(CStorage* storage) {
+    uint32_t budget = kConstructorSize - 1;
+    return readFields(static_cast<Self*>(this), storage, &budget);
 }
 
-MP4Err CRTPNoOpConstructor::write(CStorage* storage) {
-    MP4Err err = storage->writeUInt8(type_);
-    if (err != MP4_OK) return err;
-    return writeZeros(storage, kConstructorSize - 1);
+template <class Self>
+MP4Err CRTPFieldConstructor<Self>::write(CStorage* storage) {
+    FieldWriter io(storage);
+    return io.u8(type_).ok() ? static_cast<Self*>(this)->fields(io) : io.error();
 }
 
-MP4Err CRTPImmediateConstructor::read(CStorage* storage) {
-    MP4Err err = storage->readUInt8(&count);
-    if (err == MP4_OK) err = storage->readBytes(data, kImmediateCapacity);
-    if (err != MP4_OK) return err;
-    return count <= kImmediateCapacity ? MP4_OK : MP4_ERR_INVALID_DATA;
+template <class IO>
+MP4Err CRTPNoOpConstructor::fields(IO& io) {
+    uint8_t zeros[kConstructorSize - 1] = {};  // read and dropped, written as zero
+    return io.bytes(zeros, sizeof(zeros)).error();
 }
+template class CRTPFieldConstructor<CRTPNoOpConstructor>;
 
-MP4Err CRTPImmediateConstructor::write(CStorage* storage) {
-    MP4Err err = storage->writeUInt8(type_);
-    if (err == MP4_OK) err = storage->writeUInt8(count);
-    if (err == MP4_OK) err = storage->writeBlock(data, kImmediateCapacity);
-    return err;
+template <class IO>
+MP4Err CRTPImmediateConstructor::fields(IO& io) {
+    // All 14 bytes, whatever the count.
+    if (!io.u8(count).bytes(data, kImmediateCapacity).ok()) return io.error();
+    return !IO::kReads || count <= kImmediateCapacity ? MP4_OK : MP4_ERR_INVALID_DATA;
 }
+template class CRTPFieldConstructor<CRTPImmediateConstructor>;
 
 MP4Err CRTPImmediateConstructor::dump(int32_t depth) {
     CRTPBaseConstructor::dump(depth);
@@ -97,20 +95,9 @@ MP4Err CRTPImmediateConstructor::getData(const uint8_t** bytes, uint32_t* byteCo
     return MP4_OK;
 }
 
-MP4Err CRTPSampleConstructor::read(CStorage* storage) {
-    MP4Err err = storage->readInt8(&trackRefIndex);
-    if (err == MP4_OK) err = storage->readUInt16(&length);
-    if (err == MP4_OK) err = storage->readUInt32(&sampleNumber);
-    if (err == MP4_OK) err = storage->readUInt32(&sampleOffset);
-    if (err == MP4_OK) err = storage->readUInt16(&bytesPerBlock);
-    if (err == MP4_OK) err = storage->readUInt16(&samplesPerBlock);
-    return err;
-}
-
-MP4Err CRTPSampleConstructor::write(CStorage* storage) {
-    return FieldWriter(storage)
-        .u8(type_)
-        .u8(static_cast<uint8_t>(trackRefIndex))
+template <class IO>
+MP4Err CRTPSampleConstructor::fields(IO& io) {
+    return io.i8(trackRefIndex)
         .u16(length)
         .u32(sampleNumber)
         .u32(sampleOffset)
@@ -118,6 +105,7 @@ MP4Err CRTPSampleConstructor::write(CStorage* storage) {
         .u16(samplesPerBlock)
         .error();
 }
+template class CRTPFieldConstructor<CRTPSampleConstructor>;
 
 MP4Err CRTPSampleConstructor::dump(int32_t depth) {
     CRTPBaseConstructor::dump(depth);
@@ -130,25 +118,16 @@ MP4Err CRTPSampleConstructor::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CRTPSampleDescriptionConstructor::read(CStorage* storage) {
-    MP4Err err = storage->readInt8(&trackRefIndex);
-    if (err == MP4_OK) err = storage->readUInt16(&length);
-    if (err == MP4_OK) err = storage->readUInt32(&sampleDescriptionIndex);
-    if (err == MP4_OK) err = storage->readUInt32(&sampleDescriptionOffset);
-    if (err == MP4_OK) err = storage->readUInt32(&reserved);
-    return err;
-}
-
-MP4Err CRTPSampleDescriptionConstructor::write(CStorage* storage) {
-    return FieldWriter(storage)
-        .u8(type_)
-        .u8(static_cast<uint8_t>(trackRefIndex))
+template <class IO>
+MP4Err CRTPSampleDescriptionConstructor::fields(IO& io) {
+    return io.i8(trackRefIndex)
         .u16(length)
         .u32(sampleDescriptionIndex)
         .u32(sampleDescriptionOffset)
         .u32(reserved)
         .error();
 }
+template class CRTPFieldConstructor<CRTPSampleDescriptionConstructor>;
 
 MP4Err CRTPSampleDescriptionConstructor::dump(int32_t depth) {
     CRTPBaseConstructor::dump(depth);
@@ -162,28 +141,36 @@ MP4Err CRTPSampleDescriptionConstructor::dump(int32_t depth) {
 
 // ---- packets ----------------------------------------------------------------
 
+template <class IO>
+MP4Err CRtpPacket::fields(IO& io) {
+    uint8_t flags1 = static_cast<uint8_t>((pBit << 5) | (xBit << 4));
+    uint8_t markerAndType = static_cast<uint8_t>((mBit << 7) | payloadType);
+    uint8_t reserved = 0;
+    uint8_t flags2 = static_cast<uint8_t>((extraFlag << 2) | (bFrameFlag << 1) | repeatFlag);
+    io.i32(relativeTime).u8(flags1).u8(markerAndType).u16(sequenceNumber).u8(reserved).u8(flags2).u16(entryCount);
+    if constexpr (IO::kReads) {
+        if (!io.ok()) return io.error();
+        // Deliberately not the bits write() uses: P is taken from 0x40 and X
+        // from 0x20, as files of this library have always been read.
+        pBit = (flags1 >> 6) & 1;
+        xBit = (flags1 >> 5) & 1;
+        mBit = (markerAndType >> 7) & 1;
+        payloadType = markerAndType & 0x7F;
+        extraFlag = (flags2 >> 2) & 1;
+        bFrameFlag = (flags2 >> 1) & 1;
+        repeatFlag = flags2 & 1;
+        // The extra information's length is read with its boxes.
+        return MP4_OK;
+    } else {
+        if (extraFlag) io.u32(extraInformationLength);
+        return io.error();
+    }
+}
+
 MP4Err CRtpPacket::read(CStorage* storage, uint64_t* bytesLeft) {
     if (*bytesLeft < kPacketHeaderSize) return MP4_ERR_BAD_BOX_SIZE;
-    uint8_t flags1 = 0, markerAndType = 0, reserved = 0, flags2 = 0;
-    MP4Err err = storage->readInt32(&relativeTime);
-    if (err == MP4_OK) err = storage->readUInt8(&flags1);
-    if (err == MP4_OK) err = storage->readUInt8(&markerAndType);
-    if (err == MP4_OK) err = storage->readUInt16(&sequenceNumber);
-    if (err == MP4_OK) err = storage->readUInt8(&reserved);
-    if (err == MP4_OK) err = storage->readUInt8(&flags2);
-    if (err == MP4_OK) err = storage->readUInt16(&entryCount);
+    MP4Err err = readFields(this, storage, bytesLeft);
     if (err != MP4_OK) return err;
-    *bytesLeft -= kPacketHeaderSize;
-
-    // Deliberately not the bits write() uses: P is taken from 0x40 and X
-    // from 0x20, as files of this library have always been read.
-    pBit = (flags1 >> 6) & 1;
-    xBit = (flags1 >> 5) & 1;
-    mBit = (markerAndType >> 7) & 1;
-    payloadType = markerAndType & 0x7F;
-    extraFlag = (flags2 >> 2) & 1;
-    bFrameFlag = (flags2 >> 1) & 1;
-    repeatFlag = flags2 & 1;
 
     if (extraFlag) {
         err = readExtraInformation(storage, bytesLeft);
@@ -260,16 +247,7 @@ MP4Err CRtpPacket::write(CStorage* storage) {
     uint64_t ignored = 0;
     MP4Err err = calculateSize(&ignored);  // recomputes the TLV sizes
     if (err != MP4_OK) return err;
-    FieldWriter writer(storage);
-    writer.u32(static_cast<uint32_t>(relativeTime))
-        .u8((pBit << 5) | (xBit << 4))
-        .u8((mBit << 7) | payloadType)
-        .u16(sequenceNumber)
-        .u8(0)
-        .u8((extraFlag << 2) | (bFrameFlag << 1) | repeatFlag)
-        .u16(entryCount);
-    if (extraFlag) writer.u32(extraInformationLength);
-    err = writer.error();
+    err = writeFields(this, storage);
     if (err == MP4_OK && extraFlag) err = writeChildren(tlvBoxes.get(), storage);
     for (const auto& constructor : constructors) {
         if (err != MP4_OK) break;

@@ -43,18 +43,30 @@ protected:
     uint8_t type_;
 };
 
-class CRTPNoOpConstructor : public CRTPBaseConstructor {
+// A constructor whose 15 bytes after the type are one field layout: Self
+// defines  template <class IO> MP4Err fields(IO& io);  (HintSample.cpp).
+template <class Self>
+class CRTPFieldConstructor : public CRTPBaseConstructor {
 public:
-    CRTPNoOpConstructor() : CRTPBaseConstructor(kConstructorNoOp) {}
     MP4Err read(CStorage* storage) override;
     MP4Err write(CStorage* storage) override;
+
+protected:
+    using CRTPBaseConstructor::CRTPBaseConstructor;
 };
 
-class CRTPImmediateConstructor : public CRTPBaseConstructor {
+class CRTPNoOpConstructor : public CRTPFieldConstructor<CRTPNoOpConstructor> {
 public:
-    CRTPImmediateConstructor() : CRTPBaseConstructor(kConstructorImmediate) {}
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
+    CRTPNoOpConstructor() : CRTPFieldConstructor(kConstructorNoOp) {}
+    template <class IO>
+    MP4Err fields(IO& io);
+};
+
+class CRTPImmediateConstructor : public CRTPFieldConstructor<CRTPImmediateConstructor> {
+public:
+    CRTPImmediateConstructor() : CRTPFieldConstructor(kConstructorImmediate) {}
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err dump(int32_t depth) override;
     virtual MP4Err getData(const uint8_t** bytes, uint32_t* count);
 
@@ -63,11 +75,11 @@ public:
     uint8_t data[kImmediateCapacity] = {};
 };
 
-class CRTPSampleConstructor : public CRTPBaseConstructor {
+class CRTPSampleConstructor : public CRTPFieldConstructor<CRTPSampleConstructor> {
 public:
-    CRTPSampleConstructor() : CRTPBaseConstructor(kConstructorSample) {}
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
+    CRTPSampleConstructor() : CRTPFieldConstructor(kConstructorSample) {}
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err dump(int32_t depth) override;
 
     // -1: the hint track itself; 0..n-1: the n-th track of the "hint"
@@ -80,12 +92,12 @@ public:
     uint16_t samplesPerBlock = 1;
 };
 
-class CRTPSampleDescriptionConstructor : public CRTPBaseConstructor {
+class CRTPSampleDescriptionConstructor : public CRTPFieldConstructor<CRTPSampleDescriptionConstructor> {
 public:
     CRTPSampleDescriptionConstructor()
-        : CRTPBaseConstructor(kConstructorSampleDescription) {}
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
+        : CRTPFieldConstructor(kConstructorSampleDescription) {}
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err dump(int32_t depth) override;
 
     int8_t trackRefIndex = 0;
@@ -103,6 +115,10 @@ class CRtpPacket {
 public:
     // Reads a packet record, lowering *bytesLeft by what it consumes.
     MP4Err read(CStorage* storage, uint64_t* bytesLeft);
+    // The 12 header bytes and, written, the length of the extra
+    // information when the extra flag is set.
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err write(CStorage* storage);
     // Bytes write() produces (recomputes the TLV boxes' sizes).
     MP4Err calculateSize(uint64_t* size);

@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "descriptors/Descriptors.h"
+#include "descriptors/EsDescriptors.h"
+#include "io/FieldIO.h"
 #include "descriptors/ObjectDescriptors.h"
 #include "storage/Base64.h"
 
@@ -136,51 +137,21 @@ MP4Err makeSystemsEsDescriptor(uint16_t esId, uint8_t objectType, uint8_t stream
 // ---- decoding ---------------------------------------------------------------
 
 // A bounded reader over a byte range: every read checks what is left.
-class ByteCursor {
-public:
-    ByteCursor(const uint8_t* data, size_t size) : data_(data), left_(size) {}
-    bool u8(uint8_t* value) {
-        if (left_ < 1) return false;
-        *value = *data_++;
-        --left_;
-        return true;
+// A descriptor header (tag and expandable size) at the decoder; *payload
+// decodes the descriptor's payload and the decoder moves past it.
+bool descriptorHeader(FieldDecoder& cursor, uint8_t* tag, FieldDecoder* payload) {
+    if (!cursor.u8(*tag).ok()) return false;
+    uint32_t size = 0;
+    for (int i = 0; i < 4; ++i) {
+        uint8_t byte = 0;
+        if (!cursor.u8(byte).ok()) return false;
+        size = (size << 7) | (byte & 0x7F);
+        if (!(byte & 0x80)) break;
     }
-    bool u16(uint16_t* value) {
-        uint8_t high = 0, low = 0;
-        if (!u8(&high) || !u8(&low)) return false;
-        *value = static_cast<uint16_t>((high << 8) | low);
-        return true;
-    }
-    bool skip(size_t count) {
-        if (left_ < count) return false;
-        data_ += count;
-        left_ -= count;
-        return true;
-    }
-    // A descriptor header; the cursor over its payload is handed out and
-    // this one moves past it.
-    bool descriptor(uint8_t* tag, ByteCursor* payload) {
-        if (!u8(tag)) return false;
-        uint32_t size = 0;
-        for (int i = 0; i < 4; ++i) {
-            uint8_t byte = 0;
-            if (!u8(&byte)) return false;
-            size = (size << 7) | (byte & 0x7F);
-            if (!(byte & 0x80)) break;
-        }
-        if (size > left_) return false;
-        *payload = ByteCursor(data_, size);
-        data_ += size;
-        left_ -= size;
-        return true;
-    }
-    const uint8_t* data() const { return data_; }
-    size_t left() const { return left_; }
-
-private:
-    const uint8_t* data_;
-    size_t left_;
-};
+    if (size > cursor.left()) return false;
+    *payload = FieldDecoder(cursor.data(), size);
+    return cursor.skip(size).ok();
+}
 
 struct DecodedStream {
     uint16_t esId = 0;
@@ -191,30 +162,30 @@ struct DecodedStream {
 
 // Reads an ES descriptor payload (ISO/IEC 14496-1 §7.2.6.5), with the
 // OCR_ES_Id when its flag is set (MP4Box sets it on the scene stream).
-bool decodeEsDescriptor(ByteCursor payload, DecodedStream* stream) {
+bool decodeEsDescriptor(FieldDecoder payload, DecodedStream* stream) {
     uint8_t flags = 0;
-    if (!payload.u16(&stream->esId) || !payload.u8(&flags)) return false;
+    if (!payload.u16(stream->esId).ok() || !payload.u8(flags).ok()) return false;
     uint16_t ignored = 0;
-    if ((flags & 0x80) && !payload.u16(&ignored)) return false;
+    if ((flags & 0x80) && !payload.u16(ignored).ok()) return false;
     if (flags & 0x40) {
         uint8_t length = 0;
-        if (!payload.u8(&length) || payload.left() < length) return false;
+        if (!payload.u8(length).ok() || payload.left() < length) return false;
         stream->url.assign(reinterpret_cast<const char*>(payload.data()), length);
         payload.skip(length);
     }
-    if ((flags & 0x20) && !payload.u16(&ignored)) return false;
+    if ((flags & 0x20) && !payload.u16(ignored).ok()) return false;
     while (payload.left() > 0) {
         uint8_t tag = 0;
-        ByteCursor child(nullptr, 0);
-        if (!payload.descriptor(&tag, &child)) return false;
+        FieldDecoder child(nullptr, 0);
+        if (!descriptorHeader(payload, &tag, &child)) return false;
         if (tag != kDecoderConfigDescrTag) continue;
         uint8_t objectType = 0, streamByte = 0;
-        if (!child.u8(&objectType) || !child.u8(&streamByte) || !child.skip(11)) return false;
+        if (!child.u8(objectType).ok() || !child.u8(streamByte).ok() || !child.skip(11).ok()) return false;
         stream->streamType = streamByte >> 2;
         while (child.left() > 0) {
             uint8_t infoTag = 0;
-            ByteCursor info(nullptr, 0);
-            if (!child.descriptor(&infoTag, &info)) return false;
+            FieldDecoder info(nullptr, 0);
+            if (!descriptorHeader(child, &infoTag, &info)) return false;
             if (infoTag == kDecSpecificInfoTag) stream->config.assign(info.data(), info.data() + info.left());
         }
     }
@@ -223,22 +194,22 @@ bool decodeEsDescriptor(ByteCursor payload, DecodedStream* stream) {
 
 // The ES descriptors of an object descriptor update command's ODs.
 bool decodeOdUpdate(const std::vector<uint8_t>& command, std::vector<DecodedStream>* streams) {
-    ByteCursor cursor(command.data(), command.size());
+    FieldDecoder cursor(command.data(), command.size());
     uint8_t tag = 0;
-    ByteCursor ods(nullptr, 0);
-    if (!cursor.descriptor(&tag, &ods) || tag != kObjectDescriptorUpdateTag) return false;
+    FieldDecoder ods(nullptr, 0);
+    if (!descriptorHeader(cursor, &tag, &ods) || tag != kObjectDescriptorUpdateTag) return false;
     while (ods.left() > 0) {
-        ByteCursor od(nullptr, 0);
-        if (!ods.descriptor(&tag, &od)) return false;
+        FieldDecoder od(nullptr, 0);
+        if (!descriptorHeader(ods, &tag, &od)) return false;
         if (tag != kObjectDescrTag && tag != kMP4ODTag) continue;
         uint16_t idAndFlags = 0;
-        if (!od.u16(&idAndFlags)) return false;
+        if (!od.u16(idAndFlags).ok()) return false;
         if (idAndFlags & 0x20) {  // URL_Flag: the object lives elsewhere
             continue;
         }
         while (od.left() > 0) {
-            ByteCursor es(nullptr, 0);
-            if (!od.descriptor(&tag, &es)) return false;
+            FieldDecoder es(nullptr, 0);
+            if (!descriptorHeader(od, &tag, &es)) return false;
             if (tag != kESDescrTag) continue;
             DecodedStream stream;
             if (!decodeEsDescriptor(es, &stream)) return false;
@@ -408,22 +379,22 @@ MP4Err CMp4File::decodeIsmaIod(const char* iod, uint32_t iodLength, uint32_t* co
     *buffers = nullptr;
     if (!iod) return MP4_ERR_INVALID_ARGUMENT;
 
-    ByteCursor cursor(reinterpret_cast<const uint8_t*>(iod), iodLength);
+    FieldDecoder cursor(reinterpret_cast<const uint8_t*>(iod), iodLength);
     uint8_t tag = 0;
-    ByteCursor body(nullptr, 0);
-    if (!cursor.descriptor(&tag, &body)) return MP4_ERR_INVALID_DATA;
+    FieldDecoder body(nullptr, 0);
+    if (!descriptorHeader(cursor, &tag, &body)) return MP4_ERR_INVALID_DATA;
     if (tag != kInitialObjectDescrTag && tag != kMP4IODTag) return MP4_ERR_INVALID_DATA;
     uint16_t idAndFlags = 0;
-    if (!body.u16(&idAndFlags)) return MP4_ERR_INVALID_DATA;
+    if (!body.u16(idAndFlags).ok()) return MP4_ERR_INVALID_DATA;
     if (idAndFlags & 0x20) return MP4_ERR_UNSUPPORTED;  // the descriptor itself is elsewhere
-    if (!body.skip(5)) return MP4_ERR_INVALID_DATA;   // profile-level indications
+    if (!body.skip(5).ok()) return MP4_ERR_INVALID_DATA;   // profile-level indications
 
     // The media streams are those the OD stream's inline access unit
     // describes.
     std::vector<DecodedStream> media;
     while (body.left() > 0) {
-        ByteCursor payload(nullptr, 0);
-        if (!body.descriptor(&tag, &payload)) return MP4_ERR_INVALID_DATA;
+        FieldDecoder payload(nullptr, 0);
+        if (!descriptorHeader(body, &tag, &payload)) return MP4_ERR_INVALID_DATA;
         if (tag != kESDescrTag) continue;
         DecodedStream stream;
         if (!decodeEsDescriptor(payload, &stream)) return MP4_ERR_INVALID_DATA;

@@ -25,19 +25,93 @@
 
 namespace quil {
 
+// The 16-bit form of a three-code language and back.
+inline uint16_t packLanguage(const uint8_t (&codes)[3]) {
+    return static_cast<uint16_t>(((codes[0] * 32u + codes[1]) * 32u + codes[2]) & 0xFFFF);
+}
+inline void unpackLanguage(uint16_t packed, uint8_t (&codes)[3]) {
+    codes[0] = static_cast<uint8_t>((packed >> 10) & 31);
+    codes[1] = static_cast<uint8_t>((packed >> 5) & 31);
+    codes[2] = static_cast<uint8_t>(packed & 31);
+}
+
+// The first error of a walk: every walker stops at it and keeps it.
+template <class Self>
+class FieldStatus {
+public:
+    // Stops the walk with an error of the layout's own (the first one stays).
+    Self& fail(MP4Err err) {
+        if (ok()) err_ = err;
+        return static_cast<Self&>(*this);
+    }
+    bool ok() const { return err_ == MP4_OK; }
+    MP4Err error() const { return err_; }
+
+protected:
+    MP4Err err_ = MP4_OK;
+};
+
+// What every reading walker builds on its primitive fields (Self defines
+// u16, u32, u64, i32, i64 ... and ok()).
+template <class Self>
+class FieldReading {
+public:
+    // A 64-bit field when wide, else a 32-bit one (zero-extended).
+    Self& u32or64(bool wide, uint64_t& v) {
+        if (wide) return self().u64(v);
+        uint32_t narrow = 0;
+        if (self().u32(narrow).ok()) v = narrow;
+        return self();
+    }
+    // The same for a signed field: a narrow one is sign-extended.
+    Self& i32or64(bool wide, int64_t& v) {
+        if (wide) return self().i64(v);
+        int32_t narrow = 0;
+        if (self().i32(narrow).ok()) v = narrow;
+        return self();
+    }
+    // A packed ISO 639-2/T language: three 5-bit codes (letter - 0x60)
+    // after a zero pad bit, in 16 bits.
+    Self& language(uint8_t (&codes)[3]) {
+        uint16_t packed = 0;
+        if (self().u16(packed).ok()) unpackLanguage(packed, codes);
+        return self();
+    }
+    template <class T, size_t N>
+    Self& array(T (&values)[N]) {
+        for (T& v : values) value(v);
+        return self();
+    }
+    // Any field by its type.
+    Self& value(uint8_t& v) { return self().u8(v); }
+    Self& value(uint16_t& v) { return self().u16(v); }
+    Self& value(int16_t& v) { return self().i16(v); }
+    Self& value(uint32_t& v) { return self().u32(v); }
+    Self& value(int32_t& v) { return self().i32(v); }
+    Self& value(uint64_t& v) { return self().u64(v); }
+    Self& value(int64_t& v) { return self().i64(v); }
+
+private:
+    Self& self() { return static_cast<Self&>(*this); }
+};
+
 // Reads fields from a storage and lowers *budget (a box's `remaining`, a
 // descriptor's payload count) by each field read. A field the budget cannot
 // hold is refused with 6 before anything of it is read, so the budget never
 // wraps; a storage error is returned as it came and leaves the budget alone.
 template <class Budget>
-class FieldReader {
+class FieldReader : public FieldReading<FieldReader<Budget>>, public FieldStatus<FieldReader<Budget>> {
 public:
+    using FieldStatus<FieldReader>::ok;
+    using FieldStatus<FieldReader>::fail;
+
     static constexpr bool kReads = true;
     static constexpr bool kCounts = false;
 
     FieldReader(CStorage* storage, Budget* budget) : storage_(storage), budget_(budget) {}
 
     FieldReader& u8(uint8_t& v) { return get(&CStorage::readUInt8, v, 1); }
+    FieldReader& i8(int8_t& v) { return get(&CStorage::readInt8, v, 1); }
     FieldReader& u16(uint16_t& v) { return get(&CStorage::readUInt16, v, 2); }
     FieldReader& i16(int16_t& v) { return get(&CStorage::readInt16, v, 2); }
     FieldReader& u24(uint32_t& v) { return get(&CStorage::readUInt24, v, 3); }
@@ -46,38 +120,33 @@ public:
     FieldReader& u64(uint64_t& v) { return get(&CStorage::readUInt64, v, 8); }
     FieldReader& i64(int64_t& v) { return get(&CStorage::readInt64, v, 8); }
 
-    // A 64-bit field when wide, else a 32-bit one (zero-extended).
-    FieldReader& u32or64(bool wide, uint64_t& v) {
-        if (wide) return u64(v);
-        uint32_t narrow = 0;
-        if (u32(narrow).ok()) v = narrow;
-        return *this;
-    }
-    // The same for a signed field: a narrow one is sign-extended.
-    FieldReader& i32or64(bool wide, int64_t& v) {
-        if (wide) return i64(v);
-        int32_t narrow = 0;
-        if (i32(narrow).ok()) v = narrow;
-        return *this;
-    }
     // Version and flags of a full box: the four bytes are refused together
     // when the budget cannot hold them.
     FieldReader& versionAndFlags(uint8_t& version, uint32_t& flags) {
         if (!ok() || !fits(4)) return *this;
-        err_ = storage_->readUInt8(&version);
-        if (ok()) err_ = storage_->readUInt24(&flags);
+        this->err_ = storage_->readUInt8(&version);
+        if (ok()) this->err_ = storage_->readUInt24(&flags);
         if (ok()) *budget_ -= 4;
-        return *this;
-    }
-    template <class T, size_t N>
-    FieldReader& array(T (&values)[N]) {
-        for (T& v : values) value(v);
         return *this;
     }
     // count bytes into a buffer the caller sized.
     FieldReader& bytes(uint8_t* buffer, uint64_t count) {
         if (ok() && count > 0 && fits(count)) {
-            err_ = storage_->readBytes(buffer, count);
+            this->err_ = storage_->readBytes(buffer, count);
+            if (ok()) *budget_ -= static_cast<Budget>(count);
+        }
+        return *this;
+    }
+    // Refuses (6) a run of fields as a whole when the budget cannot hold
+    // its count bytes, before any of them is read.
+    FieldReader& require(uint64_t count) {
+        if (ok()) fits(count);
+        return *this;
+    }
+    // Passes over count bytes the layout does not keep.
+    FieldReader& skip(uint64_t count) {
+        if (ok() && count > 0 && fits(count)) {
+            this->err_ = storage_->skip(count);
             if (ok()) *budget_ -= static_cast<Budget>(count);
         }
         return *this;
@@ -86,47 +155,31 @@ public:
     // the storage can fill it (see readOwnedBytes).
     FieldReader& owned(std::unique_ptr<uint8_t[]>& data, uint64_t count);
 
-    // Any field by its type.
-    FieldReader& value(uint8_t& v) { return u8(v); }
-    FieldReader& value(uint16_t& v) { return u16(v); }
-    FieldReader& value(int16_t& v) { return i16(v); }
-    FieldReader& value(uint32_t& v) { return u32(v); }
-    FieldReader& value(int32_t& v) { return i32(v); }
-    FieldReader& value(uint64_t& v) { return u64(v); }
-    FieldReader& value(int64_t& v) { return i64(v); }
-
     // Bytes the budget still allows.
     Budget left() const { return *budget_; }
     CStorage* storage() const { return storage_; }
     // Stops the walk with an error of the layout's own (the first one stays).
-    FieldReader& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
 
 private:
     bool fits(uint64_t width) {
         if (*budget_ >= width) return true;
-        err_ = MP4_ERR_BAD_BOX_SIZE;
+        this->err_ = MP4_ERR_BAD_BOX_SIZE;
         return false;
     }
     template <class T>
     FieldReader& get(MP4Err (CStorage::*read)(T*), T& v, uint32_t width) {
         if (!ok() || !fits(width)) return *this;
-        err_ = (storage_->*read)(&v);
+        this->err_ = (storage_->*read)(&v);
         if (ok()) *budget_ -= width;
         return *this;
     }
 
     CStorage* storage_;
     Budget* budget_;
-    MP4Err err_ = MP4_OK;
 };
 
 // Writes fields to a storage.
-class FieldWriter {
+class FieldWriter : public FieldStatus<FieldWriter> {
 public:
     static constexpr bool kReads = false;
     static constexpr bool kCounts = false;
@@ -134,6 +187,7 @@ public:
     explicit FieldWriter(CStorage* storage) : storage_(storage) {}
 
     FieldWriter& u8(const uint8_t& v) { return put(&CStorage::writeUInt8, v); }
+    FieldWriter& i8(const int8_t& v) { return put(&CStorage::writeInt8, v); }
     FieldWriter& u16(const uint16_t& v) { return put(&CStorage::writeUInt16, v); }
     FieldWriter& i16(const int16_t& v) { return put(&CStorage::writeInt16, v); }
     FieldWriter& u24(const uint32_t& v) { return put(&CStorage::writeUInt24, v & 0xFFFFFFu); }
@@ -150,11 +204,13 @@ public:
     FieldWriter& versionAndFlags(const uint8_t& version, const uint32_t& flags) {
         return u8(version).u24(flags);
     }
+    FieldWriter& language(const uint8_t (&codes)[3]) { return u16(packLanguage(codes)); }
     template <class T, size_t N>
     FieldWriter& array(const T (&values)[N]) {
         for (const T& v : values) value(v);
         return *this;
     }
+    FieldWriter& require(uint64_t) { return *this; }
     FieldWriter& bytes(const uint8_t* buffer, uint64_t count);
     FieldWriter& owned(const std::unique_ptr<uint8_t[]>& data, uint64_t count) {
         return bytes(data.get(), count);
@@ -169,12 +225,6 @@ public:
     FieldWriter& value(const int64_t& v) { return i64(v); }
 
     CStorage* storage() const { return storage_; }
-    FieldWriter& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
 
 private:
     template <class T>
@@ -184,16 +234,16 @@ private:
     }
 
     CStorage* storage_;
-    MP4Err err_ = MP4_OK;
 };
 
 // Adds up the bytes the same fields take when written.
-class FieldCounter {
+class FieldCounter : public FieldStatus<FieldCounter> {
 public:
     static constexpr bool kReads = false;
     static constexpr bool kCounts = true;
 
     FieldCounter& u8(const uint8_t&) { return add(1); }
+    FieldCounter& i8(const int8_t&) { return add(1); }
     FieldCounter& u16(const uint16_t&) { return add(2); }
     FieldCounter& i16(const int16_t&) { return add(2); }
     FieldCounter& u24(const uint32_t&) { return add(3); }
@@ -204,10 +254,12 @@ public:
     FieldCounter& u32or64(bool wide, const uint64_t&) { return add(wide ? 8 : 4); }
     FieldCounter& i32or64(bool wide, const int64_t&) { return add(wide ? 8 : 4); }
     FieldCounter& versionAndFlags(const uint8_t&, const uint32_t&) { return add(4); }
+    FieldCounter& language(const uint8_t (&)[3]) { return add(2); }
     template <class T, size_t N>
     FieldCounter& array(const T (&)[N]) {
         return add(sizeof(T) * N);
     }
+    FieldCounter& require(uint64_t) { return *this; }
     FieldCounter& bytes(const uint8_t*, uint64_t count) { return add(count); }
     // count fields of width bytes each, without walking them.
     FieldCounter& repeated(uint64_t count, uint64_t width) { return add(count * width); }
@@ -218,12 +270,6 @@ public:
         return add(sizeof(T));
     }
 
-    FieldCounter& fail(MP4Err err) {
-        if (ok()) err_ = err;
-        return *this;
-    }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
     uint64_t total() const { return total_; }
 
 private:
@@ -233,13 +279,12 @@ private:
     }
 
     uint64_t total_ = 0;
-    MP4Err err_ = MP4_OK;
 };
 
 // Reads fields from bytes already in memory (a batch of table entries read
 // with one storage call): the same layouts, decoded without a storage call
 // per field. A field past the end of the bytes is refused with 6.
-class FieldDecoder {
+class FieldDecoder : public FieldReading<FieldDecoder>, public FieldStatus<FieldDecoder> {
 public:
     static constexpr bool kReads = true;
     static constexpr bool kCounts = false;
@@ -247,6 +292,7 @@ public:
     FieldDecoder(const uint8_t* bytes, uint64_t length) : p_(bytes), left_(length) {}
 
     FieldDecoder& u8(uint8_t& v) { return get(v, 1); }
+    FieldDecoder& i8(int8_t& v) { return get(v, 1); }
     FieldDecoder& u16(uint16_t& v) { return get(v, 2); }
     FieldDecoder& i16(int16_t& v) { return get(v, 2); }
     FieldDecoder& u24(uint32_t& v) { return get(v, 3); }
@@ -254,30 +300,25 @@ public:
     FieldDecoder& i32(int32_t& v) { return get(v, 4); }
     FieldDecoder& u64(uint64_t& v) { return get(v, 8); }
     FieldDecoder& i64(int64_t& v) { return get(v, 8); }
-    FieldDecoder& u32or64(bool wide, uint64_t& v) {
-        if (wide) return u64(v);
-        uint32_t narrow = 0;
-        if (u32(narrow).ok()) v = narrow;
-        return *this;
-    }
-    FieldDecoder& i32or64(bool wide, int64_t& v) {
-        if (wide) return i64(v);
-        int32_t narrow = 0;
-        if (i32(narrow).ok()) v = narrow;
-        return *this;
-    }
     FieldDecoder& versionAndFlags(uint8_t& version, uint32_t& flags) {
         if (left_ < 4) return fail(MP4_ERR_BAD_BOX_SIZE);
         return u8(version).u24(flags);
     }
+    FieldDecoder& require(uint64_t count) {
+        return ok() && left_ < count ? fail(MP4_ERR_BAD_BOX_SIZE) : *this;
+    }
     FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
-    uint64_t left() const { return left_; }
-    FieldDecoder& fail(MP4Err err) {
-        if (ok()) err_ = err;
+    // Passes over count bytes.
+    FieldDecoder& skip(uint64_t count) {
+        if (!ok()) return *this;
+        if (left_ < count) return fail(MP4_ERR_BAD_BOX_SIZE);
+        p_ += count;
+        left_ -= count;
         return *this;
     }
-    bool ok() const { return err_ == MP4_OK; }
-    MP4Err error() const { return err_; }
+    // The bytes not yet decoded.
+    const uint8_t* data() const { return p_; }
+    uint64_t left() const { return left_; }
 
 private:
     // Big-endian, sign carried by the conversion to T.
@@ -295,7 +336,6 @@ private:
 
     const uint8_t* p_;
     uint64_t left_;
-    MP4Err err_ = MP4_OK;
 };
 
 // Reads count bytes into a new buffer. The buffer is allocated at once only
@@ -313,7 +353,7 @@ MP4Err skipPayload(CStorage* storage, uint64_t count);
 template <class Budget>
 FieldReader<Budget>& FieldReader<Budget>::owned(std::unique_ptr<uint8_t[]>& data, uint64_t count) {
     if (ok() && fits(count)) {
-        err_ = readOwnedBytes(storage_, count, &data);
+        this->err_ = readOwnedBytes(storage_, count, &data);
         if (ok()) *budget_ -= static_cast<Budget>(count);
     }
     return *this;
