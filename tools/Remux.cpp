@@ -80,8 +80,9 @@ struct Failure {
 
 class Remuxer {
 public:
-    Remuxer(const char* input, uint32_t fileType, bool typeGiven)
-        : input_(input), fileType_(fileType), typeGiven_(typeGiven) {}
+    Remuxer(const char* input, uint32_t fileType, bool typeGiven,
+            const CopyOptions& options = CopyOptions())
+        : input_(input), fileType_(fileType), typeGiven_(typeGiven), options_(options) {}
     ~Remuxer();
     Remuxer(const Remuxer&) = delete;
     Remuxer& operator=(const Remuxer&) = delete;
@@ -105,10 +106,13 @@ private:
     bool copySample(TrackCopy* copy);
     TrackCopy* nextTrack();
     bool finish();
+    bool fragmented() const { return options_.fragments != nullptr; }
+    bool isCopied(uint32_t number) const;
 
     const char* input_;
     uint32_t fileType_;
     bool typeGiven_;
+    CopyOptions options_;
     OpenedFile source_;
     CMp4File* target_ = nullptr;
     std::vector<TrackCopy> tracks_;
@@ -135,7 +139,7 @@ bool Remuxer::run(const std::string& output) {
     const bool done = openInput() && openOutput(output) && copyMovieProperties() && addTracks() &&
                       copySamples() && finish();
     if (!done) {
-        std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input_, failure_.what.c_str(),
+        std::fprintf(stderr, "quil: %s: %s: %s: %s\n", options_.label, input_, failure_.what.c_str(),
                      toString(failure_.err));
     }
     return done;
@@ -149,6 +153,10 @@ bool Remuxer::openInput() {
                     err);
     }
     if (!typeGiven_) (void)source_.get()->getFileType(&fileType_);
+    // PSP and XAVC files have no fragmented form: plain MPEG-4 instead.
+    if (fragmented() && (fileType_ == MP4_FILE_PSP || fileType_ == MP4_FILE_XAVC)) {
+        fileType_ = MP4_FILE_MPEG4;
+    }
     return true;
 }
 
@@ -157,6 +165,7 @@ bool Remuxer::openOutput(const std::string& output) {
     MP4Err err = utf8ToWidePath(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
+    if (err == MP4_OK && fragmented()) err = target_->setFragmentation(options_.fragments);
     return err == MP4_OK || fail("cannot create the output", err);
 }
 
@@ -174,7 +183,7 @@ bool Remuxer::addTracks() {
     (void)source_.get()->getTrackCount(&count);
     tracks_.reserve(count);
     for (uint32_t number = 1; number <= count; ++number) {
-        if (!addTrack(number)) return false;
+        if (isCopied(number) && !addTrack(number)) return false;
     }
     if (tracks_.empty()) return fail("no track that can be copied", MP4_ERR_NO_TRACKS);
     MP4Err err = target_->copyUserData(source_.get(), 0, 0);
@@ -189,7 +198,8 @@ bool Remuxer::addTrack(uint32_t number) {
     if (err != MP4_OK || !isCopiedKind(kind)) {
         if (in) (void)source_.get()->releaseTrack(in);
         // Left out with a note rather than failing the whole copy.
-        std::fprintf(stderr, "quil: remux: %s: track %u (%s) is not copied%s%s\n", input_, number,
+        std::fprintf(stderr, "quil: %s: %s: track %u (%s) is not copied%s%s\n", options_.label,
+                     input_, number,
                      err == MP4_OK ? trackKindName(kind) : "unreadable",
                      err == MP4_OK ? "" : ": ", err == MP4_OK ? "" : toString(err));
         return true;
@@ -243,11 +253,20 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
     err = out->addSampleEntryFrom(in, 1);
     if (err != MP4_OK) return fail(track + " sample entry", err);
     err = in->getSampleCount(&copy->sampleCount);
-    if (err == MP4_OK) err = findCompositionShift(copy);
+    // Fragments keep negative composition offsets as they are.
+    if (err == MP4_OK && !fragmented()) err = findCompositionShift(copy);
     if (err != MP4_OK) return fail(track + " samples", err);
     int64_t firstMediaTime = 0;
     uint64_t presented = 0;
     err = in->getInitialDelay(&copy->delay, &firstMediaTime, &presented);
+    uint64_t mediaDuration = 0;
+    // A fragmented file's edit cannot run "to the end of the media", which
+    // is not known when its movie box is written: it gets its length.
+    if (err == MP4_OK && fragmented() && presented == 0 && (copy->delay || firstMediaTime) &&
+        in->getMediaDuration(&mediaDuration) == MP4_OK &&
+        mediaDuration > static_cast<uint64_t>(firstMediaTime)) {
+        presented = mediaDuration - static_cast<uint64_t>(firstMediaTime);
+    }
     if (err == MP4_OK) {
         err = out->setEditList(copy->delay,
                                firstMediaTime + static_cast<int64_t>(copy->compositionShift),
@@ -298,7 +317,7 @@ TrackCopy* Remuxer::nextTrack() {
 bool Remuxer::copySamples() {
     // Counted in sample bytes against the input's size: close enough for
     // a progress line, and large files are those with many bytes.
-    Progress progress("remux", fileSize(input_));
+    Progress progress(options_.label, fileSize(input_), options_.progress);
     uint64_t copiedBytes = 0, copied = 0;
     while (TrackCopy* copy = nextTrack()) {
         if (!copySample(copy)) return false;
@@ -358,7 +377,19 @@ bool Remuxer::finish() {
         copy.out = nullptr;
     }
     MP4Err err = target_->close();
-    return err == MP4_OK || fail("writing the movie box", err);
+    if (err != MP4_OK) return fail("writing the movie box", err);
+    uint32_t count = 0;
+    if (options_.fragmentsWritten && target_->getFragmentCount(&count) == MP4_OK) {
+        options_.fragmentsWritten->resize(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            (void)target_->getFragmentInfo(i, &(*options_.fragmentsWritten)[i]);
+        }
+    }
+    return true;
+}
+
+bool Remuxer::isCopied(uint32_t number) const {
+    return options_.onlyTrack == 0 || options_.onlyTrack == number;
 }
 
 int runRemux(const Arguments& arguments) {
@@ -400,6 +431,11 @@ int runRemux(const Arguments& arguments) {
 }
 
 }  // namespace
+
+bool copyTracks(const char* input, const std::string& output, const CopyOptions& options) {
+    Remuxer remuxer(input, 0, false, options);
+    return remuxer.run(output);
+}
 
 const Command kRemuxCommand = {
     "remux",

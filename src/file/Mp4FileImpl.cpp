@@ -9,6 +9,7 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/Dump.h"
 #include "boxes/MovieBoxes.h"
+#include "file/FragmentWriter.h"
 #include "file/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"
 #include "storage/DiscStorage.h"
@@ -93,6 +94,7 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     readPathUtf8_.clear();
     sampleReader_.reset();
     hasHintTracks_ = 0;  // belongs to the file being opened, not the object
+    fragmentWriter_.reset();
     storageSupplied_ = storage_ != nullptr ? 1 : 0;
 
     if (storageSupplied_ == 0) {

@@ -13,6 +13,7 @@
 
 namespace quil {
 
+class CFragmentWriter;
 class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
@@ -52,6 +53,9 @@ public:
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
+    MP4Err setFragmentation(const MP4FragmentSettings* settings) override;
+    MP4Err getFragmentCount(uint32_t* count) override;
+    MP4Err getFragmentInfo(uint32_t index, MP4FragmentInfo* info) override;
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first
@@ -94,6 +98,11 @@ public:
     MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset);
     // The shared cut-audio flag of interleaved (XAVC) files: set when a
     // video track closes a chunk, so that the audio tracks close theirs.
+    // Fragmented writing (FragmentedFile.cpp): the writer when the file is
+    // written in fragments (null otherwise), and a sample of a track for it.
+    CFragmentWriter* fragmentWriter() const { return fragmentWriter_.get(); }
+    MP4Err addFragmentSample(uint32_t trackId, const uint8_t* data, uint32_t size,
+                             uint64_t decodeTime, uint64_t compositionTime, bool sync);
     bool cutAudio() const { return cutAudio_; }
     void setCutAudio(bool cut) { cutAudio_ = cut; }
 
@@ -125,6 +134,8 @@ private:
     MP4Err writeMediaDataHeader();
     MP4Err fillInitialObjectDescriptor();
     MP4Err finishWriting();
+    MP4Err finishFragments();
+    MP4Err startFragments();
     MP4Err finalizeOpenTracks();
     MP4Err setMovieDuration();
     MP4Err rewriteMediaDataHeader();
@@ -164,6 +175,7 @@ private:
     uint64_t mediaDataEnd_ = 0;
     bool cutAudio_ = false;
     bool movieWritten_ = false;
+    std::unique_ptr<CFragmentWriter> fragmentWriter_;
 };
 
 }  // namespace quil

@@ -1,0 +1,561 @@
+// Fragmented writing. The movie box goes out with the first fragment, when
+// every track and sample entry is known; each fragment is written whole
+// ("moof", then "mdat" with each track's samples in turn) and flushed, and
+// close adds the last fragment, the indexes and the final durations.
+#include "file/FragmentWriter.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "boxes/BoxFactory.h"
+#include "boxes/MovieBoxes.h"
+#include "storage/DiscStorage.h"
+#include "storage/MemoryStorage.h"
+
+namespace quil {
+namespace {
+
+constexpr uint64_t kMax32 = 0xFFFFFFFFull;
+// Sample flags (ISO/IEC 14496-12 §8.8.3.1): a sync sample depends on no
+// other; any other sample depends on others and is not a sync sample.
+constexpr uint32_t kSyncSampleFlags = 0x02000000;
+constexpr uint32_t kOtherSampleFlags = 0x01010000;
+constexpr uint32_t kDefaultBaseIsMoof = 0x020000;
+constexpr uint32_t kTrunDataOffset = 0x000001;
+constexpr uint32_t kTrunDuration = 0x000100;
+constexpr uint32_t kTrunSize = 0x000200;
+constexpr uint32_t kTrunFlags = 0x000400;
+constexpr uint32_t kTrunCompositionOffsets = 0x000800;
+// "sidx" of version 1 before its references, and each reference.
+constexpr uint64_t kSegmentIndexHeader = 36;
+constexpr uint64_t kSegmentIndexEntry = 12;
+constexpr uint64_t kFreeHeader = 8;
+constexpr uint32_t kMaxIndexEntries = 1u << 24;
+// Pending samples beyond this many bytes close the fragment even without
+// a sync sample of the leading track, so that memory stays bounded.
+constexpr uint64_t kMaxPendingBytes = 256ull << 20;
+constexpr uint64_t kWriteStep = 1u << 30;  // writeBytes counts in int32
+
+uint64_t rescale(uint64_t value, uint32_t to, uint32_t from) {
+    if (from == 0) return 0;
+    return static_cast<uint64_t>(static_cast<unsigned __int128>(value) * to / from);
+}
+
+template <class T>
+T* childOf(CBox* parent, uint32_t type) {
+    CBox* box = nullptr;
+    if (!parent || parent->findChild(type, &box) != MP4_OK) return nullptr;
+    return dynamic_cast<T*>(box);
+}
+
+}  // namespace
+
+// ---- box bytes ------------------------------------------------------------
+
+void CBoxBytes::u16(uint16_t value) {
+    u8(static_cast<uint8_t>(value >> 8));
+    u8(static_cast<uint8_t>(value));
+}
+
+void CBoxBytes::u32(uint32_t value) {
+    u16(static_cast<uint16_t>(value >> 16));
+    u16(static_cast<uint16_t>(value));
+}
+
+void CBoxBytes::u64(uint64_t value) {
+    u32(static_cast<uint32_t>(value >> 32));
+    u32(static_cast<uint32_t>(value));
+}
+
+size_t CBoxBytes::begin(uint32_t type, int version, uint32_t flags) {
+    const size_t start = bytes_.size();
+    u32(0);
+    u32(type);
+    if (version >= 0) u32(static_cast<uint32_t>(version) << 24 | (flags & 0xFFFFFF));
+    return start;
+}
+
+void CBoxBytes::end(size_t start) {
+    const uint32_t size = static_cast<uint32_t>(bytes_.size() - start);
+    for (int i = 0; i < 4; ++i) bytes_[start + i] = static_cast<uint8_t>(size >> (24 - 8 * i));
+}
+
+// ---- tracks and samples ---------------------------------------------------
+
+CFragmentWriter::CFragmentWriter(const MP4FragmentSettings& settings, CStorage* storage,
+                                 uint64_t movieOffset, CBox* moov)
+    : settings_(settings), storage_(storage), movieOffset_(movieOffset), end_(movieOffset),
+      moov_(moov) {
+    if (settings.segmentPrefix) segmentPrefix_ = settings.segmentPrefix;
+    settings_.segmentPrefix = nullptr;  // kept as our own copy
+    if (settings_.segmentIndexEntries > kMaxIndexEntries) {
+        settings_.segmentIndexEntries = kMaxIndexEntries;
+    }
+}
+
+MP4Err CFragmentWriter::start() {
+    if (started_) return MP4_OK;
+    if (auto* mvhd = childOf<CMovieHeaderBox>(moov_, fourcc("mvhd"))) {
+        movieTimeScale_ = mvhd->timeScale;
+    }
+    CBoxList* children = moov_ ? moov_->childList() : nullptr;
+    try {
+        for (auto* node = children ? children->head() : nullptr; node; node = node->next) {
+            if (node->box->type != fourcc("trak")) continue;
+            auto* tkhd = childOf<CTrackHeaderBox>(node->box, fourcc("tkhd"));
+            CBox* mdia = nullptr;
+            if (!tkhd || node->box->findChild(fourcc("mdia"), &mdia) != MP4_OK) {
+                return MP4_ERR_INVALID_DATA;
+            }
+            auto* mdhd = childOf<CMediaHeaderBox>(mdia, fourcc("mdhd"));
+            auto* hdlr = childOf<CHandlerReferenceBox>(mdia, fourcc("hdlr"));
+            if (!mdhd || mdhd->timeScale == 0) return MP4_ERR_INVALID_DATA;
+            tracks_.emplace_back();
+            Track& track = tracks_.back();
+            track.trackId = tkhd->trackId;
+            track.timeScale = mdhd->timeScale;
+            track.video = hdlr && hdlr->handlerType == fourcc("vide");
+        }
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    lead_ = 0;
+    for (size_t i = 0; i < tracks_.size(); ++i) {
+        if (tracks_[i].video) {
+            lead_ = i;
+            break;
+        }
+    }
+    started_ = true;
+    return MP4_OK;
+}
+
+CFragmentWriter::Track* CFragmentWriter::findTrack(uint32_t trackId) {
+    for (Track& track : tracks_) {
+        if (track.trackId == trackId) return &track;
+    }
+    return nullptr;
+}
+
+// The held sample lasts until the next decode time of its track.
+MP4Err CFragmentWriter::releaseHeld(Track* track, uint64_t nextDecodeTime) {
+    if (!track->holding) return MP4_OK;
+    if (nextDecodeTime < track->held.decodeTime) return MP4_ERR_BAD_TIME;
+    const uint64_t duration = nextDecodeTime - track->held.decodeTime;
+    if (duration > kMax32) return MP4_ERR_BAD_TIME;
+    track->held.duration = static_cast<uint32_t>(duration);
+    try {
+        track->ready.push_back(track->held);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    track->lastDuration = track->held.duration;
+    track->holding = false;
+    return MP4_OK;
+}
+
+// A fragment closes before a sync sample of the leading track that comes
+// the fragment duration or more after its start.
+bool CFragmentWriter::cutsBefore(const Track& track, uint64_t decodeTime, bool sync) const {
+    if (&track != &tracks_[lead_] || !sync || !fragmentOpen_ || track.ready.empty()) return false;
+    const uint64_t length = rescale(settings_.fragmentMilliseconds, track.timeScale, 1000);
+    return decodeTime >= fragmentStart_ && decodeTime - fragmentStart_ >= length;
+}
+
+MP4Err CFragmentWriter::addSample(uint32_t trackId, const uint8_t* data, uint32_t size,
+                                  uint64_t decodeTime, uint64_t compositionTime, bool sync) {
+    if (finished_) return MP4_ERR_NOT_AVAILABLE;
+    Track* track = findTrack(trackId);
+    if (!track) return MP4_ERR_NOT_AVAILABLE;
+    if (!data || size == 0) return MP4_ERR_INVALID_ARGUMENT;
+    // Signed offset of the composition time, within 32 bits.
+    const int64_t offset = static_cast<int64_t>(compositionTime - decodeTime);
+    if (offset > 0x7FFFFFFF || offset < -0x7FFFFFFF) return MP4_ERR_BAD_TIME;
+    if (track->holding && (decodeTime < track->held.decodeTime ||
+                           decodeTime - track->held.decodeTime > kMax32)) {
+        return MP4_ERR_BAD_TIME;
+    }
+    MP4Err err = releaseHeld(track, decodeTime);
+    if (err != MP4_OK) return err;
+    uint64_t pending = 0;
+    for (const Track& each : tracks_) pending += each.bytes.size();
+    if (cutsBefore(*track, decodeTime, sync) || pending > kMaxPendingBytes) {
+        if ((err = writeFragment()) != MP4_OK) return err;
+    }
+    try {
+        track->bytes.insert(track->bytes.end(), data, data + size);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    track->held = Sample{decodeTime, offset, size, 0, sync};
+    track->holding = true;
+    if (!track->any) {
+        track->any = true;
+        track->endTime = decodeTime;
+    }
+    if (track == &tracks_[lead_] && !fragmentOpen_) {
+        fragmentStart_ = decodeTime;
+        fragmentOpen_ = true;
+    }
+    return MP4_OK;
+}
+
+// ---- fragments ------------------------------------------------------------
+
+void CFragmentWriter::buildMovieFragment(CBoxBytes* out, uint64_t moofOffset,
+                                         size_t* dataOffsetFields) {
+    const size_t moof = out->begin(fourcc("moof"));
+    const size_t mfhd = out->begin(fourcc("mfhd"), 0);
+    out->u32(sequence_ + 1);
+    out->end(mfhd);
+    size_t field = 0;
+    uint32_t trafNumber = 0;
+    for (Track& track : tracks_) {
+        if (track.ready.empty()) continue;
+        bool anyOffset = false, negative = false;
+        for (const Sample& sample : track.ready) {
+            anyOffset = anyOffset || sample.compositionOffset != 0;
+            negative = negative || sample.compositionOffset < 0;
+        }
+        const size_t traf = out->begin(fourcc("traf"));
+        const size_t tfhd = out->begin(fourcc("tfhd"), 0, kDefaultBaseIsMoof);
+        out->u32(track.trackId);
+        out->end(tfhd);
+        const size_t tfdt = out->begin(fourcc("tfdt"), 1);
+        out->u64(track.ready.front().decodeTime);
+        out->end(tfdt);
+        const uint32_t flags = kTrunDataOffset | kTrunDuration | kTrunSize | kTrunFlags |
+                               (anyOffset ? kTrunCompositionOffsets : 0);
+        const size_t trun = out->begin(fourcc("trun"), negative ? 1 : 0, flags);
+        out->u32(static_cast<uint32_t>(track.ready.size()));
+        dataOffsetFields[field++] = out->size();
+        out->u32(0);  // data offset, filled in once the "moof" size is known
+        for (const Sample& sample : track.ready) {
+            out->u32(sample.duration);
+            out->u32(sample.size);
+            out->u32(sample.sync ? kSyncSampleFlags : kOtherSampleFlags);
+            if (anyOffset) out->u32(static_cast<uint32_t>(sample.compositionOffset));
+        }
+        out->end(trun);
+        out->end(traf);
+        ++trafNumber;
+        if (track.ready.front().sync && !segmented()) {
+            track.randomAccess.push_back({track.ready.front().decodeTime, moofOffset, trafNumber});
+        }
+    }
+    out->end(moof);
+}
+
+MP4Err CFragmentWriter::writeFragment() {
+    uint64_t mediaBytes = 0;
+    size_t trafs = 0;
+    for (const Track& track : tracks_) {
+        for (const Sample& sample : track.ready) mediaBytes += sample.size;
+        trafs += track.ready.empty() ? 0 : 1;
+    }
+    if (trafs == 0) return MP4_OK;
+    MP4Err err = MP4_OK;
+    if (!movieWritten_ && (err = writeMovie()) != MP4_OK) return err;
+
+    CBoxBytes header;
+    if (segmented()) {
+        const size_t styp = header.begin(fourcc("styp"));
+        header.u32(fourcc("msdh"));
+        header.u32(0);
+        header.u32(fourcc("msdh"));
+        header.u32(fourcc("msix"));
+        if (settings_.cmafBrands) header.u32(fourcc("cmfs"));
+        header.end(styp);
+    }
+    const uint64_t moofStart = header.size();
+    const uint64_t moofOffset = segmented() ? moofStart : end_;
+    std::vector<size_t> fields(trafs);
+    std::vector<size_t> randomAccessCounts;
+    for (const Track& track : tracks_) randomAccessCounts.push_back(track.randomAccess.size());
+    buildMovieFragment(&header, moofOffset, fields.data());
+    const uint64_t moofSize = header.size() - moofStart;
+    const bool large = mediaBytes + 8 > kMax32;
+    const uint64_t mdatHeader = large ? 16 : 8;
+    // Offsets count from the start of "moof" (default-base-is-moof).
+    uint64_t dataOffset = moofSize + mdatHeader;
+    size_t field = 0;
+    for (const Track& track : tracks_) {
+        if (track.ready.empty()) continue;
+        uint8_t* at = header.bytes().data() + fields[field++];
+        for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(dataOffset >> (24 - 8 * i));
+        for (const Sample& sample : track.ready) dataOffset += sample.size;
+    }
+    if (large) {
+        header.u32(1);
+        header.u32(fourcc("mdat"));
+        header.u64(mediaBytes + 16);
+    } else {
+        header.u32(static_cast<uint32_t>(mediaBytes + 8));
+        header.u32(fourcc("mdat"));
+    }
+    err = segmented() ? writeSegmentFile(header) : writeFragmentBytes(header, mediaBytes);
+    if (err != MP4_OK) {
+        // Written again with the next cut or at close: forget the entries.
+        for (size_t i = 0; i < tracks_.size(); ++i) {
+            tracks_[i].randomAccess.resize(randomAccessCounts[i]);
+        }
+        return err;
+    }
+
+    MP4FragmentInfo info;
+    const Track& lead = tracks_[lead_];
+    info.timeScale = lead.timeScale;
+    info.startTime = lead.ready.empty() ? lead.endTime : lead.ready.front().decodeTime;
+    for (const Sample& sample : lead.ready) info.duration += sample.duration;
+    info.startsWithSync = !lead.ready.empty() && lead.ready.front().sync;
+    info.offset = moofOffset;
+    info.size = header.size() + mediaBytes;
+    try {
+        fragments_.push_back(info);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    for (Track& track : tracks_) {
+        if (track.ready.empty()) continue;
+        uint64_t used = 0;
+        for (const Sample& sample : track.ready) used += sample.size;
+        const Sample& last = track.ready.back();
+        track.endTime = last.decodeTime + last.duration;
+        track.bytes.erase(track.bytes.begin(), track.bytes.begin() + static_cast<ptrdiff_t>(used));
+        track.ready.clear();
+    }
+    ++sequence_;
+    fragmentOpen_ = false;
+    return MP4_OK;
+}
+
+MP4Err CFragmentWriter::writeAt(CStorage* storage, uint64_t offset, const uint8_t* bytes,
+                                uint64_t length) {
+    MP4Err err = storage->seek(offset);
+    for (uint64_t done = 0; err == MP4_OK && done < length;) {
+        const uint64_t step = std::min(length - done, kWriteStep);
+        err = storage->writeBytes(bytes + done, static_cast<int32_t>(step));
+        done += step;
+    }
+    return err;
+}
+
+// The fragment's header, then each track's sample bytes straight from
+// where they were gathered, then a flush: the fragment is complete on disc
+// before the next one starts.
+MP4Err CFragmentWriter::writeFragmentBytes(const CBoxBytes& header, uint64_t mediaBytes) {
+    MP4Err err = writeAt(storage_, end_, header.data(), header.size());
+    uint64_t position = end_ + header.size();
+    for (const Track& track : tracks_) {
+        uint64_t used = 0;
+        for (const Sample& sample : track.ready) used += sample.size;
+        if (err == MP4_OK && used > 0) err = writeAt(storage_, position, track.bytes.data(), used);
+        position += used;
+    }
+    if (err == MP4_OK) err = storage_->flush();
+    if (err != MP4_OK) return err == MP4_ERR_NOT_AVAILABLE ? MP4_ERR_IO : err;
+    end_ += header.size() + mediaBytes;
+    return MP4_OK;
+}
+
+// A segment file: its name is the prefix and the fragment's number.
+MP4Err CFragmentWriter::writeSegmentFile(const CBoxBytes& header) {
+    const std::wstring path = segmentPrefix_ + std::to_wstring(sequence_ + 1) + L".m4s";
+    CDiscStorage file;
+    MP4Err err = file.setPath(path.c_str());
+    if (err == MP4_OK) err = file.open(1);
+    if (err != MP4_OK) return MP4_ERR_IO;
+    err = writeAt(&file, 0, header.data(), header.size());
+    uint64_t position = header.size();
+    for (const Track& track : tracks_) {
+        uint64_t used = 0;
+        for (const Sample& sample : track.ready) used += sample.size;
+        if (err == MP4_OK && used > 0) err = writeAt(&file, position, track.bytes.data(), used);
+        position += used;
+    }
+    if (err == MP4_OK) err = file.flush();
+    const MP4Err closed = file.close();
+    return err != MP4_OK ? err : closed;
+}
+
+// ---- the movie box ----------------------------------------------------------
+
+// "mvex": "mehd" (version 1, so that close can fill in the duration in
+// place) and a "trex" per track whose defaults every "trun" overrides.
+void CFragmentWriter::movieExtends(CBoxBytes* out) const {
+    const size_t mvex = out->begin(fourcc("mvex"));
+    const size_t mehd = out->begin(fourcc("mehd"), 1);
+    out->u64(finished_ ? movieDuration() : 0);
+    out->end(mehd);
+    for (const Track& track : tracks_) {
+        const size_t trex = out->begin(fourcc("trex"), 0);
+        out->u32(track.trackId);
+        out->u32(1);  // sample description index
+        out->u32(0);
+        out->u32(0);
+        out->u32(0);
+        out->end(trex);
+    }
+    out->end(mvex);
+}
+
+// The movie box as the tree writes it, with "mvex" added at its end.
+MP4Err CFragmentWriter::movieBytes(CBoxBytes* out) {
+    if (!moov_) return MP4_ERR_INVALID_DATA;
+    MP4Err err = moov_->calculateSize();
+    uint64_t size = 0;
+    if (err == MP4_OK) err = moov_->getSize(&size);
+    if (err != MP4_OK) return err;
+    if (size > kMax32 / 2) return MP4_ERR_VALUE_TOO_LARGE;
+    try {
+        out->bytes().resize(size);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    CMemoryStorage memory;
+    memory.attach(out->bytes().data(), static_cast<uint32_t>(size), true);
+    resetBoxNesting();
+    err = memory.open(1);
+    if (err == MP4_OK) err = moov_->write(&memory);
+    (void)memory.close();
+    memory.detach();
+    if (err != MP4_OK) return err;
+    try {
+        movieExtends(out);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    out->end(0);
+    return MP4_OK;
+}
+
+// The movie box at its place, then the room kept for "sidx" as "free".
+MP4Err CFragmentWriter::writeMovie() {
+    CBoxBytes movie;
+    MP4Err err = movieBytes(&movie);
+    if (err != MP4_OK) return err;
+    movieSize_ = movie.size();
+    if (settings_.segmentIndexEntries > 0 && !segmented()) {
+        indexRoom_ = kSegmentIndexHeader + kSegmentIndexEntry * settings_.segmentIndexEntries +
+                     kFreeHeader;
+        const size_t free = movie.begin(fourcc("free"));
+        movie.bytes().resize(movie.size() + indexRoom_ - kFreeHeader);
+        movie.end(free);
+    }
+    err = writeAt(storage_, movieOffset_, movie.data(), movie.size());
+    if (err == MP4_OK) err = storage_->flush();
+    if (err != MP4_OK) return err == MP4_ERR_NOT_AVAILABLE ? MP4_ERR_IO : err;
+    end_ = movieOffset_ + movie.size();
+    movieWritten_ = true;
+    return MP4_OK;
+}
+
+// ---- close ------------------------------------------------------------------
+
+MP4Err CFragmentWriter::finish() {
+    MP4Err err = start();
+    if (err != MP4_OK) return err;
+    // The last sample of each track repeats the duration before it.
+    for (Track& track : tracks_) {
+        if (!track.holding) continue;
+        if ((err = releaseHeld(&track, track.held.decodeTime + track.lastDuration)) != MP4_OK) {
+            return err;
+        }
+    }
+    if ((err = writeFragment()) != MP4_OK) return err;
+    if (!movieWritten_ && (err = writeMovie()) != MP4_OK) return err;
+    finished_ = true;
+    if (!segmented()) {
+        if (settings_.randomAccessIndex && (err = writeRandomAccessIndex()) != MP4_OK) return err;
+        if ((err = writeSegmentIndex()) != MP4_OK) return err;
+    }
+    if ((err = updateMovieDurations()) != MP4_OK) return err;
+    return storage_->flush() == MP4_ERR_IO ? MP4_ERR_IO : MP4_OK;
+}
+
+uint64_t CFragmentWriter::movieDuration() const {
+    uint64_t longest = 0;
+    for (const Track& track : tracks_) {
+        longest = std::max(longest, rescale(track.endTime, movieTimeScale_, track.timeScale));
+    }
+    return longest;
+}
+
+// "mfra": a "tfra" per track with the fragments that start with a sync
+// sample of it, then "mfro" with the size of the whole.
+MP4Err CFragmentWriter::writeRandomAccessIndex() {
+    CBoxBytes index;
+    try {
+        const size_t mfra = index.begin(fourcc("mfra"));
+        for (const Track& track : tracks_) {
+            const size_t tfra = index.begin(fourcc("tfra"), 1);
+            index.u32(track.trackId);
+            index.u32(3u << 4);  // 4-byte traf numbers, 1-byte trun and sample numbers
+            index.u32(static_cast<uint32_t>(track.randomAccess.size()));
+            for (const Track::Entry& entry : track.randomAccess) {
+                index.u64(entry.time);
+                index.u64(entry.moofOffset);
+                index.u32(entry.trafNumber);
+                index.u8(1);
+                index.u8(1);
+            }
+            index.end(tfra);
+        }
+        const size_t mfro = index.begin(fourcc("mfro"), 0);
+        index.u32(static_cast<uint32_t>(index.size() - mfra + 4));
+        index.end(mfro);
+        index.end(mfra);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    MP4Err err = writeAt(storage_, end_, index.data(), index.size());
+    if (err != MP4_OK) return err;
+    end_ += index.size();
+    return MP4_OK;
+}
+
+// "sidx" over the leading track, one reference per fragment, in the room
+// after the movie box; the rest of the room stays "free".
+MP4Err CFragmentWriter::writeSegmentIndex() {
+    if (indexRoom_ == 0 || fragments_.size() > settings_.segmentIndexEntries) return MP4_OK;
+    const Track& lead = tracks_[lead_];
+    const uint64_t indexSize = kSegmentIndexHeader + kSegmentIndexEntry * fragments_.size();
+    CBoxBytes index;
+    try {
+        const size_t sidx = index.begin(fourcc("sidx"), 1);
+        index.u32(lead.trackId);
+        index.u32(lead.timeScale);
+        index.u64(fragments_.empty() ? 0 : fragments_.front().startTime);
+        index.u64(indexRoom_ - indexSize);  // the "free" box lies between
+        index.u16(0);
+        index.u16(static_cast<uint16_t>(fragments_.size()));
+        for (const MP4FragmentInfo& fragment : fragments_) {
+            index.u32(static_cast<uint32_t>(fragment.size & 0x7FFFFFFF));
+            index.u32(static_cast<uint32_t>(std::min<uint64_t>(fragment.duration, kMax32)));
+            index.u32(fragment.startsWithSync ? 0x90000000u : 0);  // SAP type 1
+        }
+        index.end(sidx);
+        const size_t free = index.begin(fourcc("free"));
+        index.bytes().resize(indexRoom_);
+        index.end(free);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    return writeAt(storage_, movieOffset_ + movieSize_, index.data(), index.size());
+}
+
+// The longest track's duration into "mvhd" and "mehd", written over the
+// movie box when its size stays the same (it does unless "mvhd" needs a
+// 64-bit duration it did not have).
+MP4Err CFragmentWriter::updateMovieDurations() {
+    auto* mvhd = childOf<CMovieHeaderBox>(moov_, fourcc("mvhd"));
+    if (!mvhd) return MP4_OK;
+    mvhd->duration = movieDuration();
+    CBoxBytes movie;
+    MP4Err err = movieBytes(&movie);
+    if (err != MP4_OK || movie.size() != movieSize_) return err;
+    return writeAt(storage_, movieOffset_, movie.data(), movie.size());
+}
+
+}  // namespace quil
