@@ -21,8 +21,9 @@ def run(args):
 
 
 def frames(path, extra=()):
+    # Audio in frames of 1024 samples: how packets cut it does not matter.
     result = run(['ffmpeg', '-v', 'error', *extra, '-i', path, '-map', '0:v?', '-map', '0:a?',
-                  '-f', 'framemd5', '-'])
+                  '-af', 'asetnsamples=n=1024:p=0', '-f', 'framemd5', '-'])
     if result.returncode != 0:
         return None
     rows = [line for line in result.stdout.splitlines() if line and not line.startswith('#')]
@@ -66,11 +67,29 @@ def packets(path):
     return out
 
 
+def same_packets(copy, source):
+    """Equal up to one time shift per stream (readers shift decode times
+    differently for negative composition offsets)."""
+    if copy is None or source is None or copy.keys() != source.keys():
+        return False
+    for k in copy:
+        if len(copy[k]) != len(source[k]):
+            return False
+        shift = (copy[k][0][2] or 0) - (source[k][0][2] or 0) if copy[k] else 0
+        for a, b in zip(copy[k], source[k]):
+            if a[0] != b[0] or a[3] != b[3]:
+                return False
+            if any(x is not None and y is not None and x - y != shift for x, y in zip(a[1:3], b[1:3])):
+                return False
+    return True
+
+
 def main():
     quil, folder = sys.argv[1], sys.argv[2]
     segments = '--segments' in sys.argv
     failures = checked = 0
     with tempfile.TemporaryDirectory() as work:
+        work = os.path.abspath(work)  # ffmpeg 5.1's DASH reader resolves relative paths twice
         for name in sorted(os.listdir(folder)):
             path = os.path.join(folder, name)
             if name.startswith('bad-') or name.endswith('.json') or not os.path.isfile(path):
@@ -89,7 +108,7 @@ def main():
             problems = []
             if not same_frames(frames(out), source, out):
                 problems.append('frames differ')
-            if packets(out) != packets(path):
+            if not same_packets(packets(out), packets(path)):
                 problems.append('packets differ')
             if segments:
                 directory = os.path.join(work, 'seg-' + name)

@@ -178,6 +178,30 @@ bool writeSegmentSet(const char* input, const std::string& directory, MP4Fragmen
     return copyTracks(input, directory + "/" + set->initName, options);
 }
 
+// One set per media track: init-T.mp4, seg-T-N.m4s and track-T.m3u8.
+bool writeTrackSets(const char* input, const std::string& directory,
+                    const MP4FragmentSettings& settings, const CopyOptions& options,
+                    const std::vector<TrackDescription>& tracks, std::vector<SegmentSet>* sets) {
+    for (const TrackDescription& track : tracks) {
+        if (!isMedia(track.kind)) continue;
+        const std::string n = std::to_string(track.number);
+        sets->push_back(namedSet("init-" + n + ".mp4", "seg-" + n + "-", "track-" + n + ".m3u8"));
+        SegmentSet& set = sets->back();
+        describeSet(tracks, track.number, &set);
+        CopyOptions one = options;
+        one.onlyTrack = track.number;
+        if (!writeSegmentSet(input, directory, settings, one, &set) ||
+            !writeText(directory + "/" + set.playlistName, hlsMediaPlaylist(set))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The HLS playlist plays the muxed segments (or the per-track sets through
+// a multivariant playlist); the DASH manifest always lists one track per
+// adaptation set, as DASH readers expect, so a muxed input with several
+// tracks gets per-track sets for it as well.
 int writeSegments(const char* input, const std::string& directory,
                   const MP4FragmentSettings& settings, const CopyOptions& options, bool split) {
     if (::mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
@@ -187,33 +211,28 @@ int writeSegments(const char* input, const std::string& directory,
     }
     std::vector<TrackDescription> tracks;
     if (!describeTracks(input, &tracks)) return kExitFailure;
-    std::vector<SegmentSet> sets;
-    if (!split) {
-        sets.push_back(namedSet("init.mp4", "seg-", "playlist.m3u8"));
-        describeSet(tracks, 0, &sets.back());
-        if (!writeSegmentSet(input, directory, settings, options, &sets.back())) return kExitFailure;
-        if (!writeText(directory + "/playlist.m3u8", hlsMediaPlaylist(sets.back()))) {
-            return kExitFailure;
-        }
-    } else {
-        for (const TrackDescription& track : tracks) {
-            if (!isMedia(track.kind)) continue;
-            const std::string n = std::to_string(track.number);
-            sets.push_back(namedSet("init-" + n + ".mp4", "seg-" + n + "-", "track-" + n + ".m3u8"));
-            describeSet(tracks, track.number, &sets.back());
-            CopyOptions one = options;
-            one.onlyTrack = track.number;
-            if (!writeSegmentSet(input, directory, settings, one, &sets.back()) ||
-                !writeText(directory + "/" + sets.back().playlistName,
-                           hlsMediaPlaylist(sets.back()))) {
-                return kExitFailure;
-            }
-        }
-        if (!writeText(directory + "/playlist.m3u8", hlsMultivariantPlaylist(sets))) {
+    size_t mediaTracks = 0;
+    for (const TrackDescription& track : tracks) mediaTracks += isMedia(track.kind) ? 1 : 0;
+    std::vector<SegmentSet> trackSets;
+    if (split || mediaTracks > 1) {
+        if (!writeTrackSets(input, directory, settings, options, tracks, &trackSets)) {
             return kExitFailure;
         }
     }
-    return writeText(directory + "/manifest.mpd", dashManifest(sets)) ? kExitOk : kExitFailure;
+    if (split) {
+        if (!writeText(directory + "/playlist.m3u8", hlsMultivariantPlaylist(trackSets))) {
+            return kExitFailure;
+        }
+    } else {
+        std::vector<SegmentSet> muxed{namedSet("init.mp4", "seg-", "playlist.m3u8")};
+        describeSet(tracks, 0, &muxed.back());
+        if (!writeSegmentSet(input, directory, settings, options, &muxed.back()) ||
+            !writeText(directory + "/playlist.m3u8", hlsMediaPlaylist(muxed.back()))) {
+            return kExitFailure;
+        }
+        if (trackSets.empty()) trackSets = muxed;
+    }
+    return writeText(directory + "/manifest.mpd", dashManifest(trackSets)) ? kExitOk : kExitFailure;
 }
 
 // SECONDS as a decimal number (e.g. 2 or 0.5), in milliseconds.
