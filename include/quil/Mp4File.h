@@ -153,6 +153,13 @@ public:
     // only one of the track numbers is 0.
     virtual MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack,
                                 uint32_t targetTrack) = 0;
+    // Reading: the movie fragments ("moof") of a fragmented file, 0 for a
+    // classic one. Their samples are part of the tracks: every sample
+    // operation of CMp4Track answers for the movie's samples followed by
+    // those of the fragments, in file order. 4 when nothing is open.
+    // Writing in fragments: the fragments written so far (also after
+    // close, until the next open).
+    virtual MP4Err getFragmentCount(uint32_t* count) = 0;
     // ---- Fragmented writing ------------------------------------------------
     // setFragmentation, on a file opened for writing (types other than 4
     // and 10) before its first sample, turns it into a fragmented file: the
@@ -173,10 +180,9 @@ public:
     // "mvhd" and "mehd". 3 when the file is not being written, already has
     // samples or is of type 4 or 10; 2 for a null settings or 0 ms.
     virtual MP4Err setFragmentation(const MP4FragmentSettings* settings) = 0;
-    // Fragments written so far (after close: those of the closed file, until
-    // the next open). getFragmentInfo: index from 0; 2 beyond the count, 3
-    // when the file was not written in fragments.
-    virtual MP4Err getFragmentCount(uint32_t* count) = 0;
+    // The fragments written so far (after close: those of the closed file,
+    // until the next open), index from 0; 2 beyond them, 3 when the file
+    // was not written in fragments. getFragmentCount counts them too.
     virtual MP4Err getFragmentInfo(uint32_t index, MP4FragmentInfo* info) = 0;
     virtual ~CMp4File() = default;
 

@@ -379,6 +379,19 @@ MP4Err keepRest(CBoxList* list, CStorage* storage, uint64_t start, uint64_t coun
 
 }  // namespace
 
+namespace {
+
+// A file-level list whose movie has "mvex": fragments may follow any media data.
+bool continuesInFragments(CBoxList* list) {
+    if (list->ownerType() != 0) return false;
+    CBox* moov = nullptr;
+    CBox* mvex = nullptr;
+    return list->findNth(fourcc("moov"), &moov, 1) == MP4_OK &&
+           moov->findChild(fourcc("mvex"), &mvex) == MP4_OK;
+}
+
+}  // namespace
+
 MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
     uint32_t eof = 0;
     MP4Err err = storage->isEof(&eof);  // only a failing query matters
@@ -411,6 +424,11 @@ MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
         if (err != MP4_OK) {
             delete child;
             return err;
+        }
+        // Nothing after the media data is read from a network storage,
+        // unless the movie goes on in fragments: their headers follow.
+        if (childType == fourcc("mdat") && isNetworkStorage(storage) && !continuesInFragments(list)) {
+            *remaining = 0;
         }
     }
     if (*remaining > 0) {

@@ -51,14 +51,6 @@ MP4Err CMp4FileImpl::setFragmentation(const MP4FragmentSettings* settings) {
     return fragmentWriter_ ? MP4_OK : MP4_ERR_OUT_OF_MEMORY;
 }
 
-MP4Err CMp4FileImpl::getFragmentCount(uint32_t* count) {
-    if (!count) return MP4_ERR_INVALID_ARGUMENT;
-    *count = 0;
-    if (!fragmentWriter_) return MP4_ERR_NOT_AVAILABLE;
-    *count = static_cast<uint32_t>(fragmentWriter_->fragments().size());
-    return MP4_OK;
-}
-
 MP4Err CMp4FileImpl::getFragmentInfo(uint32_t index, MP4FragmentInfo* info) {
     if (!info) return MP4_ERR_INVALID_ARGUMENT;
     *info = MP4FragmentInfo();

@@ -264,6 +264,20 @@ MP4Err CMp4FileImpl::getTrackCount(uint32_t* count) {
     return MP4_OK;
 }
 
+MP4Err CMp4FileImpl::getFragmentCount(uint32_t* count) {
+    if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *count = 0;
+    if (fragmentWriter_) {
+        *count = static_cast<uint32_t>(fragmentWriter_->fragments().size());
+        return MP4_OK;
+    }
+    if (!isOpen_ || !topLevelBoxes_) return MP4_ERR_IO;
+    for (CBoxList::Node* n = topLevelBoxes_->head(); n; n = n->next) {
+        if (n->box->type == fourcc("moof")) ++*count;
+    }
+    return MP4_OK;
+}
+
 MP4Err CMp4FileImpl::getFileType(uint32_t* fileType) {
     if (fileType == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *fileType = fileType_;
