@@ -27,12 +27,14 @@ def frames(path, extra=()):
     if result.returncode != 0:
         return None
     rows = [line for line in result.stdout.splitlines() if line and not line.startswith('#')]
-    # Per stream, the decoded frames' checksums in order (times may be shifted
-    # by a whole constant when a reader applies edits differently).
+    # Per stream, the decoded frames' checksums in order; their times are
+    # compared through the packets (a player shifts all streams by a constant
+    # when one of them starts before 0).
     streams = {}
     for row in rows:
         fields = [f.strip() for f in row.split(',')]
         streams.setdefault(fields[0], []).append((fields[4], fields[5]))
+    streams = {k: [v[1] for v in rows] for k, rows in streams.items()}
     return streams
 
 

@@ -294,7 +294,7 @@ MP4Err CFragmentWriter::writeFragment() {
         header.u32(static_cast<uint32_t>(mediaBytes + 8));
         header.u32(fourcc("mdat"));
     }
-    err = segmented() ? writeSegmentFile(header) : writeFragmentBytes(header, mediaBytes);
+    err = segmented() ? writeSegmentFile(header) : writeFragmentBytes(header, moofSize, mediaBytes);
     if (err != MP4_OK) {
         // Written again with the next cut or at close: forget the entries.
         for (size_t i = 0; i < tracks_.size(); ++i) {
@@ -341,18 +341,24 @@ MP4Err CFragmentWriter::writeAt(CStorage* storage, uint64_t offset, const uint8_
     return err;
 }
 
-// The fragment's header, then each track's sample bytes straight from
-// where they were gathered, then a flush: the fragment is complete on disc
-// before the next one starts.
-MP4Err CFragmentWriter::writeFragmentBytes(const CBoxBytes& header, uint64_t mediaBytes) {
-    MP4Err err = writeAt(storage_, end_, header.data(), header.size());
-    uint64_t position = end_ + header.size();
+// The media data first, flushed, then the "moof" in the room left before
+// it, flushed: a writer stopped at any moment leaves either a whole
+// fragment or, before its "moof" is on disc, a stretch of zeros (a box of
+// size 0, which runs to the end of the file) that readers pass over, never
+// a "moof" whose samples are missing.
+MP4Err CFragmentWriter::writeFragmentBytes(const CBoxBytes& header, uint64_t moofSize,
+                                           uint64_t mediaBytes) {
+    uint64_t position = end_ + moofSize;
+    MP4Err err = writeAt(storage_, position, header.data() + moofSize, header.size() - moofSize);
+    position += header.size() - moofSize;
     for (const Track& track : tracks_) {
         uint64_t used = 0;
         for (const Sample& sample : track.ready) used += sample.size;
         if (err == MP4_OK && used > 0) err = writeAt(storage_, position, track.bytes.data(), used);
         position += used;
     }
+    if (err == MP4_OK) err = storage_->flush();
+    if (err == MP4_OK) err = writeAt(storage_, end_, header.data(), moofSize);
     if (err == MP4_OK) err = storage_->flush();
     if (err != MP4_OK) return err == MP4_ERR_NOT_AVAILABLE ? MP4_ERR_IO : err;
     end_ += header.size() + mediaBytes;

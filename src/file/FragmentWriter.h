@@ -91,7 +91,7 @@ private:
     MP4Err movieBytes(CBoxBytes* out);
     void movieExtends(CBoxBytes* out) const;
     MP4Err writeAt(CStorage* storage, uint64_t offset, const uint8_t* bytes, uint64_t length);
-    MP4Err writeFragmentBytes(const CBoxBytes& header, uint64_t mediaBytes);
+    MP4Err writeFragmentBytes(const CBoxBytes& header, uint64_t moofSize, uint64_t mediaBytes);
     MP4Err writeSegmentFile(const CBoxBytes& header);
     MP4Err writeRandomAccessIndex();
     MP4Err writeSegmentIndex();
