@@ -21,28 +21,34 @@ def run(args):
 
 
 def frames(path, extra=()):
-    # Audio in frames of 1024 samples: how packets cut it does not matter.
-    result = run(['ffmpeg', '-v', 'error', *extra, '-i', path, '-map', '0:v?', '-map', '0:a?',
-                  '-af', 'asetnsamples=n=1024:p=0', '-f', 'framemd5', '-'])
-    if result.returncode != 0:
-        return None
-    rows = [line for line in result.stdout.splitlines() if line and not line.startswith('#')]
-    # Per stream, the decoded frames' checksums in order; their times are
-    # compared through the packets (a player shifts all streams by a constant
-    # when one of them starts before 0).
+    """Per stream (video streams, then audio streams, each decoded on its
+    own), the decoded frames' checksums in order. Audio is cut into frames
+    of 1024 samples, so that how packets cut it does not matter; times are
+    compared through the packets (a player shifts all streams by a constant
+    when one of them starts before 0)."""
     streams = {}
-    for row in rows:
-        fields = [f.strip() for f in row.split(',')]
-        streams.setdefault(fields[0], []).append((fields[4], fields[5]))
-    streams = {k: [v[1] for v in rows] for k, rows in streams.items()}
-    return streams
+    for kind in ('v', 'a'):
+        for number in range(16):
+            result = run(['ffmpeg', '-v', 'error', *extra, '-i', path, '-map', f'0:{kind}:{number}',
+                          '-af', 'asetnsamples=n=1024:p=0', '-f', 'framemd5', '-'])
+            if result.returncode != 0:
+                break
+            rows = [line for line in result.stdout.splitlines() if line and not line.startswith('#')]
+            streams[f'{kind}{number}'] = [row.split(',')[5].strip() for row in rows]
+    return streams or None
 
 
 def leading_negative(path):
-    """Per stream, how many packets come before presentation time 0."""
-    out = {}
-    for index, rows in (packets(path) or {}).items():
-        out[str(index)] = sum(1 for row in rows if row[1] is not None and int(row[1]) < 0)
+    """Per audio stream, how many packets come before presentation time 0."""
+    result = run(['ffprobe', '-v', 'error', '-select_streams', 'a', '-show_entries',
+                  'packet=stream_index,pts', '-of', 'csv=p=0', path])
+    order, out = [], {}
+    for line in result.stdout.splitlines():
+        index, pts = line.split(',')[:2]
+        if index not in order:
+            order.append(index)
+        key = f'a{order.index(index)}'
+        out[key] = out.get(key, 0) + (1 if pts not in ('', 'N/A') and int(pts) < 0 else 0)
     return out
 
 

@@ -168,6 +168,39 @@ std::vector<std::string> topLevelTypes(const Bytes& file) {
     return types;
 }
 
+uint64_t wordAt(const Bytes& file, size_t at, int bytes) {
+    uint64_t value = 0;
+    for (int i = 0; i < bytes; ++i) value = value << 8 | file[at + i];
+    return value;
+}
+
+// The "sidx" (version 1) points at the first "moof", and its references
+// cover each "moof" + "mdat" pair.
+void expectSegmentIndexMatches(const Bytes& file) {
+    std::vector<std::pair<std::string, uint64_t>> boxes;  // type, offset
+    for (size_t at = 0; at + 8 <= file.size() && wordAt(file, at, 4) >= 8; at += wordAt(file, at, 4)) {
+        boxes.emplace_back(std::string(file.begin() + at + 4, file.begin() + at + 8), at);
+    }
+    boxes.emplace_back("end", file.size());
+    size_t sidx = 0;
+    while (sidx < boxes.size() && boxes[sidx].first != "sidx") ++sidx;
+    ASSERT_LT(sidx, boxes.size());
+    const uint64_t at = boxes[sidx].second;
+    const uint64_t firstMoof = at + wordAt(file, at, 4) + wordAt(file, at + 28, 8);
+    const uint64_t count = wordAt(file, at + 38, 2);
+    std::vector<uint64_t> moofs;
+    for (const auto& box : boxes) {
+        if (box.first == "moof") moofs.push_back(box.second);
+    }
+    ASSERT_EQ(count, moofs.size());
+    ASSERT_EQ(moofs[0], firstMoof);
+    uint64_t position = firstMoof;
+    for (uint64_t i = 0; i < count; ++i) {
+        EXPECT_EQ(moofs[i], position);
+        position += wordAt(file, at + 40 + 12 * i, 4) & 0x7FFFFFFF;
+    }
+}
+
 uint32_t ffprobePackets(const std::string& path) {
     const std::string command = "ffprobe -v error -count_packets -show_entries stream=nb_read_packets "
                                 "-of csv=p=0 '" + path + "' 2>/dev/null";
@@ -232,6 +265,7 @@ TEST_P(FragmentLayout, ReadsBackAsWrittenWithItsBoxes) {
     ASSERT_GE(types.size(), c.leading.size());
     EXPECT_EQ(c.leading, std::vector<std::string>(types.begin(), types.begin() + c.leading.size()));
     EXPECT_EQ(c.last, types.back());
+    if (types[2] == "sidx") expectSegmentIndexMatches(loadFile(path));
     if (haveFfprobe()) {
         EXPECT_EQ(counts[0] + counts[1], ffprobePackets(path));
     }

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "boxes/BoxFactory.h"
+#include "boxes/FragmentBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "storage/DiscStorage.h"
 #include "storage/MemoryStorage.h"
@@ -21,14 +22,8 @@ constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 // other; any other sample depends on others and is not a sync sample.
 constexpr uint32_t kSyncSampleFlags = 0x02000000;
 constexpr uint32_t kOtherSampleFlags = 0x01010000;
-constexpr uint32_t kDefaultBaseIsMoof = 0x020000;
-constexpr uint32_t kTrunDataOffset = 0x000001;
-constexpr uint32_t kTrunDuration = 0x000100;
-constexpr uint32_t kTrunSize = 0x000200;
-constexpr uint32_t kTrunFlags = 0x000400;
-constexpr uint32_t kTrunCompositionOffsets = 0x000800;
 // "sidx" of version 1 before its references, and each reference.
-constexpr uint64_t kSegmentIndexHeader = 36;
+constexpr uint64_t kSegmentIndexHeader = 40;
 constexpr uint64_t kSegmentIndexEntry = 12;
 constexpr uint64_t kFreeHeader = 8;
 constexpr uint32_t kMaxIndexEntries = 1u << 24;
@@ -42,6 +37,38 @@ uint64_t rescale(uint64_t value, uint32_t to, uint32_t from) {
     return static_cast<uint64_t>(static_cast<unsigned __int128>(value) * to / from);
 }
 
+// A new box of that class appended to the parent, which owns it; null
+// when it cannot be made.
+template <class T>
+T* addNew(CBox* parent) {
+    std::unique_ptr<T> box(new (std::nothrow) T());
+    if (!box || parent->addChild(box.get()) != MP4_OK) return nullptr;
+    return box.release();
+}
+
+// The bytes of a box as its class writes them, appended.
+MP4Err appendBox(CBox* box, CBoxBytes* out) {
+    MP4Err err = box->calculateSize();
+    uint64_t size = 0;
+    if (err == MP4_OK) err = box->getSize(&size);
+    if (err != MP4_OK) return err;
+    if (size > kMax32 / 2) return MP4_ERR_VALUE_TOO_LARGE;
+    const size_t at = out->size();
+    try {
+        out->bytes().resize(at + size);
+    } catch (...) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    CMemoryStorage memory;
+    memory.attach(out->bytes().data() + at, static_cast<uint32_t>(size), true);
+    resetBoxNesting();
+    err = memory.open(1);
+    if (err == MP4_OK) err = box->write(&memory);
+    (void)memory.close();
+    memory.detach();
+    return err;
+}
+
 template <class T>
 T* childOf(CBox* parent, uint32_t type) {
     CBox* box = nullptr;
@@ -53,14 +80,8 @@ T* childOf(CBox* parent, uint32_t type) {
 
 // ---- box bytes ------------------------------------------------------------
 
-void CBoxBytes::u16(uint16_t value) {
-    u8(static_cast<uint8_t>(value >> 8));
-    u8(static_cast<uint8_t>(value));
-}
-
 void CBoxBytes::u32(uint32_t value) {
-    u16(static_cast<uint16_t>(value >> 16));
-    u16(static_cast<uint16_t>(value));
+    for (int shift = 24; shift >= 0; shift -= 8) bytes_.push_back(static_cast<uint8_t>(value >> shift));
 }
 
 void CBoxBytes::u64(uint64_t value) {
@@ -68,11 +89,10 @@ void CBoxBytes::u64(uint64_t value) {
     u32(static_cast<uint32_t>(value));
 }
 
-size_t CBoxBytes::begin(uint32_t type, int version, uint32_t flags) {
+size_t CBoxBytes::begin(uint32_t type) {
     const size_t start = bytes_.size();
     u32(0);
     u32(type);
-    if (version >= 0) u32(static_cast<uint32_t>(version) << 24 | (flags & 0xFFFFFF));
     return start;
 }
 
@@ -120,6 +140,8 @@ MP4Err CFragmentWriter::start() {
     } catch (...) {
         return MP4_ERR_OUT_OF_MEMORY;
     }
+    MP4Err err = addMovieExtends();
+    if (err != MP4_OK) return err;
     lead_ = 0;
     for (size_t i = 0; i < tracks_.size(); ++i) {
         if (tracks_[i].video) {
@@ -203,48 +225,75 @@ MP4Err CFragmentWriter::addSample(uint32_t trackId, const uint8_t* data, uint32_
 
 // ---- fragments ------------------------------------------------------------
 
-void CFragmentWriter::buildMovieFragment(CBoxBytes* out, uint64_t moofOffset,
-                                         size_t* dataOffsetFields) {
-    const size_t moof = out->begin(fourcc("moof"));
-    const size_t mfhd = out->begin(fourcc("mfhd"), 0);
-    out->u32(sequence_ + 1);
-    out->end(mfhd);
-    size_t field = 0;
+// "moof": "mfhd", then per track with samples a "traf" of "tfhd" (offsets
+// from the "moof", default-base-is-moof), "tfdt" and one "trun" with every
+// sample's duration, size, flags and, where any is not 0, composition
+// offset (signed, version 1, when one is negative).
+MP4Err CFragmentWriter::buildMovieFragment(CBoxBytes* out, uint64_t moofOffset,
+                                           uint64_t mdatHeader) {
+    CMovieFragmentBox moof;
+    auto* mfhd = addNew<CMovieFragmentHeaderBox>(&moof);
+    if (!mfhd) return MP4_ERR_OUT_OF_MEMORY;
+    mfhd->sequenceNumber = sequence_ + 1;
+    std::vector<std::pair<CTrackRunBox*, uint64_t>> runs;  // with their bytes
+    std::vector<uint32_t> values;
     uint32_t trafNumber = 0;
     for (Track& track : tracks_) {
         if (track.ready.empty()) continue;
         bool anyOffset = false, negative = false;
+        uint64_t bytes = 0;
         for (const Sample& sample : track.ready) {
             anyOffset = anyOffset || sample.compositionOffset != 0;
             negative = negative || sample.compositionOffset < 0;
+            bytes += sample.size;
         }
-        const size_t traf = out->begin(fourcc("traf"));
-        const size_t tfhd = out->begin(fourcc("tfhd"), 0, kDefaultBaseIsMoof);
-        out->u32(track.trackId);
-        out->end(tfhd);
-        const size_t tfdt = out->begin(fourcc("tfdt"), 1);
-        out->u64(track.ready.front().decodeTime);
-        out->end(tfdt);
-        const uint32_t flags = kTrunDataOffset | kTrunDuration | kTrunSize | kTrunFlags |
-                               (anyOffset ? kTrunCompositionOffsets : 0);
-        const size_t trun = out->begin(fourcc("trun"), negative ? 1 : 0, flags);
-        out->u32(static_cast<uint32_t>(track.ready.size()));
-        dataOffsetFields[field++] = out->size();
-        out->u32(0);  // data offset, filled in once the "moof" size is known
-        for (const Sample& sample : track.ready) {
-            out->u32(sample.duration);
-            out->u32(sample.size);
-            out->u32(sample.sync ? kSyncSampleFlags : kOtherSampleFlags);
-            if (anyOffset) out->u32(static_cast<uint32_t>(sample.compositionOffset));
+        auto* traf = addNew<CTrackFragmentBox>(&moof);
+        auto* tfhd = traf ? addNew<CTrackFragmentHeaderBox>(traf) : nullptr;
+        auto* tfdt = tfhd ? addNew<CTrackFragmentDecodeTimeBox>(traf) : nullptr;
+        auto* trun = tfdt ? addNew<CTrackRunBox>(traf) : nullptr;
+        if (!trun) return MP4_ERR_OUT_OF_MEMORY;
+        tfhd->flags = CTrackFragmentHeaderBox::kDefaultBaseIsMoof;
+        tfhd->trackId = track.trackId;
+        tfdt->version = 1;
+        tfdt->baseMediaDecodeTime = track.ready.front().decodeTime;
+        trun->version = negative ? 1 : 0;
+        trun->flags = CTrackRunBox::kDataOffset | CTrackRunBox::kDuration | CTrackRunBox::kSize |
+                      CTrackRunBox::kFlags | (anyOffset ? CTrackRunBox::kCompositionOffset : 0);
+        values.clear();
+        try {
+            for (const Sample& sample : track.ready) {
+                values.push_back(sample.duration);
+                values.push_back(sample.size);
+                values.push_back(sample.sync ? kSyncSampleFlags : kOtherSampleFlags);
+                if (anyOffset) values.push_back(static_cast<uint32_t>(sample.compositionOffset));
+            }
+            runs.emplace_back(trun, bytes);
+        } catch (...) {
+            return MP4_ERR_OUT_OF_MEMORY;
         }
-        out->end(trun);
-        out->end(traf);
+        MP4Err err = trun->setSamples(static_cast<uint32_t>(track.ready.size()), values.data());
+        if (err != MP4_OK) return err;
         ++trafNumber;
         if (track.ready.front().sync && !segmented()) {
-            track.randomAccess.push_back({track.ready.front().decodeTime, moofOffset, trafNumber});
+            try {
+                track.randomAccess.push_back(
+                    {track.ready.front().decodeTime, moofOffset, trafNumber});
+            } catch (...) {
+                return MP4_ERR_OUT_OF_MEMORY;
+            }
         }
     }
-    out->end(moof);
+    // The data offsets do not change the size: sized once, then filled in.
+    uint64_t moofSize = 0;
+    MP4Err err = moof.calculateSize();
+    if (err == MP4_OK) err = moof.getSize(&moofSize);
+    if (err != MP4_OK) return err;
+    uint64_t dataOffset = moofSize + mdatHeader;
+    for (const auto& run : runs) {
+        run.first->dataOffset = static_cast<int32_t>(dataOffset);
+        dataOffset += run.second;
+    }
+    return appendBox(&moof, out);
 }
 
 MP4Err CFragmentWriter::writeFragment() {
@@ -254,38 +303,22 @@ MP4Err CFragmentWriter::writeFragment() {
         for (const Sample& sample : track.ready) mediaBytes += sample.size;
         trafs += track.ready.empty() ? 0 : 1;
     }
+    (void)trafs;
     if (trafs == 0) return MP4_OK;
     MP4Err err = MP4_OK;
     if (!movieWritten_ && (err = writeMovie()) != MP4_OK) return err;
 
     CBoxBytes header;
-    if (segmented()) {
-        const size_t styp = header.begin(fourcc("styp"));
-        header.u32(fourcc("msdh"));
-        header.u32(0);
-        header.u32(fourcc("msdh"));
-        header.u32(fourcc("msix"));
-        if (settings_.cmafBrands) header.u32(fourcc("cmfs"));
-        header.end(styp);
-    }
+    if (segmented() && (err = appendSegmentType(&header)) != MP4_OK) return err;
     const uint64_t moofStart = header.size();
     const uint64_t moofOffset = segmented() ? moofStart : end_;
-    std::vector<size_t> fields(trafs);
     std::vector<size_t> randomAccessCounts;
     for (const Track& track : tracks_) randomAccessCounts.push_back(track.randomAccess.size());
-    buildMovieFragment(&header, moofOffset, fields.data());
-    const uint64_t moofSize = header.size() - moofStart;
+    // Kept below 2 GiB by the pending limit: data offsets are 32-bit.
     const bool large = mediaBytes + 8 > kMax32;
     const uint64_t mdatHeader = large ? 16 : 8;
-    // Offsets count from the start of "moof" (default-base-is-moof).
-    uint64_t dataOffset = moofSize + mdatHeader;
-    size_t field = 0;
-    for (const Track& track : tracks_) {
-        if (track.ready.empty()) continue;
-        uint8_t* at = header.bytes().data() + fields[field++];
-        for (int i = 0; i < 4; ++i) at[i] = static_cast<uint8_t>(dataOffset >> (24 - 8 * i));
-        for (const Sample& sample : track.ready) dataOffset += sample.size;
-    }
+    err = buildMovieFragment(&header, moofOffset, mdatHeader);
+    const uint64_t moofSize = header.size() - moofStart;
     if (large) {
         header.u32(1);
         header.u32(fourcc("mdat"));
@@ -294,7 +327,9 @@ MP4Err CFragmentWriter::writeFragment() {
         header.u32(static_cast<uint32_t>(mediaBytes + 8));
         header.u32(fourcc("mdat"));
     }
-    err = segmented() ? writeSegmentFile(header) : writeFragmentBytes(header, moofSize, mediaBytes);
+    if (err == MP4_OK) {
+        err = segmented() ? writeSegmentFile(header) : writeFragmentBytes(header, moofSize, mediaBytes);
+    }
     if (err != MP4_OK) {
         // Written again with the next cut or at close: forget the entries.
         for (size_t i = 0; i < tracks_.size(); ++i) {
@@ -387,53 +422,36 @@ MP4Err CFragmentWriter::writeSegmentFile(const CBoxBytes& header) {
 
 // ---- the movie box ----------------------------------------------------------
 
-// "mvex": "mehd" (version 1, so that close can fill in the duration in
-// place) and a "trex" per track whose defaults every "trun" overrides.
-void CFragmentWriter::movieExtends(CBoxBytes* out) const {
-    const size_t mvex = out->begin(fourcc("mvex"));
-    const size_t mehd = out->begin(fourcc("mehd"), 1);
-    out->u64(finished_ ? movieDuration() : 0);
-    out->end(mehd);
+// "mvex" in the movie box: "mehd" (version 1, so that close fills in the
+// duration without changing its size) and a "trex" per track whose
+// defaults every "trun" overrides.
+MP4Err CFragmentWriter::addMovieExtends() {
+    auto* mvex = moov_ ? addNew<CMovieExtendsBox>(moov_) : nullptr;
+    mehd_ = mvex ? addNew<CMovieExtendsHeaderBox>(mvex) : nullptr;
+    if (!mehd_) return MP4_ERR_OUT_OF_MEMORY;
+    mehd_->version = 1;
     for (const Track& track : tracks_) {
-        const size_t trex = out->begin(fourcc("trex"), 0);
-        out->u32(track.trackId);
-        out->u32(1);  // sample description index
-        out->u32(0);
-        out->u32(0);
-        out->u32(0);
-        out->end(trex);
+        auto* trex = addNew<CTrackExtendsBox>(mvex);
+        if (!trex) return MP4_ERR_OUT_OF_MEMORY;
+        trex->trackId = track.trackId;
+        trex->defaultSampleDescriptionIndex = 1;
     }
-    out->end(mvex);
+    return MP4_OK;
 }
 
-// The movie box as the tree writes it, with "mvex" added at its end.
+// "styp" of a media segment.
+MP4Err CFragmentWriter::appendSegmentType(CBoxBytes* out) const {
+    CFileTypeBox styp;
+    styp.type = fourcc("styp");
+    styp.majorBrand = fourcc("msdh");
+    const uint32_t brands[3] = {fourcc("msdh"), fourcc("msix"), fourcc("cmfs")};
+    MP4Err err = styp.setCompatibleBrands(brands, settings_.cmafBrands ? 3 : 2);
+    return err == MP4_OK ? appendBox(&styp, out) : err;
+}
+
+// The movie box as the tree writes it.
 MP4Err CFragmentWriter::movieBytes(CBoxBytes* out) {
-    if (!moov_) return MP4_ERR_INVALID_DATA;
-    MP4Err err = moov_->calculateSize();
-    uint64_t size = 0;
-    if (err == MP4_OK) err = moov_->getSize(&size);
-    if (err != MP4_OK) return err;
-    if (size > kMax32 / 2) return MP4_ERR_VALUE_TOO_LARGE;
-    try {
-        out->bytes().resize(size);
-    } catch (...) {
-        return MP4_ERR_OUT_OF_MEMORY;
-    }
-    CMemoryStorage memory;
-    memory.attach(out->bytes().data(), static_cast<uint32_t>(size), true);
-    resetBoxNesting();
-    err = memory.open(1);
-    if (err == MP4_OK) err = moov_->write(&memory);
-    (void)memory.close();
-    memory.detach();
-    if (err != MP4_OK) return err;
-    try {
-        movieExtends(out);
-    } catch (...) {
-        return MP4_ERR_OUT_OF_MEMORY;
-    }
-    out->end(0);
-    return MP4_OK;
+    return moov_ ? appendBox(moov_, out) : MP4_ERR_INVALID_DATA;
 }
 
 // The movie box at its place, then the room kept for "sidx" as "free".
@@ -491,32 +509,33 @@ uint64_t CFragmentWriter::movieDuration() const {
 // "mfra": a "tfra" per track with the fragments that start with a sync
 // sample of it, then "mfro" with the size of the whole.
 MP4Err CFragmentWriter::writeRandomAccessIndex() {
-    CBoxBytes index;
-    try {
-        const size_t mfra = index.begin(fourcc("mfra"));
-        for (const Track& track : tracks_) {
-            const size_t tfra = index.begin(fourcc("tfra"), 1);
-            index.u32(track.trackId);
-            index.u32(3u << 4);  // 4-byte traf numbers, 1-byte trun and sample numbers
-            index.u32(static_cast<uint32_t>(track.randomAccess.size()));
-            for (const Track::Entry& entry : track.randomAccess) {
-                index.u64(entry.time);
-                index.u64(entry.moofOffset);
-                index.u32(entry.trafNumber);
-                index.u8(1);
-                index.u8(1);
-            }
-            index.end(tfra);
+    CMovieFragmentRandomAccessBox mfra;
+    for (const Track& track : tracks_) {
+        auto* tfra = addNew<CTrackFragmentRandomAccessBox>(&mfra);
+        if (!tfra) return MP4_ERR_OUT_OF_MEMORY;
+        tfra->version = 1;
+        tfra->trackId = track.trackId;
+        tfra->lengthSizes = 3u << 4;  // 4-byte traf numbers, 1-byte trun and sample numbers
+        tfra->entryCount = static_cast<uint32_t>(track.randomAccess.size());
+        if (tfra->entryCount > 0) {
+            tfra->entries.reset(new (std::nothrow)
+                                    CTrackFragmentRandomAccessBox::Entry[tfra->entryCount]);
+            if (!tfra->entries) return MP4_ERR_OUT_OF_MEMORY;
         }
-        const size_t mfro = index.begin(fourcc("mfro"), 0);
-        index.u32(static_cast<uint32_t>(index.size() - mfra + 4));
-        index.end(mfro);
-        index.end(mfra);
-    } catch (...) {
-        return MP4_ERR_OUT_OF_MEMORY;
+        for (uint32_t i = 0; i < tfra->entryCount; ++i) {
+            const Track::Entry& from = track.randomAccess[i];
+            tfra->entries[i] = {from.time, from.moofOffset, from.trafNumber, 1, 1};
+        }
     }
-    MP4Err err = writeAt(storage_, end_, index.data(), index.size());
+    auto* mfro = addNew<CMovieFragmentRandomAccessOffsetBox>(&mfra);
+    uint64_t size = 0;
+    MP4Err err = mfro ? mfra.calculateSize() : MP4_ERR_OUT_OF_MEMORY;
+    if (err == MP4_OK) err = mfra.getSize(&size);
     if (err != MP4_OK) return err;
+    mfro->mfraSize = static_cast<uint32_t>(size);
+    CBoxBytes index;
+    if ((err = appendBox(&mfra, &index)) != MP4_OK) return err;
+    if ((err = writeAt(storage_, end_, index.data(), index.size())) != MP4_OK) return err;
     end_ += index.size();
     return MP4_OK;
 }
@@ -526,28 +545,33 @@ MP4Err CFragmentWriter::writeRandomAccessIndex() {
 MP4Err CFragmentWriter::writeSegmentIndex() {
     if (indexRoom_ == 0 || fragments_.size() > settings_.segmentIndexEntries) return MP4_OK;
     const Track& lead = tracks_[lead_];
-    const uint64_t indexSize = kSegmentIndexHeader + kSegmentIndexEntry * fragments_.size();
-    CBoxBytes index;
-    try {
-        const size_t sidx = index.begin(fourcc("sidx"), 1);
-        index.u32(lead.trackId);
-        index.u32(lead.timeScale);
-        index.u64(fragments_.empty() ? 0 : fragments_.front().startTime);
-        index.u64(indexRoom_ - indexSize);  // the "free" box lies between
-        index.u16(0);
-        index.u16(static_cast<uint16_t>(fragments_.size()));
-        for (const MP4FragmentInfo& fragment : fragments_) {
-            index.u32(static_cast<uint32_t>(fragment.size & 0x7FFFFFFF));
-            index.u32(static_cast<uint32_t>(std::min<uint64_t>(fragment.duration, kMax32)));
-            index.u32(fragment.startsWithSync ? 0x90000000u : 0);  // SAP type 1
-        }
-        index.end(sidx);
-        const size_t free = index.begin(fourcc("free"));
-        index.bytes().resize(indexRoom_);
-        index.end(free);
-    } catch (...) {
-        return MP4_ERR_OUT_OF_MEMORY;
+    CSegmentIndexBox sidx;
+    sidx.version = 1;
+    sidx.referenceId = lead.trackId;
+    sidx.timeScale = lead.timeScale;
+    sidx.earliestPresentationTime = fragments_.empty() ? 0 : fragments_.front().startTime;
+    sidx.referenceCount = static_cast<uint16_t>(fragments_.size());
+    if (!fragments_.empty()) {
+        sidx.references.reset(new (std::nothrow) CSegmentIndexBox::Reference[fragments_.size()]);
+        if (!sidx.references) return MP4_ERR_OUT_OF_MEMORY;
     }
+    for (size_t i = 0; i < fragments_.size(); ++i) {
+        const MP4FragmentInfo& fragment = fragments_[i];
+        CSegmentIndexBox::Reference& reference = sidx.references[i];
+        reference.typeAndSize = static_cast<uint32_t>(fragment.size & 0x7FFFFFFF);
+        reference.subsegmentDuration = static_cast<uint32_t>(std::min(fragment.duration, kMax32));
+        reference.sapFields = fragment.startsWithSync ? 0x90000000u : 0;  // SAP type 1
+    }
+    uint64_t indexSize = 0;
+    MP4Err err = sidx.calculateSize();
+    if (err == MP4_OK) err = sidx.getSize(&indexSize);
+    if (err != MP4_OK) return err;
+    sidx.firstOffset = indexRoom_ - indexSize;  // the "free" box lies between
+    CBoxBytes index;
+    if ((err = appendBox(&sidx, &index)) != MP4_OK) return err;
+    const size_t free = index.begin(fourcc("free"));
+    index.bytes().resize(indexRoom_);
+    index.end(free);
     return writeAt(storage_, movieOffset_ + movieSize_, index.data(), index.size());
 }
 
@@ -556,8 +580,9 @@ MP4Err CFragmentWriter::writeSegmentIndex() {
 // 64-bit duration it did not have).
 MP4Err CFragmentWriter::updateMovieDurations() {
     auto* mvhd = childOf<CMovieHeaderBox>(moov_, fourcc("mvhd"));
-    if (!mvhd) return MP4_OK;
+    if (!mvhd || !mehd_) return MP4_OK;
     mvhd->duration = movieDuration();
+    mehd_->fragmentDuration = mvhd->duration;
     CBoxBytes movie;
     MP4Err err = movieBytes(&movie);
     if (err != MP4_OK || movie.size() != movieSize_) return err;

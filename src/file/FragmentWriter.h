@@ -14,18 +14,18 @@
 
 namespace quil {
 
-// Big-endian bytes of boxes built by hand, with box headers whose sizes are
+class CMovieExtendsHeaderBox;
+
+// Big-endian bytes of what is written around the boxes ("mdat" headers,
+// "free" room) and the boxes themselves, with box headers whose sizes are
 // filled in when the box ends.
 class CBoxBytes {
 public:
-    void u8(uint8_t value) { bytes_.push_back(value); }
-    void u16(uint16_t value);
     void u32(uint32_t value);
     void u64(uint64_t value);
-    // Starts a box (a full box when version >= 0) and returns its start.
-    size_t begin(uint32_t type, int version = -1, uint32_t flags = 0);
+    // Starts a box and returns its start.
+    size_t begin(uint32_t type);
     void end(size_t start);  // writes the box's 32-bit size
-    void append(const std::vector<uint8_t>& more) { bytes_.insert(bytes_.end(), more.begin(), more.end()); }
     std::vector<uint8_t>& bytes() { return bytes_; }
     const uint8_t* data() const { return bytes_.data(); }
     size_t size() const { return bytes_.size(); }
@@ -86,10 +86,11 @@ private:
     MP4Err releaseHeld(Track* track, uint64_t nextDecodeTime);
     bool cutsBefore(const Track& track, uint64_t decodeTime, bool sync) const;
     MP4Err writeFragment();
-    void buildMovieFragment(CBoxBytes* out, uint64_t moofOffset, size_t* dataOffsetFields);
+    MP4Err buildMovieFragment(CBoxBytes* out, uint64_t moofOffset, uint64_t mdatHeader);
+    MP4Err addMovieExtends();
+    MP4Err appendSegmentType(CBoxBytes* out) const;
     MP4Err writeMovie();
     MP4Err movieBytes(CBoxBytes* out);
-    void movieExtends(CBoxBytes* out) const;
     MP4Err writeAt(CStorage* storage, uint64_t offset, const uint8_t* bytes, uint64_t length);
     MP4Err writeFragmentBytes(const CBoxBytes& header, uint64_t moofSize, uint64_t mediaBytes);
     MP4Err writeSegmentFile(const CBoxBytes& header);
@@ -107,6 +108,7 @@ private:
     uint64_t movieSize_ = 0;
     uint64_t indexRoom_ = 0;  // bytes kept free for "sidx" after the movie
     CBox* moov_;
+    CMovieExtendsHeaderBox* mehd_ = nullptr;  // in moov_
     uint32_t movieTimeScale_ = 1000;
     std::vector<Track> tracks_;
     size_t lead_ = 0;  // index of the track that decides the cuts
