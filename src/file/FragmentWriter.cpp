@@ -153,6 +153,12 @@ MP4Err CFragmentWriter::start() {
     return MP4_OK;
 }
 
+uint64_t CFragmentWriter::readyBytes(const Track& track) {
+    uint64_t bytes = 0;
+    for (const Sample& sample : track.ready) bytes += sample.size;
+    return bytes;
+}
+
 CFragmentWriter::Track* CFragmentWriter::findTrack(uint32_t trackId) {
     for (Track& track : tracks_) {
         if (track.trackId == trackId) return &track;
@@ -241,11 +247,9 @@ MP4Err CFragmentWriter::buildMovieFragment(CBoxBytes* out, uint64_t moofOffset,
     for (Track& track : tracks_) {
         if (track.ready.empty()) continue;
         bool anyOffset = false, negative = false;
-        uint64_t bytes = 0;
         for (const Sample& sample : track.ready) {
             anyOffset = anyOffset || sample.compositionOffset != 0;
             negative = negative || sample.compositionOffset < 0;
-            bytes += sample.size;
         }
         auto* traf = addNew<CTrackFragmentBox>(&moof);
         auto* tfhd = traf ? addNew<CTrackFragmentHeaderBox>(traf) : nullptr;
@@ -267,7 +271,7 @@ MP4Err CFragmentWriter::buildMovieFragment(CBoxBytes* out, uint64_t moofOffset,
                 values.push_back(sample.sync ? kSyncSampleFlags : kOtherSampleFlags);
                 if (anyOffset) values.push_back(static_cast<uint32_t>(sample.compositionOffset));
             }
-            runs.emplace_back(trun, bytes);
+            runs.emplace_back(trun, readyBytes(track));
         } catch (...) {
             return MP4_ERR_OUT_OF_MEMORY;
         }
@@ -298,13 +302,12 @@ MP4Err CFragmentWriter::buildMovieFragment(CBoxBytes* out, uint64_t moofOffset,
 
 MP4Err CFragmentWriter::writeFragment() {
     uint64_t mediaBytes = 0;
-    size_t trafs = 0;
+    bool any = false;
     for (const Track& track : tracks_) {
-        for (const Sample& sample : track.ready) mediaBytes += sample.size;
-        trafs += track.ready.empty() ? 0 : 1;
+        mediaBytes += readyBytes(track);
+        any = any || !track.ready.empty();
     }
-    (void)trafs;
-    if (trafs == 0) return MP4_OK;
+    if (!any) return MP4_OK;
     MP4Err err = MP4_OK;
     if (!movieWritten_ && (err = writeMovie()) != MP4_OK) return err;
 
@@ -353,8 +356,7 @@ MP4Err CFragmentWriter::writeFragment() {
     }
     for (Track& track : tracks_) {
         if (track.ready.empty()) continue;
-        uint64_t used = 0;
-        for (const Sample& sample : track.ready) used += sample.size;
+        const uint64_t used = readyBytes(track);
         const Sample& last = track.ready.back();
         track.endTime = last.decodeTime + last.duration;
         track.bytes.erase(track.bytes.begin(), track.bytes.begin() + static_cast<ptrdiff_t>(used));
@@ -376,6 +378,17 @@ MP4Err CFragmentWriter::writeAt(CStorage* storage, uint64_t offset, const uint8_
     return err;
 }
 
+// Each track's ready samples, straight from where they were gathered.
+MP4Err CFragmentWriter::writeMediaData(CStorage* storage, uint64_t position) {
+    for (const Track& track : tracks_) {
+        const uint64_t used = readyBytes(track);
+        MP4Err err = used > 0 ? writeAt(storage, position, track.bytes.data(), used) : MP4_OK;
+        if (err != MP4_OK) return err;
+        position += used;
+    }
+    return MP4_OK;
+}
+
 // The media data first, flushed, then the "moof" in the room left before
 // it, flushed: a writer stopped at any moment leaves either a whole
 // fragment or, before its "moof" is on disc, a stretch of zeros (a box of
@@ -383,15 +396,9 @@ MP4Err CFragmentWriter::writeAt(CStorage* storage, uint64_t offset, const uint8_
 // a "moof" whose samples are missing.
 MP4Err CFragmentWriter::writeFragmentBytes(const CBoxBytes& header, uint64_t moofSize,
                                            uint64_t mediaBytes) {
-    uint64_t position = end_ + moofSize;
-    MP4Err err = writeAt(storage_, position, header.data() + moofSize, header.size() - moofSize);
-    position += header.size() - moofSize;
-    for (const Track& track : tracks_) {
-        uint64_t used = 0;
-        for (const Sample& sample : track.ready) used += sample.size;
-        if (err == MP4_OK && used > 0) err = writeAt(storage_, position, track.bytes.data(), used);
-        position += used;
-    }
+    const uint64_t mdat = end_ + moofSize;
+    MP4Err err = writeAt(storage_, mdat, header.data() + moofSize, header.size() - moofSize);
+    if (err == MP4_OK) err = writeMediaData(storage_, mdat + header.size() - moofSize);
     if (err == MP4_OK) err = storage_->flush();
     if (err == MP4_OK) err = writeAt(storage_, end_, header.data(), moofSize);
     if (err == MP4_OK) err = storage_->flush();
@@ -408,13 +415,7 @@ MP4Err CFragmentWriter::writeSegmentFile(const CBoxBytes& header) {
     if (err == MP4_OK) err = file.open(1);
     if (err != MP4_OK) return MP4_ERR_IO;
     err = writeAt(&file, 0, header.data(), header.size());
-    uint64_t position = header.size();
-    for (const Track& track : tracks_) {
-        uint64_t used = 0;
-        for (const Sample& sample : track.ready) used += sample.size;
-        if (err == MP4_OK && used > 0) err = writeAt(&file, position, track.bytes.data(), used);
-        position += used;
-    }
+    if (err == MP4_OK) err = writeMediaData(&file, header.size());
     if (err == MP4_OK) err = file.flush();
     const MP4Err closed = file.close();
     return err != MP4_OK ? err : closed;

@@ -83,6 +83,8 @@ private:
     };
 
     Track* findTrack(uint32_t trackId);
+    static uint64_t readyBytes(const Track& track);
+    MP4Err writeMediaData(CStorage* storage, uint64_t position);
     MP4Err releaseHeld(Track* track, uint64_t nextDecodeTime);
     bool cutsBefore(const Track& track, uint64_t decodeTime, bool sync) const;
     MP4Err writeFragment();
