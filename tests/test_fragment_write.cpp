@@ -275,9 +275,9 @@ TEST_P(FragmentLayout, ReadsBackAsWrittenWithItsBoxes) {
 INSTANTIATE_TEST_SUITE_P(
     Settings, FragmentLayout,
     ::testing::Values(
-        LayoutCase{"plain", 1000, 0, true, true, {"ftyp", "moov", "moof", "mdat", "moof"}, "mfra"},
+        LayoutCase{"plain", 1000, 0, true, true, {"ftyp", "moov", "moof", "free", "mdat", "moof"}, "mfra"},
         LayoutCase{"indexed", 2000, 64, true, true, {"ftyp", "moov", "sidx", "free", "moof"}, "mfra"},
-        LayoutCase{"bare", 500, 0, false, true, {"ftyp", "moov", "moof", "mdat"}, "mdat"},
+        LayoutCase{"bare", 500, 0, false, true, {"ftyp", "moov", "moof", "free", "mdat"}, "mdat"},
         // More fragments than the room for the index: the room stays free.
         LayoutCase{"small-index", 500, 2, false, false, {"ftyp", "moov", "free", "moof"}, "mdat"}),
     [](const ::testing::TestParamInfo<LayoutCase>& info) {

@@ -6,15 +6,18 @@
 #define QUIL_FILE_FRAGMENTWRITER_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "boxes/Box.h"
+#include "storage/DiscStorage.h"
 #include "quil/Mp4File.h"
 
 namespace quil {
 
 class CMovieExtendsHeaderBox;
+class CTrackRunBox;
 
 // Big-endian bytes of what is written around the boxes ("mdat" headers,
 // "free" room) and the boxes themselves, with box headers whose sizes are
@@ -64,9 +67,18 @@ private:
         uint32_t trackId = 0;
         uint32_t timeScale = 0;
         bool video = false;
-        // Samples whose duration is known, then at most one that waits for
-        // its successor; bytes holds the bytes of all of them in order.
+        // The open fragment's samples whose duration is known; the first
+        // `written` of them are in the file, as `runs`. `bytes` holds the
+        // bytes of the others and of the held sample, which waits for its
+        // successor to know its duration.
         std::vector<Sample> ready;
+        size_t written = 0;
+        struct Run {
+            uint32_t first;
+            uint32_t count;
+            uint64_t payloadOffset;  // from the start of the "mdat" payload
+        };
+        std::vector<Run> runs;
         bool holding = false;
         Sample held{};
         std::vector<uint8_t> bytes;
@@ -83,19 +95,25 @@ private:
     };
 
     Track* findTrack(uint32_t trackId);
-    static uint64_t readyBytes(const Track& track);
-    MP4Err writeMediaData(CStorage* storage, uint64_t position);
+    static uint64_t unwrittenBytes(const Track& track);
     MP4Err releaseHeld(Track* track, uint64_t nextDecodeTime);
     bool cutsBefore(const Track& track, uint64_t decodeTime, bool sync) const;
+    uint64_t movieFragmentBound(const Track* adding) const;
+    bool fragmentFull(const Track* adding) const;
+    uint64_t segmentTypeSize() const;
+    MP4Err reserveFragment();
+    CStorage* destination() const;
+    MP4Err flushTrack(Track* track);
     MP4Err writeFragment();
-    MP4Err buildMovieFragment(CBoxBytes* out, uint64_t moofOffset, uint64_t mdatHeader);
+    MP4Err closeFragment(uint64_t moofOffset);
+    MP4Err buildMovieFragment(CBoxBytes* out, uint64_t moofOffset);
+    MP4Err addTrackRun(CBox* traf, const Track& track, const Track::Run& run,
+                       std::vector<uint32_t>* values, CTrackRunBox** added);
     MP4Err addMovieExtends();
     MP4Err appendSegmentType(CBoxBytes* out) const;
     MP4Err writeMovie();
     MP4Err movieBytes(CBoxBytes* out);
     MP4Err writeAt(CStorage* storage, uint64_t offset, const uint8_t* bytes, uint64_t length);
-    MP4Err writeFragmentBytes(const CBoxBytes& header, uint64_t moofSize, uint64_t mediaBytes);
-    MP4Err writeSegmentFile(const CBoxBytes& header);
     MP4Err writeRandomAccessIndex();
     MP4Err writeSegmentIndex();
     MP4Err updateMovieDurations();
@@ -120,6 +138,15 @@ private:
     bool movieWritten_ = false;
     bool finished_ = false;
     uint32_t sequence_ = 0;
+    // The open fragment: where its "styp"/"moof" room starts in its
+    // destination (the file, or a segment file of its own), the room's
+    // size, and the media data written after it so far.
+    bool fragmentReserved_ = false;
+    uint64_t fragmentBase_ = 0;
+    uint64_t room_ = 0;
+    uint64_t payload_ = 0;
+    uint64_t nextRoom_;
+    std::unique_ptr<CDiscStorage> segmentFile_;
     std::vector<MP4FragmentInfo> fragments_;
 };
 
