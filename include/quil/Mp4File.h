@@ -175,7 +175,10 @@ public:
     // next decode time of its track (the last one of a track repeats the
     // one before): decode times may repeat but not go back, and composition
     // times may precede decode times (by less than 2^31; written as
-    // signed offsets). close writes what is left as the last fragment, the
+    // signed offsets). An edit list set on a track (setEditList) goes into
+    // the movie box as it stands when the first sample comes, so give its
+    // presented duration there: the media's length is not known yet then.
+    // close writes what is left as the last fragment, the
     // indexes the settings ask for, and the longest track's duration into
     // "mvhd" and "mehd". 3 when the file is not being written, already has
     // samples or is of type 4 or 10; 2 for a null settings or 0 ms.
