@@ -323,6 +323,32 @@ TEST(FragmentWrite, RefusesWhatTheModeCannotTake) {
     std::remove(path.c_str());
 }
 
+// Without samples (or tracks) close still writes the movie, and no index
+// over fragments that do not exist.
+TEST(FragmentWrite, FileWithoutSamplesGetsItsMovie) {
+    for (bool withTrack : {false, true}) {
+        const std::string path = tempPath("empty.mp4");
+        MP4FragmentSettings settings{};
+        settings.segmentIndexEntries = 4;
+        {
+            Writer writer;
+            ASSERT_EQ(MP4_OK, CMp4File::createInstance(&writer.file));
+            ASSERT_EQ(MP4_OK, writer.file->open(wide(path).c_str(), 1, MP4_FILE_MPEG4));
+            ASSERT_EQ(MP4_OK, writer.file->setFragmentation(&settings));
+            if (withTrack) {
+                ASSERT_EQ(MP4_OK, writer.addTrack(0, MP4_TRACK_VIDEO, kVideoScale));
+            }
+            ASSERT_EQ(MP4_OK, writer.close());
+        }
+        EXPECT_EQ((std::vector<std::string>{"ftyp", "moov", "free", "mfra"}),
+                  topLevelTypes(loadFile(path)));
+        uint32_t counts[2] = {};
+        if (withTrack) expectSamplesAsWritten(path, counts);
+        EXPECT_EQ(0u, counts[0]);
+        std::remove(path.c_str());
+    }
+}
+
 // A recording killed with SIGKILL at random moments: the file it leaves
 // opens, and every sample the library (and ffprobe) reads is one that was
 // written, with its bytes and times, ending on a fragment boundary.

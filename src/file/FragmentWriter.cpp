@@ -404,14 +404,17 @@ MP4Err CFragmentWriter::writeFragment() {
     for (const Track& track : tracks_) randomAccessCounts.push_back(track.randomAccess.size());
     if ((err = buildMovieFragment(&header, moofOffset)) == MP4_OK) {
         const uint64_t moofSize = header.size() - (moofOffset - fragmentBase_);
+        // The room was sized by movieFragmentBound, which "moof" never passes.
         err = header.size() + kFreeHeader > room_ ? MP4_ERR_INVALID_DATA : MP4_OK;
-        const size_t free = header.begin(fourcc("free"));
-        header.bytes().resize(room_);
-        header.end(free);
-        header.u32(static_cast<uint32_t>(kMediaDataHeader + payload_));
-        header.u32(fourcc("mdat"));
         CStorage* out = destination();
-        if (err == MP4_OK) err = writeAt(out, fragmentBase_ + room_, header.data() + room_, kMediaDataHeader);
+        if (err == MP4_OK) {
+            const size_t free = header.begin(fourcc("free"));
+            header.bytes().resize(room_);
+            header.end(free);
+            header.u32(static_cast<uint32_t>(kMediaDataHeader + payload_));
+            header.u32(fourcc("mdat"));
+            err = writeAt(out, fragmentBase_ + room_, header.data() + room_, kMediaDataHeader);
+        }
         if (err == MP4_OK) err = out->flush();
         if (err == MP4_OK) err = writeAt(out, fragmentBase_, header.data(), room_);
         if (err == MP4_OK) err = out->flush();
@@ -600,13 +603,15 @@ MP4Err CFragmentWriter::writeRandomAccessIndex() {
 // "sidx" over the leading track, one reference per fragment, in the room
 // after the movie box; the rest of the room stays "free".
 MP4Err CFragmentWriter::writeSegmentIndex() {
-    if (indexRoom_ == 0 || fragments_.size() > settings_.segmentIndexEntries) return MP4_OK;
+    if (indexRoom_ == 0 || fragments_.empty() || fragments_.size() > settings_.segmentIndexEntries) {
+        return MP4_OK;
+    }
     const Track& lead = tracks_[lead_];
     CSegmentIndexBox sidx;
     sidx.version = 1;
     sidx.referenceId = lead.trackId;
     sidx.timeScale = lead.timeScale;
-    sidx.earliestPresentationTime = fragments_.empty() ? 0 : fragments_.front().startTime;
+    sidx.earliestPresentationTime = fragments_.front().startTime;
     sidx.referenceCount = static_cast<uint16_t>(fragments_.size());
     if (!fragments_.empty()) {
         sidx.references.reset(new (std::nothrow) CSegmentIndexBox::Reference[fragments_.size()]);
