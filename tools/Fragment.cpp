@@ -4,6 +4,7 @@
 // streaming segments with an HLS playlist and a DASH manifest.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -40,20 +41,32 @@ struct TrackDescription {
 std::string codecName(CMp4Track* track) {
     uint32_t format = 0;
     (void)track->getSampleEntryType(&format);
-    uint8_t config[64] = {};
+    // Only the first bytes are needed; a larger record answers 7 with them.
+    uint8_t config[16] = {};
     uint32_t length = 0;
     char text[32];
+    MP4Err err = track->getCodecConfiguration(config, sizeof config, &length);
     if ((format == fourcc("avc1") || format == fourcc("avc3")) &&
-        track->getCodecConfiguration(config, sizeof config, &length) == MP4_OK && length >= 4) {
+        (err == MP4_OK || err == MP4_ERR_BUFFER_TOO_SMALL) && length >= 4) {
+        if (err == MP4_ERR_BUFFER_TOO_SMALL) {
+            std::vector<uint8_t> whole(length);
+            if (track->getCodecConfiguration(whole.data(), length, &length) != MP4_OK) {
+                return fourccText(format);
+            }
+            std::copy(whole.begin(), whole.begin() + 4, config);
+        }
         std::snprintf(text, sizeof text, "%s.%02x%02x%02x", fourccText(format).c_str(), config[1],
                       config[2], config[3]);
         return text;
     }
     uint8_t objectType = 0;
     if (format == fourcc("mp4a") && track->getObjectTypeIndication(&objectType) == MP4_OK) {
+        // The audio object type is in the first 5 bits of the decoder
+        // specific info (AudioSpecificConfig), which is short.
+        uint8_t info[64] = {};
         if (objectType == 0x40 &&
-            track->getDecoderSpecificInfo(config, sizeof config, &length) == MP4_OK && length > 0) {
-            std::snprintf(text, sizeof text, "mp4a.40.%u", config[0] >> 3);
+            track->getDecoderSpecificInfo(info, sizeof info, &length) == MP4_OK && length > 0) {
+            std::snprintf(text, sizeof text, "mp4a.40.%u", info[0] >> 3);
         } else {
             std::snprintf(text, sizeof text, "mp4a.%02X", objectType);
         }
