@@ -203,7 +203,7 @@ const Command kRtpSendCommand = {
 // The commands, in the order --help lists them.
 const Command* const kCommands[] = {
     &kDumpCommand, &kInfoCommand, &kSamplesCommand, &kMetaCommand, &kRemuxCommand,
-    &kFaststartCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
+    &kFragmentCommand, &kFaststartCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
 };
 
 void printUsage() {
