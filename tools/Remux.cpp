@@ -193,8 +193,7 @@ bool Remuxer::addTrack(uint32_t number) {
         if (in) (void)source_.get()->releaseTrack(in);
         // Left out with a note rather than failing the whole copy.
         std::fprintf(stderr, "quil: %s: %s: track %u (%s) is not copied%s%s\n", options_.label,
-                     input_, number,
-                     err == MP4_OK ? trackKindName(kind) : "unreadable",
+                     input_, number, err == MP4_OK ? trackKindName(kind) : "unreadable",
                      err == MP4_OK ? "" : ": ", err == MP4_OK ? "" : toString(err));
         return true;
     }
