@@ -184,8 +184,8 @@ double now() {
 
 }  // namespace
 
-Progress::Progress(const char* label, uint64_t total) : label_(label), total_(total) {
-    enabled_ = total >= kProgressThreshold && ::isatty(STDERR_FILENO) == 1;
+Progress::Progress(const char* label, uint64_t total, bool forced) : label_(label), total_(total) {
+    enabled_ = forced || (total >= kProgressThreshold && ::isatty(STDERR_FILENO) == 1);
 }
 
 Progress::~Progress() {

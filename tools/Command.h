@@ -99,10 +99,11 @@ private:
 };
 
 // A progress line on stderr ("\rquil: remux: 42%"), shown only for large
-// work when stderr is a terminal, at most a few times a second.
+// work when stderr is a terminal (or always when forced), at most a few
+// times a second.
 class Progress {
 public:
-    Progress(const char* label, uint64_t total);
+    Progress(const char* label, uint64_t total, bool forced = false);
     ~Progress();  // ends the line if one was shown
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;

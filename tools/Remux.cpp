@@ -81,8 +81,8 @@ struct Failure {
 
 class Remuxer {
 public:
-    Remuxer(const char* input, uint32_t fileType, bool typeGiven)
-        : input_(input), fileType_(fileType), typeGiven_(typeGiven) {}
+    Remuxer(const char* input, const CopyOptions& options)
+        : input_(input), fileType_(options.fileType), options_(options) {}
     ~Remuxer();
     Remuxer(const Remuxer&) = delete;
     Remuxer& operator=(const Remuxer&) = delete;
@@ -108,10 +108,12 @@ private:
     bool copySample(TrackCopy* copy);
     TrackCopy* nextTrack();
     bool finish();
+    bool fragmented() const { return options_.fragments != nullptr; }
+    bool isCopied(uint32_t number) const;
 
     const char* input_;
     uint32_t fileType_;
-    bool typeGiven_;
+    CopyOptions options_;
     OpenedFile source_;
     CMp4File* target_ = nullptr;
     std::vector<TrackCopy> tracks_;
@@ -146,7 +148,11 @@ bool Remuxer::openInput() {
                                                  : "cannot read the file",
                     err);
     }
-    if (!typeGiven_) (void)source_.get()->getFileType(&fileType_);
+    if (!options_.typeGiven) (void)source_.get()->getFileType(&fileType_);
+    // PSP and XAVC files have no fragmented form: plain MPEG-4 instead.
+    if (fragmented() && (fileType_ == MP4_FILE_PSP || fileType_ == MP4_FILE_XAVC)) {
+        fileType_ = MP4_FILE_MPEG4;
+    }
     return true;
 }
 
@@ -157,6 +163,7 @@ bool Remuxer::openOutput(const std::string& output) {
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
     // Players show the file as long as its longest track.
     if (err == MP4_OK) err = target_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
+    if (err == MP4_OK && fragmented()) err = target_->setFragmentation(options_.fragments);
     return err == MP4_OK || fail("cannot create the output", err);
 }
 
@@ -174,7 +181,7 @@ bool Remuxer::addTracks() {
     (void)source_.get()->getTrackCount(&count);
     tracks_.reserve(count);
     for (uint32_t number = 1; number <= count; ++number) {
-        if (!addTrack(number)) return false;
+        if (isCopied(number) && !addTrack(number)) return false;
     }
     if (tracks_.empty()) return fail("no track that can be copied", MP4_ERR_NO_TRACKS);
     MP4Err err = target_->copyUserData(source_.get(), 0, 0);
@@ -189,8 +196,8 @@ bool Remuxer::addTrack(uint32_t number) {
     if (err != MP4_OK || !isCopiedKind(kind)) {
         if (in) (void)source_.get()->releaseTrack(in);
         // Left out with a note rather than failing the whole copy.
-        std::fprintf(stderr, "quil: remux: %s: track %u (%s) is not copied%s%s\n", input_, number,
-                     err == MP4_OK ? trackKindName(kind) : "unreadable",
+        std::fprintf(stderr, "quil: %s: %s: track %u (%s) is not copied%s%s\n", options_.label,
+                     input_, number, err == MP4_OK ? trackKindName(kind) : "unreadable",
                      err == MP4_OK ? "" : ": ", err == MP4_OK ? "" : toString(err));
         return true;
     }
@@ -244,11 +251,20 @@ bool Remuxer::copyTrackProperties(TrackCopy* copy) {
     err = out->addSampleEntryFrom(in, 1);
     if (err != MP4_OK) return fail(track + " sample entry", err);
     err = in->getSampleCount(&copy->sampleCount);
-    if (err == MP4_OK) err = findCompositionShift(copy);
+    // Fragments keep negative composition offsets as they are.
+    if (err == MP4_OK && !fragmented()) err = findCompositionShift(copy);
     if (err != MP4_OK) return fail(track + " samples", err);
     int64_t firstMediaTime = 0;
     uint64_t presented = 0;
     err = in->getInitialDelay(&copy->delay, &firstMediaTime, &presented);
+    uint64_t mediaDuration = 0;
+    // A fragmented file's edit cannot run "to the end of the media", which
+    // is not known when its movie box is written: it gets its length.
+    if (err == MP4_OK && fragmented() && presented == 0 && (copy->delay || firstMediaTime) &&
+        in->getMediaDuration(&mediaDuration) == MP4_OK &&
+        mediaDuration > static_cast<uint64_t>(firstMediaTime)) {
+        presented = mediaDuration - static_cast<uint64_t>(firstMediaTime);
+    }
     if (err == MP4_OK) {
         err = out->setEditList(copy->delay,
                                firstMediaTime + static_cast<int64_t>(copy->compositionShift),
@@ -315,7 +331,7 @@ TrackCopy* Remuxer::nextTrack() {
 bool Remuxer::copySamples() {
     // Counted in sample bytes against the input's size: close enough for
     // a progress line, and large files are those with many bytes.
-    Progress progress("remux", fileSize(input_));
+    Progress progress(options_.label, fileSize(input_), options_.progress);
     uint64_t copiedBytes = 0, copied = 0;
     while (TrackCopy* copy = nextTrack()) {
         if (!copySample(copy)) return false;
@@ -375,30 +391,50 @@ bool Remuxer::finish() {
         copy.out = nullptr;
     }
     MP4Err err = target_->close();
-    return err == MP4_OK || fail("writing the movie box", err);
+    if (err != MP4_OK) return fail("writing the movie box", err);
+    uint32_t count = 0;
+    if (options_.fragmentsWritten && target_->getFragmentCount(&count) == MP4_OK) {
+        options_.fragmentsWritten->resize(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            (void)target_->getFragmentInfo(i, &(*options_.fragmentsWritten)[i]);
+        }
+    }
+    return true;
+}
+
+bool Remuxer::isCopied(uint32_t number) const {
+    return options_.onlyTrack == 0 || options_.onlyTrack == number;
 }
 
 }  // namespace
 
-MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
-                 std::string* what) {
-    Remuxer remuxer(input, fileType, typeGiven);
+MP4Err copyTracks(const char* input, const std::string& output, const CopyOptions& options,
+                  std::string* what) {
+    Remuxer remuxer(input, options);
     if (remuxer.run(output)) return MP4_OK;
     if (what != nullptr) *what = remuxer.failure().what;
     return remuxer.failure().err;
 }
 
-namespace {
-
-// remuxFile, printing one line on failure.
-bool remuxOrReport(const char* input, const std::string& output, uint32_t fileType,
-                   bool typeGiven) {
+bool copyTracksOrReport(const char* input, const std::string& output,
+                        const CopyOptions& options) {
     std::string what;
-    const MP4Err err = remuxFile(input, output, fileType, typeGiven, &what);
+    const MP4Err err = copyTracks(input, output, options, &what);
     if (err == MP4_OK) return true;
-    std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input, what.c_str(), toString(err));
+    std::fprintf(stderr, "quil: %s: %s: %s: %s\n", options.label, input, what.c_str(),
+                 toString(err));
     return false;
 }
+
+MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
+                 std::string* what) {
+    CopyOptions options;
+    options.fileType = fileType;
+    options.typeGiven = typeGiven;
+    return copyTracks(input, output, options, what);
+}
+
+namespace {
 
 int runRemux(const Arguments& arguments) {
     uint64_t fileType = 0;
@@ -407,6 +443,9 @@ int runRemux(const Arguments& arguments) {
         return usageError("remux: --type needs a file type from 0 to 12");
     }
     const char* input = arguments.operand(0);
+    CopyOptions options;
+    options.fileType = static_cast<uint32_t>(fileType);
+    options.typeGiven = typeText != nullptr;
     OutputFile output;
     std::string error;
     if (!output.create(arguments.operand(1), &error)) {
@@ -420,18 +459,12 @@ int runRemux(const Arguments& arguments) {
             std::fprintf(stderr, "quil: remux: %s\n", error.c_str());
             return kExitFailure;
         }
-        if (!remuxOrReport(input, intermediate.temporaryPath(), static_cast<uint32_t>(fileType),
-                           typeText != nullptr)) {
-            return kExitFailure;
-        }
+        if (!copyTracksOrReport(input, intermediate.temporaryPath(), options)) return kExitFailure;
         if (moveMovieFirst(intermediate.temporaryPath().c_str(), output.temporaryPath(), "remux")) {
             return kExitFailure;
         }
     } else {
-        if (!remuxOrReport(input, output.temporaryPath(), static_cast<uint32_t>(fileType),
-                           typeText != nullptr)) {
-            return kExitFailure;
-        }
+        if (!copyTracksOrReport(input, output.temporaryPath(), options)) return kExitFailure;
     }
     if (!output.commit(&error)) {
         std::fprintf(stderr, "quil: remux: %s\n", error.c_str());

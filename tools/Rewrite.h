@@ -4,24 +4,48 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 #include "quil/MP4Err.h"
+#include "quil/Mp4File.h"
 
 namespace quil {
 namespace tool {
 
 extern const Command kFaststartCommand;
 extern const Command kRemuxCommand;
+extern const Command kFragmentCommand;
 
 // optimizeFile from input to output; on failure prints one line starting
 // with "quil: <label>: " and returns kExitFailure.
 int moveMovieFirst(const char* input, const std::string& output, const char* label);
 
-// Copies every track the write interface can make from input into a new
-// file output ("remux" without its temporary name and messages); file type
-// fileType when typeGiven, else the input's. On failure *what names the
-// step that failed.
+// How copyTracks writes its copy.
+struct CopyOptions {
+    const char* label = "remux";  // in messages: "quil: <label>: ..."
+    // The copy's file type when typeGiven, else the input's.
+    uint32_t fileType = 0;
+    bool typeGiven = false;
+    // Written in fragments with these settings (null: a classic file).
+    const MP4FragmentSettings* fragments = nullptr;
+    uint32_t onlyTrack = 0;  // copy only this track of the input (0: all)
+    bool progress = false;   // a progress line even when stderr is no terminal
+    // Filled with the fragments written (fragmented copies).
+    std::vector<MP4FragmentInfo>* fragmentsWritten = nullptr;
+};
+
+// Every track the write interface can make (video, audio, systems) of
+// input copied into a new file output, as remux does; a track left out
+// gets a note on stderr. On failure *what names the step that failed.
+MP4Err copyTracks(const char* input, const std::string& output, const CopyOptions& options,
+                  std::string* what);
+// copyTracks, printing one line starting with "quil: <label>: " and
+// returning false on failure.
+bool copyTracksOrReport(const char* input, const std::string& output, const CopyOptions& options);
+
+// copyTracks with default options: "remux" without its temporary name and
+// messages; file type fileType when typeGiven, else the input's.
 MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
                  std::string* what);
 

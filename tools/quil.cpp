@@ -205,7 +205,7 @@ const Command kRtpSendCommand = {
 // The commands, in the order --help lists them.
 const Command* const kCommands[] = {
     &kDumpCommand, &kInfoCommand, &kSamplesCommand, &kMetaCommand, &kRemuxCommand,
-    &kFaststartCommand, &kImportCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
+    &kFragmentCommand, &kFaststartCommand, &kImportCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
 };
 
 void printUsage() {

@@ -24,6 +24,41 @@ public:
     virtual ~CMp4HintTrackContext() = default;
 };
 
+// Fragmented writing (see CMp4File::setFragmentation). Value-initialise
+// it (MP4FragmentSettings settings{};) and change what is wanted.
+struct MP4FragmentSettings {
+    // A fragment ends before the first sync sample of the first video track
+    // (of the first track when there is no video) that comes at least this
+    // long after the fragment's first sample of that track.
+    uint32_t fragmentMilliseconds = 1000;
+    // close appends a random-access index ("mfra" with a "tfra" per track).
+    bool randomAccessIndex = true;
+    // A segment index ("sidx") is written at close for up to this many
+    // fragments, in room kept free after the movie box (0: none). More
+    // fragments than that leave the room as a "free" box.
+    uint32_t segmentIndexEntries = 0;
+    // Segments: when not null, every fragment goes into a file of its own,
+    // this prefix followed by the fragment's number (from 1) and ".m4s",
+    // starting with "styp"; the opened file then holds only "ftyp" and the
+    // movie box (an initialisation segment). Neither index is written.
+    const wchar_t* segmentPrefix = nullptr;
+    // CMAF brands: "cmfc" among the compatible brands (with "styp" major
+    // brand "msdh" in segments).
+    bool cmafBrands = false;
+};
+
+// One fragment as written: its first decode time and duration in the time
+// scale of the track that decides the cuts (see MP4FragmentSettings), where
+// its "moof" starts in its file and its size with the "mdat" (and "styp").
+struct MP4FragmentInfo {
+    uint64_t startTime = 0;
+    uint64_t duration = 0;
+    uint32_t timeScale = 0;
+    uint64_t offset = 0;
+    uint64_t size = 0;
+    bool startsWithSync = false;
+};
+
 // A media file opened for reading (mode 0) or created for writing (mode 1).
 // Obtain one with createInstance, release it with destroyInstance; close it
 // first. Track numbers are 1-based positions among the file's tracks.
@@ -131,6 +166,8 @@ public:
     // classic one. Their samples are part of the tracks: every sample
     // operation of CMp4Track answers for the movie's samples followed by
     // those of the fragments, in file order. 4 when nothing is open.
+    // Writing in fragments: the fragments written so far (also after
+    // close, until the next open).
     virtual MP4Err getFragmentCount(uint32_t* count) = 0;
     // Write mode only (3 otherwise; 2 for an unknown rule): the movie
     // duration close writes into "mvhd" (MP4MovieDurationRule).
@@ -140,6 +177,33 @@ public:
     // tracks of the presentation (hint tracks are not; all tracks when
     // none is), which is what players and ffprobe show as the length.
     virtual MP4Err setMovieDurationRule(uint32_t rule) = 0;
+    // ---- Fragmented writing ------------------------------------------------
+    // setFragmentation, on a file opened for writing (types other than 4
+    // and 10) before its first sample, turns it into a fragmented file: the
+    // "ftyp" is written again with "iso6" among its compatible brands, and
+    // the movie box, with "mvex" ("mehd", a "trex" per track) and empty
+    // sample tables, follows it once the first fragment is ready (tracks
+    // and their sample entries, edit lists and dimensions must be set by
+    // then; addTrack afterwards gives 3). Samples then go out in fragments
+    // ("moof" + "mdat"), each cut as the settings say; a fragment is on disc
+    // (the storage flushed) before addSample returns from cutting it, so a
+    // writer that stops without close leaves a file that plays up to its
+    // last complete fragment. A sample's duration is the distance to the
+    // next decode time of its track (the last one of a track repeats the
+    // one before): decode times may repeat but not go back, and composition
+    // times may precede decode times (by less than 2^31; written as
+    // signed offsets). An edit list set on a track (setEditList) goes into
+    // the movie box as it stands when the first sample comes, so give its
+    // presented duration there: the media's length is not known yet then.
+    // close writes what is left as the last fragment, the
+    // indexes the settings ask for, and the longest track's duration into
+    // "mvhd" and "mehd". 3 when the file is not being written, already has
+    // samples or is of type 4 or 10; 2 for a null settings or 0 ms.
+    virtual MP4Err setFragmentation(const MP4FragmentSettings* settings) = 0;
+    // The fragments written so far (after close: those of the closed file,
+    // until the next open), index from 0; 2 beyond them, 3 when the file
+    // was not written in fragments. getFragmentCount counts them too.
+    virtual MP4Err getFragmentInfo(uint32_t index, MP4FragmentInfo* info) = 0;
     virtual ~CMp4File() = default;
 
     static MP4Err createInstance(CMp4File** file);

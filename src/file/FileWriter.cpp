@@ -8,6 +8,7 @@
 #include "boxes/ConfigBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "boxes/PspBoxes.h"
+#include "file/FragmentWriter.h"
 #include "file/Mp4FileImpl.h"
 #include "track/TrackImpl.h"
 
@@ -178,6 +179,7 @@ MP4Err CMp4FileImpl::addTrack(CMp4Track** track) {
     if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *track = nullptr;
     if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    if (fragmentWriter_ && fragmentWriter_->started()) return MP4_ERR_NOT_AVAILABLE;
     if (trackCount_ >= 0xFFFFFFFEu) return MP4_ERR_INVALID_ARGUMENT;
     std::unique_ptr<CTrackImpl> impl(new (std::nothrow) CTrackImpl(this, trackMode_));
     if (!impl) return MP4_ERR_OUT_OF_MEMORY;
@@ -245,6 +247,7 @@ MP4Err CMp4FileImpl::appendMediaData(const uint8_t* bytes, uint64_t length, uint
 // Every step can be run again: a close that failed (a full disc, say) is
 // retried from the start and ends with the same file.
 MP4Err CMp4FileImpl::finishWriting() {
+    if (fragmentWriter_) return finishFragments();
     if (trackCount_ == 0) return MP4_OK;  // no movie without tracks
     if (movieWritten_) return MP4_OK;
     MP4Err err = finalizeOpenTracks();

@@ -9,6 +9,7 @@
 #include "boxes/BoxFactory.h"
 #include "io/Dump.h"
 #include "boxes/MovieBoxes.h"
+#include "file/FragmentWriter.h"
 #include "meta/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"
 #include "storage/DiscStorage.h"
@@ -98,6 +99,7 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     readPathUtf8_.clear();
     mediaReader_.close();
     hasHintTracks_ = 0;  // belongs to the file being opened, not the object
+    fragmentWriter_.reset();
     storageSupplied_ = storage_ != nullptr ? 1 : 0;
 
     if (storageSupplied_ == 0) {
@@ -270,6 +272,10 @@ MP4Err CMp4FileImpl::getTrackCount(uint32_t* count) {
 MP4Err CMp4FileImpl::getFragmentCount(uint32_t* count) {
     if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *count = 0;
+    if (fragmentWriter_) {
+        *count = static_cast<uint32_t>(fragmentWriter_->fragments().size());
+        return MP4_OK;
+    }
     if (!isOpen_ || !topLevelBoxes_) return MP4_ERR_IO;
     for (CBoxList::Node* n = topLevelBoxes_->head(); n; n = n->next) {
         if (n->box->type == fourcc("moof")) ++*count;

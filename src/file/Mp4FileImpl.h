@@ -15,11 +15,12 @@
 namespace quil {
 
 class CDiscStorage;
+class CFragmentWriter;
 class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
 
-class CMp4FileImpl : public CMp4File, public CTrackHost {
+class CMp4FileImpl : public CMp4File, public CTrackHost, public CFragmentSampleSink {
 public:
     CMp4FileImpl();
     ~CMp4FileImpl() override;
@@ -54,10 +55,12 @@ public:
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
+    MP4Err setFragmentation(const MP4FragmentSettings* settings) override;
     MP4Err getFragmentCount(uint32_t* count) override;
     MP4Err setMovieDurationRule(uint32_t rule) override;
     // destroyInstance: a file still being written is closed first.
     bool isOpenForWriting() const { return isOpen_ != 0 && mode_ == 1; }
+    MP4Err getFragmentInfo(uint32_t index, MP4FragmentInfo* info) override;
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first
@@ -111,6 +114,14 @@ public:
     CChunkInterleaving* chunkInterleaving() override {
         return fileType_ == MP4_FILE_XAVC ? &interleaving_ : nullptr;
     }
+    // A file written in fragments takes its tracks' samples itself.
+    CFragmentSampleSink* fragmentSamples() override {
+        return fragmentWriter_ ? this : nullptr;
+    }
+    // CFragmentSampleSink (FragmentedFile.cpp): the first sample makes the
+    // movie box from the tracks as they stand, then goes to the writer.
+    MP4Err addFragmentSample(uint32_t trackId, const uint8_t* data, uint32_t size,
+                             uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
 
 private:
     // Steps of open: the storage made for a path, the read path, and the
@@ -139,6 +150,8 @@ private:
     MP4Err writeMediaDataHeader();
     MP4Err fillInitialObjectDescriptor();
     MP4Err finishWriting();
+    MP4Err finishFragments();
+    MP4Err startFragments();
     MP4Err finalizeOpenTracks();
     MP4Err setMovieDuration();
     MP4Err rewriteMediaDataHeader();
@@ -183,6 +196,7 @@ private:
     CChunkInterleaving interleaving_;
     bool movieWritten_ = false;
     uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule
+    std::unique_ptr<CFragmentWriter> fragmentWriter_;
 };
 
 }  // namespace quil

@@ -1,7 +1,8 @@
 // What a track needs from the file it belongs to, and nothing more: the
-// movie box, media bytes in and out, the file type, and the signal that
-// keeps the chunks of an interleaved file's audio and video in step. The
-// file object implements it; tracks never see the file object itself.
+// movie box, media bytes in and out, the file type, the signal that keeps
+// the chunks of an interleaved file's audio and video in step, and the
+// sink of a file written in fragments. The file object implements it;
+// tracks never see the file object itself.
 #ifndef QUIL_TRACK_TRACKHOST_H
 #define QUIL_TRACK_TRACKHOST_H
 
@@ -33,6 +34,17 @@ private:
     bool audioCutPending_ = false;
 };
 
+// Fragmented writing: a file written in fragments takes each sample of
+// its tracks as it comes (the file then keeps and checks their timing)
+// instead of the track's own chunks and tables.
+class CFragmentSampleSink {
+public:
+    virtual ~CFragmentSampleSink() = default;
+    virtual MP4Err addFragmentSample(uint32_t trackId, const uint8_t* data, uint32_t size,
+                                     uint64_t decodeTime, uint64_t compositionTime,
+                                     bool sync) = 0;
+};
+
 class CTrackHost {
 public:
     virtual ~CTrackHost() = default;
@@ -61,6 +73,9 @@ public:
     // The interleaving signal of a file whose tracks interleave their
     // chunks; null when they do not.
     virtual CChunkInterleaving* chunkInterleaving() = 0;
+    // Where the samples of a file written in fragments go; null when the
+    // file is written with sample tables.
+    virtual CFragmentSampleSink* fragmentSamples() = 0;
 };
 
 }  // namespace quil

@@ -311,6 +311,12 @@ MP4Err CTrackImpl::checkSample(const uint8_t* data, uint32_t size, uint64_t deco
 
 MP4Err CTrackImpl::addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
                              uint64_t compositionTime, bool sync) {
+    CFragmentSampleSink* fragments = open_ && writing_ ? host_->fragmentSamples() : nullptr;
+    if (fragments) {
+        if (!stbl_ || stsd_->entryCount == 0) return MP4_ERR_INVALID_DATA;
+        return fragments->addFragmentSample(trackId_, data, size, decodeTime, compositionTime,
+                                            sync);
+    }
     uint32_t audioSamples = 1;
     MP4Err err = checkSample(data, size, decodeTime, compositionTime, &audioSamples);
     if (err != MP4_OK) return err;
@@ -513,6 +519,12 @@ MP4Err CTrackImpl::addToStatistics(uint64_t decodeTime, uint32_t size) {
 
 MP4Err CTrackImpl::finalizeWriting() {
     if (!writing_ || finalized_) return MP4_OK;
+    if (host_->fragmentSamples()) {
+        // Fragmented: the movie box has no samples, only the edit list
+        // asked for and the presentation size.
+        fillDefaultDimensions();
+        return editSet_ ? writeEditList(0) : MP4_OK;
+    }
     if (timeTable_->sampleCount == 0) return MP4_OK;
     MP4Err err = MP4_OK;
     if (pendingCount_ > 0 && (err = flushChunk()) != MP4_OK) return err;
