@@ -2,6 +2,7 @@
 #include "Command.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -81,6 +82,47 @@ bool parseNumber(const char* text, uint64_t low, uint64_t high, uint64_t* number
     if (errno != 0 || *end != '\0' || value < low || value > high) return false;
     *number = value;
     return true;
+}
+
+bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes, std::string* error) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        *error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    bytes->clear();
+    uint8_t buffer[65536];
+    size_t count = 0;
+    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        bytes->insert(bytes->end(), buffer, buffer + count);
+    }
+    const bool failed = std::ferror(file) != 0;
+    std::fclose(file);
+    if (failed) *error = path + ": " + std::strerror(EIO);
+    return !failed;
+}
+
+std::string inputProblem(const char* path) {
+    struct stat info {};
+    if (::stat(path, &info) != 0) return std::strerror(errno);
+    if (S_ISDIR(info.st_mode)) return std::strerror(EISDIR);
+    std::FILE* file = std::fopen(path, "rb");
+    if (file == nullptr) return std::strerror(errno);
+    std::fclose(file);
+    return std::string();
+}
+
+std::string outputProblem(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    struct statvfs disc {};
+    if (::statvfs(directory.c_str(), &disc) != 0) return std::strerror(errno);
+    // A write that failed on a disc with (almost) nothing left failed for that.
+    if (static_cast<uint64_t>(disc.f_bavail) * disc.f_frsize < (1u << 20)) {
+        return std::strerror(ENOSPC);
+    }
+    if (::access(directory.c_str(), W_OK) != 0) return std::strerror(errno);
+    return std::string();
 }
 
 uint64_t fileSize(const std::string& path) {

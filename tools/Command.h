@@ -115,6 +115,18 @@ private:
 // Size of a file on disc, 0 when it cannot be found.
 uint64_t fileSize(const std::string& path);
 
+// Reads a whole file; false with *error naming the file and the system's
+// reason.
+bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes, std::string* error);
+
+// The system's reason why an input file cannot be read ("No such file or
+// directory", "is a directory", "Permission denied"), or "" when it can.
+std::string inputProblem(const char* path);
+
+// The system's reason a write to path failed, as far as it can still be
+// told afterwards ("No space left on device"), or "".
+std::string outputProblem(const std::string& path);
+
 }  // namespace tool
 }  // namespace quil
 

@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "Info.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -325,7 +324,7 @@ public:
     }
     MP4Err open(const char* utf8Path) {
         std::wstring path;
-        MP4Err err = utf8ToWidePath(utf8Path, &path);
+        MP4Err err = Mp4WidePathFromUtf8(utf8Path, &path);
         if (err == MP4_OK) err = CMp4File::createInstance(&file_);
         if (err == MP4_OK) err = file_->open(path.c_str(), 1, fileType);
         return err;

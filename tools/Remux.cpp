@@ -12,7 +12,6 @@
 #include "Info.h"
 #include "Rewrite.h"
 #include "quil/quil.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -135,8 +134,11 @@ bool Remuxer::run(const std::string& output) {
     const bool done = openInput() && openOutput(output) && copyMovieProperties() && addTracks() &&
                       copySamples() && finish();
     if (!done) {
-        std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input_, failure_.what.c_str(),
-                     toString(failure_.err));
+        // A failed write says what the system says about the output.
+        std::string why = failure_.err == MP4_ERR_IO && target_ ? outputProblem(output) : "";
+        if (!why.empty()) why = " (output " + output + ": " + why + ")";
+        std::fprintf(stderr, "quil: remux: %s: %s: %s%s\n", input_, failure_.what.c_str(),
+                     toString(failure_.err), why.c_str());
     }
     return done;
 }
@@ -144,17 +146,16 @@ bool Remuxer::run(const std::string& output) {
 bool Remuxer::openInput() {
     MP4Err err = source_.open(input_);
     if (err != MP4_OK) {
-        return fail(err == MP4_ERR_NOT_AVAILABLE ? "not an MP4 file (no movie box found)"
-                                                 : "cannot read the file",
-                    err);
+        const std::string why = openFailureReason(input_, err);
+        return fail(why.empty() ? "cannot read the file" : why, err);
     }
-    if (!typeGiven_) (void)source_.get()->getFileType(&fileType_);
+    if (!typeGiven_) fileType_ = inputFileType(source_.get());
     return true;
 }
 
 bool Remuxer::openOutput(const std::string& output) {
     std::wstring path;
-    MP4Err err = utf8ToWidePath(output.c_str(), &path);
+    MP4Err err = Mp4WidePathFromUtf8(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
     return err == MP4_OK || fail("cannot create the output", err);

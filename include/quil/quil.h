@@ -6,6 +6,8 @@
 #include "MP4Err.h"
 #include "MP4Types.h"
 #include "Mp4File.h"
+#include "Mp4FileInfo.h"
+#include "Mp4Path.h"
 #include "Mp4HintTrack.h"
 #include "Mp4MetaData.h"
 #include "Mp4Tags.h"
