@@ -10,6 +10,7 @@ packages=(
   libgtest-dev zlib1g-dev libcurl4-openssl-dev pkg-config
   ffmpeg libavformat-dev libavcodec-dev libavutil-dev
   python3 nginx-light
+  openssl  # the TLS test makes its certificate and serves with it
 )
 
 is_installed() {

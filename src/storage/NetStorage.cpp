@@ -388,8 +388,9 @@ void runDownload(std::shared_ptr<Download> download) {
         how = classify(d, result);
         if (result != CURLE_OK && !d->stop.load() && (how == End::Dropped || !d->accepted) &&
             d->reply.status == 0) {
-            setLastError(std::string(curl_easy_strerror(result)) +
-                         (d->curlError[0] ? std::string(": ") + d->curlError : std::string()));
+            // libcurl's own line names the host and the cause; its short
+            // text stands in when it wrote none.
+            setLastError(d->curlError[0] ? d->curlError : curl_easy_strerror(result));
         }
         if (how == End::Complete || how == End::Stopped) d->print("cache reading complete\n");
     }
