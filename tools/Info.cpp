@@ -56,6 +56,18 @@ namespace {
 
 bool isUrl(const char* path) { return std::strncmp(path, "http", 4) == 0; }
 
+bool isTopLevelType(uint32_t type) {
+    static const uint32_t kTypes[] = {
+        fourcc("ftyp"), fourcc("moov"), fourcc("mdat"), fourcc("free"), fourcc("skip"),
+        fourcc("wide"), fourcc("uuid"), fourcc("moof"), fourcc("styp"), fourcc("sidx"),
+        fourcc("pdin"), fourcc("meta"), fourcc("mfra"), fourcc("pnot"), fourcc("emsg"),
+    };
+    for (uint32_t known : kTypes) {
+        if (type == known) return true;
+    }
+    return false;
+}
+
 // "truncated: ..." when a top-level box of the file runs past its end:
 // only the box headers are read.
 std::string truncation(const char* path) {
@@ -75,9 +87,10 @@ std::string truncation(const char* path) {
         }
         if (size == 0) break;  // to the end of the file
         if (size < 8) break;   // damaged, not truncated
+        const uint32_t type = (uint32_t{head[4]} << 24) | (head[5] << 16) | (head[6] << 8) |
+                              head[7];
+        if (!isTopLevelType(type)) break;  // not a box file: not "truncated"
         if (size > length - offset) {
-            const uint32_t type = (uint32_t{head[4]} << 24) | (head[5] << 16) | (head[6] << 8) |
-                                  head[7];
             found = "truncated: the " + fourccText(type) + " box at offset " +
                     std::to_string(offset) + " needs " + std::to_string(size) +
                     " bytes, the file ends after " + std::to_string(length - offset);

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "Command.h"
+#include "Dump.h"
 #include "Hint.h"
 #include "Info.h"
 #include "Meta.h"
@@ -23,18 +24,6 @@
 namespace quil {
 namespace tool {
 namespace {
-
-int runDump(const char* path) {
-    OpenedFile file;
-    if (int status = openOrReport(&file, path)) return status;
-    MP4Err err = file.get()->dumpBoxes();
-    std::fflush(stdout);
-    if (err != MP4_OK) {
-        reportError(path, err);
-        return kExitFailure;
-    }
-    return dumpHintSamples(file.get());
-}
 
 int runInfo(const char* path, bool json) {
     OpenedFile file;
@@ -89,8 +78,6 @@ int runSamples(const char* path, uint32_t onlyTrack) {
     return kExitOk;
 }
 
-int dumpCommand(const Arguments& arguments) { return runDump(arguments.operand(0)); }
-
 int infoCommand(const Arguments& arguments) {
     return runInfo(arguments.operand(0), arguments.has("--json"));
 }
@@ -104,12 +91,6 @@ int samplesCommand(const Arguments& arguments) {
     }
     return runSamples(arguments.operand(0), static_cast<uint32_t>(track));
 }
-
-const Command kDumpCommand = {
-    "dump", "dump FILE",
-    "  dump     print every box of the file with its fields\n",
-    {}, 1, 1, dumpCommand,
-};
 
 const Command kInfoCommand = {
     "info", "info FILE [--json]",

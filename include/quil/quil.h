@@ -6,6 +6,7 @@
 #include "MP4Err.h"
 #include "MP4Types.h"
 #include "Mp4File.h"
+#include "Mp4BoxWalk.h"
 #include "Mp4FileInfo.h"
 #include "Mp4Path.h"
 #include "Mp4HintTrack.h"
