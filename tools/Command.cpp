@@ -215,8 +215,6 @@ bool OutputFile::commit(std::string* error) {
 
 namespace {
 
-constexpr uint64_t kProgressThreshold = 64ull << 20;  // smaller work ends too fast to watch
-
 double now() {
     using namespace std::chrono;
     return duration<double>(steady_clock::now().time_since_epoch()).count();
@@ -224,8 +222,9 @@ double now() {
 
 }  // namespace
 
-Progress::Progress(const char* label, uint64_t total) : label_(label), total_(total) {
-    enabled_ = total >= kProgressThreshold && ::isatty(STDERR_FILENO) == 1;
+Progress::Progress(const char* label, uint64_t total, uint64_t threshold)
+    : label_(label), total_(total) {
+    enabled_ = total > 0 && total >= threshold && ::isatty(STDERR_FILENO) == 1;
 }
 
 Progress::~Progress() {

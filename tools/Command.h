@@ -91,11 +91,13 @@ private:
     int watchSlot_ = -1;  // of the interruption handler
 };
 
-// A progress line on stderr ("\rquil: remux: 42%"), shown only for large
-// work when stderr is a terminal, at most a few times a second.
+// A progress line on stderr ("\rquil: remux: 42%"), shown only for work
+// of at least `threshold` units (by default 64 MiB: smaller work ends too
+// fast to watch) when stderr is a terminal, at most a few times a second.
 class Progress {
 public:
-    Progress(const char* label, uint64_t total);
+    static constexpr uint64_t kDefaultThreshold = 64ull << 20;
+    Progress(const char* label, uint64_t total, uint64_t threshold = kDefaultThreshold);
     ~Progress();  // ends the line if one was shown
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
