@@ -84,6 +84,36 @@ bool parseNumber(const char* text, uint64_t low, uint64_t high, uint64_t* number
     return true;
 }
 
+std::vector<TopLevelBox> topLevelBoxes(const char* path, uint64_t* length) {
+    std::vector<TopLevelBox> boxes;
+    *length = fileSize(path);
+    std::FILE* file = std::fopen(path, "rb");
+    if (file == nullptr) return boxes;
+    uint8_t head[16];
+    for (uint64_t offset = 0; offset + 8 <= *length;) {
+        if (::fseeko(file, static_cast<off_t>(offset), SEEK_SET) != 0 ||
+            std::fread(head, 1, 8, file) != 8) {
+            break;
+        }
+        uint64_t size = (uint64_t{head[0]} << 24) | (head[1] << 16) | (head[2] << 8) | head[3];
+        if (size == 1) {
+            if (std::fread(head + 8, 1, 8, file) != 8) break;
+            size = 0;
+            for (int i = 8; i < 16; ++i) size = size << 8 | head[i];
+        } else if (size == 0) {
+            size = *length - offset;
+        }
+        if (size < 8) break;  // damaged
+        const uint32_t type =
+            (uint32_t{head[4]} << 24) | (head[5] << 16) | (head[6] << 8) | head[7];
+        boxes.push_back({type, offset, size});
+        if (size > *length - offset) break;
+        offset += size;
+    }
+    std::fclose(file);
+    return boxes;
+}
+
 bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes, std::string* error) {
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {

@@ -117,6 +117,16 @@ private:
 // Size of a file on disc, 0 when it cannot be found.
 uint64_t fileSize(const std::string& path);
 
+// The top-level box headers of a file on disc, in order, up to the first
+// damaged header; the last one may run past the end of the file (its size
+// is then above length - offset). A size of 0 runs to the end of the file.
+struct TopLevelBox {
+    uint32_t type;
+    uint64_t offset;
+    uint64_t size;
+};
+std::vector<TopLevelBox> topLevelBoxes(const char* path, uint64_t* length);
+
 // Reads a whole file; false with *error naming the file and the system's
 // reason.
 bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes, std::string* error);

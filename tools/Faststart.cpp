@@ -80,26 +80,12 @@ namespace {
 // True when the file's movie box comes before its first media data box:
 // only the top-level box headers are read.
 bool movieAlreadyFirst(const char* path) {
-    std::FILE* file = std::fopen(path, "rb");
-    if (file == nullptr) return false;
-    const uint64_t length = fileSize(path);
-    uint64_t offset = 0;
-    bool first = false;
-    uint8_t head[16];
-    while (offset + 8 <= length && ::fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0 &&
-           std::fread(head, 1, 8, file) == 8) {
-        uint64_t size = (uint64_t{head[0]} << 24) | (head[1] << 16) | (head[2] << 8) | head[3];
-        if (size == 1 && std::fread(head + 8, 1, 8, file) == 8) {
-            size = 0;
-            for (int i = 8; i < 16; ++i) size = size << 8 | head[i];
-        }
-        const std::string type(reinterpret_cast<const char*>(head + 4), 4);
-        if (type == "moov") first = true;
-        if (type == "moov" || type == "mdat" || size < 8 || size > length - offset) break;
-        offset += size;
+    uint64_t length = 0;
+    for (const TopLevelBox& box : topLevelBoxes(path, &length)) {
+        if (box.type == fourcc("moov")) return true;
+        if (box.type == fourcc("mdat")) return false;
     }
-    std::fclose(file);
-    return first;
+    return false;
 }
 
 // A plain byte copy in pieces; false with *error set.

@@ -71,35 +71,16 @@ bool isTopLevelType(uint32_t type) {
 // "truncated: ..." when a top-level box of the file runs past its end:
 // only the box headers are read.
 std::string truncation(const char* path) {
-    std::FILE* file = std::fopen(path, "rb");
-    if (file == nullptr) return std::string();
-    const uint64_t length = fileSize(path);
-    uint64_t offset = 0;
-    std::string found;
-    uint8_t head[16];
-    while (offset + 8 <= length && std::fseek(file, static_cast<long>(offset), SEEK_SET) == 0 &&
-           std::fread(head, 1, 8, file) == 8) {
-        uint64_t size = (uint64_t{head[0]} << 24) | (head[1] << 16) | (head[2] << 8) | head[3];
-        if (size == 1) {
-            if (std::fread(head + 8, 1, 8, file) != 8) break;
-            size = 0;
-            for (int i = 8; i < 16; ++i) size = size << 8 | head[i];
+    uint64_t length = 0;
+    for (const TopLevelBox& box : topLevelBoxes(path, &length)) {
+        if (!isTopLevelType(box.type)) break;  // not a box file: not "truncated"
+        if (box.size > length - box.offset) {
+            return "truncated: the " + fourccText(box.type) + " box at offset " +
+                   std::to_string(box.offset) + " needs " + std::to_string(box.size) +
+                   " bytes, the file ends after " + std::to_string(length - box.offset);
         }
-        if (size == 0) break;  // to the end of the file
-        if (size < 8) break;   // damaged, not truncated
-        const uint32_t type = (uint32_t{head[4]} << 24) | (head[5] << 16) | (head[6] << 8) |
-                              head[7];
-        if (!isTopLevelType(type)) break;  // not a box file: not "truncated"
-        if (size > length - offset) {
-            found = "truncated: the " + fourccText(type) + " box at offset " +
-                    std::to_string(offset) + " needs " + std::to_string(size) +
-                    " bytes, the file ends after " + std::to_string(length - offset);
-            break;
-        }
-        offset += size;
     }
-    std::fclose(file);
-    return found;
+    return std::string();
 }
 
 // What a failed open most likely means, for the message.
