@@ -567,7 +567,9 @@ TEST_P(FileReport, AnswersThroughThePublicInterface) {
     EXPECT_EQ(summarised, c.record ? MP4_OK : MP4_ERR_NOT_AVAILABLE);
     EXPECT_EQ(summary.record, c.record);
     EXPECT_EQ(summary.profile, c.profile);
-    if (c.record) EXPECT_EQ(summary.sequenceParameterSets, 1u);
+    if (c.record) {
+        EXPECT_EQ(summary.sequenceParameterSets, 1u);
+    }
     file->releaseTrack(track);
 
     WalkCheck check;

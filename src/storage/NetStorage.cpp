@@ -153,8 +153,8 @@ struct Download {
     uint32_t filled = 0;
     uint64_t received = 0;
     bool accepted = false;
-    uint64_t toSkip = 0;
-    char curlError[CURL_ERROR_SIZE] = "";  // body bytes before the start offset (a whole body)
+    uint64_t toSkip = 0;                   // body bytes before the start offset (a whole body)
+    char curlError[CURL_ERROR_SIZE] = "";  // libcurl's line on a failed transfer
     Clock::time_point lastData = Clock::now();
     Reply reply;
 
