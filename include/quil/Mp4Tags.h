@@ -95,7 +95,7 @@ QUIL_API MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath);
 // in the object until written with Mp4WriteCopy or Mp4WriteUserDataInPlace.
 // 2 for a null file, code 0 or "----", a null value with a length, a value
 // above 64 MiB or a type above 24 bits; 3 when not open for reading; 12
-// when "meta" is not kept as raw bytes.
+// for a compressed movie or when "meta" is not kept as raw bytes.
 QUIL_API MP4Err Mp4SetTag(CMp4File* file, uint32_t code, uint32_t dataType, const uint8_t* value,
                           uint32_t length);
 

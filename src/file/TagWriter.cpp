@@ -180,7 +180,13 @@ MP4Err findMovieMeta(CMp4FileImpl* impl, CBox** udta, CBox** meta) {
     if (err != MP4_OK) return err;
     CBox* moov = nullptr;
     err = impl->findTopLevelBox(fourcc("moov"), &moov);
-    if (err == MP4_OK) err = moov->findChild(fourcc("udta"), udta, 1);
+    if (err != MP4_OK) return err;
+    // A compressed movie would have to be compressed again: not done.
+    CBox* cmov = nullptr;
+    if (moov->childList() && moov->childList()->findNth(fourcc("cmov"), &cmov, 1) == MP4_OK) {
+        return MP4_ERR_UNSUPPORTED;
+    }
+    err = moov->findChild(fourcc("udta"), udta, 1);
     if (err != MP4_OK) return err;
     err = (*udta)->findChild(fourcc("meta"), meta, 1);
     return err == MP4_ERR_NOT_AVAILABLE ? MP4_OK : err;
