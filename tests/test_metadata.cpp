@@ -13,8 +13,8 @@
 #include "BoxBuilder.h"
 #include "boxes/MetaDataBoxes.h"
 #include "boxes/MovieBoxes.h"
-#include "file/MetaDataImpl.h"
 #include "file/Mp4FileImpl.h"
+#include "meta/MetaDataImpl.h"
 #include "quil/quil.h"
 
 namespace quil {

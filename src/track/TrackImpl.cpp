@@ -6,7 +6,6 @@
 
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
-#include "file/Mp4FileImpl.h"
 
 namespace quil {
 namespace {
@@ -37,14 +36,14 @@ bool hasChild(CBox* parent, uint32_t type) {
 
 }  // namespace
 
-CTrackImpl::CTrackImpl(CMp4FileImpl* file, uint32_t mode) : file_(file), mode_(mode) {}
+CTrackImpl::CTrackImpl(CTrackHost* host, uint32_t mode) : host_(host), mode_(mode) {}
 
 CTrackImpl::~CTrackImpl() = default;
 
 // ---- binding --------------------------------------------------------------
 
 MP4Err CTrackImpl::bind(uint32_t trackIndex) {
-    if (!file_) return MP4_ERR_INVALID_DATA;
+    if (!host_) return MP4_ERR_INVALID_DATA;
     open_ = 0;
     trackIndex_ = trackIndex;
     MP4Err err = findBoxes(trackIndex);
@@ -72,7 +71,7 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
 
 MP4Err CTrackImpl::findBoxes(uint32_t trackIndex) {
     CBox* moov = nullptr;
-    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    MP4Err err = host_->findMovie(&moov);
     if (err != MP4_OK) return err;
     err = findTyped(moov, fourcc("trak"), &trak_, trackIndex);
     if (err != MP4_OK) return err;
@@ -149,7 +148,7 @@ MP4Err CTrackImpl::computeInitialDelay() {
     if (err != MP4_OK || movieDelay == 0) return err;
     CBox* moov = nullptr;
     CMovieHeaderBox* mvhd = nullptr;
-    if ((err = file_->findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
+    if ((err = host_->findMovie(&moov)) != MP4_OK) return err;
     if ((err = findTyped(moov, fourcc("mvhd"), &mvhd)) != MP4_OK) return err;
     if (mvhd->timeScale == 0) return MP4_ERR_INVALID_DATA;
     initialDelay_ = static_cast<uint64_t>(mdhd_->timeScale) * movieDelay / mvhd->timeScale;
@@ -179,7 +178,7 @@ uint32_t CTrackImpl::sampleTimeLimit() const {
     if (chunkAsSample_ != 0) return stco_ ? stco_->entries.count() : co64_->entries.count();
     if (stsz_->sampleSize == 0) return stsz_->entries.count();
     uint64_t length = 0;
-    if (file_->storage() && file_->storage()->getLength(&length) == MP4_OK) {
+    if (host_->storageLength(&length)) {
         uint64_t fit = length / stsz_->sampleSize;
         if (fit < stsz_->sampleCount) return static_cast<uint32_t>(fit);
     }
@@ -562,7 +561,7 @@ MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* si
     if (err != MP4_OK) return err;
     // In chunk-as-sample mode the sample is its whole chunk.
     uint64_t readAheadEnd = chunkAsSample_ != 0 ? 0 : chunkEndOffset();
-    return file_->readMediaBytes(offset, *size, buffer, readAheadEnd);
+    return host_->readMediaBytes(offset, *size, buffer, readAheadEnd);
 }
 
 // File offset of the end of the cursor's chunk, 0 when it is not known
@@ -797,7 +796,7 @@ MP4Err CTrackImpl::getInitialDelay(uint64_t* delay, int64_t* firstMediaTime,
 MP4Err CTrackImpl::movieHeader(CMovieHeaderBox** header) {
     *header = nullptr;
     CBox* moov = nullptr;
-    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    MP4Err err = host_->findMovie(&moov);
     if (err != MP4_OK) return err;
     if ((err = findTyped(moov, fourcc("mvhd"), header)) != MP4_OK) return err;
     return (*header)->timeScale != 0 ? MP4_OK : MP4_ERR_INVALID_DATA;

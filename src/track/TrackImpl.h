@@ -12,11 +12,11 @@
 #include "quil/Mp4Track.h"
 #include "track/DataList.h"
 #include "track/SampleTables.h"
+#include "track/TrackHost.h"
 
 namespace quil {
 
 class CBox;
-class CMp4FileImpl;
 class CTrackBox;
 class CTrackHeaderBox;
 class CMediaBox;
@@ -46,8 +46,9 @@ uint64_t rescaleTime(uint64_t value, uint32_t to, uint32_t from);
 
 class CTrackImpl final : public CMp4Track {
 public:
-    // mode is the file's track mode (0..2).
-    CTrackImpl(CMp4FileImpl* file, uint32_t mode);
+    // host: the file the track belongs to (not owned); mode is the file's
+    // track mode (0..2).
+    CTrackImpl(CTrackHost* host, uint32_t mode);
     ~CTrackImpl() override;
 
     // Binds the track to the trackIndex-th "trak" (1-based) of the file's
@@ -169,7 +170,7 @@ private:
     MP4Err firstSoundFields(SoundFields* fields);
     MP4Err codecOfFormat(uint32_t format, uint32_t* codec);
 
-    CMp4FileImpl* file_;
+    CTrackHost* host_;
     uint32_t trackIndex_ = 0;
     uint32_t trackId_ = 0;
     uint32_t open_ = 0;
@@ -242,7 +243,7 @@ private:
     MP4Err addSyncFlag(uint32_t sample, bool sync);
     MP4Err queueBytes(const uint8_t* data, uint32_t size, uint32_t samples);
     MP4Err chunkAfterAppend(uint64_t decodeTime);
-    MP4Err chunkBeforeAppend(uint64_t decodeTime, bool sync);
+    MP4Err chunkBeforeAppend(CChunkInterleaving* interleaving, uint64_t decodeTime, bool sync);
     bool chunkLimitReached(uint64_t decodeTime, bool sync, bool interleaving) const;
     MP4Err flushChunk();
     MP4Err recordChunkOffset(uint32_t chunk, uint64_t offset);
