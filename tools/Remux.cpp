@@ -12,7 +12,6 @@
 #include "Info.h"
 #include "Rewrite.h"
 #include "quil/quil.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -89,6 +88,8 @@ public:
     // Writes the copy to output; false on failure, which failure() describes.
     bool run(const std::string& output);
     const Failure& failure() const { return failure_; }
+    // Prints the one line that says why a run into output failed.
+    void printFailure(const std::string& output) const;
 
 private:
     bool fail(const std::string& what, MP4Err err) {
@@ -137,20 +138,27 @@ bool Remuxer::run(const std::string& output) {
            copySamples() && finish();
 }
 
+void Remuxer::printFailure(const std::string& output) const {
+    // A failed write says what the system says about the output.
+    std::string why = failure_.err == MP4_ERR_IO && target_ ? outputProblem(output) : "";
+    if (!why.empty()) why = " (output " + output + ": " + why + ")";
+    std::fprintf(stderr, "quil: remux: %s: %s: %s%s\n", input_, failure_.what.c_str(),
+                 toString(failure_.err), why.c_str());
+}
+
 bool Remuxer::openInput() {
     MP4Err err = source_.open(input_);
     if (err != MP4_OK) {
-        return fail(err == MP4_ERR_NOT_AVAILABLE ? "not an MP4 file (no movie box found)"
-                                                 : "cannot read the file",
-                    err);
+        const std::string why = openFailureReason(input_, err);
+        return fail(why.empty() ? "cannot read the file" : why, err);
     }
-    if (!typeGiven_) (void)source_.get()->getFileType(&fileType_);
+    if (!typeGiven_) fileType_ = inputFileType(source_.get());
     return true;
 }
 
 bool Remuxer::openOutput(const std::string& output) {
     std::wstring path;
-    MP4Err err = utf8ToWidePath(output.c_str(), &path);
+    MP4Err err = Mp4WidePathFromUtf8(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
     return err == MP4_OK || fail("cannot create the output", err);
@@ -369,13 +377,12 @@ MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType
 
 namespace {
 
-// remuxFile, printing one line on failure.
+// A remux that prints one line on failure.
 bool remuxOrReport(const char* input, const std::string& output, uint32_t fileType,
                    bool typeGiven) {
-    std::string what;
-    const MP4Err err = remuxFile(input, output, fileType, typeGiven, &what);
-    if (err == MP4_OK) return true;
-    std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input, what.c_str(), toString(err));
+    Remuxer remuxer(input, fileType, typeGiven);
+    if (remuxer.run(output)) return true;
+    remuxer.printFailure(output);
     return false;
 }
 
