@@ -12,6 +12,7 @@ packages=(
   python3 nginx-light
   python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pytest
   python3-dask python3-distributed python3-av
+  openssl  # the TLS test makes its certificate and serves with it
 )
 
 is_installed() {

@@ -494,5 +494,126 @@ TEST(ToolJson, FourccTextFallsBackToHex) {
     EXPECT_EQ("0x6D730011", tool::fourccText(0x6D730011));
 }
 
+
+// ---- what reports show: brands, edits, configuration, the box walk -------------
+
+struct ReportCase {
+    const char* fixture;
+    uint32_t majorBrand;
+    uint32_t edits;          // of track 1
+    int64_t firstMediaTime;  // of track 1's first edit
+    uint32_t record;         // of track 1, 0 when none
+    uint8_t profile;
+};
+
+class FileReport : public ::testing::TestWithParam<ReportCase> {};
+
+// Counts boxes and checks that each lies inside the one before it at a
+// smaller depth (its parent) and ends within the file.
+struct WalkCheck {
+    uint64_t fileLength = 0;
+    uint32_t boxes = 0;
+    std::vector<std::pair<uint64_t, uint64_t>> open;  // [start, end) per depth
+    bool nested = true;
+    bool sawIlstItem = false;
+};
+
+MP4Err checkBox(const MP4BoxVisit* box, void* user) {
+    auto* check = static_cast<WalkCheck*>(user);
+    ++check->boxes;
+    check->open.resize(box->depth);
+    if (box->depth > 0) {
+        const auto& parent = check->open.back();
+        check->nested = check->nested && box->offset >= parent.first &&
+                        box->offset + box->size <= parent.second;
+    }
+    check->nested = check->nested && box->offset + box->size <= check->fileLength;
+    if (std::string(box->path).find("ilst/") != std::string::npos) check->sawIlstItem = true;
+    check->open.push_back({box->offset, box->offset + box->size});
+    return MP4_OK;
+}
+
+TEST_P(FileReport, AnswersThroughThePublicInterface) {
+    const ReportCase& c = GetParam();
+    const std::string path = std::string(QUIL_TEST_DATA_DIR) + "/" + c.fixture;
+    std::wstring wide;
+    ASSERT_EQ(Mp4WidePathFromUtf8(path.c_str(), &wide), MP4_OK);
+    CMp4File* file = nullptr;
+    ASSERT_EQ(CMp4File::createInstance(&file), MP4_OK);
+    ASSERT_EQ(file->open(wide.c_str(), 0, 0), MP4_OK);
+    uint32_t major = 0, brands[2] = {0, 0}, count = 0;
+    EXPECT_EQ(Mp4GetBrands(file, &major, nullptr, brands, 2, &count), MP4_OK);
+    EXPECT_EQ(major, c.majorBrand);
+    EXPECT_GE(count, 1u);
+    uint64_t duration = 0;
+    EXPECT_EQ(Mp4GetMovieDuration(file, &duration), MP4_OK);
+    EXPECT_GT(duration, 0u);
+
+    CMp4Track* track = nullptr;
+    ASSERT_EQ(file->getTrack(1, &track), MP4_OK);
+    uint32_t edits = 0;
+    EXPECT_EQ(Mp4GetEditCount(track, &edits), MP4_OK);
+    EXPECT_EQ(edits, c.edits);
+    MP4Edit edit;
+    EXPECT_EQ(Mp4GetEdit(track, 0, &edit), MP4_ERR_BAD_INDEX);
+    EXPECT_EQ(Mp4GetEdit(track, edits + 1, &edit), MP4_ERR_NOT_AVAILABLE);
+    if (edits > 0) {
+        ASSERT_EQ(Mp4GetEdit(track, 1, &edit), MP4_OK);
+        EXPECT_EQ(edit.mediaTime, c.firstMediaTime);
+        EXPECT_EQ(edit.rateInteger, 1);
+    }
+    MP4CodecConfigSummary summary;
+    const MP4Err summarised = Mp4GetCodecConfigSummary(track, &summary);
+    EXPECT_EQ(summarised, c.record ? MP4_OK : MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(summary.record, c.record);
+    EXPECT_EQ(summary.profile, c.profile);
+    if (c.record) {
+        EXPECT_EQ(summary.sequenceParameterSets, 1u);
+    }
+    file->releaseTrack(track);
+
+    WalkCheck check;
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    check.fileLength = static_cast<uint64_t>(in.tellg());
+    EXPECT_EQ(Mp4VisitBoxes(file, checkBox, &check), MP4_OK);
+    EXPECT_TRUE(check.nested);
+    EXPECT_GT(check.boxes, 20u);
+    uint8_t head[8];
+    ASSERT_EQ(Mp4ReadFileBytes(file, 0, head, sizeof head), MP4_OK);
+    EXPECT_EQ(std::memcmp(head + 4, "ftyp", 4), 0);
+    file->close();
+    CMp4File::destroyInstance(&file);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fixtures, FileReport,
+    ::testing::Values(ReportCase{"h264-bframes.mp4", fourcc("isom"), 1, 1024, fourcc("avcC"), 77},
+                      ReportCase{"hevc-hvc1.mp4", fourcc("isom"), 1, 1024, fourcc("hvcC"), 1},
+                      ReportCase{"pcm-sowt.mov", fourcc("qt  "), 1, 0, 0, 0},
+                      ReportCase{"h263-amrnb.3gp", fourcc("3gp4"), 1, 0, 0, 0}),
+    [](const ::testing::TestParamInfo<ReportCase>& info) {
+        std::string name = info.param.fixture;
+        for (char& ch : name) {
+            if (ch == '.' || ch == '-') ch = '_';
+        }
+        return name;
+    });
+
+TEST(FileReport, RefusesWhatIsNotOpenForReading) {
+    CMp4File* file = nullptr;
+    ASSERT_EQ(CMp4File::createInstance(&file), MP4_OK);
+    uint32_t major = 0;
+    uint64_t duration = 0;
+    uint8_t byte = 0;
+    EXPECT_EQ(Mp4GetBrands(file, &major, nullptr, nullptr, 0, nullptr), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(Mp4GetMovieDuration(file, &duration), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(Mp4VisitBoxes(file, checkBox, nullptr), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(Mp4ReadFileBytes(file, 0, &byte, 1), MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(Mp4VisitBoxes(nullptr, checkBox, nullptr), MP4_ERR_INVALID_ARGUMENT);
+    std::wstring wide;
+    EXPECT_EQ(Mp4WidePathFromUtf8("\xC3", &wide), MP4_ERR_INVALID_ARGUMENT);
+    CMp4File::destroyInstance(&file);
+}
+
 }  // namespace
 }  // namespace quil

@@ -321,6 +321,28 @@ TEST_F(BuiltFragment, SamplesFollowTheOffsetRules) {
     EXPECT_EQ(audioCount, 0u);
 }
 
+// A run without per-sample fields costs 20 bytes whatever its count: a
+// count beyond the file's bytes is not listed (no index of 2^31 samples).
+TEST(FragmentedSamples, RunCountBeyondTheFileIsNotListed) {
+    Bytes head;
+    for (const auto& top : topLevel(loadFixture("frag-h264-aac.mp4"))) {
+        if (top.first == "moof") break;
+        head = concat({head, top.second});
+    }
+    ASSERT_GT(head.size(), 500u) << "missing fixture; run scripts/make-fixtures.sh";
+    Bytes moof = box("moof", concat({
+        fullBox("mfhd", 0, 0, ByteWriter().u32(1)),
+        box("traf", concat({fullBox("tfhd", 0, 0x20000, ByteWriter().u32(1)),
+                            fullBox("trun", 0, 0, ByteWriter().u32(0x7FFFFFFF))})),
+    }));
+    OpenedFile file(concat({head, moof, box("mdat", Bytes(16))}));
+    CMp4Track* track = file.track(1);
+    ASSERT_TRUE(track);
+    uint32_t count = 1;
+    EXPECT_EQ(track->getSampleCount(&count), MP4_OK);
+    EXPECT_EQ(count, 0u);
+}
+
 TEST_F(BuiltFragment, SearchesCoverTheFragments) {
     // In this order: the decode-time search's cursor carries over.
     struct Query {

@@ -8,10 +8,12 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "BoxBuilder.h"
 #include "boxes/MetaDataBoxes.h"
 #include "boxes/MovieBoxes.h"
+#include "file/Mp4FileImpl.h"
 #include "meta/MetaDataImpl.h"
 #include "quil/quil.h"
 
@@ -427,6 +429,188 @@ TEST_F(OpenFixture, OneTrackOfAnInterleavedFileCostsAboutItsOwnBytes) {
         EXPECT_LE(fetched, own + own / 5) << "track " << number;
         file_->releaseTrack(track);
     }
+}
+
+
+// ---- editing iTunes items ---------------------------------------------------
+
+// The item codes of the file in order, as Mp4GetTag lists them.
+std::vector<uint32_t> tagCodes(CMp4File* file) {
+    std::vector<uint32_t> codes;
+    uint32_t count = 0;
+    Mp4GetTagCount(file, &count);
+    for (uint32_t index = 1; index <= count; ++index) {
+        MP4Tag tag;
+        if (Mp4GetTag(file, index, &tag, nullptr, 0) == MP4_OK) codes.push_back(tag.code);
+    }
+    return codes;
+}
+
+constexpr uint32_t kNam = 0xA96E616D, kArt = 0xA9415254, kDay = 0xA9646179;
+
+struct TagEdit {
+    const char* name;
+    Bytes file;
+    uint32_t code;
+    const char* value;  // null: remove the item
+    MP4Err result;
+    std::vector<uint32_t> codes;  // afterwards, in order
+};
+
+class ItunesTagEdits : public OpenFixture, public testing::WithParamInterface<TagEdit> {};
+
+TEST_P(ItunesTagEdits, OneItemChangesAndTheOthersKeepTheirPlace) {
+    const TagEdit& edit = GetParam();
+    openBytes(edit.file);
+    const MP4Err err =
+        edit.value ? Mp4SetTag(file_, edit.code, MP4_TAG_UTF8,
+                               reinterpret_cast<const uint8_t*>(edit.value),
+                               static_cast<uint32_t>(std::strlen(edit.value)))
+                   : Mp4RemoveTag(file_, edit.code);
+    EXPECT_EQ(err, edit.result);
+    EXPECT_EQ(tagCodes(file_), edit.codes);
+    if (!edit.value || err != MP4_OK) return;
+    for (uint32_t index = 1; index <= edit.codes.size(); ++index) {
+        MP4Tag tag;
+        uint8_t value[64] = {};
+        ASSERT_EQ(Mp4GetTag(file_, index, &tag, value, sizeof value), MP4_OK);
+        if (tag.code != edit.code) continue;
+        EXPECT_EQ(tag.dataType, MP4_TAG_UTF8);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(value), tag.valueLength), edit.value);
+    }
+}
+
+const Bytes kThree = fileWithItems(concat({kName, kTrack, textItem("\xA9" "ART", "Artist")}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Edits, ItunesTagEdits,
+    testing::Values(
+        TagEdit{"replace_in_place", kThree, kNam, "New", MP4_OK, {kNam, fourcc("trkn"), kArt}},
+        TagEdit{"append_new", kThree, kDay, "2024", MP4_OK, {kNam, fourcc("trkn"), kArt, kDay}},
+        TagEdit{"remove", kThree, fourcc("trkn"), nullptr, MP4_OK, {kNam, kArt}},
+        TagEdit{"remove_absent", kThree, kDay, nullptr, MP4_ERR_NOT_AVAILABLE,
+                {kNam, fourcc("trkn"), kArt}},
+        // Two values of one item become the one value set.
+        TagEdit{"duplicates_collapse", fileWithItems(concat({kName, kTrack, kName})), kNam, "One",
+                MP4_OK, {kNam, fourcc("trkn")}},
+        // No "udta" at all: "udta", "meta" (with its "hdlr") and "ilst" are made.
+        TagEdit{"made_from_nothing",
+                concat({box("ftyp", ByteWriter().code("isom").u32(0)), box("moov", {})}), kArt,
+                "Me", MP4_OK, {kArt}},
+        TagEdit{"refused_code", kThree, fourcc("----"), "x", MP4_ERR_INVALID_ARGUMENT,
+                {kNam, fourcc("trkn"), kArt}}),
+    [](const testing::TestParamInfo<TagEdit>& info) { return std::string(info.param.name); });
+
+// The payload size of the movie's "meta" box as the tree holds it.
+uint64_t metaPayloadSize(CMp4File* file) {
+    CMp4MetaData* unused = nullptr;
+    CBox* moov = nullptr;
+    CBox* udta = nullptr;
+    CBox* meta = nullptr;
+    auto* impl = dynamic_cast<CMp4FileImpl*>(file);
+    if (!impl || Mp4GetEditableMetaData(file, nullptr, &unused) != MP4_OK ||
+        impl->findTopLevelBox(fourcc("moov"), &moov) != MP4_OK ||
+        moov->findChild(fourcc("udta"), &udta) != MP4_OK ||
+        udta->findChild(fourcc("meta"), &meta) != MP4_OK) {
+        return 0;
+    }
+    return meta->keptPayload().length();
+}
+
+TEST_F(OpenFixture, PaddingAfterTheListTakesUpWhatItGrows) {
+    Bytes hdlr = fullBox("hdlr", 0, 0, ByteWriter().u32(0).code("mdir").zeros(12).u8(0));
+    Bytes meta = fullBox("meta", 0, 0, concat({hdlr, box("ilst", kName), box("free", Bytes(100))}));
+    openBytes(concat({box("ftyp", ByteWriter().code("M4A ").u32(0)), box("moov", box("udta", meta))}));
+    const uint64_t before = metaPayloadSize(file_);
+    ASSERT_EQ(Mp4SetTag(file_, kArt, MP4_TAG_UTF8, reinterpret_cast<const uint8_t*>("Artist"), 6),
+              MP4_OK);
+    EXPECT_EQ(metaPayloadSize(file_), before);
+    EXPECT_EQ(tagCodes(file_), (std::vector<uint32_t>{kNam, kArt}));
+}
+
+// Samples of two files opened by path are the same bytes.
+void expectSameSamples(CMp4File* a, CMp4File* b) {
+    uint32_t tracks = 0;
+    a->getTrackCount(&tracks);
+    for (uint32_t number = 1; number <= tracks; ++number) {
+        CMp4Track* x = nullptr;
+        CMp4Track* y = nullptr;
+        ASSERT_EQ(a->getTrack(number, &x), MP4_OK);
+        ASSERT_EQ(b->getTrack(number, &y), MP4_OK);
+        uint32_t count = 0;
+        x->getSampleCount(&count);
+        for (uint32_t s = 1; s <= count; ++s) {
+            uint8_t p[65536], q[65536];
+            uint32_t sizeP = 0, sizeQ = 0;
+            ASSERT_EQ(x->readSample(s, sizeof p, &sizeP, p), MP4_OK);
+            ASSERT_EQ(y->readSample(s, sizeof q, &sizeQ, q), MP4_OK);
+            ASSERT_TRUE(sizeP == sizeQ && std::memcmp(p, q, sizeP) == 0) << number << "/" << s;
+        }
+        a->releaseTrack(x);
+        b->releaseTrack(y);
+    }
+}
+
+uint64_t discSize(const std::string& path) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    return static_cast<uint64_t>(in.tellg());
+}
+
+CMp4File* openPath(const std::string& path) {
+    CMp4File* file = nullptr;
+    if (CMp4File::createInstance(&file) != MP4_OK) return nullptr;
+    if (file->open(std::wstring(path.begin(), path.end()).c_str(), 0, 0) != MP4_OK) {
+        CMp4File::destroyInstance(&file);
+    }
+    return file;
+}
+
+void closeFile(CMp4File* file) {
+    file->close();
+    CMp4File::destroyInstance(&file);
+}
+
+// A cover goes into a copy (no room in the ffmpeg file), is removed in
+// place (the file keeps its size, the rest becomes "free") and set again
+// in that room: every sample stays where and what it was, the cover
+// returns byte for byte.
+TEST_F(OpenFixture, TagsAreWrittenInPlaceWhenTheyFit) {
+    open(fixturePath("h264-aac.mp4"));
+    Bytes cover(3000);
+    for (size_t i = 0; i < cover.size(); ++i) cover[i] = static_cast<uint8_t>(i * 31 + 7);
+    ASSERT_EQ(Mp4SetTag(file_, fourcc("covr"), MP4_TAG_JPEG, cover.data(),
+                        static_cast<uint32_t>(cover.size())), MP4_OK);
+    EXPECT_EQ(Mp4WriteUserDataInPlace(file_), MP4_ERR_VALUE_TOO_LARGE);
+    const std::string copy =
+        testing::TempDir() + "quil-tags-" + std::to_string(getpid()) + ".mp4";
+    ASSERT_EQ(Mp4WriteCopy(file_, std::wstring(copy.begin(), copy.end()).c_str()), MP4_OK);
+    const uint64_t size = discSize(copy);
+
+    CMp4File* edited = openPath(copy);
+    ASSERT_NE(edited, nullptr);
+    ASSERT_EQ(Mp4RemoveTag(edited, fourcc("covr")), MP4_OK);
+    ASSERT_EQ(Mp4WriteUserDataInPlace(edited), MP4_OK);
+    closeFile(edited);
+    EXPECT_EQ(discSize(copy), size);
+    edited = openPath(copy);
+    ASSERT_NE(edited, nullptr);
+    EXPECT_TRUE(tagCodes(edited).empty());
+    expectSameSamples(file_, edited);
+    ASSERT_EQ(Mp4SetTag(edited, fourcc("covr"), MP4_TAG_JPEG, cover.data(),
+                        static_cast<uint32_t>(cover.size())), MP4_OK);
+    ASSERT_EQ(Mp4WriteUserDataInPlace(edited), MP4_OK);
+    closeFile(edited);
+
+    edited = openPath(copy);
+    ASSERT_NE(edited, nullptr);
+    MP4Tag tag;
+    Bytes value(cover.size());
+    ASSERT_EQ(Mp4GetTag(edited, 1, &tag, value.data(), static_cast<uint32_t>(value.size())), MP4_OK);
+    EXPECT_EQ(tag.dataType, MP4_TAG_JPEG);
+    EXPECT_EQ(value, cover);
+    expectSameSamples(file_, edited);
+    closeFile(edited);
+    std::remove(copy.c_str());
 }
 
 }  // namespace

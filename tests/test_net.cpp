@@ -4,11 +4,16 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -18,6 +23,7 @@
 #include <vector>
 
 #include "quil/quil.h"
+#include "storage/HttpReply.h"
 #include "storage/NetStorage.h"
 
 namespace quil {
@@ -47,7 +53,10 @@ enum class Fault {
     WrongStart,   // 206 whose Content-Range starts elsewhere
     GrowsLater,   // later replies name a longer resource
     GarbageBody,  // a well-formed 206 carrying other bytes
+    Huge,         // a 5 GiB resource of pattern bytes, made as they are sent
 };
+
+constexpr uint64_t kHugeSize = 5ull << 30;
 
 // One listening socket on 127.0.0.1; each connection answers one GET and
 // closes. Every loop is bounded by the stop flag or a deadline.
@@ -122,12 +131,30 @@ private:
     void serve(int fd) {
         const std::string request = readRequest(fd);
         const int number = ++requests_;
-        size_t start = 0;
+        uint64_t start = 0;
         const size_t range = request.find("Range: bytes=");
         if (range != std::string::npos)
-            start = std::strtoul(request.c_str() + range + 13, nullptr, 10);
-        respond(fd, number, std::min(start, body_.size()));
+            start = std::strtoull(request.c_str() + range + 13, nullptr, 10);
+        if (fault_ == Fault::Huge) {
+            respondHuge(fd, start);
+        } else {
+            respond(fd, number, static_cast<size_t>(std::min<uint64_t>(start, body_.size())));
+        }
         ::close(fd);
+    }
+
+    // Pattern bytes from start to the end of a huge resource, until the
+    // client goes away or the server stops.
+    void respondHuge(int fd, uint64_t start) {
+        const std::string head = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " +
+                                 std::to_string(start) + "-" + std::to_string(kHugeSize - 1) + "/" +
+                                 std::to_string(kHugeSize) + "\r\nConnection: close\r\n\r\n";
+        if (!sendAll(fd, head.data(), head.size())) return;
+        Bytes piece(65536);
+        for (uint64_t at = start; at < kHugeSize && !stop_; at += piece.size()) {
+            for (size_t i = 0; i < piece.size(); ++i) piece[i] = pattern(at + i);
+            if (!sendAll(fd, piece.data(), piece.size())) return;
+        }
     }
 
     void respond(int fd, int number, size_t start) {
@@ -187,7 +214,7 @@ class NetTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(Mp4GetNetSettings(&saved_), MP4_OK);
-        Mp4NetSettings quick{1000, 1000, nullptr};
+        Mp4NetSettings quick{1000, 1000, nullptr, 0, nullptr, 0};
         ASSERT_EQ(Mp4SetNetSettings(&quick), MP4_OK);
     }
     void TearDown() override { Mp4SetNetSettings(&saved_); }
@@ -280,13 +307,15 @@ INSTANTIATE_TEST_SUITE_P(Faults, NetFaultTest,
                                            Fault::NotFound, Fault::ServerError, Fault::NotHttp,
                                            Fault::WrongStart, Fault::GarbageBody));
 
+// A port nothing listens on: taken by a server, then freed.
+int freePort() {
+    LoopbackServer closed(Bytes(), Fault::None);
+    const std::wstring url = closed.url();
+    return std::stoi(std::string(url.begin() + 17, url.begin() + url.rfind(L'/')));
+}
+
 TEST_F(NetTest, NothingListeningFailsInBoundedTime) {
-    int port = 0;
-    {
-        LoopbackServer closed(Bytes(), Fault::None);  // take a free port, then free it
-        const std::wstring url = closed.url();
-        port = std::stoi(std::string(url.begin() + 17, url.begin() + url.rfind(L'/')));
-    }
+    const int port = freePort();
     const std::string text = "http://127.0.0.1:" + std::to_string(port) + "/x.mp4";
     const auto started = Clock::now();
     MP4Err result = MP4_OK;
@@ -345,6 +374,16 @@ TEST_F(NetStorageTest, ReadsPastTheEndOrOfAChangedFileFail) {
     EXPECT_EQ(storage.close(), MP4_OK);
 }
 
+TEST_F(NetStorageTest, OffsetsPast4GiBAreRequestedAsThemselves) {
+    LoopbackServer server(Bytes(), Fault::Huge);
+    CNetStorage storage;
+    ASSERT_EQ(storage.setPath(server.url().c_str()), MP4_OK);
+    ASSERT_EQ(storage.open(0), MP4_OK);
+    expectPattern(&storage, kHugeSize - 300000, 200000);  // a far seek: a request from there
+    expectPattern(&storage, (4ull << 30) + 12345, 1000);
+    EXPECT_EQ(storage.close(), MP4_OK);
+}
+
 TEST_F(NetStorageTest, InterfaceValues) {
     CNetStorage storage;
     EXPECT_EQ(storage.open(0), MP4_ERR_IO);  // no URL
@@ -361,6 +400,207 @@ TEST_F(NetStorageTest, InterfaceValues) {
     EXPECT_EQ(storage.writeUInt32(0x12345678), MP4_OK);
     EXPECT_EQ(storage.close(), MP4_OK);
     EXPECT_EQ(storage.close(), MP4_ERR_NOT_AVAILABLE);
+}
+
+// ---- reply judgement, without a transfer ------------------------------------
+
+struct ReplyCase {
+    const char* name;
+    const char* head;  // header lines, each ending in CR LF
+    uint64_t start;
+    bool allowWholeBody;
+    net::Verdict verdict;
+    int64_t total;
+};
+
+class ReplyJudgement : public ::testing::TestWithParam<ReplyCase> {};
+
+TEST_P(ReplyJudgement, OnlyTheRequestedBytesOfOneResourceAreUsed) {
+    const ReplyCase& c = GetParam();
+    net::Reply reply;
+    std::string head = c.head;
+    for (size_t end = head.find("\r\n"); end != std::string::npos; end = head.find("\r\n")) {
+        net::parseHeaderLine(&reply, head.substr(0, end + 2));
+        head.erase(0, end + 2);
+    }
+    EXPECT_FALSE(net::isIntermediate(reply));
+    net::ResourceIdentity identity;
+    int64_t total = -2;
+    EXPECT_EQ(net::judgeReply(reply, c.start, c.allowWholeBody, &identity, &total), c.verdict);
+    if (c.verdict == net::Verdict::Refused) {
+        EXPECT_FALSE(net::refusalText(reply, c.start).empty());
+        return;
+    }
+    EXPECT_EQ(total, c.total);
+    // The same resource again is accepted; a longer one is not.
+    EXPECT_EQ(net::judgeReply(reply, c.start, c.allowWholeBody, &identity, &total), c.verdict);
+    identity.total += 1;
+    EXPECT_EQ(net::judgeReply(reply, c.start, c.allowWholeBody, &identity, &total),
+              net::Verdict::Refused);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, ReplyJudgement,
+    ::testing::Values(
+        ReplyCase{"ranged", "HTTP/1.1 206 Partial\r\ncontent-range: bytes 5-9/10\r\n", 5, false,
+                  net::Verdict::Ranged, 10},
+        ReplyCase{"past_4GiB", "HTTP/1.1 206 P\r\nContent-Range: bytes 5000000000-5000000009/5000000010\r\n",
+                  5000000000ull, false, net::Verdict::Ranged, 5000000010ll},
+        ReplyCase{"unknown_total", "HTTP/1.1 206 P\r\nContent-Range: bytes 0-9/*\r\n", 0, false,
+                  net::Verdict::Ranged, -1},
+        ReplyCase{"other_start", "HTTP/1.1 206 P\r\nContent-Range: bytes 6-9/10\r\n", 5, false,
+                  net::Verdict::Refused, 0},
+        ReplyCase{"range_last_before_first", "HTTP/1.1 206 P\r\nContent-Range: bytes 9-5/10\r\n", 9,
+                  false, net::Verdict::Refused, 0},
+        ReplyCase{"whole_body_refused", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n", 5, false,
+                  net::Verdict::Refused, 0},
+        ReplyCase{"whole_body_allowed", "HTTP/1.1 200 OK\r\nContent-Length: 10\r\n", 5, true,
+                  net::Verdict::WholeBody, 10},
+        ReplyCase{"not_found", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n", 0, true,
+                  net::Verdict::Refused, 0},
+        // A redirect's headers are forgotten at the next status line.
+        ReplyCase{"after_redirect", "HTTP/1.1 302 Found\r\nLocation: /b\r\nHTTP/1.1 206 P\r\n"
+                  "Content-Range: bytes 0-1/2\r\n", 0, false, net::Verdict::Ranged, 2}),
+    [](const ::testing::TestParamInfo<ReplyCase>& info) { return std::string(info.param.name); });
+
+// ---- whole bodies, TLS ---------------------------------------------------
+
+// Settings that read whole bodies; progress text goes to a temporary file.
+class WholeBodyTest : public NetTest {
+protected:
+    void SetUp() override {
+        NetTest::SetUp();
+        progress_ = std::tmpfile();
+        Mp4NetSettings settings{2000, 2000, progress_, 1, nullptr, 1};
+        ASSERT_EQ(Mp4SetNetSettings(&settings), MP4_OK);
+    }
+    void TearDown() override {
+        NetTest::TearDown();
+        if (progress_) std::fclose(progress_);
+    }
+    std::string progressText() {
+        std::string text;
+        std::rewind(progress_);
+        for (int c = std::fgetc(progress_); c != EOF; c = std::fgetc(progress_)) {
+            text += static_cast<char>(c);
+        }
+        return text;
+    }
+    std::FILE* progress_ = nullptr;
+};
+
+size_t occurrences(const std::string& text, const std::string& word) {
+    size_t count = 0;
+    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++count;
+    return count;
+}
+
+std::string localDescription(const char* name) {
+    const std::string local = std::string(QUIL_TEST_DATA_DIR) + "/" + name;
+    MP4Err result = MP4_OK;
+    return describe(std::wstring(local.begin(), local.end()).c_str(), &result);
+}
+
+TEST_F(WholeBodyTest, AServerThatIgnoresRangesIsReadFromTheStart) {
+    LoopbackServer server(fixture("h264-aac-faststart.mp4"), Fault::IgnoresRanges);
+    MP4Err result = MP4_OK;
+    const std::string actual = describe(server.url().c_str(), &result);
+    EXPECT_EQ(result, MP4_OK);
+    EXPECT_TRUE(actual == localDescription("h264-aac-faststart.mp4"));
+    EXPECT_EQ(occurrences(progressText(), "server ignores ranges"), 1u);
+}
+
+TEST_F(WholeBodyTest, RefusalsSayWhy) {
+    LoopbackServer server(fixture("h264-aac-faststart.mp4"), Fault::NotFound);
+    MP4Err result = MP4_OK;
+    describe(server.url().c_str(), &result);
+    char reason[64] = "";
+    EXPECT_EQ(result, MP4_ERR_IO);
+    ASSERT_EQ(Mp4GetLastNetError(reason, sizeof reason), MP4_OK);
+    EXPECT_STREQ(reason, "HTTP status 404");
+    EXPECT_EQ(Mp4GetLastNetError(reason, 0), MP4_ERR_INVALID_ARGUMENT);
+}
+
+// A TLS server on 127.0.0.1 (openssl s_server, which answers 200 with the
+// whole file) with a certificate made for the test.
+class TlsServer {
+public:
+    explicit TlsServer(const std::string& directory) : directory_(directory) {
+        const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj "
+                                 "/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " +
+                                 directory + "/key.pem -out " + directory + "/cert.pem 2>/dev/null";
+        if (std::system(make.c_str()) != 0) return;
+        port_ = freePort();
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            if (::chdir(directory.c_str()) != 0) ::_exit(127);
+            const std::string accept = "127.0.0.1:" + std::to_string(port_);
+            ::execlp("timeout", "timeout", "60", "openssl", "s_server", "-quiet", "-WWW",
+                     "-accept", accept.c_str(), "-cert", "cert.pem", "-key", "key.pem",
+                     static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        ready_ = pid_ > 0 && waitForListener();
+    }
+    ~TlsServer() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGTERM);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    bool ready() const { return ready_; }
+    std::string caFile() const { return directory_ + "/cert.pem"; }
+    std::wstring url(const char* name) const {
+        const std::string text = "https://127.0.0.1:" + std::to_string(port_) + "/" + name;
+        return std::wstring(text.begin(), text.end());
+    }
+
+private:
+    bool waitForListener() {
+        const auto deadline = Clock::now() + std::chrono::seconds(5);
+        while (Clock::now() < deadline) {
+            const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            address.sin_port = htons(static_cast<uint16_t>(port_));
+            const bool up = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+            ::close(fd);
+            if (up) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+
+    std::string directory_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+    bool ready_ = false;
+};
+
+TEST_F(WholeBodyTest, HttpsOnAnyPortVerifiesAgainstTheNamedAuthority) {
+    const std::string directory = testing::TempDir() + "quil-tls-" + std::to_string(getpid());
+    ASSERT_EQ(::mkdir(directory.c_str(), 0700), 0);
+    {
+        std::ofstream out(directory + "/file.mp4", std::ios::binary);
+        const Bytes bytes = fixture("h264-aac-faststart.mp4");
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
+    }
+    TlsServer server(directory);
+    if (!server.ready()) GTEST_SKIP() << "openssl cannot serve TLS here";
+    MP4Err result = MP4_OK;
+    // The self-made certificate is in no system store.
+    describe(server.url("file.mp4").c_str(), &result);
+    EXPECT_EQ(result, MP4_ERR_IO);
+    Mp4NetSettings settings{};
+    ASSERT_EQ(Mp4GetNetSettings(&settings), MP4_OK);
+    const std::string caFile = server.caFile();
+    settings.caFile = caFile.c_str();
+    ASSERT_EQ(Mp4SetNetSettings(&settings), MP4_OK);
+    const std::string actual = describe(server.url("file.mp4").c_str(), &result);
+    EXPECT_EQ(result, MP4_OK);
+    EXPECT_TRUE(actual == localDescription("h264-aac-faststart.mp4"));
+    std::system(("rm -rf " + directory).c_str());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "Command.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -83,6 +84,77 @@ bool parseNumber(const char* text, uint64_t low, uint64_t high, uint64_t* number
     if (errno != 0 || *end != '\0' || value < low || value > high) return false;
     *number = value;
     return true;
+}
+
+std::vector<TopLevelBox> topLevelBoxes(const char* path, uint64_t* length) {
+    std::vector<TopLevelBox> boxes;
+    *length = fileSize(path);
+    std::FILE* file = std::fopen(path, "rb");
+    if (file == nullptr) return boxes;
+    uint8_t head[16];
+    for (uint64_t offset = 0; offset + 8 <= *length;) {
+        if (::fseeko(file, static_cast<off_t>(offset), SEEK_SET) != 0 ||
+            std::fread(head, 1, 8, file) != 8) {
+            break;
+        }
+        uint64_t size = (uint64_t{head[0]} << 24) | (head[1] << 16) | (head[2] << 8) | head[3];
+        if (size == 1) {
+            if (std::fread(head + 8, 1, 8, file) != 8) break;
+            size = 0;
+            for (int i = 8; i < 16; ++i) size = size << 8 | head[i];
+        } else if (size == 0) {
+            size = *length - offset;
+        }
+        if (size < 8) break;  // damaged
+        const uint32_t type =
+            (uint32_t{head[4]} << 24) | (head[5] << 16) | (head[6] << 8) | head[7];
+        boxes.push_back({type, offset, size});
+        if (size > *length - offset) break;
+        offset += size;
+    }
+    std::fclose(file);
+    return boxes;
+}
+
+bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes, std::string* error) {
+    std::FILE* file = std::fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        *error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    bytes->clear();
+    uint8_t buffer[65536];
+    size_t count = 0;
+    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        bytes->insert(bytes->end(), buffer, buffer + count);
+    }
+    const bool failed = std::ferror(file) != 0;
+    std::fclose(file);
+    if (failed) *error = path + ": " + std::strerror(EIO);
+    return !failed;
+}
+
+std::string inputProblem(const char* path) {
+    struct stat info {};
+    if (::stat(path, &info) != 0) return std::strerror(errno);
+    if (S_ISDIR(info.st_mode)) return std::strerror(EISDIR);
+    std::FILE* file = std::fopen(path, "rb");
+    if (file == nullptr) return std::strerror(errno);
+    std::fclose(file);
+    return std::string();
+}
+
+std::string outputProblem(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    struct statvfs disc {};
+    if (::statvfs(directory.c_str(), &disc) != 0) return std::strerror(errno);
+    // A write that failed on a disc with (almost) nothing left failed for that.
+    if (static_cast<uint64_t>(disc.f_bavail) * disc.f_frsize < (1u << 20)) {
+        return std::strerror(ENOSPC);
+    }
+    if (::access(directory.c_str(), W_OK) != 0) return std::strerror(errno);
+    return std::string();
 }
 
 uint64_t fileSize(const std::string& path) {
@@ -175,8 +247,6 @@ bool OutputFile::commit(std::string* error) {
 
 namespace {
 
-constexpr uint64_t kProgressThreshold = 64ull << 20;  // smaller work ends too fast to watch
-
 double now() {
     using namespace std::chrono;
     return duration<double>(steady_clock::now().time_since_epoch()).count();
@@ -184,8 +254,9 @@ double now() {
 
 }  // namespace
 
-Progress::Progress(const char* label, uint64_t total, bool forced) : label_(label), total_(total) {
-    enabled_ = forced || (total >= kProgressThreshold && ::isatty(STDERR_FILENO) == 1);
+Progress::Progress(const char* label, uint64_t total, uint64_t threshold, bool forced)
+    : label_(label), total_(total) {
+    enabled_ = total > 0 && (forced || (total >= threshold && ::isatty(STDERR_FILENO) == 1));
 }
 
 Progress::~Progress() {

@@ -98,12 +98,15 @@ private:
     int watchSlot_ = -1;  // of the interruption handler
 };
 
-// A progress line on stderr ("\rquil: remux: 42%"), shown only for large
-// work when stderr is a terminal (or always when forced), at most a few
-// times a second.
+// A progress line on stderr ("\rquil: remux: 42%"), shown only for work
+// of at least `threshold` units (by default 64 MiB: smaller work ends too
+// fast to watch) when stderr is a terminal (always when forced), at most a
+// few times a second.
 class Progress {
 public:
-    Progress(const char* label, uint64_t total, bool forced = false);
+    static constexpr uint64_t kDefaultThreshold = 64ull << 20;
+    Progress(const char* label, uint64_t total, uint64_t threshold = kDefaultThreshold,
+             bool forced = false);
     ~Progress();  // ends the line if one was shown
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
@@ -122,6 +125,28 @@ private:
 
 // Size of a file on disc, 0 when it cannot be found.
 uint64_t fileSize(const std::string& path);
+
+// The top-level box headers of a file on disc, in order, up to the first
+// damaged header; the last one may run past the end of the file (its size
+// is then above length - offset). A size of 0 runs to the end of the file.
+struct TopLevelBox {
+    uint32_t type;
+    uint64_t offset;
+    uint64_t size;
+};
+std::vector<TopLevelBox> topLevelBoxes(const char* path, uint64_t* length);
+
+// Reads a whole file; false with *error naming the file and the system's
+// reason.
+bool readWholeFile(const std::string& path, std::vector<uint8_t>* bytes, std::string* error);
+
+// The system's reason why an input file cannot be read ("No such file or
+// directory", "is a directory", "Permission denied"), or "" when it can.
+std::string inputProblem(const char* path);
+
+// The system's reason a write to path failed, as far as it can still be
+// told afterwards ("No space left on device"), or "".
+std::string outputProblem(const std::string& path);
 
 }  // namespace tool
 }  // namespace quil

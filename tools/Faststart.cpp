@@ -3,6 +3,9 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <vector>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -11,7 +14,6 @@
 #include "Command.h"
 #include "Rewrite.h"
 #include "quil/quil.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -58,8 +60,8 @@ const char* faststartFailure(MP4Err err) {
 
 int moveMovieFirst(const char* input, const std::string& output, const char* label) {
     std::wstring source, target;
-    MP4Err err = utf8ToWidePath(input, &source);
-    if (err == MP4_OK) err = utf8ToWidePath(output.c_str(), &target);
+    MP4Err err = Mp4WidePathFromUtf8(input, &source);
+    if (err == MP4_OK) err = Mp4WidePathFromUtf8(output.c_str(), &target);
     CMp4File* file = nullptr;
     if (err == MP4_OK) err = CMp4File::createInstance(&file);
     if (err == MP4_OK) {
@@ -75,6 +77,38 @@ int moveMovieFirst(const char* input, const std::string& output, const char* lab
 
 namespace {
 
+// True when the file's movie box comes before its first media data box:
+// only the top-level box headers are read.
+bool movieAlreadyFirst(const char* path) {
+    uint64_t length = 0;
+    for (const TopLevelBox& box : topLevelBoxes(path, &length)) {
+        if (box.type == fourcc("moov")) return true;
+        if (box.type == fourcc("mdat")) return false;
+    }
+    return false;
+}
+
+// A plain byte copy in pieces; false with *error set.
+bool copyFile(const char* from, const std::string& to, std::string* error) {
+    std::FILE* in = std::fopen(from, "rb");
+    if (in == nullptr) {
+        *error = std::string(from) + ": " + std::strerror(errno);
+        return false;
+    }
+    std::FILE* out = std::fopen(to.c_str(), "wb");
+    bool ok = out != nullptr;
+    std::vector<char> buffer(1 << 20);
+    size_t count = 0;
+    while (ok && (count = std::fread(buffer.data(), 1, buffer.size(), in)) > 0) {
+        ok = std::fwrite(buffer.data(), 1, count, out) == count;
+    }
+    ok = ok && std::ferror(in) == 0;
+    if (out != nullptr) ok = std::fclose(out) == 0 && ok;
+    std::fclose(in);
+    if (!ok) *error = to + ": " + std::strerror(errno != 0 ? errno : EIO);
+    return ok;
+}
+
 int runFaststart(const Arguments& arguments) {
     const char* input = arguments.operand(0);
     OutputFile output;
@@ -83,7 +117,18 @@ int runFaststart(const Arguments& arguments) {
         std::fprintf(stderr, "quil: faststart: %s\n", error.c_str());
         return kExitFailure;
     }
-    if (int status = moveMovieFirst(input, output.temporaryPath(), "faststart")) return status;
+    if (movieAlreadyFirst(input)) {
+        // Nothing to move: OUT is the same file, so a batch of mixed files
+        // goes through.
+        if (!copyFile(input, output.temporaryPath(), &error)) {
+            std::fprintf(stderr, "quil: faststart: %s\n", error.c_str());
+            return kExitFailure;
+        }
+        std::fprintf(stderr, "quil: faststart: %s: the movie box already comes first; copied\n",
+                     input);
+    } else if (int status = moveMovieFirst(input, output.temporaryPath(), "faststart")) {
+        return status;
+    }
     if (!output.commit(&error)) {
         std::fprintf(stderr, "quil: faststart: %s\n", error.c_str());
         return kExitFailure;

@@ -18,7 +18,7 @@
 #include "Manifest.h"
 #include "Rewrite.h"
 #include "quil/quil.h"
-#include "storage/WidePath.h"
+#include "quil/Mp4Path.h"
 
 namespace quil {
 namespace tool {
@@ -179,7 +179,7 @@ SegmentSet namedSet(const std::string& init, const std::string& prefix,
 bool writeSegmentSet(const char* input, const std::string& directory, MP4FragmentSettings settings,
                      CopyOptions options, SegmentSet* set) {
     std::wstring prefix;
-    if (utf8ToWidePath((directory + "/" + set->segmentPrefix).c_str(), &prefix) != MP4_OK) {
+    if (Mp4WidePathFromUtf8((directory + "/" + set->segmentPrefix).c_str(), &prefix) != MP4_OK) {
         std::fprintf(stderr, "quil: fragment: %s: not a usable path\n", directory.c_str());
         return false;
     }

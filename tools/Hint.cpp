@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -17,16 +18,13 @@
 #include <thread>
 #include <vector>
 
+#include "Command.h"
 #include "Info.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
 namespace {
 
-constexpr int kExitOk = 0;
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
 constexpr uint32_t kMaxPacket = 65536;
 
 // A hint track object deleted when it goes out of scope.
@@ -145,11 +143,8 @@ int runSdp(const char* path, const char* destination) {
         return kExitUsage;
     }
     OpenedFile file;
-    MP4Err err = file.open(path);
-    if (err != MP4_OK) {
-        reportError(path, err);
-        return kExitFailure;
-    }
+    if (int status = openOrReport(&file, path)) return status;
+    MP4Err err = MP4_OK;
     auto tracks = hintTracksOf(file.get());
     if (tracks.empty()) {
         std::fprintf(stderr, "quil: %s: no RTP hint track (hint it with quil hint)\n", path);
@@ -186,11 +181,8 @@ int runRtpSend(const char* path, const char* destination, double speed) {
         return kExitUsage;
     }
     OpenedFile file;
-    MP4Err err = file.open(path);
-    if (err != MP4_OK) {
-        reportError(path, err);
-        return kExitFailure;
-    }
+    if (int status = openOrReport(&file, path)) return status;
+    MP4Err err = MP4_OK;
     auto tracks = hintTracksOf(file.get());
     if (tracks.empty()) {
         std::fprintf(stderr, "quil: %s: no RTP hint track (hint it with quil hint)\n", path);
@@ -239,6 +231,16 @@ int runRtpSend(const char* path, const char* destination, double speed) {
         if (stream.clock != 0) streams.push_back(stream);
     }
 
+    // Progress on a terminal: the share of the longest stream's time sent.
+    double duration = 0;
+    for (const Stream& stream : streams) {
+        uint64_t last = 0;
+        if (stream.hint->getHintSampleTime(stream.samples, &last) == MP4_OK) {
+            duration = std::max(duration, static_cast<double>(last) / stream.clock);
+        }
+    }
+    Progress progress("rtp-send", static_cast<uint64_t>(duration * 1000), 0);
+
     std::vector<uint8_t> packet(kMaxPacket);
     const auto start = std::chrono::steady_clock::now();
     const double sessionStart = ntpNow();
@@ -264,6 +266,7 @@ int runRtpSend(const char* path, const char* destination, double speed) {
         if (speed > 0) {
             std::this_thread::sleep_until(start + std::chrono::duration<double>(dueTime / speed));
         }
+        progress.update(static_cast<uint64_t>(dueTime * 1000));
         if (dueTime >= due->nextReport) {
             sendSenderReport(sock, target, *due, dueTime, sessionStart);
             due->nextReport = dueTime + kReportInterval;
@@ -325,7 +328,7 @@ public:
     }
     MP4Err open(const char* utf8Path) {
         std::wstring path;
-        MP4Err err = utf8ToWidePath(utf8Path, &path);
+        MP4Err err = Mp4WidePathFromUtf8(utf8Path, &path);
         if (err == MP4_OK) err = CMp4File::createInstance(&file_);
         if (err == MP4_OK) err = file_->open(path.c_str(), 1, fileType);
         // Players show the file as long as its longest track.
@@ -398,11 +401,8 @@ MP4Err copyTrack(CMp4Track* source, CMp4File* output) {
 
 int runHint(const char* input, const char* output, uint32_t mtu, bool latm) {
     OpenedFile source;
-    MP4Err err = source.open(input);
-    if (err != MP4_OK) {
-        reportError(input, err);
-        return kExitFailure;
-    }
+    if (int status = openOrReport(&source, input)) return status;
+    MP4Err err = MP4_OK;
     // Written under a temporary name and renamed when complete, so that a
     // failure never leaves a half-written file under the output's name.
     const std::string temporary = std::string(output) + ".quil-tmp";
@@ -419,7 +419,9 @@ int runHint(const char* input, const char* output, uint32_t mtu, bool latm) {
     target.fileType = fileType == MP4_FILE_NO_FTYP ? MP4_FILE_MPEG4 : fileType;
     err = target.open(temporary.c_str());
     if (err != MP4_OK) {
-        reportError(output, err);
+        const std::string why = outputProblem(temporary);
+        std::fprintf(stderr, "quil: %s: cannot create the output%s%s: %s\n", output,
+                     why.empty() ? "" : ": ", why.c_str(), toString(err));
         return kExitFailure;
     }
     // Audio and video tracks are copied; each with a packetizer then gets

@@ -11,7 +11,7 @@
 #include "Import.h"
 #include "quil/quil.h"
 #include "quil/Mp4Import.h"
-#include "storage/WidePath.h"
+#include "quil/Mp4Path.h"
 
 namespace quil {
 namespace tool {
@@ -84,7 +84,7 @@ int runImport(const Arguments& arguments) {
     }
     const std::string target = arguments.operand(0);
     std::wstring wideTarget;
-    if (utf8ToWidePath(target.c_str(), &wideTarget) != MP4_OK) {
+    if (Mp4WidePathFromUtf8(target.c_str(), &wideTarget) != MP4_OK) {
         return usageError("import: the output name is not valid UTF-8");
     }
     uint32_t fileType = Mp4FileTypeForName(wideTarget.c_str());
@@ -99,7 +99,7 @@ int runImport(const Arguments& arguments) {
     std::vector<std::wstring> paths(inputCount);
     std::vector<MP4ImportStream> streams(inputCount);
     for (size_t i = 0; i < inputCount; ++i) {
-        if (utf8ToWidePath(arguments.operand(i + 1), &paths[i]) != MP4_OK) {
+        if (Mp4WidePathFromUtf8(arguments.operand(i + 1), &paths[i]) != MP4_OK) {
             return usageError(std::string("import: ") + arguments.operand(i + 1) + " is not valid UTF-8");
         }
         streams[i].path = paths[i].c_str();
@@ -117,7 +117,7 @@ int runImport(const Arguments& arguments) {
     }
     std::wstring temporary;
     CMp4File* file = nullptr;
-    MP4Err err = utf8ToWidePath(output.temporaryPath().c_str(), &temporary);
+    MP4Err err = Mp4WidePathFromUtf8(output.temporaryPath().c_str(), &temporary);
     if (err == MP4_OK) err = CMp4File::createInstance(&file);
     if (err == MP4_OK) err = file->open(temporary.c_str(), MP4_OPEN_WRITE, fileType);
     if (err != MP4_OK) {

@@ -3,6 +3,9 @@
 // Whatever a track cannot answer is left out of the report.
 #include "Info.h"
 
+#include "Command.h"
+#include "Report.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdarg>
@@ -10,9 +13,6 @@
 #include <memory>
 #include <new>
 
-#include "boxes/MovieBoxes.h"
-#include "file/Mp4FileImpl.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -29,7 +29,7 @@ OpenedFile::~OpenedFile() {
 
 MP4Err OpenedFile::open(const char* utf8Path) {
     std::wstring widePath;
-    MP4Err err = utf8ToWidePath(utf8Path, &widePath);
+    MP4Err err = Mp4WidePathFromUtf8(utf8Path, &widePath);
     if (err != MP4_OK) return err;
     if (file_ == nullptr) {
         err = CMp4File::createInstance(&file_);
@@ -42,535 +42,86 @@ void reportError(const char* what, MP4Err err) {
     std::fprintf(stderr, "quil: %s: %s\n", what, toString(err));
 }
 
+uint32_t inputFileType(CMp4File* file) {
+    uint32_t fileType = 0, majorBrand = 0;
+    (void)file->getFileType(&fileType);
+    if (Mp4GetBrands(file, &majorBrand, nullptr, nullptr, 0, nullptr) == MP4_OK &&
+        majorBrand == fourcc("qt  ")) {
+        fileType = MP4_FILE_QUICKTIME;
+    }
+    return fileType;
+}
+
 namespace {
 
-// ---------------------------------------------------------------------------
-// Report model: ordered fields per section, rendered by either printer.
+bool isUrl(const char* path) { return std::strncmp(path, "http", 4) == 0; }
 
-struct Field {
-    enum class Kind { Unsigned, Signed, Real, Text, Flag };
-    std::string key;    // JSON member name
-    std::string label;  // text label
-    Kind kind = Kind::Unsigned;
-    uint64_t unsignedValue = 0;
-    int64_t signedValue = 0;
-    double realValue = 0.0;
-    std::string textValue;
-    bool flagValue = false;
-    // Optional explanation: text shows "value (note)", JSON adds noteKey.
-    std::string noteKey;
-    std::string note;
-};
-
-class Section {
-public:
-    explicit Section(std::string title) : title(std::move(title)) {}
-
-    Field& addUnsigned(const char* key, const char* label, uint64_t value) {
-        Field& f = add(key, label, Field::Kind::Unsigned);
-        f.unsignedValue = value;
-        return f;
-    }
-    Field& addSigned(const char* key, const char* label, int64_t value) {
-        Field& f = add(key, label, Field::Kind::Signed);
-        f.signedValue = value;
-        return f;
-    }
-    Field& addReal(const char* key, const char* label, double value) {
-        Field& f = add(key, label, Field::Kind::Real);
-        f.realValue = value;
-        return f;
-    }
-    Field& addText(const char* key, const char* label, const std::string& value) {
-        Field& f = add(key, label, Field::Kind::Text);
-        f.textValue = value;
-        return f;
-    }
-    Field& addFlag(const char* key, const char* label, bool value) {
-        Field& f = add(key, label, Field::Kind::Flag);
-        f.flagValue = value;
-        return f;
-    }
-
-    std::string title;
-    std::vector<Field> fields;
-
-private:
-    Field& add(const char* key, const char* label, Field::Kind kind) {
-        fields.emplace_back();
-        Field& f = fields.back();
-        f.key = key;
-        f.label = label;
-        f.kind = kind;
-        return f;
-    }
-};
-
-void setNote(Field& field, const char* noteKey, const std::string& note) {
-    field.noteKey = noteKey;
-    field.note = note;
-}
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    char buffer[128];
-    va_list args;
-    va_start(args, fmt);
-    std::vsnprintf(buffer, sizeof buffer, fmt, args);
-    va_end(args);
-    return buffer;
-}
-
-std::string hexBytes(const std::vector<uint8_t>& bytes) {
-    std::string text;
-    text.reserve(bytes.size() * 2);
-    static const char kDigits[] = "0123456789abcdef";
-    for (uint8_t b : bytes) {
-        text += kDigits[b >> 4];
-        text += kDigits[b & 15];
-    }
-    return text;
-}
-
-std::string secondsText(uint64_t units, uint32_t timeScale) {
-    if (timeScale == 0) return std::string();
-    return format("%.3f s", static_cast<double>(units) / timeScale);
-}
-
-// ---------------------------------------------------------------------------
-// Names
-
-const char* fileTypeName(uint32_t fileType) {
-    static const char* const kNames[] = {
-        "MPEG-4",           "3GPP release 4", "MPEG-4 audio", "AVC",
-        "Sony PSP",         "MPEG-4",         "3GPP release 5", "3GPP2",
-        "3GPP release 6",   "no file type box", "XAVC",       "HEVC",
-        "QuickTime",
+bool isTopLevelType(uint32_t type) {
+    static const uint32_t kTypes[] = {
+        fourcc("ftyp"), fourcc("moov"), fourcc("mdat"), fourcc("free"), fourcc("skip"),
+        fourcc("wide"), fourcc("uuid"), fourcc("moof"), fourcc("styp"), fourcc("sidx"),
+        fourcc("pdin"), fourcc("meta"), fourcc("mfra"), fourcc("pnot"), fourcc("emsg"),
     };
-    return fileType < sizeof kNames / sizeof kNames[0] ? kNames[fileType] : "unknown";
+    for (uint32_t known : kTypes) {
+        if (type == known) return true;
+    }
+    return false;
+}
+
+// "truncated: ..." when a top-level box of the file runs past its end:
+// only the box headers are read.
+std::string truncation(const char* path) {
+    uint64_t length = 0;
+    for (const TopLevelBox& box : topLevelBoxes(path, &length)) {
+        if (!isTopLevelType(box.type)) break;  // not a box file: not "truncated"
+        if (box.size > length - box.offset) {
+            return "truncated: the " + fourccText(box.type) + " box at offset " +
+                   std::to_string(box.offset) + " needs " + std::to_string(box.size) +
+                   " bytes, the file ends after " + std::to_string(length - box.offset);
+        }
+    }
+    return std::string();
+}
+
+// What a failed open most likely means, for the message.
+const char* openFailureHint(MP4Err err) {
+    switch (err) {
+        case MP4_ERR_NOT_AVAILABLE: return "not an MP4 file (no movie box found)";
+        case MP4_ERR_IO: return "cannot open or read the file";
+        case MP4_ERR_WRONG_LAYOUT: return "damaged compressed movie";
+        default: return nullptr;
+    }
 }
 
 }  // namespace
 
-const char* trackKindName(uint32_t kind) {
-    static const char* const kNames[] = {
-        "other", "video", "audio", "hint", "object descriptor", "scene description", "time code",
-    };
-    return kind < sizeof kNames / sizeof kNames[0] ? kNames[kind] : "unknown";
+std::string openFailureReason(const char* path, MP4Err err) {
+    std::string why;
+    if (isUrl(path)) {
+        char reason[256] = "";
+        if (Mp4GetLastNetError(reason, sizeof reason) == MP4_OK) why = reason;
+    } else {
+        why = inputProblem(path);
+        if (why.empty()) why = truncation(path);
+    }
+    const char* hint = openFailureHint(err);
+    if (why.empty() && hint) why = hint;
+    return why;
 }
 
-const char* codecName(uint32_t codec) {
-    switch (codec) {
-        case 1: return "MPEG-4 Visual";
-        case 2: return "AAC";
-        case 3: return "MPEG-4 Systems";
-        case 4: return "H.263";
-        case 5: return "AMR-WB";
-        case 6: return "AMR-NB";
-        case 7: return "H.264/AVC";
-        case 8: return "MPEG-1 Audio";
-        case 9: return "MPEG-2 Audio";
-        case 10: return "Motion JPEG";
-        case 11: return "G.711 mu-law";
-        case 12: return "G.711 A-law";
-        case 13: return "PCM 8-bit";
-        case 14: return "PCM 16-bit little-endian";
-        case 15: return "PCM 16-bit big-endian";
-        case 16: return "PCM 32-bit float little-endian";
-        case 17: return "PCM 32-bit float big-endian";
-        case 19: return "DV";
-        case 20: return "Cinepak";
-        case 21: return "Uncompressed RGB";
-        case 22: return "PNG";
-        case 23: return "Microsoft ADPCM";
-        case 24: return "IMA ADPCM";
-        case 25: return "Uncompressed YUV 4:2:2";
-        case 26: return "MPEG-2 Video";
-        case 27: return "MP3";
-        case 28: return "AC-3";
-        case 29: return "DVCPRO50";
-        case 30: return "DVCPRO HD";
-        case 32: return "Linear PCM";
-        case 33: return "H.265/HEVC";
-        case 34: return "PCM 24-bit";
-        default: return "unknown";
+int openOrReport(OpenedFile* file, const char* path) {
+    const MP4Err err = file->open(path);
+    if (err == MP4_OK) return 0;
+    const std::string why = openFailureReason(path, err);
+    if (why.empty()) {
+        reportError(path, err);
+    } else {
+        std::fprintf(stderr, "quil: %s: %s: %s\n", path, why.c_str(), toString(err));
     }
+    return 1;
 }
 
 namespace {
-
-const char* avcProfileName(uint8_t profile, uint8_t compatibility) {
-    switch (profile) {
-        // constraint_set1_flag marks the constrained subset of Baseline.
-        case 66: return (compatibility & 0x40) ? "Constrained Baseline" : "Baseline";
-        case 77: return "Main";
-        case 88: return "Extended";
-        case 100: return "High";
-        case 110: return "High 10";
-        case 122: return "High 4:2:2";
-        case 244: return "High 4:4:4 Predictive";
-        case 44: return "CAVLC 4:4:4 Intra";
-        default: return "unknown";
-    }
-}
-
-const char* hevcProfileName(uint8_t profile) {
-    switch (profile) {
-        case 1: return "Main";
-        case 2: return "Main 10";
-        case 3: return "Main Still Picture";
-        case 4: return "Format Range Extensions";
-        default: return "unknown";
-    }
-}
-
-// ---------------------------------------------------------------------------
-// Decoder configuration records (ISO/IEC 14496-15), read from the bytes the
-// track hands out. Every read is checked against the buffer: a short or
-// damaged record yields only what precedes the damage.
-
-class ByteCursor {
-public:
-    explicit ByteCursor(const std::vector<uint8_t>& bytes) : bytes_(bytes) {}
-    bool u8(uint8_t* v) {
-        if (pos_ + 1 > bytes_.size()) return false;
-        *v = bytes_[pos_++];
-        return true;
-    }
-    bool u16(uint16_t* v) {
-        if (pos_ + 2 > bytes_.size()) return false;
-        *v = static_cast<uint16_t>((bytes_[pos_] << 8) | bytes_[pos_ + 1]);
-        pos_ += 2;
-        return true;
-    }
-    bool skip(size_t count) {
-        if (count > bytes_.size() - pos_) return false;
-        pos_ += count;
-        return true;
-    }
-    void seek(size_t pos) { pos_ = pos < bytes_.size() ? pos : bytes_.size(); }
-
-private:
-    const std::vector<uint8_t>& bytes_;
-    size_t pos_ = 0;
-};
-
-// Counts the length-prefixed parameter sets of one list; false when the
-// list runs past the record.
-bool skipParameterSets(ByteCursor* cursor, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) {
-        uint16_t length = 0;
-        if (!cursor->u16(&length) || !cursor->skip(length)) return false;
-    }
-    return true;
-}
-
-void addAvcConfiguration(Section* section, const std::vector<uint8_t>& record) {
-    ByteCursor cursor(record);
-    uint8_t version = 0, profile = 0, compatibility = 0, level = 0, lengthSize = 0, spsByte = 0;
-    if (!cursor.u8(&version) || !cursor.u8(&profile) || !cursor.u8(&compatibility) ||
-        !cursor.u8(&level)) {
-        return;
-    }
-    setNote(section->addUnsigned("avcProfile", "AVC profile", profile), "avcProfileName",
-            avcProfileName(profile, compatibility));
-    setNote(section->addUnsigned("avcLevel", "AVC level", level), "avcLevelName",
-            format("%u.%u", level / 10u, level % 10u));
-    if (!cursor.u8(&lengthSize) || !cursor.u8(&spsByte)) return;
-    const uint32_t spsCount = spsByte & 0x1F;
-    uint8_t ppsCount = 0;
-    if (!skipParameterSets(&cursor, spsCount) || !cursor.u8(&ppsCount) ||
-        !skipParameterSets(&cursor, ppsCount)) {
-        return;
-    }
-    section->addUnsigned("spsCount", "Sequence parameter sets", spsCount);
-    section->addUnsigned("ppsCount", "Picture parameter sets", ppsCount);
-}
-
-void addHevcConfiguration(Section* section, const std::vector<uint8_t>& record) {
-    // Fixed part: 22 bytes up to numOfArrays; profile in byte 1, level in 12.
-    constexpr size_t kArraysOffset = 22;
-    if (record.size() < kArraysOffset + 1) return;
-    const uint8_t profileByte = record[1];
-    const uint8_t profile = profileByte & 0x1F;
-    const bool highTier = (profileByte & 0x20) != 0;
-    const uint8_t level = record[12];
-    setNote(section->addUnsigned("hevcProfile", "HEVC profile", profile), "hevcProfileName",
-            hevcProfileName(profile));
-    section->addText("hevcTier", "HEVC tier", highTier ? "High" : "Main");
-    // general_level_idc is 30 times the level number.
-    setNote(section->addUnsigned("hevcLevel", "HEVC level", level), "hevcLevelName",
-            format("%u.%u", level / 30u, (level % 30u) / 3u));
-
-    ByteCursor cursor(record);
-    cursor.seek(kArraysOffset);
-    uint8_t arrayCount = 0;
-    cursor.u8(&arrayCount);
-    uint64_t vps = 0, sps = 0, pps = 0;
-    for (uint32_t i = 0; i < arrayCount; ++i) {
-        uint8_t typeByte = 0;
-        uint16_t nalCount = 0;
-        if (!cursor.u8(&typeByte) || !cursor.u16(&nalCount) ||
-            !skipParameterSets(&cursor, nalCount)) {
-            return;
-        }
-        switch (typeByte & 0x3F) {
-            case 32: vps += nalCount; break;
-            case 33: sps += nalCount; break;
-            case 34: pps += nalCount; break;
-            default: break;  // SEI and others are not parameter sets
-        }
-    }
-    section->addUnsigned("vpsCount", "Video parameter sets", vps);
-    section->addUnsigned("spsCount", "Sequence parameter sets", sps);
-    section->addUnsigned("ppsCount", "Picture parameter sets", pps);
-}
-
-// Reads one of the "length first" byte properties of a track.
-template <class Getter>
-bool readTrackBytes(Getter getter, std::vector<uint8_t>* bytes) {
-    uint32_t length = 0;
-    if (getter(nullptr, 0, &length) != MP4_OK) return false;
-    bytes->assign(length, 0);
-    if (length == 0) return true;
-    return getter(bytes->data(), length, &length) == MP4_OK && length == bytes->size();
-}
-
-// ---------------------------------------------------------------------------
-// Collecting the report
-
-void addFileFields(Section* section, const char* path, CMp4File* file) {
-    section->addText("path", "File", path);
-    uint32_t fileType = 0;
-    if (file->getFileType(&fileType) == MP4_OK) {
-        setNote(section->addUnsigned("fileType", "File type", fileType), "fileTypeName",
-                fileTypeName(fileType));
-    }
-    // The brand and the movie duration are not part of the public
-    // interface; the tool reads them from the box tree.
-    CMp4FileImpl* impl = static_cast<CMp4FileImpl*>(file);
-    CBox* box = nullptr;
-    if (impl->findTopLevelBox(fourcc("ftyp"), &box) == MP4_OK) {
-        if (const auto* ftyp = dynamic_cast<const CFileTypeBox*>(box)) {
-            section->addText("majorBrand", "Major brand", fourccText(ftyp->majorBrand));
-        }
-    }
-    uint32_t timeScale = 0;
-    const bool haveTimeScale = file->getTimeScale(&timeScale) == MP4_OK;
-    if (haveTimeScale) section->addUnsigned("timeScale", "Movie time scale", timeScale);
-    CBox* moov = nullptr;
-    CBox* header = nullptr;
-    if (impl->findTopLevelBox(fourcc("moov"), &moov) == MP4_OK &&
-        moov->findChild(fourcc("mvhd"), &header, 1) == MP4_OK) {
-        if (const auto* mvhd = dynamic_cast<const CMovieHeaderBox*>(header)) {
-            Field& f = section->addUnsigned("duration", "Movie duration", mvhd->duration);
-            if (haveTimeScale && timeScale != 0) {
-                setNote(f, "durationText", secondsText(mvhd->duration, timeScale));
-            }
-        }
-    }
-    uint32_t y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
-    if (file->getCreationTime(&y, &mo, &d, &h, &mi, &s) == MP4_OK) {
-        section->addText("creationTime", "Creation time",
-                         format("%04u-%02u-%02u %02u:%02u:%02u", y, mo, d, h, mi, s));
-    }
-    uint32_t count = 0;
-    if (file->getTrackCount(&count) == MP4_OK) {
-        section->addUnsigned("trackCount", "Track count", count);
-    }
-    // Shown for fragmented files only: the track sample counts include
-    // every fragment's samples.
-    uint32_t fragments = 0;
-    if (file->getFragmentCount(&fragments) == MP4_OK && fragments > 0) {
-        section->addUnsigned("fragmentCount", "Fragments", fragments);
-    }
-}
-
-void addTimingFields(Section* section, CMp4Track* track, uint32_t kind) {
-    uint32_t timeScale = 0;
-    const bool haveTimeScale = track->getTimeScale(&timeScale) == MP4_OK;
-    if (haveTimeScale) section->addUnsigned("timeScale", "Time scale", timeScale);
-    uint64_t duration = 0;
-    if (track->getDuration(&duration) == MP4_OK) {
-        section->addUnsigned("duration", "Duration (movie units)", duration);
-    }
-    if (track->getMediaDuration(&duration) == MP4_OK) {
-        Field& f = section->addUnsigned("mediaDuration", "Media duration", duration);
-        if (haveTimeScale && timeScale != 0) {
-            setNote(f, "mediaDurationText", secondsText(duration, timeScale));
-        }
-    }
-    uint32_t samples = 0;
-    if (track->getSampleCount(&samples) == MP4_OK) {
-        section->addUnsigned("sampleCount", "Samples", samples);
-        uint64_t sync = 0;
-        bool complete = true;
-        for (uint32_t n = 1; n <= samples && complete; ++n) {
-            uint32_t flag = 0;
-            complete = track->isSyncSample(n, &flag) == MP4_OK;
-            sync += flag != 0 ? 1 : 0;
-        }
-        if (complete) section->addUnsigned("syncSampleCount", "Sync samples", sync);
-    }
-    uint64_t delay = 0;
-    if (track->getInitialDelay(&delay) == MP4_OK) {
-        section->addUnsigned("initialDelay", "Initial delay", delay);
-    }
-    if (kind == MP4_TRACK_TIMECODE && samples > 0) {
-        uint64_t firstTime = 0;
-        uint8_t hours = 0, minutes = 0, seconds = 0, frames = 0, dropFrame = 0;
-        const bool haveFlag = track->getTimecodeFlag(0, &dropFrame) == MP4_OK;
-        if (track->getSampleDecodeTime(1, &firstTime) == MP4_OK &&
-            track->getTimecode(firstTime, &hours, &minutes, &seconds, &frames) == MP4_OK) {
-            // Drop-frame codes separate the frames with ';' by convention.
-            section->addText("timecode", "Time code of sample 1",
-                             format("%02u:%02u:%02u%c%02u", hours, minutes, seconds,
-                                    haveFlag && dropFrame ? ';' : ':', frames));
-        }
-        if (haveFlag) section->addFlag("dropFrame", "Drop frame", dropFrame != 0);
-    }
-}
-
-void addVisualFields(Section* section, CMp4Track* track) {
-    section->addReal("rotation", "Rotation", track->getRotateAngle());
-    uint32_t width = 0, height = 0;
-    if (track->getWidth(&width) == MP4_OK) section->addUnsigned("width", "Width", width);
-    if (track->getHeight(&height) == MP4_OK) section->addUnsigned("height", "Height", height);
-    uint32_t hSpacing = 0, vSpacing = 0;
-    if (track->getPixelAspectRatio(&hSpacing, &vSpacing) == MP4_OK) {
-        section->addText("pixelAspectRatio", "Pixel aspect ratio",
-                         format("%u:%u", hSpacing, vSpacing));
-    }
-}
-
-void addCodecFields(Section* section, CMp4Track* track, uint32_t sampleEntry) {
-    uint32_t codec = 0;
-    if (track->getCodecType(&codec) == MP4_OK) {
-        setNote(section->addUnsigned("codec", "Codec", codec), "codecName", codecName(codec));
-    }
-    std::vector<uint8_t> bytes;
-    auto configuration = [track](uint8_t* b, uint32_t size, uint32_t* length) {
-        return track->getCodecConfiguration(b, size, length);
-    };
-    if (readTrackBytes(configuration, &bytes)) {
-        if (sampleEntry == fourcc("avc1") || sampleEntry == fourcc("avc3")) {
-            addAvcConfiguration(section, bytes);
-        } else if (sampleEntry == fourcc("hvc1") || sampleEntry == fourcc("hev1")) {
-            addHevcConfiguration(section, bytes);
-        }
-    }
-    uint8_t objectType = 0;
-    if (track->getObjectTypeIndication(&objectType) == MP4_OK) {
-        section->addText("objectType", "Object type indication", format("0x%02X", objectType));
-    }
-    auto specificInfo = [track](uint8_t* b, uint32_t size, uint32_t* length) {
-        return track->getDecoderSpecificInfo(b, size, length);
-    };
-    if (readTrackBytes(specificInfo, &bytes)) {
-        section->addText("decoderSpecificInfo", "Decoder specific info", hexBytes(bytes));
-    }
-    uint32_t bufferSize = 0, maxBitrate = 0, avgBitrate = 0;
-    if (track->getBitrates(&bufferSize, &maxBitrate, &avgBitrate) == MP4_OK) {
-        section->addUnsigned("bufferSizeDB", "Decoding buffer size", bufferSize);
-        section->addUnsigned("maxBitrate", "Maximum bit rate", maxBitrate);
-        section->addUnsigned("avgBitrate", "Average bit rate", avgBitrate);
-    }
-}
-
-// Channel configuration of an MPEG-4 AudioSpecificConfig (ISO/IEC
-// 14496-3 §1.6.2.1); 0 when absent or defined elsewhere in the stream.
-uint32_t aacChannels(const std::vector<uint8_t>& config) {
-    uint64_t bits = 0;
-    size_t n = config.size() < 8 ? config.size() : 8;
-    for (size_t i = 0; i < n; ++i) bits |= static_cast<uint64_t>(config[i]) << (56 - 8 * i);
-    int pos = 5;
-    if ((bits >> 59) == 31) pos += 6;  // escaped object type
-    uint32_t frequencyIndex = static_cast<uint32_t>((bits >> (60 - pos)) & 15);
-    pos += 4;
-    if (frequencyIndex == 15) pos += 24;  // explicit frequency
-    if (static_cast<size_t>(pos + 4) > n * 8) return 0;
-    static const uint32_t kChannels[16] = {0, 1, 2, 3, 4, 5, 6, 8, 0, 0, 0, 0, 0, 0, 0, 0};
-    return kChannels[(bits >> (60 - pos)) & 15];
-}
-
-// Channels of an MPEG audio (layer 1-3) stream from its first frame header.
-uint32_t mpegAudioChannels(CMp4Track* track) {
-    uint8_t header[4] = {0, 0, 0, 0};
-    uint32_t size = 0;
-    uint32_t sampleSize = 0;
-    if (track->getSampleSize(1, &sampleSize) != MP4_OK || sampleSize < 4) return 0;
-    std::vector<uint8_t> sample(sampleSize);
-    if (track->readSample(1, sampleSize, &size, sample.data()) != MP4_OK) return 0;
-    std::copy(sample.begin(), sample.begin() + 4, header);
-    if (header[0] != 0xFF || (header[1] & 0xE0) != 0xE0) return 0;
-    return (header[3] >> 6) == 3 ? 1 : 2;
-}
-
-// The channel count a player decodes, where the stream says it better than
-// the sample entry: AMR is mono (3GPP entries carry a fixed 2), AAC and MPEG
-// audio carry their own. 0 when the entry's count stands.
-uint32_t streamChannels(CMp4Track* track, uint32_t sampleEntry) {
-    if (sampleEntry == fourcc("samr") || sampleEntry == fourcc("sawb")) return 1;
-    uint32_t codec = 0;
-    track->getCodecType(&codec);
-    std::vector<uint8_t> config;
-    auto specificInfo = [track](uint8_t* b, uint32_t size, uint32_t* length) {
-        return track->getDecoderSpecificInfo(b, size, length);
-    };
-    if (codec == 2 && readTrackBytes(specificInfo, &config)) return aacChannels(config);
-    if (codec == 8 || codec == 9 || codec == 27) return mpegAudioChannels(track);
-    return 0;
-}
-
-void addSoundFields(Section* section, CMp4Track* track, uint32_t sampleEntry) {
-    uint32_t value = 0;
-    if (track->getChannelCount(&value) == MP4_OK) {
-        uint32_t decoded = streamChannels(track, sampleEntry);
-        section->addUnsigned("channels", "Channels", decoded != 0 ? decoded : value);
-        section->addUnsigned("entryChannels", "Channels (sample entry)", value);
-    }
-    if (track->getSampleBits(&value) == MP4_OK) {
-        section->addUnsigned("sampleBits", "Sample size (bits)", value);
-    }
-    if (track->getSampleRate(&value) == MP4_OK) {
-        section->addUnsigned("sampleRate", "Sample rate", value);
-    }
-}
-
-Section collectTrack(CMp4File* file, uint32_t number) {
-    Section section(format("Track %u", number));
-    section.addUnsigned("number", "Number", number);
-    CMp4Track* raw = nullptr;
-    MP4Err err = file->getTrack(number, &raw);
-    if (err != MP4_OK) {
-        section.addText("error", "Error", toString(err));
-        return section;
-    }
-    TrackHandle track(file, raw);
-    uint32_t value = 0;
-    if (track->getTrackId(&value) == MP4_OK) section.addUnsigned("trackId", "Track ID", value);
-    uint32_t kind = MP4_TRACK_OTHER;
-    if (track->getTrackType(&kind) == MP4_OK) {
-        setNote(section.addUnsigned("kind", "Kind", kind), "kindName", trackKindName(kind));
-    }
-    uint32_t sampleEntry = 0;
-    if (track->getSampleEntryType(&sampleEntry) == MP4_OK) {
-        section.addText("sampleEntry", "Sample entry", fourccText(sampleEntry));
-    }
-    uint8_t language[3] = {0, 0, 0};
-    // QuickTime files may hold a Macintosh language number instead of
-    // letters; only real letters are shown.
-    if (track->getLanguage(language) == MP4_OK && std::islower(language[0]) &&
-        std::islower(language[1]) && std::islower(language[2])) {
-        section.addText("language", "Language",
-                        std::string(reinterpret_cast<const char*>(language), 3));
-    }
-    addTimingFields(&section, track.get(), kind);
-    addVisualFields(&section, track.get());
-    addCodecFields(&section, track.get(), sampleEntry);
-    addSoundFields(&section, track.get(), sampleEntry);
-    return section;
-}
 
 // ---------------------------------------------------------------------------
 // Printing
@@ -594,6 +145,13 @@ void printSectionText(const Section& section, const char* indent) {
         const int width = 28 - static_cast<int>(std::strlen(indent));
         std::printf("%s%-*s %s\n", indent, width, (f.label + ":").c_str(), value.c_str());
     }
+    for (size_t i = 0; i < section.edits.size(); ++i) {
+        const Section::Edit& edit = section.edits[i];
+        const std::string label = format("Edit %zu:", i + 1);
+        std::printf("%s%-*s duration %" PRIu64 ", media time %" PRId64 ", rate %g\n", indent,
+                    28 - static_cast<int>(std::strlen(indent)), label.c_str(),
+                    edit.segmentDuration, edit.mediaTime, edit.rate);
+    }
 }
 
 // The members only: the caller opens and closes the object.
@@ -612,22 +170,20 @@ void writeFieldsJson(JsonWriter* json, const Section& section) {
             json->value(f.note);
         }
     }
-}
-
-struct Report {
-    Section file{"File"};
-    std::vector<Section> tracks;
-};
-
-Report collectReport(const char* path, CMp4File* file) {
-    Report report;
-    addFileFields(&report.file, path, file);
-    uint32_t count = 0;
-    (void)file->getTrackCount(&count);
-    for (uint32_t number = 1; number <= count; ++number) {
-        report.tracks.push_back(collectTrack(file, number));
+    if (section.edits.empty()) return;
+    json->key("edits");
+    json->beginArray();
+    for (const Section::Edit& edit : section.edits) {
+        json->beginObject();
+        json->key("segmentDuration");
+        json->value(edit.segmentDuration);
+        json->key("mediaTime");
+        json->value(edit.mediaTime);
+        json->key("rate");
+        json->value(edit.rate);
+        json->endObject();
     }
-    return report;
+    json->endArray();
 }
 
 }  // namespace

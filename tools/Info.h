@@ -51,6 +51,14 @@ private:
 // Prints "quil: <what>: <error text>" on stderr.
 void reportError(const char* what, MP4Err err);
 
+// Opens an input file for reading; on failure prints one line saying why
+// (the system's reason, the HTTP status or connection error, "truncated",
+// "not an MP4 file") and returns kExitFailure, else 0.
+int openOrReport(OpenedFile* file, const char* path);
+
+// The reason openOrReport gives for a failed open, "" when none is known.
+std::string openFailureReason(const char* path, MP4Err err);
+
 // "avc1", or "0x6D730011" when a byte is not printable ASCII.
 inline std::string fourccText(uint32_t code) {
     char text[16];
@@ -69,9 +77,16 @@ inline std::string fourccText(uint32_t code) {
     return text;
 }
 
+// The file type of a read file as the tool names and writes it: the
+// library's type, except that "qt  " files are QuickTime (type 12), which
+// the library never detects.
+uint32_t inputFileType(CMp4File* file);
+
 // The "info" command: prints the report of an opened file as text or as one
 // JSON document. Returns the process exit code.
 int printInfo(const char* path, CMp4File* file, bool json);
+// The JSON document "info --json" prints, without its final line break.
+std::string infoJson(const char* path, CMp4File* file);
 // The JSON document "info --json" prints, without its final line break.
 std::string infoJson(const char* path, CMp4File* file);
 

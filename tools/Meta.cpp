@@ -16,7 +16,6 @@
 
 #include "Info.h"
 #include "quil/quil.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -361,18 +360,55 @@ void printJson(const char* path, const std::vector<Item>& items) {
     std::printf("%s\n", json.text().c_str());
 }
 
-// ---- --set ---------------------------------------------------------------
+// ---- --set and --remove ----------------------------------------------------
 
+// The 3GPP asset items that --set writes.
 using TextSetter = MP4Err (CMp4MetaData::*)(const uint8_t*, uint32_t, const uint8_t*);
-struct SetKey {
+struct AssetKey {
     const char* key;
     TextSetter set;
 };
-const SetKey kSetKeys[] = {
+const AssetKey kAssetKeys[] = {
     {"title", &CMp4MetaData::setTitle},         {"description", &CMp4MetaData::setDescription},
     {"copyright", &CMp4MetaData::setCopyright}, {"performer", &CMp4MetaData::setPerformer},
     {"author", &CMp4MetaData::setAuthor},       {"genre", &CMp4MetaData::setGenre},
 };
+
+// The iTunes items that --set and --remove write, and how a value is laid
+// out. "title" and "genre" also set the 3GPP item of that name.
+enum class Layout { Text, Pair8, Pair6, Image };
+struct TagKey {
+    const char* key;
+    uint32_t code;
+    Layout layout;
+};
+const TagKey kTagKeys[] = {
+    {"title", 0xA96E616D, Layout::Text},   {"artist", 0xA9415254, Layout::Text},
+    {"album", 0xA9616C62, Layout::Text},   {"date", 0xA9646179, Layout::Text},
+    {"genre", 0xA967656E, Layout::Text},   {"comment", 0xA9636D74, Layout::Text},
+    {"composer", 0xA9777274, Layout::Text}, {"album_artist", fourcc("aART"), Layout::Text},
+    {"encoder", 0xA9746F6F, Layout::Text}, {"track", fourcc("trkn"), Layout::Pair8},
+    {"disc", fourcc("disk"), Layout::Pair6}, {"cover", fourcc("covr"), Layout::Image},
+};
+
+const TagKey* findTagKey(const std::string& key) {
+    for (const TagKey& tag : kTagKeys) {
+        if (key == tag.key) return &tag;
+    }
+    return nullptr;
+}
+
+const AssetKey* findAssetKey(const std::string& key) {
+    for (const AssetKey& asset : kAssetKeys) {
+        if (key == asset.key) return &asset;
+    }
+    return nullptr;
+}
+
+const char kKeyList[] =
+    "title, artist, album, date, genre, comment, composer, album_artist, encoder, "
+    "track=N[/M], disc=N[/M], cover=@IMAGE, description, copyright, performer, author, "
+    "keywords";
 
 // "[trackN.]KEY[:LANG]=VALUE"; the language defaults to "und".
 struct Assignment {
@@ -382,21 +418,26 @@ struct Assignment {
     std::string value;
 };
 
+bool parseTrackPrefix(std::string* key, uint32_t* track) {
+    if (key->compare(0, 5, "track") != 0 || key->find('.') == std::string::npos) return true;
+    const size_t dot = key->find('.');
+    if (dot == 5) return false;
+    for (size_t i = 5; i < dot; ++i) {
+        if ((*key)[i] < '0' || (*key)[i] > '9') return false;
+    }
+    uint64_t number = 0;
+    if (!parseNumber(key->substr(5, dot - 5).c_str(), 1, UINT32_MAX, &number)) return false;
+    *track = static_cast<uint32_t>(number);
+    *key = key->substr(dot + 1);
+    return true;
+}
+
 bool parseAssignment(const std::string& text, Assignment* out) {
     size_t equals = text.find('=');
     if (equals == std::string::npos) return false;
     std::string key = text.substr(0, equals);
     out->value = text.substr(equals + 1);
-    if (key.compare(0, 5, "track") == 0) {
-        size_t dot = key.find('.');
-        if (dot == std::string::npos || dot == 5) return false;
-        for (size_t i = 5; i < dot; ++i) {
-            if (key[i] < '0' || key[i] > '9') return false;
-        }
-        out->track = static_cast<uint32_t>(std::stoul(key.substr(5, dot - 5)));
-        if (out->track == 0) return false;
-        key = key.substr(dot + 1);
-    }
+    if (!parseTrackPrefix(&key, &out->track)) return false;
     size_t colon = key.find(':');
     if (colon != std::string::npos) {
         out->language = key.substr(colon + 1);
@@ -407,11 +448,9 @@ bool parseAssignment(const std::string& text, Assignment* out) {
         }
     }
     out->key = key;
-    if (key == "keywords") return true;
-    for (const SetKey& set : kSetKeys) {
-        if (key == set.key) return true;
-    }
-    return false;
+    // iTunes items belong to the movie; tracks carry only 3GPP items.
+    if (out->track != 0) return key == "keywords" || findAssetKey(key) != nullptr;
+    return key == "keywords" || findAssetKey(key) != nullptr || findTagKey(key) != nullptr;
 }
 
 // Keywords are given comma separated; each is stored as a length byte and
@@ -434,7 +473,7 @@ MP4Err setKeywords(CMp4MetaData* meta, const std::string& value, const uint8_t* 
     return meta->setKeywords(list.data(), count, language);
 }
 
-MP4Err apply(CMp4File* file, const Assignment& a) {
+MP4Err applyAsset(CMp4File* file, const Assignment& a) {
     CMp4MetaData* meta = nullptr;
     CMp4Track* raw = nullptr;
     MP4Err err = MP4_OK;
@@ -455,13 +494,11 @@ MP4Err setMetadataItem(CMp4MetaData* meta, const std::string& key, const std::st
     if (language.size() != 3) return MP4_ERR_INVALID_ARGUMENT;
     const auto* code = reinterpret_cast<const uint8_t*>(language.data());
     if (key == "keywords") return setKeywords(meta, value, code);
-    for (const SetKey& set : kSetKeys) {
-        if (key != set.key) continue;
-        // The text is stored with its terminator.
-        return (meta->*set.set)(reinterpret_cast<const uint8_t*>(value.c_str()),
-                                static_cast<uint32_t>(value.size() + 1), code);
-    }
-    return MP4_ERR_INVALID_ARGUMENT;
+    const AssetKey* asset = findAssetKey(key);
+    if (asset == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // The text is stored with its terminator.
+    return (meta->*asset->set)(reinterpret_cast<const uint8_t*>(value.c_str()),
+                               static_cast<uint32_t>(value.size() + 1), code);
 }
 
 MP4Err metadataItems(CMp4File* file, std::vector<std::pair<std::string, std::string>>* items) {
@@ -473,36 +510,176 @@ MP4Err metadataItems(CMp4File* file, std::vector<std::pair<std::string, std::str
 
 namespace {
 
-int writeWithChanges(const char* path, const std::vector<Assignment>& changes,
-                     const char* out) {
-    OpenedFile file;
-    MP4Err err = file.open(path);
-    if (err != MP4_OK) {
-        reportError(path, err);
+// "N" or "N/M", each up to 65535.
+bool parsePair(const std::string& text, uint16_t* number, uint16_t* total) {
+    const size_t slash = text.find('/');
+    uint64_t n = 0, m = 0;
+    if (!parseNumber(text.substr(0, slash).c_str(), 0, 65535, &n)) return false;
+    if (slash != std::string::npos && !parseNumber(text.substr(slash + 1).c_str(), 0, 65535, &m)) {
+        return false;
+    }
+    *number = static_cast<uint16_t>(n);
+    *total = static_cast<uint16_t>(m);
+    return true;
+}
+
+// An iTunes value as taggers lay it out; false with *why set when the
+// text does not make one.
+bool tagValue(const TagKey& tag, const std::string& text, uint32_t* dataType,
+              std::vector<uint8_t>* value, std::string* why) {
+    switch (tag.layout) {
+        case Layout::Text:
+            *dataType = MP4_TAG_UTF8;
+            value->assign(text.begin(), text.end());
+            return true;
+        case Layout::Pair8:
+        case Layout::Pair6: {
+            uint16_t number = 0, total = 0;
+            if (!parsePair(text, &number, &total)) {
+                *why = std::string(tag.key) + " takes N or N/M";
+                return false;
+            }
+            *dataType = MP4_TAG_BINARY;
+            *value = {0, 0, static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number),
+                      static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total)};
+            if (tag.layout == Layout::Pair8) value->insert(value->end(), {0, 0});
+            return true;
+        }
+        case Layout::Image: {
+            if (text.empty() || text[0] != '@') {
+                *why = "cover takes @FILE, a JPEG or PNG image";
+                return false;
+            }
+            if (!readWholeFile(text.substr(1), value, why)) return false;
+            static const uint8_t kPng[] = {0x89, 'P', 'N', 'G'};
+            if (value->size() >= 4 && std::equal(kPng, kPng + 4, value->begin())) {
+                *dataType = MP4_TAG_PNG;
+            } else if (value->size() >= 2 && (*value)[0] == 0xFF && (*value)[1] == 0xD8) {
+                *dataType = MP4_TAG_JPEG;
+            } else {
+                *why = text.substr(1) + ": not a JPEG or PNG image";
+                return false;
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+// 3GPP brands take the 3GPP items only; every other file also gets the
+// iTunes item, which is what players and ffprobe show.
+bool takesItunesItems(CMp4File* file) {
+    uint32_t major = 0;
+    if (Mp4GetBrands(file, &major, nullptr, nullptr, 0, nullptr) != MP4_OK) return true;
+    return (major >> 16) != (('3' << 8) | 'g');
+}
+
+// One change: an assignment, or a removal (remove set, value unused).
+struct Change {
+    Assignment assignment;
+    bool remove = false;
+};
+
+// Applies one change; false with *why set.
+bool applyChange(CMp4File* file, const Change& change, std::string* why) {
+    const Assignment& a = change.assignment;
+    const TagKey* tag = a.track == 0 ? findTagKey(a.key) : nullptr;
+    MP4Err err = MP4_OK;
+    if (change.remove) {
+        err = Mp4RemoveTag(file, tag->code);
+        // "genre" may also stand as an ID3 number ("gnre").
+        if (a.key == "genre") {
+            MP4Err second = Mp4RemoveTag(file, fourcc("gnre"));
+            if (err == MP4_ERR_NOT_AVAILABLE) err = second;
+        }
+        if (err == MP4_ERR_NOT_AVAILABLE) err = MP4_OK;  // nothing to remove is no failure
+    } else {
+        const bool asset = a.key == "keywords" || findAssetKey(a.key) != nullptr;
+        if (asset) err = applyAsset(file, a);
+        if (err == MP4_OK && tag != nullptr && (!asset || takesItunesItems(file))) {
+            uint32_t dataType = 0;
+            std::vector<uint8_t> value;
+            if (!tagValue(*tag, a.value, &dataType, &value, why)) return false;
+            err = Mp4SetTag(file, tag->code, dataType, value.data(),
+                            static_cast<uint32_t>(value.size()));
+            if (err == MP4_OK && a.key == "genre") (void)Mp4RemoveTag(file, fourcc("gnre"));
+        }
+    }
+    if (err != MP4_OK) *why = toString(err);
+    return err == MP4_OK;
+}
+
+// Writes the changed file to target through the rewrite path, under a
+// temporary name renamed at the end.
+int writeCopy(CMp4File* file, const std::string& target) {
+    OutputFile output;
+    std::string error;
+    std::wstring wide;
+    if (!output.create(target, &error)) {
+        std::fprintf(stderr, "quil: meta: %s\n", error.c_str());
         return kExitFailure;
     }
-    for (const Assignment& change : changes) {
-        err = apply(file.get(), change);
-        if (err != MP4_OK) {
-            std::fprintf(stderr, "quil: setting %s: %s\n", change.key.c_str(), toString(err));
+    MP4Err err = Mp4WidePathFromUtf8(output.temporaryPath().c_str(), &wide);
+    if (err == MP4_OK) err = Mp4WriteCopy(file, wide.c_str());
+    if (err != MP4_OK) {
+        reportError(target.c_str(), err);
+        return kExitFailure;
+    }
+    if (!output.commit(&error)) {
+        std::fprintf(stderr, "quil: meta: %s\n", error.c_str());
+        return kExitFailure;
+    }
+    return kExitOk;
+}
+
+int writeWithChanges(const char* path, const std::vector<Change>& changes, const char* out) {
+    OpenedFile file;
+    if (int status = openOrReport(&file, path)) return status;
+    bool trackChanges = false;
+    for (const Change& change : changes) {
+        std::string why;
+        if (!applyChange(file.get(), change, &why)) {
+            std::fprintf(stderr, "quil: meta: %s %s: %s\n", change.remove ? "removing" : "setting",
+                         change.assignment.key.c_str(), why.c_str());
+            return kExitFailure;
+        }
+        trackChanges = trackChanges || change.assignment.track != 0;
+    }
+    if (out != nullptr) return writeCopy(file.get(), out);
+    // No OUT: the file itself changes, in place when the movie's user data
+    // still fits where it was, else through a rewritten copy renamed over it.
+    if (!trackChanges) {
+        MP4Err err = Mp4WriteUserDataInPlace(file.get());
+        if (err == MP4_OK) return kExitOk;
+        if (err != MP4_ERR_VALUE_TOO_LARGE) {
+            reportError(path, err);
             return kExitFailure;
         }
     }
-    // Written under a temporary name and renamed, so a failure never
-    // leaves a half-written OUT behind.
-    std::string temporary = std::string(out) + ".quil-partial";
-    std::wstring wide;
-    err = utf8ToWidePath(temporary.c_str(), &wide);
-    if (err == MP4_OK) err = Mp4WriteCopy(file.get(), wide.c_str());
-    if (err != MP4_OK) {
-        std::remove(temporary.c_str());
-        reportError(out, err);
-        return kExitFailure;
+    return writeCopy(file.get(), path);
+}
+
+// The changes of the command line: "--set A=1 B=2" (further words after
+// a --set are assignments too) and "--remove KEY".
+int collectChanges(const Arguments& arguments, std::vector<std::string> words,
+                   std::vector<Change>* changes) {
+    for (const std::string& word : words) {
+        Change change;
+        if (!parseAssignment(word, &change.assignment)) {
+            return usageError(std::string("--set takes [trackN.]KEY[:LANG]=VALUE with KEY one of ") +
+                              kKeyList + " (tracks take the 3GPP keys only)");
+        }
+        changes->push_back(change);
     }
-    if (std::rename(temporary.c_str(), out) != 0) {
-        std::remove(temporary.c_str());
-        std::fprintf(stderr, "quil: %s: cannot rename the written file\n", out);
-        return kExitFailure;
+    for (const std::string& key : arguments.values("--remove")) {
+        Change change;
+        change.remove = true;
+        change.assignment.key = key;
+        if (findTagKey(key) == nullptr) {
+            return usageError("--remove takes an iTunes key: title, artist, album, date, genre, "
+                              "comment, composer, album_artist, encoder, track, disc, cover");
+        }
+        changes->push_back(change);
     }
     return kExitOk;
 }
@@ -513,7 +690,6 @@ int metaCommand(const Arguments& arguments) {
     // The output: "-o OUT" (a word the option parser leaves as operands) or
     // "--out OUT"; further operands are assignments after a "--set".
     const char* out = arguments.value("--out");
-    std::vector<Assignment> changes;
     std::vector<std::string> words = arguments.values("--set");
     const size_t firstSet = words.size();
     const std::vector<std::string>& operands = arguments.operands();
@@ -528,23 +704,17 @@ int metaCommand(const Arguments& arguments) {
     if (words.size() > firstSet && firstSet == 0) {
         return usageError("meta takes one FILE; assignments follow --set");
     }
-    for (const std::string& word : words) {
-        Assignment change;
-        if (!parseAssignment(word, &change)) {
-            return usageError("--set takes [trackN.]KEY[:LANG]=VALUE with KEY one of title, "
-                              "description, copyright, performer, author, genre, keywords");
-        }
-        changes.push_back(change);
-    }
+    std::vector<Change> changes;
+    if (int status = collectChanges(arguments, words, &changes)) return status;
     if (!changes.empty() || out) {
-        if (changes.empty() || !out) return usageError("--set and -o OUT go together");
-        if (json) return usageError("--json lists; it does not go with --set");
+        if (changes.empty()) return usageError("-o OUT goes with --set or --remove");
+        if (json) return usageError("--json lists; it does not go with --set or --remove");
         return writeWithChanges(path, changes, out);
     }
     OpenedFile file;
-    MP4Err err = file.open(path);
+    if (int status = openOrReport(&file, path)) return status;
     std::vector<Item> items;
-    if (err == MP4_OK) err = collectAll(file.get(), &items);
+    MP4Err err = collectAll(file.get(), &items);
     if (err != MP4_OK) {
         reportError(path, err);
         return kExitFailure;
@@ -557,17 +727,23 @@ int metaCommand(const Arguments& arguments) {
 }  // namespace
 
 const Command kMetaCommand = {
-    "meta", "meta FILE [--json] [--set [trackN.]KEY[:LANG]=VALUE ... -o OUT]",
+    "meta", "meta FILE [--json] [--set KEY=VALUE ...] [--remove KEY] [-o OUT]",
     "  meta     print every metadata item, one KEY[:LANG]=VALUE line each (\\n,\n"
     "           \\t and \\\\ stand for line breaks, tabs and backslashes): the\n"
     "           3GPP items of the movie and of each track (trackN.KEY), album\n"
     "           and year, the iTunes tags (itunes.KEY) and QuickTime text items\n"
     "           (quicktime.KEY); --json prints them as one JSON document.\n"
-    "           With --set (one or more KEY=VALUE each), writes a copy to OUT\n"
-    "           with the 3GPP items set (KEY: title, description, copyright,\n"
-    "           performer, author, genre, keywords as a comma list; LANG\n"
-    "           defaults to und)\n",
-    {{"--json", false}, {"--set", true}, {"--out", true}}, 1, SIZE_MAX, metaCommand,
+    "           --set [trackN.]KEY[:LANG]=VALUE (one or more) and --remove KEY\n"
+    "           change items: iTunes tags title, artist, album, date, genre,\n"
+    "           comment, composer, album_artist, encoder, track=N/M, disc=N/M,\n"
+    "           cover=@IMAGE (JPEG or PNG); 3GPP items title, description,\n"
+    "           copyright, performer, author, genre, keywords (a comma list;\n"
+    "           LANG defaults to und). title and genre set both kinds (3GPP\n"
+    "           files: the 3GPP item only). With -o OUT the changed file is\n"
+    "           written to OUT; without, FILE is changed in place when its\n"
+    "           user data fits where it was, else rewritten\n",
+    {{"--json", false}, {"--set", true}, {"--remove", true}, {"--out", true}}, 1, SIZE_MAX,
+    metaCommand,
 };
 
 }  // namespace tool

@@ -12,7 +12,6 @@
 #include "Info.h"
 #include "Rewrite.h"
 #include "quil/quil.h"
-#include "storage/WidePath.h"
 
 namespace quil {
 namespace tool {
@@ -90,6 +89,8 @@ public:
     // Writes the copy to output; false on failure, which failure() describes.
     bool run(const std::string& output);
     const Failure& failure() const { return failure_; }
+    // Prints the one line that says why a run into output failed.
+    void printFailure(const std::string& output) const;
 
 private:
     bool fail(const std::string& what, MP4Err err) {
@@ -141,14 +142,21 @@ bool Remuxer::run(const std::string& output) {
            copySamples() && finish();
 }
 
+void Remuxer::printFailure(const std::string& output) const {
+    // A failed write says what the system says about the output.
+    std::string why = failure_.err == MP4_ERR_IO && target_ ? outputProblem(output) : "";
+    if (!why.empty()) why = " (output " + output + ": " + why + ")";
+    std::fprintf(stderr, "quil: %s: %s: %s: %s%s\n", options_.label, input_,
+                 failure_.what.c_str(), toString(failure_.err), why.c_str());
+}
+
 bool Remuxer::openInput() {
     MP4Err err = source_.open(input_);
     if (err != MP4_OK) {
-        return fail(err == MP4_ERR_NOT_AVAILABLE ? "not an MP4 file (no movie box found)"
-                                                 : "cannot read the file",
-                    err);
+        const std::string why = openFailureReason(input_, err);
+        return fail(why.empty() ? "cannot read the file" : why, err);
     }
-    if (!options_.typeGiven) (void)source_.get()->getFileType(&fileType_);
+    if (!options_.typeGiven) fileType_ = inputFileType(source_.get());
     // PSP and XAVC files have no fragmented form: plain MPEG-4 instead.
     if (fragmented() && (fileType_ == MP4_FILE_PSP || fileType_ == MP4_FILE_XAVC)) {
         fileType_ = MP4_FILE_MPEG4;
@@ -158,7 +166,7 @@ bool Remuxer::openInput() {
 
 bool Remuxer::openOutput(const std::string& output) {
     std::wstring path;
-    MP4Err err = utf8ToWidePath(output.c_str(), &path);
+    MP4Err err = Mp4WidePathFromUtf8(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
     // Players show the file as long as its longest track.
@@ -418,11 +426,9 @@ MP4Err copyTracks(const char* input, const std::string& output, const CopyOption
 
 bool copyTracksOrReport(const char* input, const std::string& output,
                         const CopyOptions& options) {
-    std::string what;
-    const MP4Err err = copyTracks(input, output, options, &what);
-    if (err == MP4_OK) return true;
-    std::fprintf(stderr, "quil: %s: %s: %s: %s\n", options.label, input, what.c_str(),
-                 toString(err));
+    Remuxer remuxer(input, options);
+    if (remuxer.run(output)) return true;
+    remuxer.printFailure(output);
     return false;
 }
 

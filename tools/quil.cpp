@@ -15,6 +15,7 @@
 #include <string>
 
 #include "Command.h"
+#include "Dump.h"
 #include "Hint.h"
 #include "Import.h"
 #include "Info.h"
@@ -25,39 +26,6 @@
 namespace quil {
 namespace tool {
 namespace {
-
-// What a failed open most likely means, for the message.
-const char* openFailureHint(MP4Err err) {
-    switch (err) {
-        case MP4_ERR_NOT_AVAILABLE: return "not an MP4 file (no movie box found)";
-        case MP4_ERR_IO: return "cannot open or read the file";
-        case MP4_ERR_WRONG_LAYOUT: return "damaged compressed movie";
-        default: return nullptr;
-    }
-}
-
-int openOrReport(OpenedFile* file, const char* path) {
-    MP4Err err = file->open(path);
-    if (err == MP4_OK) return kExitOk;
-    if (const char* hint = openFailureHint(err)) {
-        std::fprintf(stderr, "quil: %s: %s: %s\n", path, hint, toString(err));
-    } else {
-        reportError(path, err);
-    }
-    return kExitFailure;
-}
-
-int runDump(const char* path) {
-    OpenedFile file;
-    if (int status = openOrReport(&file, path)) return status;
-    MP4Err err = file.get()->dumpBoxes();
-    std::fflush(stdout);
-    if (err != MP4_OK) {
-        reportError(path, err);
-        return kExitFailure;
-    }
-    return dumpHintSamples(file.get());
-}
 
 int runInfo(const char* path, bool json) {
     OpenedFile file;
@@ -112,8 +80,6 @@ int runSamples(const char* path, uint32_t onlyTrack) {
     return kExitOk;
 }
 
-int dumpCommand(const Arguments& arguments) { return runDump(arguments.operand(0)); }
-
 int infoCommand(const Arguments& arguments) {
     return runInfo(arguments.operand(0), arguments.has("--json"));
 }
@@ -127,12 +93,6 @@ int samplesCommand(const Arguments& arguments) {
     }
     return runSamples(arguments.operand(0), static_cast<uint32_t>(track));
 }
-
-const Command kDumpCommand = {
-    "dump", "dump FILE",
-    "  dump     print every box of the file with its fields\n",
-    {}, 1, 1, dumpCommand,
-};
 
 const Command kInfoCommand = {
     "info", "info FILE [--json]",
@@ -214,19 +174,45 @@ void printUsage() {
         std::printf("%s%s\n", prefix, command->synopsis);
         prefix = "       quil ";
     }
-    std::printf("%s--help\n\n", prefix);
+    std::printf("%s--help | --version | CMD --help\n\n", prefix);
     for (const Command* command : kCommands) std::fputs(command->help, stdout);
+}
+
+// "--help" or "-h" among a command's options (before a "--").
+bool asksForHelp(int argc, char** argv, int first) {
+    for (int i = first; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "--") return false;
+        if (word == "--help" || word == "-h") return true;
+    }
+    return false;
+}
+
+int printCommandHelp(const Command& command) {
+    std::printf("usage: quil %s\n\n%s", command.synopsis, command.help);
+    return kExitOk;
 }
 
 int run(int argc, char** argv) {
     if (argc < 2) return usageError("no command given");
     const std::string name = argv[1];
     if (name == "--help" || name == "-h" || name == "help") {
+        if (name == "help" && argc > 2) {
+            for (const Command* command : kCommands) {
+                if (argv[2] == std::string(command->name)) return printCommandHelp(*command);
+            }
+            return usageError(std::string("unknown command ") + argv[2]);
+        }
         printUsage();
+        return kExitOk;
+    }
+    if (name == "--version") {
+        std::printf("quil %s\n", QUIL_TOOL_VERSION);
         return kExitOk;
     }
     for (const Command* command : kCommands) {
         if (name != command->name) continue;
+        if (asksForHelp(argc, argv, 2)) return printCommandHelp(*command);
         Arguments arguments;
         std::string error;
         if (!arguments.parse(argc, argv, 2, command->options, &error)) {
@@ -249,8 +235,14 @@ int main(int argc, char** argv) {
     // Standard output carries the reports; the library's download progress
     // (files opened by URL) goes to standard error instead.
     quil::Mp4NetSettings settings{};
+    // The tool reads servers as they are: "https" means TLS on any port,
+    // and a server that ignores ranges is still read (with a note). A CA
+    // file for TLS may be named in QUIL_CA_FILE.
     if (quil::Mp4GetNetSettings(&settings) == quil::MP4_OK) {
         settings.progress = stderr;
+        settings.tlsByScheme = 1;
+        settings.acceptWholeBody = 1;
+        settings.caFile = std::getenv("QUIL_CA_FILE");
         (void)quil::Mp4SetNetSettings(&settings);
     }
     return quil::tool::run(argc, argv);

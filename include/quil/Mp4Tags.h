@@ -6,7 +6,10 @@
 // "©day", genre "©gen" or "gnre", track number "trkn", cover art "covr"
 // and any other item), plus, from the movie's "udta" itself, the 3GPP album
 // ("albm") and recording year ("yrrc") boxes and the QuickTime text items
-// ("©xyz" location, "©nam", ...: their first string). They are read only.
+// ("©xyz" location, "©nam", ...: their first string). The iTunes items of
+// "moov"/"udta"/"meta"/"ilst" can also be set and removed (Mp4SetTag,
+// Mp4RemoveTag) and the result written to a new file (Mp4WriteCopy) or back
+// into the file itself (Mp4WriteUserDataInPlace).
 #ifndef QUIL_MP4TAGS_H
 #define QUIL_MP4TAGS_H
 
@@ -77,6 +80,39 @@ QUIL_API MP4Err Mp4GetEditableMetaData(CMp4File* file, CMp4Track* track,
 // 8 when a chunk lies outside the media data boxes read (a damaged file);
 // 4 for a write failure (the target is then incomplete).
 QUIL_API MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath);
+
+// Sets an iTunes item of the movie to one value, replacing every value it
+// had: "moov"/"udta"/"meta"/"ilst" (each made when missing, "meta" with the
+// "hdlr" of handler "mdir" that players look for) holds the item with one
+// "data" box (type indicator dataType, locale 0, the value). The item keeps
+// its place when it existed, else it is appended; every other item and box
+// stays as read. Values are laid out as taggers write them: texts UTF-8
+// without terminator (type 1), "trkn" 8 bytes (2 zero, number u16, total
+// u16, 2 zero) and "disk" 6 bytes (2 zero, number u16, total u16), both of
+// type 0; "covr" the image file's bytes, type 13 (JPEG) or 14 (PNG). A
+// "free" box right after "ilst" absorbs what the list grows or shrinks.
+// The file must be open for reading by path or storage; the change exists
+// in the object until written with Mp4WriteCopy or Mp4WriteUserDataInPlace.
+// 2 for a null file, code 0 or "----", a null value with a length, a value
+// above 64 MiB or a type above 24 bits; 3 when not open for reading; 12
+// for a compressed movie or when "meta" is not kept as raw bytes.
+QUIL_API MP4Err Mp4SetTag(CMp4File* file, uint32_t code, uint32_t dataType, const uint8_t* value,
+                          uint32_t length);
+
+// Removes every value of the iTunes item code; 3 when there is none,
+// otherwise the codes of Mp4SetTag.
+QUIL_API MP4Err Mp4RemoveTag(CMp4File* file, uint32_t code);
+
+// Writes the movie's "udta", as the object now holds it, back into the file
+// it was read from by path, where the old "udta" and a "free" or "skip" box
+// right after it lay (or, without a "udta", into the first "free" box of
+// "moov"); what is left over becomes a "free" box, so no other byte of the
+// file moves. Only the movie's user data is written: track-level changes
+// need Mp4WriteCopy. 10 when the new "udta" does not fit (then write a copy
+// instead; nothing was written); 3 when not open for reading by path or
+// there is no "udta"; 4 when the file cannot be opened for writing or a
+// write fails.
+QUIL_API MP4Err Mp4WriteUserDataInPlace(CMp4File* file);
 
 }  // namespace quil
 

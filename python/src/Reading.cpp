@@ -10,6 +10,7 @@
 #include "Binding.h"
 #include "Info.h"
 #include "Meta.h"
+#include "Report.h"
 
 namespace quil {
 namespace python {

@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "Binding.h"
-#include "Info.h"
 #include "Meta.h"
+#include "Report.h"
 
 namespace quil {
 namespace python {

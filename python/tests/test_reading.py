@@ -65,8 +65,8 @@ def test_meta_lists_what_the_tool_lists(tmp_path):
     run_tool("meta", source, "--set", "title:eng=Hello", "--set", "track1.author=Me", "-o", target)
     with quil.open(target) as f:
         items = tool_json("meta", "--json", target)["items"]
-        assert len(items) == 2
-        assert f.meta == {"title:eng": "Hello", "track1.author:und": "Me"}
+        assert len(items) == 3  # "title" also sets the iTunes item
+        assert f.meta == {"title:eng": "Hello", "itunes.title": "Hello", "track1.author:und": "Me"}
 
 
 def test_track_properties():

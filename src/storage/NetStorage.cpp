@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "HttpReply.h"
 #include "WidePath.h"
 #include "quil/NetSettings.h"
 
@@ -41,8 +42,10 @@
 //   progress, quietly starts a new request at its own position.
 // - A reply is used only when it is a 206 whose Content-Range starts at the
 //   requested offset and names the same resource as the first reply (same
-//   total length; If-Range with its validator). Anything else ends the
-//   download, so reads fail with MP4_ERR_IO instead of returning other bytes.
+//   total length; If-Range with its validator), or, when the settings allow
+//   it, a 200 with the whole body, whose bytes before the offset are then
+//   dropped as they arrive. Anything else ends the download, so reads fail
+//   with MP4_ERR_IO instead of returning other bytes (HttpReply.h decides).
 // - Reads past the total length named by the server fail at once.
 
 namespace quil {
@@ -71,8 +74,30 @@ std::mutex& settingsLock() {
 }
 
 Mp4NetSettings& settingsValue() {
-    static Mp4NetSettings settings{10000, 20000, stdout};
+    static Mp4NetSettings settings{10000, 20000, stdout, 0, nullptr, 0};
     return settings;
+}
+
+// The settings' copy of the CA file name, which caFile points into.
+std::string& caFileValue() {
+    static std::string name;
+    return name;
+}
+
+// Why the last refused or lost request failed, for Mp4GetLastNetError.
+std::mutex& lastErrorLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+std::string& lastErrorValue() {
+    static std::string text;
+    return text;
+}
+
+void setLastError(const std::string& text) {
+    std::lock_guard<std::mutex> guard(lastErrorLock());
+    lastErrorValue() = text;
 }
 
 Mp4NetSettings currentSettings() {
@@ -91,9 +116,8 @@ void initCurlOnce() {
 // the same one.
 struct Resource {
     std::mutex lock;
-    bool known = false;
-    int64_t total = -1;     // from Content-Range; -1 when given as "*"
-    std::string validator;  // strong ETag, else Last-Modified, else empty
+    ResourceIdentity identity;
+    bool wholeBodyNoted = false;  // "server ignores ranges" was printed
 };
 
 enum class End { Running, Complete, Stopped, Dropped, Refused };
@@ -104,12 +128,14 @@ struct Download {
         : url(std::move(url)),
           startOffset(start),
           resource(std::move(resource)),
-          settings(settings) {}
+          settings(settings),
+          caFile(settings.caFile ? settings.caFile : "") {}
 
     const std::string url;
     const uint64_t startOffset;  // 64-bit: files past 4 GiB read by range
     const std::shared_ptr<Resource> resource;
     const Mp4NetSettings settings;
+    const std::string caFile;  // settings.caFile may change under a running download
 
     std::shared_mutex lock;               // guards blocks and evictedBelow
     std::condition_variable_any changed;  // a block arrived, the reader moved, or the end
@@ -127,16 +153,10 @@ struct Download {
     uint32_t filled = 0;
     uint64_t received = 0;
     bool accepted = false;
+    uint64_t toSkip = 0;                   // body bytes before the start offset (a whole body)
+    char curlError[CURL_ERROR_SIZE] = "";  // libcurl's line on a failed transfer
     Clock::time_point lastData = Clock::now();
-    struct Reply {
-        long status = 0;
-        int64_t contentLength = -1;
-        bool hasRange = false;
-        uint64_t rangeFirst = 0;
-        int64_t rangeTotal = -1;
-        std::string etag, lastModified;
-        bool hasLocation = false;
-    } reply;
+    Reply reply;
 
     bool ended() const { return end.load() != End::Running; }
 
@@ -159,93 +179,33 @@ namespace {
 
 // ---- reply headers --------------------------------------------------------
 
-bool startsWithNoCase(const std::string& line, const char* prefix) {
-    const size_t length = std::strlen(prefix);
-    return line.size() >= length && strncasecmp(line.c_str(), prefix, length) == 0;
-}
-
-std::string headerValue(const std::string& line, size_t nameLength) {
-    size_t first = nameLength;
-    while (first < line.size() && (line[first] == ' ' || line[first] == '\t')) ++first;
-    size_t last = line.size();
-    while (last > first && (line[last - 1] == '\r' || line[last - 1] == '\n' ||
-                            line[last - 1] == ' ' || line[last - 1] == '\t')) {
-        --last;
-    }
-    return line.substr(first, last - first);
-}
-
-// "bytes FIRST-LAST/TOTAL" or "bytes FIRST-LAST/*" (RFC 9110 §14.4).
-bool parseContentRange(const std::string& value, uint64_t* first, int64_t* total) {
-    unsigned long long a = 0, b = 0, t = 0;
-    char star = 0;
-    if (std::sscanf(value.c_str(), "bytes %llu-%llu/%llu", &a, &b, &t) == 3) {
-        if (b < a || t <= b || t > INT64_MAX) return false;
-        *first = a;
-        *total = static_cast<int64_t>(t);
-        return true;
-    }
-    if (std::sscanf(value.c_str(), "bytes %llu-%llu/%c", &a, &b, &star) == 3 && star == '*') {
-        if (b < a) return false;
-        *first = a;
-        *total = -1;
-        return true;
-    }
-    return false;
-}
-
-void parseHeaderLine(Download::Reply* reply, const std::string& line) {
-    if (startsWithNoCase(line, "HTTP/")) {
-        *reply = Download::Reply();
-        const size_t space = line.find(' ');
-        if (space != std::string::npos)
-            reply->status = std::strtol(line.c_str() + space, nullptr, 10);
-    } else if (startsWithNoCase(line, "content-length:")) {
-        const std::string value = headerValue(line, 15);
-        char* end = nullptr;
-        const long long length = std::strtoll(value.c_str(), &end, 10);
-        if (!value.empty() && *end == '\0' && length >= 0) reply->contentLength = length;
-    } else if (startsWithNoCase(line, "content-range:")) {
-        reply->hasRange =
-            parseContentRange(headerValue(line, 14), &reply->rangeFirst, &reply->rangeTotal);
-    } else if (startsWithNoCase(line, "etag:")) {
-        reply->etag = headerValue(line, 5);
-    } else if (startsWithNoCase(line, "last-modified:")) {
-        reply->lastModified = headerValue(line, 14);
-    } else if (startsWithNoCase(line, "location:")) {
-        reply->hasLocation = true;
-    }
-}
-
-// The reply may be used: 206, the requested start, the same resource.
+// The reply may be used (HttpReply.h); the resource's identity is shared
+// by every request of one storage.
 bool acceptReply(Download* d) {
-    const Download::Reply& reply = d->reply;
-    if (reply.status != 206 || !reply.hasRange || reply.rangeFirst != d->startOffset) return false;
-    // A weak ETag may not be used with If-Range (RFC 9110 §13.1.5).
-    const std::string validator = !reply.etag.empty() && reply.etag.compare(0, 2, "W/") != 0
-                                      ? reply.etag
-                                      : reply.lastModified;
     Resource& resource = *d->resource;
     std::lock_guard<std::mutex> guard(resource.lock);
-    if (!resource.known) {
-        resource.known = true;
-        resource.total = reply.rangeTotal;
-        resource.validator = validator;
-    } else if (resource.total != reply.rangeTotal ||
-               (!resource.validator.empty() && !validator.empty() &&
-                resource.validator != validator)) {
-        return false;  // the file changed between requests
+    int64_t total = -1;
+    const Verdict verdict = judgeReply(d->reply, d->startOffset, d->settings.acceptWholeBody != 0,
+                                       &resource.identity, &total);
+    if (verdict == Verdict::Refused) {
+        setLastError(refusalText(d->reply, d->startOffset));
+        return false;
     }
-    d->total.store(reply.rangeTotal);
+    if (verdict == Verdict::WholeBody) {
+        d->toSkip = d->startOffset;
+        if (!resource.wholeBodyNoted) {
+            resource.wholeBodyNoted = true;
+            d->print("server ignores ranges: reading from the start\n");
+        }
+    }
+    d->total.store(total);
     return true;
 }
 
 // End of one reply's headers: redirects and interim replies are passed by;
 // the final one prints its length and is accepted or refused.
 bool onHeadersComplete(Download* d) {
-    const long status = d->reply.status;
-    if (status >= 100 && status < 200) return true;
-    if (status >= 300 && status < 400 && d->reply.hasLocation) return true;
+    if (isIntermediate(d->reply)) return true;
     char text[64];
     std::snprintf(text, sizeof text, "content length is %" PRId64 "\n", d->reply.contentLength);
     d->print(text);
@@ -299,7 +259,9 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     const size_t bytes = size * count;
     if (d->stop.load() || !d->accepted) return 0;
     d->lastData = Clock::now();
-    size_t used = 0;
+    // A whole body: what lies before the requested offset is dropped.
+    size_t used = static_cast<size_t>(std::min<uint64_t>(d->toSkip, bytes));
+    d->toSkip -= used;
     while (used < bytes) {
         if (!d->filling) {
             d->filling.reset(new (std::nothrow) uint8_t[kBlockSize]);
@@ -328,8 +290,13 @@ int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 // ---- the request ------------------------------------------------------------
 
 // TLS exactly when the port is 443, whatever the scheme says: the URL is
-// rewritten to "https" for port 443 and to "http" otherwise.
-bool requestUrl(const std::string& url, std::string* out) {
+// rewritten to "https" for port 443 and to "http" otherwise; or, when the
+// settings say so, as the scheme says.
+bool requestUrl(const std::string& url, bool byScheme, std::string* out) {
+    if (byScheme) {
+        *out = url;
+        return true;
+    }
     CURLU* parsed = curl_url();
     if (parsed == nullptr) return false;
     char* port = nullptr;
@@ -350,14 +317,12 @@ bool requestUrl(const std::string& url, std::string* out) {
 
 curl_slist* requestHeaders(const Download& d) {
     char range[48];
-    // The offset goes out as a signed 32-bit number; from 2 GiB on it turns
-    // into a suffix range, whose reply then fails the start check.
     std::snprintf(range, sizeof range, "Range: bytes=%" PRIu64 "-", d.startOffset);
     curl_slist* headers = curl_slist_append(nullptr, range);
     std::string validator;
     {
         std::lock_guard<std::mutex> guard(d.resource->lock);
-        validator = d.resource->validator;
+        validator = d.resource->identity.validator;
     }
     if (headers != nullptr && !validator.empty()) {
         curl_slist* more = curl_slist_append(headers, ("If-Range: " + validator).c_str());
@@ -389,6 +354,8 @@ void configure(CURL* curl, Download* d, const std::string& url, curl_slist* head
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, onProgress);
     curl_easy_setopt(curl, CURLOPT_XFERINFODATA, d);
+    if (!d->caFile.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, d->caFile.c_str());
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, d->curlError);
 }
 
 // How the transfer ended, as the reader needs to know it.
@@ -413,11 +380,18 @@ void runDownload(std::shared_ptr<Download> download) {
     Download* d = download.get();
     End how = End::Refused;
     std::string url;
-    CURL* curl = requestUrl(d->url, &url) ? curl_easy_init() : nullptr;
+    CURL* curl = requestUrl(d->url, d->settings.tlsByScheme != 0, &url) ? curl_easy_init() : nullptr;
     curl_slist* headers = curl != nullptr ? requestHeaders(*d) : nullptr;
     if (headers != nullptr) {
         configure(curl, d, url, headers);
-        how = classify(d, curl_easy_perform(curl));
+        const CURLcode result = curl_easy_perform(curl);
+        how = classify(d, result);
+        if (result != CURLE_OK && !d->stop.load() && (how == End::Dropped || !d->accepted) &&
+            d->reply.status == 0) {
+            // libcurl's own line names the host and the cause; its short
+            // text stands in when it wrote none.
+            setLastError(d->curlError[0] ? d->curlError : curl_easy_strerror(result));
+        }
         if (how == End::Complete || how == End::Stopped) d->print("cache reading complete\n");
     }
     curl_slist_free_all(headers);
@@ -439,11 +413,28 @@ MP4Err Mp4GetNetSettings(Mp4NetSettings* settings) {
 }
 
 MP4Err Mp4SetNetSettings(const Mp4NetSettings* settings) {
-    if (settings == nullptr || settings->connectTimeoutMs == 0 || settings->stallTimeoutMs == 0) {
+    if (settings == nullptr || settings->connectTimeoutMs == 0 || settings->stallTimeoutMs == 0 ||
+        settings->tlsByScheme > 1 || settings->acceptWholeBody > 1) {
         return MP4_ERR_INVALID_ARGUMENT;
     }
     std::lock_guard<std::mutex> guard(net::settingsLock());
+    try {
+        net::caFileValue() = settings->caFile ? settings->caFile : "";
+    } catch (const std::bad_alloc&) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
     net::settingsValue() = *settings;
+    net::settingsValue().caFile = settings->caFile ? net::caFileValue().c_str() : nullptr;
+    return MP4_OK;
+}
+
+MP4Err Mp4GetLastNetError(char* buffer, uint32_t size) {
+    if (buffer == nullptr || size == 0) return MP4_ERR_INVALID_ARGUMENT;
+    std::lock_guard<std::mutex> guard(net::lastErrorLock());
+    const std::string& text = net::lastErrorValue();
+    const size_t count = std::min<size_t>(text.size(), size - 1);
+    std::memcpy(buffer, text.data(), count);
+    buffer[count] = '\0';
     return MP4_OK;
 }
 
@@ -502,8 +493,7 @@ void CNetStorage::startDownload(uint64_t offset) {
     std::string url;
     if (widePathToUtf8(url_.get(), &url) != MP4_OK) url.clear();  // refused by the thread
     net::initCurlOnce();
-    download_ = std::make_shared<Download>(url, offset, resource_,
-                                           net::currentSettings());
+    download_ = std::make_shared<Download>(url, offset, resource_, net::currentSettings());
     try {
         // A lambda keeps the thread's state type local to this file, so the
         // shared library exports nothing of it.
@@ -640,8 +630,7 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
             continue;
         }
         const uint64_t need = rel + count;
-        // Blocks are addressed with 32-bit offsets from the download's start.
-        if (need > UINT32_MAX || net::pastTheEnd(d, need)) return MP4_ERR_IO;
+        if (net::pastTheEnd(d, need)) return MP4_ERR_IO;
 
         d.readerBlock.store(rel >> net::kBlockShift);
         d.readerNeed.store(need);

@@ -176,8 +176,9 @@ MP4Err CFragmentSamples::addFragment(CBox* moof, const Defaults& trex, const Fra
                 endKnown = false;
                 break;
             }
-            // Track-wide numbers stay 32-bit: runs beyond that are not listed.
-            if (trun->sampleCount > UINT32_MAX - 1 - count_) break;
+            // Track-wide numbers stay 32-bit and within the sample limit:
+            // runs beyond that are not listed.
+            if (trun->sampleCount > info.sampleLimit - count_) break;
             run.trun = trun;
             run.bytes = runBytes(*trun, defaultSize);
             run.firstSample = count_ + 1;

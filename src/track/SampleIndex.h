@@ -70,6 +70,10 @@ struct FragmentTrackInfo {
     uint32_t trackId = 0;
     uint64_t firstDecodeTime = 0;  // where the movie's samples end
     uint64_t timeOffset = 0;       // added to every decode time (edit-list delay)
+    // The most fragment samples listed: a run without per-sample fields
+    // costs a few bytes whatever its count, so the count alone must not
+    // grow the index beyond what the file can hold.
+    uint32_t sampleLimit = UINT32_MAX - 1;
 };
 
 // Decode and composition time of one sample, as the time table holds them.

@@ -352,6 +352,11 @@ MP4Err CTrackImpl::gatherFragments() {
     FragmentTrackInfo info;
     info.trackId = trackId_;
     info.timeOffset = initialDelay_;
+    // No more samples than the file has bytes.
+    uint64_t length = 0;
+    if (host_->storageLength(&length) && length < info.sampleLimit) {
+        info.sampleLimit = static_cast<uint32_t>(length);
+    }
     for (uint32_t i = 1; i <= stts_->entries.count(); ++i) {
         CTimeToSampleTableEntry* run = nullptr;
         if (stts_->getEntry(i, &run) != MP4_OK) break;
