@@ -374,6 +374,12 @@ void addFileFields(Section* section, const char* path, CMp4File* file) {
     if (file->getTrackCount(&count) == MP4_OK) {
         section->addUnsigned("trackCount", "Track count", count);
     }
+    // Shown for fragmented files only: the track sample counts include
+    // every fragment's samples.
+    uint32_t fragments = 0;
+    if (file->getFragmentCount(&fragments) == MP4_OK && fragments > 0) {
+        section->addUnsigned("fragmentCount", "Fragments", fragments);
+    }
 }
 
 void addTimingFields(Section* section, CMp4Track* track, uint32_t kind) {

@@ -7,7 +7,7 @@
 #include <new>
 
 #include "boxes/BoxFactory.h"
-#include "boxes/Dump.h"
+#include "io/Dump.h"
 #include "boxes/MovieBoxes.h"
 #include "meta/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"
@@ -259,6 +259,16 @@ MP4Err CMp4FileImpl::setStorage(CStorage* storage) {
 MP4Err CMp4FileImpl::getTrackCount(uint32_t* count) {
     if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *count = trackCount_;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::getFragmentCount(uint32_t* count) {
+    if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *count = 0;
+    if (!isOpen_ || !topLevelBoxes_) return MP4_ERR_IO;
+    for (CBoxList::Node* n = topLevelBoxes_->head(); n; n = n->next) {
+        if (n->box->type == fourcc("moof")) ++*count;
+    }
     return MP4_OK;
 }
 

@@ -54,6 +54,7 @@ public:
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
+    MP4Err getFragmentCount(uint32_t* count) override;
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first
@@ -68,6 +69,7 @@ public:
 
     // CTrackHost: what the track objects reach of their file.
     MP4Err findMovie(CBox** moov) override { return findTopLevelBox(fourcc("moov"), moov); }
+    CBoxList* fileBoxes() override { return topLevelBoxes_.get(); }
     bool storageLength(uint64_t* length) override;
     uint32_t mode() const override { return mode_; }  // 0 read, 1 write
     uint32_t fileType() const override { return fileType_; }

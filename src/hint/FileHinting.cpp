@@ -16,7 +16,7 @@
 #include "file/FileHinting.h"
 #include "file/Mp4FileImpl.h"
 #include "hint/BoxPaths.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "hint/Isma.h"
 #include "hint/Packetizers.h"
 #include "quil/Mp4Track.h"

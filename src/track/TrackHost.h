@@ -12,6 +12,7 @@
 namespace quil {
 
 class CBox;
+class CBoxList;
 
 // Interleaved writing (XAVC): a video track that closes a chunk asks every
 // audio track to close its own before its next sample, so that audio and
@@ -38,6 +39,9 @@ public:
 
     // The file's "moov": 3 when there is none (or nothing is open).
     virtual MP4Err findMovie(CBox** moov) = 0;
+    // The file-level boxes in file order (the movie fragments among them);
+    // null when nothing is open.
+    virtual CBoxList* fileBoxes() = 0;
     // Length of the file's storage; false when unknown. Bounds the tables a
     // damaged count could otherwise make grow.
     virtual bool storageLength(uint64_t* length) = 0;

@@ -10,7 +10,8 @@
 
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
-#include "track/DataList.h"
+#include "boxes/DataList.h"
+#include "track/SampleIndex.h"
 #include "track/SampleTables.h"
 #include "track/TrackHost.h"
 
@@ -113,6 +114,8 @@ public:
     MP4Err metaDataFor(bool create, CMp4MetaData** metaData);
     // Sample description index (1-based) of a read sample.
     MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index);
+    // Movie fragments holding samples of this track (0 for a classic file).
+    uint32_t fragmentCount() const { return fragments_ ? fragments_->fragmentCount() : 0; }
 
     // ---- writing (TrackWriter.cpp) ----
     // Builds the "trak" of a new track numbered trackIndex under "moov" of
@@ -143,6 +146,24 @@ private:
     MP4Err appendChunkTimes(CSampleTimeTable* table, uint32_t limit);
     uint32_t sampleTimeLimit() const;
 
+    // The samples of the movie's tables as one source of the sample index;
+    // its answers are the lookups below.
+    class MovieSamples final : public CSampleSource {
+    public:
+        explicit MovieSamples(CTrackImpl& track) : track_(track) {}
+        MP4Err sampleSize(uint32_t sample, uint32_t* size) override;
+        MP4Err sampleOffset(uint32_t sample, uint32_t size, uint64_t* offset,
+                            uint64_t* readAheadEnd) override;
+        MP4Err isSync(uint32_t sample, uint32_t* sync) override;
+        MP4Err descriptionIndex(uint32_t sample, uint32_t* index) override;
+        MP4Err previousSync(uint32_t sample, uint32_t* sync) override;
+
+    private:
+        CTrackImpl& track_;
+    };
+    MP4Err gatherFragments();
+    MP4Err findSyncAcrossSources(uint32_t found, uint64_t time, uint32_t* sample);
+
     // Sample access helpers.
     MP4Err readyForTimes() const;
     MP4Err sampleTimes(uint32_t sample, CSampleTimeTableEntry** entry);
@@ -154,6 +175,7 @@ private:
     uint64_t chunkEndOffset();
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
+    MP4Err isMovieSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
     uint64_t runEnd(const StscRun& run);
 
@@ -193,6 +215,9 @@ private:
     CSampleDescriptionBox* stsd_ = nullptr;
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
+    MovieSamples movieSamples_{*this};
+    std::unique_ptr<CFragmentSamples> fragments_;  // only when the file has fragments
+    CSampleIndex index_;
     uint64_t initialDelay_ = 0;    // media time scale
     int64_t firstMediaTime_ = 0;   // media time where presentation starts
     uint64_t presentedDuration_ = 0;  // of that edit, media time scale
