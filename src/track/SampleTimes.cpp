@@ -46,22 +46,37 @@ MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
     count_ = sample;
     blockMax_.clear();
     prefixMax_.clear();
+    blockRuns_.clear();
     return MP4_OK;
 }
 
-// The run holding a sample: the cursor's run or the next one when samples
-// come in order, else a binary search.
+// The run holding a sample. Samples are mostly asked for in order or near
+// the last one: the search gallops out from the cursor's run, then halves
+// what it has bracketed.
 template <class Run>
 size_t CSampleTimes::runOf(const std::vector<Run>& runs, uint32_t sample, size_t* cursor) {
-    size_t c = *cursor;
-    for (size_t tries = 0; tries < 2 && c < runs.size(); ++tries, ++c) {
-        if (runs[c].first <= sample && (c + 1 == runs.size() || runs[c + 1].first > sample)) {
-            *cursor = c;
-            return c;
+    // The run is the last one starting at or before sample: in [low, high).
+    // Run 0 starts at sample 1, so a cursor past sample is never run 0.
+    const size_t c = *cursor < runs.size() ? *cursor : 0;
+    size_t low = c, high = c;
+    if (runs[c].first <= sample) {
+        size_t probe = c + 1;
+        for (size_t step = 1; probe < runs.size() && runs[probe].first <= sample; step *= 2) {
+            low = probe;
+            // A far jump is halved over the rest at once.
+            probe = step < kGallopLimit && low + step < runs.size() ? low + step : runs.size();
         }
+        high = probe;
+    } else {
+        size_t probe = c - 1;
+        for (size_t step = 1; probe > 0 && runs[probe].first > sample; step *= 2) {
+            high = probe;
+            probe = step < kGallopLimit && high > step ? high - step : 0;
+        }
+        low = probe;
     }
-    auto after = std::upper_bound(runs.begin(), runs.end(), sample,
-                                  [](uint32_t s, const Run& run) { return s < run.first; });
+    auto after = std::upper_bound(runs.begin() + static_cast<long>(low), runs.begin() + static_cast<long>(high),
+                                  sample, [](uint32_t s, const Run& run) { return s < run.first; });
     *cursor = static_cast<size_t>(after - runs.begin()) - 1;
     return *cursor;
 }
@@ -148,19 +163,26 @@ uint32_t CSampleTimes::linearLatestPresentedBy(uint64_t time) const {
 
 bool CSampleTimes::buildBlocks() const {
     if (!blockMax_.empty()) return true;
+    if (count_ == 0) return false;
     const size_t blocks = ((static_cast<size_t>(count_) - 1) >> kBlockShift) + 1;
     try {
         blockMax_.assign(blocks, 0);
         prefixMax_.assign(blocks, 0);
+        blockRuns_.assign(blocks, BlockRuns{});
     } catch (const std::bad_alloc&) {
         blockMax_.clear();
         prefixMax_.clear();
+        blockRuns_.clear();
         return false;
     }
     uint64_t running = 0;
     for (size_t block = 0; block < blocks; ++block) {
         uint64_t largest = 0;
-        for (uint32_t s = static_cast<uint32_t>(block << kBlockShift) + 1;
+        const auto start = static_cast<uint32_t>(block << kBlockShift) + 1;
+        blockRuns_[block] = BlockRuns{
+            static_cast<uint32_t>(runOf(decodeRuns_, start, &decodeCursor_)),
+            static_cast<uint32_t>(runOf(offsetRuns_, start, &offsetCursor_))};
+        for (uint32_t s = start;
              s <= blockEnd(static_cast<uint32_t>(block)); ++s) {
             largest = std::max(largest, compositionTime(s));
         }
@@ -177,11 +199,18 @@ uint32_t CSampleTimes::blockEnd(uint32_t block) const {
     return end < count_ ? static_cast<uint32_t>(end) : count_;
 }
 
+// Scans of a block start from its runs: no search for them.
+void CSampleTimes::enterBlock(uint32_t block) const {
+    decodeCursor_ = blockRuns_[block].decode;
+    offsetCursor_ = blockRuns_[block].offset;
+}
+
 // The first sample at or after from presented after time; 0 when none.
 uint32_t CSampleTimes::firstAbove(uint32_t from, uint64_t time) const {
     if (from == 0 || from > count_) return 0;
     uint32_t block = (from - 1) >> kBlockShift;
-    for (uint32_t s = from; s <= blockEnd(block); ++s) {
+    if (blockMax_[block] > time) enterBlock(block);
+    for (uint32_t s = from; blockMax_[block] > time && s <= blockEnd(block); ++s) {
         if (compositionTime(s) > time) return s;
     }
     size_t next = block + 1;
@@ -196,6 +225,7 @@ uint32_t CSampleTimes::firstAbove(uint32_t from, uint64_t time) const {
     }
     if (next >= blockMax_.size()) return 0;
     block = static_cast<uint32_t>(next);
+    enterBlock(block);
     for (uint32_t s = (block << kBlockShift) + 1; s <= blockEnd(block); ++s) {
         if (compositionTime(s) > time) return s;
     }
@@ -224,6 +254,7 @@ uint64_t CSampleTimes::largestIn(uint32_t from, uint32_t to) const {
             s = end + 1;
             continue;
         }
+        if (s == from || s == (block << kBlockShift) + 1) enterBlock(block);
         largest = std::max(largest, compositionTime(s));
         ++s;
     }
@@ -235,7 +266,7 @@ uint64_t CSampleTimes::largestIn(uint32_t from, uint32_t to) const {
 // among them first occurs.
 uint32_t CSampleTimes::latestPresentedBy(uint64_t time) const {
     if (!buildBlocks()) return linearLatestPresentedBy(time);
-    if (compositionTime(1) > time) return 1;
+    if (blockMax_[0] > time && compositionTime(1) > time) return 1;
     const uint32_t skipped = firstAbove(1, time);
     if (skipped == 0) return firstReaching(1, prefixMax_.back());
     const uint32_t stop = firstAbove(skipped + 1, time);

@@ -5,7 +5,8 @@
 // goes on. Composition times that no 32-bit offset reaches (the clamp of
 // negative offsets can give those) are kept one by one. Times are expanded
 // on demand; the searches answer in logarithmic time over the runs and over
-// per-block maxima of the composition times, built on the first search.
+// per-block maxima of the composition times (3 bytes a sample), built on
+// the first search.
 #ifndef QUIL_TRACK_SAMPLETIMES_H
 #define QUIL_TRACK_SAMPLETIMES_H
 
@@ -53,7 +54,8 @@ private:
         uint32_t sample;
         uint64_t composition;
     };
-    static constexpr uint32_t kBlockShift = 4;  // 16 samples per block
+    static constexpr uint32_t kBlockShift = 3;  // 8 samples per block
+    static constexpr size_t kGallopLimit = 16;  // runs stepped before halving
 
     template <class Run>
     static size_t runOf(const std::vector<Run>& runs, uint32_t sample, size_t* cursor);
@@ -63,6 +65,7 @@ private:
     uint32_t linearLatestPresentedBy(uint64_t time) const;
     bool buildBlocks() const;
     uint32_t blockEnd(uint32_t block) const;
+    void enterBlock(uint32_t block) const;
     uint32_t firstAbove(uint32_t from, uint64_t time) const;
     uint64_t largestIn(uint32_t from, uint32_t to) const;
     uint32_t firstReaching(uint32_t from, uint64_t value) const;
@@ -80,6 +83,12 @@ private:
     // up to it; empty until the first composition search.
     mutable std::vector<uint64_t> blockMax_;
     mutable std::vector<uint64_t> prefixMax_;
+    // The runs holding each block's first sample.
+    struct BlockRuns {
+        uint32_t decode = 0;
+        uint32_t offset = 0;
+    };
+    mutable std::vector<BlockRuns> blockRuns_;
 };
 
 }  // namespace quil
