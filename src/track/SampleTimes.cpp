@@ -47,6 +47,7 @@ MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
     blockMax_.clear();
     prefixMax_.clear();
     blockRuns_.clear();
+    groupMax_.clear();
     return MP4_OK;
 }
 
@@ -91,6 +92,13 @@ uint64_t CSampleTimes::compositionTime(uint32_t sample) const {
         auto it = std::lower_bound(outliers_.begin(), outliers_.end(), sample,
                                    [](const Outlier& o, uint32_t s) { return o.sample < s; });
         if (it != outliers_.end() && it->sample == sample) return it->composition;
+    }
+    if (!blockRuns_.empty()) {
+        // After a jump the sample's block says where its runs are.
+        const size_t c = offsetCursor_;
+        const bool inRun = offsetRuns_[c].first <= sample &&
+                           (c + 1 == offsetRuns_.size() || offsetRuns_[c + 1].first > sample);
+        if (!inRun) enterBlock((sample - 1) >> kBlockShift);
     }
     const OffsetRun& run = offsetRuns_[runOf(offsetRuns_, sample, &offsetCursor_)];
     return decodeTime(sample) + static_cast<uint64_t>(static_cast<int64_t>(run.offset));
@@ -169,10 +177,12 @@ bool CSampleTimes::buildBlocks() const {
         blockMax_.assign(blocks, 0);
         prefixMax_.assign(blocks, 0);
         blockRuns_.assign(blocks, BlockRuns{});
+        groupMax_.assign(((blocks - 1) >> kGroupShift) + 1, 0);
     } catch (const std::bad_alloc&) {
         blockMax_.clear();
         prefixMax_.clear();
         blockRuns_.clear();
+        groupMax_.clear();
         return false;
     }
     uint64_t running = 0;
@@ -189,6 +199,7 @@ bool CSampleTimes::buildBlocks() const {
         blockMax_[block] = largest;
         running = std::max(running, largest);
         prefixMax_[block] = running;
+        groupMax_[block >> kGroupShift] = running;
     }
     return true;
 }
@@ -205,6 +216,20 @@ void CSampleTimes::enterBlock(uint32_t block) const {
     offsetCursor_ = blockRuns_[block].offset;
 }
 
+// The first block from fromBlock on whose running maximum passes time:
+// first among the groups' last running maxima (few, so they stay in the
+// cache), then within the group.
+size_t CSampleTimes::firstBlockAbove(size_t fromBlock, uint64_t time) const {
+    size_t group = static_cast<size_t>(
+        std::upper_bound(groupMax_.begin(), groupMax_.end(), time) - groupMax_.begin());
+    size_t begin = std::max(fromBlock, group << kGroupShift);
+    if (begin >= prefixMax_.size()) return prefixMax_.size();
+    size_t end = std::min(prefixMax_.size(), (group + 1) << kGroupShift);
+    return static_cast<size_t>(
+        std::upper_bound(prefixMax_.begin() + static_cast<long>(begin),
+                         prefixMax_.begin() + static_cast<long>(end), time) - prefixMax_.begin());
+}
+
 // The first sample at or after from presented after time; 0 when none.
 uint32_t CSampleTimes::firstAbove(uint32_t from, uint64_t time) const {
     if (from == 0 || from > count_) return 0;
@@ -217,9 +242,7 @@ uint32_t CSampleTimes::firstAbove(uint32_t from, uint64_t time) const {
     if (prefixMax_[block] <= time) {
         // Nothing up to here is after time: the first block that has such
         // a sample is where the running maximum first passes it.
-        next = static_cast<size_t>(
-            std::upper_bound(prefixMax_.begin() + next, prefixMax_.end(), time) -
-            prefixMax_.begin());
+        next = firstBlockAbove(next, time);
     } else {
         while (next < blockMax_.size() && blockMax_[next] <= time) ++next;
     }

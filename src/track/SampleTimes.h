@@ -55,6 +55,7 @@ private:
         uint64_t composition;
     };
     static constexpr uint32_t kBlockShift = 3;  // 8 samples per block
+    static constexpr uint32_t kGroupShift = 6;  // 64 blocks per group
     static constexpr size_t kGallopLimit = 16;  // runs stepped before halving
 
     template <class Run>
@@ -66,6 +67,7 @@ private:
     bool buildBlocks() const;
     uint32_t blockEnd(uint32_t block) const;
     void enterBlock(uint32_t block) const;
+    size_t firstBlockAbove(size_t fromBlock, uint64_t time) const;
     uint32_t firstAbove(uint32_t from, uint64_t time) const;
     uint64_t largestIn(uint32_t from, uint32_t to) const;
     uint32_t firstReaching(uint32_t from, uint64_t value) const;
@@ -89,6 +91,8 @@ private:
         uint32_t offset = 0;
     };
     mutable std::vector<BlockRuns> blockRuns_;
+    // The running maximum at the end of each group of blocks.
+    mutable std::vector<uint64_t> groupMax_;
 };
 
 }  // namespace quil
