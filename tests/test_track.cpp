@@ -933,6 +933,10 @@ TEST(TrackSearchModel, RandomTablesAnswerAsTheWalk) {
         SCOPED_TRACE("round " + std::to_string(round));
         withTrack(plan, [&](CMp4Track* t) { expectSearchesMatchModel(t, !plan.hasStss, round); });
     }
+    // More distinct offsets than a byte can name.
+    std::vector<struct Run> distinct;
+    for (uint32_t s = 0; s < 600; ++s) distinct.push_back({1, (s * 7919) % 1000});
+    withTrack(videoWithOffsets(600, distinct), [](CMp4Track* t) { expectSearchesMatchModel(t, true, 99); });
 }
 
 #if defined(__SANITIZE_ADDRESS__)

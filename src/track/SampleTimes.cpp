@@ -5,14 +5,52 @@
 
 namespace quil {
 
-MP4Err CSampleTimes::reserve(size_t decodeRuns, size_t offsetRuns) {
+MP4Err CSampleTimes::reserve(size_t decodeRuns, size_t offsetRuns, size_t samples) {
+    // Offsets that change nearly every sample (B-frames) cost less as a
+    // byte per sample naming one of the few distinct offsets.
+    dense_ = offsetRuns > samples / 4;
     try {
         decodeRuns_.reserve(decodeRuns);
-        offsetRuns_.reserve(offsetRuns);
+        if (dense_) {
+            codes_.reserve(samples);
+        } else {
+            offsetRuns_.reserve(offsetRuns);
+        }
     } catch (const std::bad_alloc&) {
         return MP4_ERR_OUT_OF_MEMORY;
     }
     return MP4_OK;
+}
+
+// The byte naming an offset, a new one while there is room; false when
+// 256 distinct offsets are named already.
+bool CSampleTimes::codeOf(int32_t offset, uint8_t* code) {
+    if (!palette_.empty() && palette_[lastCode_] == offset) {
+        *code = lastCode_;
+        return true;
+    }
+    for (size_t i = 0; i < palette_.size(); ++i) {
+        if (palette_[i] == offset) {
+            *code = lastCode_ = static_cast<uint8_t>(i);
+            return true;
+        }
+    }
+    if (palette_.size() > UINT8_MAX) return false;
+    palette_.push_back(offset);
+    *code = lastCode_ = static_cast<uint8_t>(palette_.size() - 1);
+    return true;
+}
+
+// Too many distinct offsets for a byte: back to runs.
+void CSampleTimes::leaveDense() {
+    for (uint32_t s = 1; s <= codes_.size(); ++s) {
+        const int32_t offset = palette_[codes_[s - 1]];
+        if (offsetRuns_.empty() || offsetRuns_.back().offset != offset) {
+            offsetRuns_.push_back(OffsetRun{s, offset});
+        }
+    }
+    std::vector<uint8_t>().swap(codes_);
+    dense_ = false;
 }
 
 MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
@@ -32,7 +70,13 @@ MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
         }
         if (!continues) decodeRuns_.push_back(DecodeRun{sample, 0, decode});
         const int64_t offset = static_cast<int64_t>(composition - decode);
-        if (offset < INT32_MIN || offset > INT32_MAX) {
+        const bool outlier = offset < INT32_MIN || offset > INT32_MAX;
+        uint8_t code = 0;
+        if (dense_ && !codeOf(outlier ? 0 : static_cast<int32_t>(offset), &code)) leaveDense();
+        if (dense_) {
+            codes_.push_back(code);
+            if (outlier) outliers_.push_back(Outlier{sample, composition});
+        } else if (outlier) {
             outliers_.push_back(Outlier{sample, composition});
             if (offsetRuns_.empty()) offsetRuns_.push_back(OffsetRun{sample, 0});
         } else if (offsetRuns_.empty() || offsetRuns_.back().offset != offset) {
@@ -93,6 +137,7 @@ uint64_t CSampleTimes::compositionTime(uint32_t sample) const {
                                    [](const Outlier& o, uint32_t s) { return o.sample < s; });
         if (it != outliers_.end() && it->sample == sample) return it->composition;
     }
+    if (dense_) return decodeTime(sample) + static_cast<uint64_t>(static_cast<int64_t>(palette_[codes_[sample - 1]]));
     if (!blockRuns_.empty()) {
         // After a jump the sample's block says where its runs are.
         const size_t c = offsetCursor_;
@@ -191,7 +236,7 @@ bool CSampleTimes::buildBlocks() const {
         const auto start = static_cast<uint32_t>(block << kBlockShift) + 1;
         blockRuns_[block] = BlockRuns{
             static_cast<uint32_t>(runOf(decodeRuns_, start, &decodeCursor_)),
-            static_cast<uint32_t>(runOf(offsetRuns_, start, &offsetCursor_))};
+            dense_ ? 0u : static_cast<uint32_t>(runOf(offsetRuns_, start, &offsetCursor_))};
         for (uint32_t s = start;
              s <= blockEnd(static_cast<uint32_t>(block)); ++s) {
             largest = std::max(largest, compositionTime(s));

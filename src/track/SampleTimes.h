@@ -1,8 +1,9 @@
 // The sample index's times: decode and composition time of every sample of
 // a track, held as the runs they are. Decode times are runs of equal steps
 // (as "stts" stores them), composition times runs of equal offsets from the
-// decode time (as "ctts" stores them); a sample costs nothing while its run
-// goes on. Composition times that no 32-bit offset reaches (the clamp of
+// decode time (as "ctts" stores them, or a byte per sample naming one of
+// a few offsets where they change at nearly every sample); a sample costs
+// nothing while its run goes on. Composition times that no 32-bit offset reaches (the clamp of
 // negative offsets can give those) are kept one by one. Times are expanded
 // on demand; the searches answer in logarithmic time over the runs and over
 // per-block maxima of the composition times (3 bytes a sample), built on
@@ -20,9 +21,10 @@ namespace quil {
 
 class CSampleTimes {
 public:
-    // Room for that many runs ahead of appending (the tables' entry
-    // counts): the runs then never move while they grow.
-    MP4Err reserve(size_t decodeRuns, size_t offsetRuns);
+    // Room for that many runs and samples ahead of appending (the tables'
+    // entry counts), before the first append: the runs then never move
+    // while they grow.
+    MP4Err reserve(size_t decodeRuns, size_t offsetRuns, size_t samples);
     // Adds sample count() + 1. 1 when memory runs out.
     MP4Err append(uint64_t decode, uint64_t composition);
     uint32_t count() const { return count_; }
@@ -62,6 +64,8 @@ private:
     static size_t runOf(const std::vector<Run>& runs, uint32_t sample, size_t* cursor);
     uint64_t runLastDecode(size_t run) const;
     uint32_t firstDecodedAtLeast(uint64_t time) const;
+    bool codeOf(int32_t offset, uint8_t* code);
+    void leaveDense();
     uint32_t linearDecodedAtOrAfter(uint32_t from, uint64_t time) const;
     uint32_t linearLatestPresentedBy(uint64_t time) const;
     bool buildBlocks() const;
@@ -75,6 +79,11 @@ private:
     std::vector<DecodeRun> decodeRuns_;
     std::vector<OffsetRun> offsetRuns_;
     std::vector<Outlier> outliers_;
+    // Dense offsets: a byte per sample naming one of palette_.
+    bool dense_ = false;
+    std::vector<uint8_t> codes_;
+    std::vector<int32_t> palette_;
+    uint8_t lastCode_ = 0;
     uint32_t count_ = 0;
     uint64_t lastDecode_ = 0;
     bool decodeAscends_ = true;

@@ -212,7 +212,7 @@ uint64_t compositionTime(uint64_t decode, uint32_t offset, bool first, uint64_t 
 MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
     CSampleTimes& times = table->times;
     MP4Err err = times.reserve(stts_->entries.count() + 1u,
-                               ctts_ ? ctts_->entries.count() + 1u : 1u);
+                               ctts_ ? ctts_->entries.count() + 1u : 1u, limit);
     if (err != MP4_OK) return err;
     uint32_t offsetIndex = 0;
     uint64_t offsetsLeft = 0;  // samples left in the current "ctts" entry
