@@ -104,7 +104,7 @@ inline void printResult(const char* impl, const char* workload, const Checksums&
 
 inline int usage(const char* program) {
     std::fprintf(stderr,
-                 "usage: %s index|read|tracks|digest|seek FILE\n"
+                 "usage: %s index|read|tracks|digest|seek|moov FILE\n"
                  "       %s track N FILE\n"
                  "  index   offset, size, decode time, composition time and sync flag of\n"
                  "          every sample of every track\n"
@@ -113,6 +113,8 @@ inline int usage(const char* program) {
                  "  track   the bytes of every sample of track N only\n"
                  "  seek    a million searches for the sync sample at or before random\n"
                  "          times of track 1 (seconds: the searches only)\n"
+                 "  moov    only open the file: its boxes read and parsed, no track bound\n"
+                 "          (quil only; the floor for index)\n"
                  "  digest  every sample byte hashed into checksum, track after track\n"
                  "          (quil only; a check, not a measurement)\n"
                  "prints: impl= workload= tracks= samples= checksum= layout= seconds=\n"

@@ -72,9 +72,12 @@ public:
         }
     }
 
-    bool open(const std::wstring& path) {
+    // bindTracks false: the box tree is read and parsed (the movie box's
+    // tables included), no track is bound.
+    bool open(const std::wstring& path, bool bindTracks = true) {
         if (failed(CMp4File::createInstance(&file_), "createInstance")) return false;
         if (failed(file_->open(path.c_str(), 0, quil::MP4_FILE_MPEG4), "open")) return false;
+        if (!bindTracks) return true;
         uint32_t count = 0;
         if (failed(file_->getTrackCount(&count), "getTrackCount")) return false;
         for (uint32_t n = 1; n <= count; ++n) {
@@ -269,7 +272,8 @@ int main(int argc, char** argv) {
         if (argc != 4 || std::atoi(argv[2]) <= 0) return bench::usage(gProgram);
         onlyTrack = static_cast<uint32_t>(std::atoi(argv[2]));
     } else if (argc != 3 || (workload != "index" && workload != "read" && workload != "tracks" &&
-                             workload != "digest" && workload != "seek")) {
+                             workload != "digest" && workload != "seek" &&
+                             workload != "moov")) {
         return bench::usage(gProgram);
     }
     const char* utf8Path = argv[argc - 1];
@@ -293,13 +297,14 @@ int main(int argc, char** argv) {
     double seekSeconds = -1;
     {
         OpenFile file;
-        if (!file.open(path)) return 1;
+        if (!file.open(path, workload != "moov")) return 1;
         trackCount = static_cast<unsigned>(file.tracks().size());
         if (onlyTrack > trackCount) {
             std::fprintf(stderr, "%s: no track %u\n", gProgram, onlyTrack);
             return 1;
         }
-        bool ok = workload == "index"    ? runIndex(file, &sums)
+        bool ok = workload == "moov"     ? true
+                  : workload == "index"  ? runIndex(file, &sums)
                   : workload == "read"   ? runRead(file, &sums)
                   : workload == "digest" ? runDigest(file, &sums)
                   : workload == "seek"   ? runSeek(file, &sums, &seekSeconds)
