@@ -1,13 +1,13 @@
 // The sample index's times: decode and composition time of every sample of
-// a track, held as the runs they are. Decode times are runs of equal steps
-// (as "stts" stores them), composition times runs of equal offsets from the
-// decode time (as "ctts" stores them, or a byte per sample naming one of
-// a few offsets where they change at nearly every sample); a sample costs
-// nothing while its run goes on. Composition times that no 32-bit offset reaches (the clamp of
-// negative offsets can give those) are kept one by one. Times are expanded
-// on demand; the searches answer in logarithmic time over the runs and over
-// per-block maxima of the composition times (3 bytes a sample), built on
-// the first search.
+// a track, held as the runs they are, so that a track costs about what its
+// tables cost. Decode times are runs of equal steps (as "stts" stores
+// them); composition times are runs of equal offsets from the decode time
+// (as "ctts" stores them), or a byte per sample naming one of a few offsets
+// where they change at nearly every sample (B-frames). Composition times
+// no 32-bit offset reaches (the clamp of negative offsets can give those)
+// are kept one by one. Times are expanded on demand; the searches answer in
+// logarithmic time over the runs and over per-block maxima of the
+// composition times (3 bytes a sample), built on the first search.
 #ifndef QUIL_TRACK_SAMPLETIMES_H
 #define QUIL_TRACK_SAMPLETIMES_H
 
