@@ -53,6 +53,11 @@ struct Checksums {
     }
 };
 
+// The i-th of the seek workload's times, spread over [0, span): the same
+// sequence in both programs.
+constexpr uint32_t kSeeks = 1000000;
+inline uint64_t seekTime(uint32_t i, uint64_t span) { return span == 0 ? 0 : mix(i) % span; }
+
 class Stopwatch {
 public:
     Stopwatch() : start_(std::chrono::steady_clock::now()) {}
@@ -99,13 +104,17 @@ inline void printResult(const char* impl, const char* workload, const Checksums&
 
 inline int usage(const char* program) {
     std::fprintf(stderr,
-                 "usage: %s index|read|tracks|digest FILE\n"
+                 "usage: %s index|read|tracks|digest|seek|moov FILE\n"
                  "       %s track N FILE\n"
                  "  index   offset, size, decode time, composition time and sync flag of\n"
                  "          every sample of every track\n"
                  "  read    the bytes of every sample, in file order\n"
                  "  tracks  the bytes of every sample, track after track (quil only)\n"
                  "  track   the bytes of every sample of track N only\n"
+                 "  seek    a million searches for the sync sample at or before random\n"
+                 "          times of track 1 (seconds: the searches only)\n"
+                 "  moov    only open the file: its boxes read and parsed, no track bound\n"
+                 "          (quil only; the floor for index)\n"
                  "  digest  every sample byte hashed into checksum, track after track\n"
                  "          (quil only; a check, not a measurement)\n"
                  "prints: impl= workload= tracks= samples= checksum= layout= seconds=\n"

@@ -78,6 +78,22 @@ bool runTrack(AVFormatContext* context, unsigned onlyTrack, bench::Checksums* su
     return err == AVERROR_EOF || !failed(err, "av_read_frame");
 }
 
+// The same million times on the first stream, each answered by the
+// demuxer's index search for the key frame at or before it.
+double runSeek(AVFormatContext* context, bench::Checksums* sums) {
+    if (context->nb_streams == 0) return 0;
+    AVStream* stream = context->streams[0];
+    const uint64_t span = stream->duration > 0 ? static_cast<uint64_t>(stream->duration) : 0;
+    bench::Stopwatch clock;
+    for (uint32_t i = 0; i < bench::kSeeks; ++i) {
+        int index = av_index_search_timestamp(stream, static_cast<int64_t>(bench::seekTime(i, span)),
+                                              AVSEEK_FLAG_BACKWARD);
+        sums->checksum += static_cast<uint64_t>(index + 1);  // the entry is 0-based
+        ++sums->samples;
+    }
+    return clock.seconds();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -87,7 +103,7 @@ int main(int argc, char** argv) {
     if (workload == "track") {
         if (argc != 4 || std::atoi(argv[2]) <= 0) return bench::usage(gProgram);
         onlyTrack = static_cast<unsigned>(std::atoi(argv[2]));
-    } else if (argc != 3 || (workload != "index" && workload != "read")) {
+    } else if (argc != 3 || (workload != "index" && workload != "read" && workload != "seek")) {
         return bench::usage(gProgram);
     }
     const char* path = argv[argc - 1];
@@ -107,14 +123,17 @@ int main(int argc, char** argv) {
         return 1;
     }
     bool ok = true;
-    if (workload == "index")
+    double seekSeconds = -1;
+    if (workload == "seek")
+        seekSeconds = runSeek(context, &sums);
+    else if (workload == "index")
         runIndex(context, &sums);
     else if (workload == "read")
         ok = runRead(context, &sums);
     else
         ok = runTrack(context, onlyTrack, &sums, &bytes);
     avformat_close_input(&context);
-    double seconds = clock.seconds();
+    double seconds = seekSeconds >= 0 ? seekSeconds : clock.seconds();
     if (!ok) return 1;
     char extra[96] = "";
     if (workload == "track") {

@@ -72,9 +72,12 @@ public:
         }
     }
 
-    bool open(const std::wstring& path) {
+    // bindTracks false: the box tree is read and parsed (the movie box's
+    // tables included), no track is bound.
+    bool open(const std::wstring& path, bool bindTracks = true) {
         if (failed(CMp4File::createInstance(&file_), "createInstance")) return false;
         if (failed(file_->open(path.c_str(), 0, quil::MP4_FILE_MPEG4), "open")) return false;
+        if (!bindTracks) return true;
         uint32_t count = 0;
         if (failed(file_->getTrackCount(&count), "getTrackCount")) return false;
         for (uint32_t n = 1; n <= count; ++n) {
@@ -240,6 +243,25 @@ bool runDigest(const OpenFile& file, bench::Checksums* sums) {
     return true;
 }
 
+// A million seeks on track 1: the sync sample at or before each time.
+// The checksum sums the answers; only the searches are timed.
+bool runSeek(const OpenFile& file, bench::Checksums* sums, double* seconds) {
+    if (file.tracks().empty()) return true;
+    CMp4Track* track = file.tracks().front();
+    uint64_t span = 0;
+    if (failed(track->getMediaDuration(&span), "getMediaDuration", 1)) return false;
+    bench::Stopwatch clock;
+    for (uint32_t i = 0; i < bench::kSeeks; ++i) {
+        uint32_t sample = 0;
+        MP4Err err = track->findSyncSampleBefore(bench::seekTime(i, span), &sample);
+        if (err != quil::MP4_OK && err != quil::MP4_ERR_NOT_AVAILABLE) return !failed(err, "findSyncSampleBefore", 1);
+        sums->checksum += sample;
+        ++sums->samples;
+    }
+    *seconds = clock.seconds();
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -250,7 +272,8 @@ int main(int argc, char** argv) {
         if (argc != 4 || std::atoi(argv[2]) <= 0) return bench::usage(gProgram);
         onlyTrack = static_cast<uint32_t>(std::atoi(argv[2]));
     } else if (argc != 3 || (workload != "index" && workload != "read" && workload != "tracks" &&
-                             workload != "digest")) {
+                             workload != "digest" && workload != "seek" &&
+                             workload != "moov")) {
         return bench::usage(gProgram);
     }
     const char* utf8Path = argv[argc - 1];
@@ -271,21 +294,24 @@ int main(int argc, char** argv) {
     const uint64_t rcharBefore = bench::readChars();
     bench::Stopwatch clock;
     unsigned trackCount = 0;
+    double seekSeconds = -1;
     {
         OpenFile file;
-        if (!file.open(path)) return 1;
+        if (!file.open(path, workload != "moov")) return 1;
         trackCount = static_cast<unsigned>(file.tracks().size());
         if (onlyTrack > trackCount) {
             std::fprintf(stderr, "%s: no track %u\n", gProgram, onlyTrack);
             return 1;
         }
-        bool ok = workload == "index"    ? runIndex(file, &sums)
+        bool ok = workload == "moov"     ? true
+                  : workload == "index"  ? runIndex(file, &sums)
                   : workload == "read"   ? runRead(file, &sums)
                   : workload == "digest" ? runDigest(file, &sums)
+                  : workload == "seek"   ? runSeek(file, &sums, &seekSeconds)
                                          : runTracks(file, onlyTrack, &sums, &bytes);
         if (!ok || !file.close()) return 1;
     }
-    double seconds = clock.seconds();
+    double seconds = seekSeconds >= 0 ? seekSeconds : clock.seconds();
     char extra[96] = "";
     if (workload == "track" || workload == "tracks") {
         std::snprintf(extra, sizeof extra, " bytes=%" PRIu64 " rchar=%" PRIu64, bytes,

@@ -5,11 +5,13 @@
 // layout the test knows independently of the library.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +23,8 @@
 #include "OpenedFile.h"
 #include "quil/quil.h"
 #include "storage/MemoryStorage.h"
+#include "boxes/MovieBoxes.h"
+#include "track/TrackImpl.h"
 
 namespace quil {
 namespace {
@@ -771,6 +775,168 @@ TEST(TrackTimes, FindSyncSampleBefore) {
     tie.syncSamples = {1, 3};
     expectFound(tie, &CMp4Track::findSampleByCompositionTime, {{25, 2}});
     expectFound(tie, sync, {{25, 3}});
+}
+
+// ---------------------------------------------------------------------------
+// The searches against a model: each one written out here as the plain walk
+// over every sample's times, the cursor of the decode-time search included,
+// and asked the same queries in a shuffled order.
+
+class SearchModel {
+public:
+    // Reads the track's times and sync samples. noSyncTable: the track
+    // has neither "stss" nor fragments, so a sync search answers the sample
+    // found itself.
+    SearchModel(CMp4Track* t, bool noSyncTable) : noSyncTable_(noSyncTable) {
+        uint32_t count = 0;
+        EXPECT_EQ(MP4_OK, t->getSampleCount(&count));
+        for (uint32_t s = 1; s <= count; ++s) {
+            uint64_t d = 0, c = 0;
+            uint32_t sync = 0;
+            EXPECT_EQ(MP4_OK, t->getSampleDecodeTime(s, &d));
+            EXPECT_EQ(MP4_OK, t->getSampleCompositionTime(s, &c));
+            EXPECT_EQ(MP4_OK, t->isSyncSample(s, &sync));
+            decode_.push_back(d);
+            composition_.push_back(c);
+            if (sync) syncs_.push_back(s);
+        }
+    }
+    uint32_t count() const { return static_cast<uint32_t>(decode_.size()); }
+    uint64_t decode(uint32_t s) const { return decode_[s - 1]; }
+    uint64_t composition(uint32_t s) const { return composition_[s - 1]; }
+
+    uint64_t byDecode(uint64_t time) {
+        if (cursor_ > count()) return failed(MP4_ERR_NOT_AVAILABLE);
+        uint32_t s = decode(cursor_) > time ? 1 : cursor_;
+        while (s <= count() && decode(s) < time) ++s;
+        if (s > count()) return failed(MP4_ERR_NOT_AVAILABLE);
+        cursor_ = (s == 1 || decode(s) == time) ? s : s - 1;
+        return cursor_;
+    }
+    uint64_t byComposition(uint64_t time) {
+        if (count() == 0) return failed(MP4_ERR_NOT_AVAILABLE);
+        uint32_t best = 1;
+        int later = 0;
+        for (uint32_t s = 1; s <= count(); ++s) {
+            if (composition(s) > time) {
+                if (++later == 2) break;
+            } else if (composition(s) > composition(best)) {
+                best = s;
+            }
+        }
+        cursor_ = best;
+        return best;
+    }
+    uint64_t syncBefore(uint64_t time) {
+        uint64_t found = byComposition(time);
+        if (found > count() || noSyncTable_) return found;
+        uint64_t candidate = found + 1;
+        for (;;) {
+            uint32_t sync = 0;
+            for (uint32_t s : syncs_)
+                if (s <= candidate) sync = s;
+            if (sync == 0) return failed(MP4_ERR_NOT_AVAILABLE);
+            if (composition(sync) <= time) return sync;
+            if (sync == 1) return failed(MP4_ERR_NOT_AVAILABLE);
+            candidate = sync - 1;
+        }
+    }
+
+private:
+    std::vector<uint64_t> decode_, composition_;
+    std::vector<uint32_t> syncs_;
+    bool noSyncTable_;
+    uint32_t cursor_ = 1;
+};
+
+// Every sample's times and their neighbours, the ends, and random times;
+// each asked of a random search, in random order.
+void expectSearchesMatchModel(CMp4Track* t, bool noSyncTable, uint32_t seed) {
+    SearchModel model(t, noSyncTable);
+    std::vector<uint64_t> times = {0, 1, UINT64_MAX, UINT64_MAX - 1};
+    std::mt19937_64 random(seed);
+    uint64_t last = 0;
+    for (uint32_t s = 1; s <= model.count(); ++s) {
+        for (uint64_t base : {model.decode(s), model.composition(s)}) {
+            times.insert(times.end(), {base, base + 1, base - 1});
+            last = std::max(last, base);
+        }
+    }
+    for (int i = 0; i < 200; ++i) times.push_back(random() % (last + 2));
+    times.insert(times.end(), times.begin(), times.end());  // each time twice
+    std::shuffle(times.begin(), times.end(), random);
+    using Search = MP4Err (CMp4Track::*)(uint64_t, uint32_t*);
+    const Search searches[] = {&CMp4Track::findSampleByDecodeTime, &CMp4Track::findSampleByCompositionTime,
+                               &CMp4Track::findSyncSampleBefore};
+    for (uint64_t time : times) {
+        const auto which = random() % 3;
+        const uint64_t expected = which == 0   ? model.byDecode(time)
+                                  : which == 1 ? model.byComposition(time)
+                                               : model.syncBefore(time);
+        ASSERT_EQ(expected, found(searches[which], t, time)) << "search " << which << " time " << time;
+    }
+}
+
+bool hasSyncTable(CMp4Track* t) {
+    auto* track = dynamic_cast<CTrackImpl*>(t);
+    if (!track || track->fragmentCount() > 0) return true;
+    CBox* box = track->trackBox();
+    for (uint32_t type : {fourcc("mdia"), fourcc("minf"), fourcc("stbl"), fourcc("stss")}) {
+        if (box->findChild(type, &box) != MP4_OK) return false;
+    }
+    return true;
+}
+
+class TrackSearchModel : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(TrackSearchModel, FixturesAnswerAsTheWalk) {
+    OpenedFile f(GetParam());
+    uint32_t count = 0;
+    ASSERT_EQ(MP4_OK, f.file()->getTrackCount(&count));
+    for (uint32_t n = 1; n <= count; ++n) {
+        CMp4Track* t = nullptr;
+        if (f.getTrack(n, &t) != MP4_OK) continue;
+        SCOPED_TRACE("track " + std::to_string(n));
+        expectSearchesMatchModel(t, !hasSyncTable(t), n);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, TrackSearchModel,
+                         ::testing::Values("h264-aac.mp4", "h264-bframes.mp4", "hevc-hvc1.mp4", "mpeg4-aac.mp4",
+                                           "h263-amrnb.3gp", "audio-delay.mp4", "pcm-sowt.mov", "timecode.mov",
+                                           "frag-bframes-moof.mp4", "frag-h264-aac.mp4", "bad-stsz-count.mp4"));
+
+// Built tracks with what real files rarely hold: steps of 0, composition
+// offsets jumping back and forth (negative ones clamped), samples shown
+// long after their neighbours, sparse sync samples; long enough to span
+// many blocks of the composition search.
+TEST(TrackSearchModel, RandomTablesAnswerAsTheWalk) {
+    std::mt19937 random(7);
+    for (uint32_t round = 0; round < 12; ++round) {
+        const auto n = static_cast<uint32_t>(1 + random() % 300);
+        std::vector<struct Run> stts, ctts;
+        for (uint32_t s = 0; s < n;) {
+            auto run = static_cast<uint32_t>(1 + random() % 20);
+            if (run > n - s) run = n - s;
+            stts.push_back({run, random() % 4 == 0 ? 0u : static_cast<uint32_t>(1 + random() % 40)});
+            s += run;
+        }
+        for (uint32_t s = 0; s < n; ++s) {
+            const uint32_t kind = random() % 10;
+            const auto offset = static_cast<uint32_t>(kind < 5 ? random() % 60 : kind < 8 ? 0u - random() % 50 : 1000 + random() % 5000);
+            ctts.push_back({1, offset});
+        }
+        TrackPlan plan = videoWithOffsets(n, ctts, stts);
+        plan.hasStss = round % 3 != 0;
+        for (uint32_t s = 1; s <= n && plan.hasStss; ++s)
+            if (s == 1 + round % 2 || random() % 15 == 0) plan.syncSamples.push_back(s);
+        SCOPED_TRACE("round " + std::to_string(round));
+        withTrack(plan, [&](CMp4Track* t) { expectSearchesMatchModel(t, !plan.hasStss, round); });
+    }
+    // More distinct offsets than a byte can name.
+    std::vector<struct Run> distinct;
+    for (uint32_t s = 0; s < 600; ++s) distinct.push_back({1, (s * 7919) % 1000});
+    withTrack(videoWithOffsets(600, distinct), [](CMp4Track* t) { expectSearchesMatchModel(t, true, 99); });
 }
 
 #if defined(__SANITIZE_ADDRESS__)

@@ -2,6 +2,8 @@
 // sizes, offsets, bytes, times and the searches by time.
 #include "TrackImpl.h"
 
+#include <algorithm>
+
 #include <new>
 
 #include "boxes/MovieBoxes.h"
@@ -201,73 +203,51 @@ uint64_t compositionTime(uint64_t decode, uint32_t offset, bool first, uint64_t 
     return first ? decode : previous;
 }
 
-// Walks "ctts" runs in sample order.
-class CompositionOffsets {
-public:
-    explicit CompositionOffsets(CCompositionOffsetBox* ctts) : ctts_(ctts) {}
-
-    // The offset covering the sample (samples asked in ascending order);
-    // false when no entry covers it.
-    bool offsetOf(uint32_t sample, uint32_t* offset) {
-        if (!ctts_) return false;
-        while (entry_ == nullptr || sample >= runEnd_) {
-            if (entry_ != nullptr) runStart_ = runEnd_;
-            if (ctts_->getEntry(++index_, &entry_) != MP4_OK) {
-                ctts_ = nullptr;
-                return false;
-            }
-            runEnd_ = runStart_ + entry_->sampleCount;
-        }
-        *offset = entry_->sampleOffset;
-        return true;
-    }
-
-private:
-    CCompositionOffsetBox* ctts_;
-    CCompositionOffsetTableEntry* entry_ = nullptr;
-    uint32_t index_ = 0;
-    uint64_t runStart_ = 1;
-    uint64_t runEnd_ = 1;
-};
-
 }  // namespace
 
 // Sample mode: the decode times are the running sums of the "stts" runs,
-// which is what asking "stts" for each sample in turn gives, at one step
-// per sample instead of one lookup.
+// which is what asking "stts" for each sample in turn gives; the "ctts"
+// runs are walked alongside (an entry covering no sample is stepped over;
+// where the entries end, composition is decode time).
 MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
-    CompositionOffsets offsets(ctts_);
+    CSampleTimes& times = table->times;
+    MP4Err err = times.reserve(stts_->entries.count() + 1u,
+                               ctts_ ? ctts_->entries.count() + 1u : 1u, limit);
+    if (err != MP4_OK) return err;
+    uint32_t offsetIndex = 0;
+    uint64_t offsetsLeft = 0;  // samples left in the current "ctts" entry
+    uint32_t offset = 0;
+    bool offsetsEnded = ctts_ == nullptr;
     uint64_t time = 0;
     uint64_t previousComposition = 0;
     uint32_t sample = 0;
     for (uint32_t i = 1; i <= stts_->entryCount && sample < limit; ++i) {
         CTimeToSampleTableEntry* run = nullptr;
-        MP4Err err = stts_->getEntry(i, &run);
+        err = stts_->getEntry(i, &run);
         if (err == MP4_ERR_NOT_AVAILABLE) break;  // fewer entries than counted
         if (err != MP4_OK) return err;
         uint32_t left = run->sampleCount;
         if (left > limit - sample) left = limit - sample;
-        while (left > 0) {
-            // Written straight into the table's nodes, a node at a time.
-            CSampleTimeTableEntry* slots = nullptr;
-            uint32_t available = 0;
-            err = table->entries.reserveRun(&slots, &available);
-            if (err != MP4_OK) return err;
-            const uint32_t n = left < available ? left : available;
-            for (uint32_t k = 0; k < n; ++k) {
-                ++sample;
-                uint64_t decode = time + initialDelay_;
-                uint32_t offset = 0;
-                uint64_t composition = offsets.offsetOf(sample, &offset)
-                                           ? compositionTime(decode, offset, sample == 1,
-                                                             previousComposition)
-                                           : decode;
-                previousComposition = composition;
-                slots[k] = CSampleTimeTableEntry{decode, composition};
-                time += run->sampleDelta;
+        for (; left > 0; --left) {
+            ++sample;
+            while (!offsetsEnded && offsetsLeft == 0) {
+                CCompositionOffsetTableEntry* entry = nullptr;
+                if (ctts_->getEntry(++offsetIndex, &entry) != MP4_OK) {
+                    offsetsEnded = true;
+                    break;
+                }
+                offsetsLeft = entry->sampleCount;
+                offset = entry->sampleOffset;
             }
-            table->entries.commit(n);
-            left -= n;
+            const uint64_t decode = time + initialDelay_;
+            uint64_t composition = decode;
+            if (!offsetsEnded) {
+                composition = compositionTime(decode, offset, sample == 1, previousComposition);
+                --offsetsLeft;
+            }
+            previousComposition = composition;
+            if ((err = times.append(decode, composition)) != MP4_OK) return err;
+            time += run->sampleDelta;
         }
     }
     table->sampleCount = sample;
@@ -293,9 +273,9 @@ MP4Err CTrackImpl::appendChunkTimes(CSampleTimeTable* table, uint32_t limit) {
             composition = compositionTime(decode, offset, chunk == 1, previousComposition);
         }
         previousComposition = composition;
-        err = table->entries.append(CSampleTimeTableEntry{decode, composition});
+        err = table->times.append(decode, composition);
         if (err != MP4_OK) return err;
-        ++table->sampleCount;
+        table->sampleCount = table->times.count();
     }
     return MP4_OK;
 }
@@ -326,10 +306,10 @@ MP4Err appendFragmentTimes(void* context, uint64_t decode, int64_t compositionOf
     CSampleTimeTable& table = *times->table;
     uint64_t composition = compositionTime(decode, static_cast<uint32_t>(compositionOffset),
                                            table.sampleCount == 0, times->previousComposition);
-    MP4Err err = table.entries.append(CSampleTimeTableEntry{decode, composition});
+    MP4Err err = table.times.append(decode, composition);
     if (err != MP4_OK) return err;
     times->previousComposition = composition;
-    ++table.sampleCount;
+    table.sampleCount = table.times.count();
     return MP4_OK;
 }
 
@@ -364,8 +344,7 @@ MP4Err CTrackImpl::gatherFragments() {
     }
     const uint32_t movieCount = timeTable_->sampleCount;
     FragmentTimes times{timeTable_.get(), 0};
-    CSampleTimeTableEntry* last = timeTable_->entries.last();
-    if (last) times.previousComposition = last->compositionTime;
+    if (movieCount > 0) times.previousComposition = timeTable_->times.compositionTime(movieCount);
     MP4Err err = fragments->build(host_->fileBoxes(), mvex, info, appendFragmentTimes, &times);
     if (err != MP4_OK) return err;
     if (fragments->sampleCount() == 0) return MP4_OK;
@@ -380,10 +359,7 @@ MP4Err CTrackImpl::gatherFragments() {
     // A track that starts in a fragment at a later decode time (a stream
     // joined mid-way) starts presenting that much later: the time before
     // its first sample counts as delay, as an empty edit would.
-    CSampleTimeTableEntry* first = nullptr;
-    if (movieCount == 0 && timeTable_->entries.getEntry(1, &first) == MP4_OK) {
-        initialDelay_ = first->decodeTime;
-    }
+    if (movieCount == 0) initialDelay_ = timeTable_->times.decodeTime(1);
     return MP4_OK;
 }
 
@@ -718,7 +694,7 @@ MP4Err CTrackImpl::MovieSamples::previousSync(uint32_t sample, uint32_t* sync) {
         *sync = sample;  // without "stss" every sample is a sync sample
         return sample != 0 ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
     }
-    return track_.stss_->getPreviousSyncSample(sample, sync);
+    return track_.previousMovieSync(sample, sync);
 }
 
 MP4Err CTrackImpl::isMovieSyncSample(uint32_t sample, uint32_t* sync) {
@@ -785,27 +761,24 @@ MP4Err CTrackImpl::readyForTimes() const {
     return MP4_OK;
 }
 
-MP4Err CTrackImpl::sampleTimes(uint32_t sample, CSampleTimeTableEntry** entry) {
+MP4Err CTrackImpl::checkTimedSample(uint32_t sample) {
     MP4Err err = readyForTimes();
     if (err != MP4_OK) return err;
     if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
-    if (sample == 0) return MP4_ERR_BAD_INDEX;
-    return timeTable_->entries.getEntry(sample, entry);
+    return sample == 0 ? MP4_ERR_BAD_INDEX : MP4_OK;
 }
 
 MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
     if (time) *time = 0;
-    CSampleTimeTableEntry* entry = nullptr;
-    MP4Err err = sampleTimes(sample, &entry);
-    if (err == MP4_OK && time) *time = entry->decodeTime;
+    MP4Err err = checkTimedSample(sample);
+    if (err == MP4_OK && time) *time = timeTable_->times.decodeTime(sample);
     return err;
 }
 
 MP4Err CTrackImpl::getSampleCompositionTime(uint32_t sample, uint64_t* time) {
     if (time) *time = 0;
-    CSampleTimeTableEntry* entry = nullptr;
-    MP4Err err = sampleTimes(sample, &entry);
-    if (err == MP4_OK && time) *time = entry->compositionTime;
+    MP4Err err = checkTimedSample(sample);
+    if (err == MP4_OK && time) *time = timeTable_->times.compositionTime(sample);
     return err;
 }
 
@@ -817,6 +790,10 @@ MP4Err CTrackImpl::getSampleCount(uint32_t* count) {
     return MP4_OK;
 }
 
+// From the last sample found when it is not after time, else from sample
+// 1: the first sample decoded at or after time, or the one before it when
+// it is decoded later (sample 1 stays). The time runs answer by halves
+// what walking the samples gives.
 MP4Err CTrackImpl::findSampleByDecodeTime(uint64_t time, uint32_t* sample) {
     if (!sample) return MP4_ERR_INVALID_ARGUMENT;
     *sample = 0;
@@ -825,15 +802,11 @@ MP4Err CTrackImpl::findSampleByDecodeTime(uint64_t time, uint32_t* sample) {
     CSampleTimeTable& table = *timeTable_;
     if (table.cursorIndex == 0) return MP4_ERR_BAD_INDEX;
     if (table.cursorIndex > table.sampleCount) return MP4_ERR_NOT_AVAILABLE;
-    CSampleTimeTableEntry* entry = nullptr;
-    if ((err = table.entries.getEntry(table.cursorIndex, &entry)) != MP4_OK) return err;
-    uint32_t index = entry->decodeTime > time ? 1 : table.cursorIndex;
-    for (;; ++index) {
-        if (index > table.sampleCount) return MP4_ERR_NOT_AVAILABLE;
-        if ((err = table.entries.getEntry(index, &entry)) != MP4_OK) return err;
-        if (entry->decodeTime >= time) break;
-    }
-    uint32_t answer = (index == 1 || entry->decodeTime == time) ? index : index - 1;
+    const CSampleTimes& times = table.times;
+    const uint32_t from = times.decodeTime(table.cursorIndex) > time ? 1 : table.cursorIndex;
+    const uint32_t index = times.firstDecodedAtOrAfter(from, time);
+    if (index == 0) return MP4_ERR_NOT_AVAILABLE;
+    const uint32_t answer = (index == 1 || times.decodeTime(index) == time) ? index : index - 1;
     table.cursorIndex = answer;
     *sample = answer;
     return MP4_OK;
@@ -846,27 +819,39 @@ MP4Err CTrackImpl::findSampleByCompositionTime(uint64_t time, uint32_t* sample) 
     if (err != MP4_OK) return err;
     CSampleTimeTable& table = *timeTable_;
     if (table.sampleCount == 0) return MP4_ERR_NOT_AVAILABLE;
-    CSampleTimeTableEntry* entry = nullptr;
-    if ((err = table.entries.getEntry(1, &entry)) != MP4_OK) return err;
-    uint32_t best = 1;
-    uint64_t bestTime = entry->compositionTime;
     // One sample out of order (a B-frame after its reference) is stepped
-    // over; the second one ends the walk.
-    bool skipped = false;
-    for (uint32_t index = 1; index <= table.sampleCount; ++index) {
-        if ((err = table.entries.getEntry(index, &entry)) != MP4_OK) return err;
-        if (entry->compositionTime > time) {
-            if (skipped) break;
-            skipped = true;
-            continue;
-        }
-        if (entry->compositionTime > bestTime) {
-            best = index;
-            bestTime = entry->compositionTime;
-        }
-    }
+    // over; the second one ends the walk (see latestPresentedBy).
+    const uint32_t best = table.times.latestPresentedBy(time);
     table.cursorIndex = best;
     *sample = best;
+    return MP4_OK;
+}
+
+// The last "stss" entry not above sample, as the box's own lookup gives
+// it; an ascending table is searched by halves in a copy of its numbers.
+MP4Err CTrackImpl::previousMovieSync(uint32_t sample, uint32_t* sync) {
+    if (!stssAscending_) return stss_->getPreviousSyncSample(sample, sync);
+    if (syncNumbers_.size() != stss_->entries.count()) {
+        try {
+            syncNumbers_.clear();
+            syncNumbers_.reserve(stss_->entries.count());
+            for (uint32_t i = 1; i <= stss_->entries.count(); ++i) {
+                CSyncSampleTableEntry* entry = nullptr;
+                if (stss_->getEntry(i, &entry) != MP4_OK) break;
+                syncNumbers_.push_back(entry->sampleNumber);
+            }
+        } catch (const std::bad_alloc&) {
+            syncNumbers_.clear();
+        }
+        if (syncNumbers_.size() != stss_->entries.count()) {
+            syncNumbers_.clear();
+            return stss_->getPreviousSyncSample(sample, sync);
+        }
+    }
+    *sync = 1;
+    auto after = std::upper_bound(syncNumbers_.begin(), syncNumbers_.end(), sample);
+    if (after == syncNumbers_.begin()) return MP4_ERR_NOT_AVAILABLE;  // also when empty
+    *sync = *(after - 1);
     return MP4_OK;
 }
 
@@ -885,7 +870,7 @@ MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
     uint32_t candidate = found + 1;
     for (;;) {
         uint32_t sync = 0;
-        if ((err = stss_->getPreviousSyncSample(candidate, &sync)) != MP4_OK) return err;
+        if ((err = previousMovieSync(candidate, &sync)) != MP4_OK) return err;
         uint64_t composition = 0;
         if ((err = getSampleCompositionTime(sync, &composition)) != MP4_OK) return err;
         if (composition <= time) {

@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <vector>
 
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
 #include "boxes/DataList.h"
 #include "track/SampleIndex.h"
+#include "track/SampleTimes.h"
 #include "track/SampleTables.h"
 #include "track/TrackHost.h"
 
@@ -31,12 +33,12 @@ class CSampleTableBox;
 class CMediaDataBox;
 class CMovieHeaderBox;
 
-// Decode and composition time of every sample, built once when a track is
-// bound so that time queries are list lookups.
+// Decode and composition time of every sample, gathered once when a track
+// is bound (held as runs, see SampleTimes.h).
 class CSampleTimeTable {
 public:
     uint32_t sampleCount = 0;
-    CDataList<CSampleTimeTableEntry> entries;
+    CSampleTimes times;  // reading
     uint32_t cursorIndex = 1;  // last sample found by a decode-time search
     uint32_t writing = 0;      // 0 for a track that reads
     uint64_t timeOffset = 0;   // reading: the initial delay added to decode times
@@ -167,7 +169,8 @@ private:
 
     // Sample access helpers.
     MP4Err readyForTimes() const;
-    MP4Err sampleTimes(uint32_t sample, CSampleTimeTableEntry** entry);
+    MP4Err checkTimedSample(uint32_t sample);
+    MP4Err previousMovieSync(uint32_t sample, uint32_t* sync);
     MP4Err chunkOffset(uint32_t chunk, uint64_t* offset);
     MP4Err sizeOfStszSample(uint32_t sample, uint32_t* size);
     MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
@@ -255,6 +258,9 @@ private:
         uint64_t high = 0;
     } syncWindow_;
     bool stssAscending_ = true;
+    // The sync sample numbers in one array, for searching an ascending
+    // "stss" by halves; made on the first search.
+    std::vector<uint32_t> syncNumbers_;
 
     // Metadata over the track's "udta", made on the first request.
     std::unique_ptr<CMp4MetaData> metaData_;

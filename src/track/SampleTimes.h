@@ -1,0 +1,109 @@
+// The sample index's times: decode and composition time of every sample of
+// a track, held as the runs they are, so that a track costs about what its
+// tables cost. Decode times are runs of equal steps (as "stts" stores
+// them); composition times are runs of equal offsets from the decode time
+// (as "ctts" stores them), or a byte per sample naming one of a few offsets
+// where they change at nearly every sample (B-frames). Composition times
+// no 32-bit offset reaches (the clamp of negative offsets can give those)
+// are kept one by one. Times are expanded on demand; the searches answer in
+// logarithmic time over the runs and over per-block maxima of the
+// composition times (3 bytes a sample), built on the first search.
+#ifndef QUIL_TRACK_SAMPLETIMES_H
+#define QUIL_TRACK_SAMPLETIMES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "quil/MP4Err.h"
+
+namespace quil {
+
+class CSampleTimes {
+public:
+    // Room for that many runs and samples ahead of appending (the tables'
+    // entry counts), before the first append: the runs then never move
+    // while they grow.
+    MP4Err reserve(size_t decodeRuns, size_t offsetRuns, size_t samples);
+    // Adds sample count() + 1. 1 when memory runs out.
+    MP4Err append(uint64_t decode, uint64_t composition);
+    uint32_t count() const { return count_; }
+    // Times of a sample in 1..count().
+    uint64_t decodeTime(uint32_t sample) const;
+    uint64_t compositionTime(uint32_t sample) const;
+
+    // The first sample at or after from whose decode time is at least
+    // time; 0 when there is none.
+    uint32_t firstDecodedAtOrAfter(uint32_t from, uint64_t time) const;
+    // The track's composition-time search: the samples are walked from the
+    // first, the first one presented after time is stepped over and the
+    // second ends the walk; the answer is the first sample with the latest
+    // composition time met that is not after time (sample 1 when the first
+    // sample is presented after time). count() must be at least 1.
+    uint32_t latestPresentedBy(uint64_t time) const;
+
+private:
+    struct DecodeRun {
+        uint32_t first;  // sample
+        uint32_t step;
+        uint64_t start;  // decode time of the first sample
+    };
+    struct OffsetRun {
+        uint32_t first;  // sample
+        int32_t offset;  // composition minus decode time
+    };
+    struct Outlier {
+        uint32_t sample;
+        uint64_t composition;
+    };
+    static constexpr uint32_t kBlockShift = 3;  // 8 samples per block
+    static constexpr uint32_t kGroupShift = 6;  // 64 blocks per group
+    static constexpr size_t kGallopLimit = 16;  // runs stepped before halving
+
+    template <class Run>
+    static size_t runOf(const std::vector<Run>& runs, uint32_t sample, size_t* cursor);
+    uint64_t runLastDecode(size_t run) const;
+    uint32_t firstDecodedAtLeast(uint64_t time) const;
+    bool codeOf(int32_t offset, uint8_t* code);
+    void leaveDense();
+    uint32_t linearDecodedAtOrAfter(uint32_t from, uint64_t time) const;
+    uint32_t linearLatestPresentedBy(uint64_t time) const;
+    bool buildBlocks() const;
+    uint32_t blockEnd(uint32_t block) const;
+    void enterBlock(uint32_t block) const;
+    size_t firstBlockAbove(size_t fromBlock, uint64_t time) const;
+    uint32_t firstAbove(uint32_t from, uint64_t time) const;
+    uint64_t largestIn(uint32_t from, uint32_t to) const;
+    uint32_t firstReaching(uint32_t from, uint64_t value) const;
+
+    std::vector<DecodeRun> decodeRuns_;
+    std::vector<OffsetRun> offsetRuns_;
+    std::vector<Outlier> outliers_;
+    // Dense offsets: a byte per sample naming one of palette_.
+    bool dense_ = false;
+    std::vector<uint8_t> codes_;
+    std::vector<int32_t> palette_;
+    uint8_t lastCode_ = 0;
+    uint32_t count_ = 0;
+    uint64_t lastDecode_ = 0;
+    bool decodeAscends_ = true;
+    // Runs of the last lookups: samples are mostly asked for in order.
+    mutable size_t decodeCursor_ = 0;
+    mutable size_t offsetCursor_ = 0;
+    // Largest composition time of each block of samples and of all blocks
+    // up to it; empty until the first composition search.
+    mutable std::vector<uint64_t> blockMax_;
+    mutable std::vector<uint64_t> prefixMax_;
+    // The runs holding each block's first sample.
+    struct BlockRuns {
+        uint32_t decode = 0;
+        uint32_t offset = 0;
+    };
+    mutable std::vector<BlockRuns> blockRuns_;
+    // The running maximum at the end of each group of blocks.
+    mutable std::vector<uint64_t> groupMax_;
+};
+
+}  // namespace quil
+
+#endif
