@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""inspect_file.py FILE_OR_URL: the tracks of a file, a summary of each
+"""show_tracks.py FILE_OR_URL: the tracks of a file, a summary of each
 sample table, the first sync sample before the middle of each track, and
 the file's metadata."""
 import sys
