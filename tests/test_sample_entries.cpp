@@ -377,7 +377,10 @@ TEST(SoundSampleEntry, VersionOneByteCountsAndMissingBlock) {
     auto* entry = r.as<CSoundSampleEntry>();
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->perSampleByteCount(), 2u);  // bytes per sample
-    EXPECT_EQ(entry->perChunkByteCount(), 4u);   // bytes per frame
+    // Bytes per frame (4) for each packet of 1024 audio samples begun.
+    EXPECT_EQ(entry->perChunkByteCount(1), 4u);
+    EXPECT_EQ(entry->perChunkByteCount(2048), 8u);
+    EXPECT_EQ(entry->perChunkByteCount(2049), 12u);
 
     // 4 bytes are too few for the version-1 block: its fields stay zero
     // and the bytes are skipped as the tail of an empty child list.

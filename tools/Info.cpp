@@ -191,6 +191,8 @@ const char* codecName(uint32_t codec) {
         case 32: return "Linear PCM";
         case 33: return "H.265/HEVC";
         case 34: return "PCM 24-bit";
+        case 35: return "PCM integer (ISO 23003-5)";
+        case 36: return "PCM float (ISO 23003-5)";
         default: return "unknown";
     }
 }

@@ -193,6 +193,42 @@ MP4Err CEndianFormatBox::calculateSize() {
     return MP4_OK;
 }
 
+// ---- "pcmC" ---------------------------------------------------------------
+
+MP4Err CPcmConfigBox::read(CStorage* storage) {
+    MP4Err err = readVersionAndFlags(storage);
+    if (err != MP4_OK) return err;
+    if (remaining < 2) return MP4_ERR_BAD_BOX_SIZE;
+    if ((err = storage->readUInt8(&formatFlags)) != MP4_OK) return err;
+    if ((err = storage->readUInt8(&sampleSize)) != MP4_OK) return err;
+    remaining -= 2;
+    return MP4_OK;
+}
+
+MP4Err CPcmConfigBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    if (err == MP4_OK) err = writeVersionAndFlags(storage);
+    if (err == MP4_OK) err = storage->writeUInt8(formatFlags);
+    if (err == MP4_OK) err = storage->writeUInt8(sampleSize);
+    return err;
+}
+
+MP4Err CPcmConfigBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    dumpVersionAndFlags(depth);
+    dumpLine(depth, "Format flags = 0x%02x (%s endian)\n", static_cast<uint32_t>(formatFlags),
+             isLittleEndian() ? "little" : "big");
+    dumpLine(depth, "PCM sample size = %u\n", static_cast<uint32_t>(sampleSize));
+    return MP4_OK;
+}
+
+MP4Err CPcmConfigBox::calculateSize() {
+    CBox::calculateSize();
+    size += 4 + 2;
+    return MP4_OK;
+}
+
 // ---- "chan" ---------------------------------------------------------------
 
 MP4Err CChannelCompositionBox::read(CStorage* storage) {

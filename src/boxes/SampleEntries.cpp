@@ -282,6 +282,21 @@ MP4Err CMP4SampleEntry::getESDBox(CBox** esds) {
 // ---- QuickTime sound description ------------------------------------------
 
 MP4Err CSoundSampleEntry::read(CStorage* storage) {
+    uint64_t start = 0;
+    const uint64_t payload = remaining;
+    MP4Err err = storage->getPosition(&start);
+    if (err != MP4_OK) return err;
+    err = readFields(storage);
+    // The version-2 fields are read for the library's own use; a tree
+    // written again (faststart, remux) writes the description as it was.
+    if (version == 2 && storage->seek(start) == MP4_OK) {
+        remaining = payload;
+        if (keepPayload(storage) == MP4_OK) writeAsRead();
+    }
+    return err;
+}
+
+MP4Err CSoundSampleEntry::readFields(CStorage* storage) {
     MP4Err err = readSampleEntryStart(storage);
     if (err == MP4_OK) err = storage->readUInt16(&version);
     if (err == MP4_OK) err = storage->readUInt16(&revisionLevel);
@@ -441,8 +456,13 @@ uint32_t CSoundSampleEntry::perSampleByteCount() const {
     return 0;
 }
 
-uint32_t CSoundSampleEntry::perChunkByteCount() const {
-    return version == 1 ? bytesPerFrame : 0;
+uint32_t CSoundSampleEntry::perChunkByteCount(uint32_t samplesInChunk) const {
+    if (version != 1) return 0;
+    if (samplesPerPacket == 0) return bytesPerFrame;
+    // Whole packets: the last one of a chunk is padded to full size.
+    const uint64_t packets = (static_cast<uint64_t>(samplesInChunk) + samplesPerPacket - 1) / samplesPerPacket;
+    const uint64_t bytes = packets * bytesPerFrame;
+    return bytes > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(bytes);
 }
 
 MP4Err CSoundSampleEntry::findInWave(uint32_t childType, CBox** box) {

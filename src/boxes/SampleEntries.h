@@ -173,7 +173,8 @@ protected:
 
 // The QuickTime sound description, versions 0, 1 and 2, also the plain
 // entry of the PCM and QuickTime audio codes. Version 2 descriptions are
-// read but cannot be written back.
+// kept as read: written back unchanged by tree writers (writeBox), while
+// their own write refuses them.
 class CSoundSampleEntry : public CSampleEntry {
 public:
     explicit CSoundSampleEntry(uint32_t format = 0) : CSampleEntry(format) {}
@@ -187,9 +188,11 @@ public:
     // sample" of version 1, "const bytes per audio packet" of version 2,
     // 0 for version 0 (the caller then derives it from the format).
     uint32_t perSampleByteCount() const;
-    // Bytes of one compressed chunk of the ADPCM formats 0x6D730011 and
-    // 0x6D730002: "bytes per frame" of version 1, else 0.
-    uint32_t perChunkByteCount() const;
+    // Bytes of a compressed chunk of the ADPCM formats 0x6D730011 and
+    // 0x6D730002 holding that many audio samples: version 1's "bytes per
+    // frame" for each packet ("samples per packet" audio samples) begun,
+    // or "bytes per frame" alone without a packet length; 0 otherwise.
+    uint32_t perChunkByteCount(uint32_t samplesInChunk) const;
 
     // A box of that type inside the "wave" child; 3 when there is no
     // "wave" or nothing of that type in it.
@@ -223,6 +226,7 @@ public:
     uint32_t constLPCMFramesPerAudioPacket = 0;
 
 private:
+    MP4Err readFields(CStorage* storage);
     MP4Err readVersion01Fields(CStorage* storage);
     MP4Err readVersion2Fields(CStorage* storage);
     void dumpVersionFields(int32_t depth);

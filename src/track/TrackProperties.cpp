@@ -379,6 +379,8 @@ MP4Err CTrackImpl::codecOfFormat(uint32_t format, uint32_t* codec) {
         case fourcc("lpcm"): *codec = 32; return MP4_OK;
         case fourcc("hvc1"): case fourcc("hev1"): *codec = 33; return MP4_OK;
         case fourcc("in24"): *codec = 34; return MP4_OK;
+        case fourcc("ipcm"): *codec = 35; return MP4_OK;
+        case fourcc("fpcm"): *codec = 36; return MP4_OK;
         default: return MP4_ERR_NOT_AVAILABLE;
     }
 }
