@@ -2,6 +2,7 @@
 // the public track interface, printed as text or as one JSON document.
 // Whatever a track cannot answer is left out of the report.
 #include "Info.h"
+#include "Command.h"
 
 #include <algorithm>
 #include <cctype>
@@ -529,7 +530,22 @@ void addSoundFields(Section* section, CMp4Track* track, uint32_t sampleEntry) {
     }
 }
 
-Section collectTrack(CMp4File* file, uint32_t number) {
+// Samples the tables place (partly) beyond the end of the file, or
+// nowhere: what a cut-off recording or download lacks.
+uint32_t missingSamples(CMp4Track* track, uint32_t samples, uint64_t fileLength) {
+    uint32_t missing = 0;
+    for (uint32_t n = 1; n <= samples; ++n) {
+        uint64_t offset = 0;
+        uint32_t size = 0;
+        if (track->getSampleOffset(n, &offset, &size) != MP4_OK || offset > fileLength ||
+            size > fileLength - offset) {
+            ++missing;
+        }
+    }
+    return missing;
+}
+
+Section collectTrack(CMp4File* file, uint32_t number, uint64_t fileLength) {
     Section section(format("Track %u", number));
     section.addUnsigned("number", "Number", number);
     CMp4Track* raw = nullptr;
@@ -558,6 +574,12 @@ Section collectTrack(CMp4File* file, uint32_t number) {
                         std::string(reinterpret_cast<const char*>(language), 3));
     }
     addTimingFields(&section, track.get(), kind);
+    uint32_t samples = 0;
+    if (fileLength > 0 && track->getSampleCount(&samples) == MP4_OK) {
+        // Shown only when samples are missing, so intact files read as before.
+        const uint32_t missing = missingSamples(track.get(), samples, fileLength);
+        if (missing > 0) section.addUnsigned("missingSamples", "Missing samples", missing);
+    }
     addVisualFields(&section, track.get());
     addCodecFields(&section, track.get(), sampleEntry);
     addSoundFields(&section, track.get(), sampleEntry);
@@ -614,8 +636,9 @@ int printInfo(const char* path, CMp4File* file, bool json) {
     std::vector<Section> tracks;
     uint32_t count = 0;
     (void)file->getTrackCount(&count);
+    const uint64_t fileLength = fileSize(path);
     for (uint32_t number = 1; number <= count; ++number) {
-        tracks.push_back(collectTrack(file, number));
+        tracks.push_back(collectTrack(file, number, fileLength));
     }
 
     if (!json) {

@@ -199,7 +199,8 @@ public:
     // until this track is released): its whole "trak" as it is (header
     // with ID, matrix and flags, references, edit list, media header,
     // handler, every sample entry, user data, boxes the library does not
-    // know) with empty sample tables. 2 for a null source or the track
+    // know) with empty sample tables; the movie takes the source movie's
+    // time scale, in which edit lists count. 2 for a null source or the track
     // itself, 3 once the kind is set or a copy was made, 5 when source is
     // not a bound read track.
     // copySampleFrom then appends source's sample n with its bytes and its

@@ -379,6 +379,7 @@ MP4Err CSoundSampleEntry::readVersion2Fields(CStorage* storage) {
 }
 
 MP4Err CSoundSampleEntry::write(CStorage* storage) {
+    if (writesAsRead()) return CBox::write(storage);  // a version-2 description read
     MP4Err err = writeSampleEntryStart(storage);
     if (err == MP4_OK) err = storage->writeUInt16(version);
     if (err == MP4_OK) err = storage->writeUInt16(revisionLevel);
@@ -442,8 +443,9 @@ void CSoundSampleEntry::dumpVersionFields(int32_t depth) {
 }
 
 MP4Err CSoundSampleEntry::calculateSize() {
-    // A version-2 entry is sized like version 0 although it cannot be
-    // written.
+    if (writesAsRead()) return CBox::calculateSize();
+    // A version-2 entry made here is sized like version 0 although it
+    // cannot be written.
     calculateStartSize();
     size += kSoundCommonSize;
     if (version == 1) size += kSoundVersion1Size;

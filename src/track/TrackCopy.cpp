@@ -93,6 +93,12 @@ MP4Err CTrackImpl::copyTrackFrom(CMp4Track* source) {
     if (!trak) return MP4_ERR_INVALID_DATA;
     if ((err = adoptCopiedTrack(trak)) != MP4_OK) return err;
     owned.release();
+    // Edit lists and track durations count in the movie's time scale: the
+    // copy's movie takes the source's.
+    CMovieHeaderBox *mvhd = nullptr, *sourceMvhd = nullptr;
+    if (movieHeader(&mvhd) == MP4_OK && from->movieHeader(&sourceMvhd) == MP4_OK) {
+        mvhd->timeScale = sourceMvhd->timeScale;
+    }
     mediaType_ = from->mediaType_;
     copySource_ = from;
     // The copy keeps the source's edit list (or its lack of one) and its
