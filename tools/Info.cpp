@@ -573,6 +573,15 @@ Section collectTrack(CMp4File* file, uint32_t number, uint64_t fileLength) {
         section.addText("language", "Language",
                         std::string(reinterpret_cast<const char*>(language), 3));
     }
+    uint32_t original = 0, scheme = 0, schemeVersion = 0;
+    if (track->getProtectionScheme(&original, &scheme, &schemeVersion) == MP4_OK) {
+        section.addText("originalFormat", "Original format", fourccText(original));
+        if (scheme != 0) {
+            section.addText("protectionScheme", "Protection scheme",
+                            format("%s %u.%u", fourccText(scheme).c_str(), schemeVersion >> 16,
+                                   schemeVersion & 0xFFFF));
+        }
+    }
     addTimingFields(&section, track.get(), kind);
     uint32_t samples = 0;
     if (fileLength > 0 && track->getSampleCount(&samples) == MP4_OK) {

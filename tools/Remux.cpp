@@ -161,7 +161,9 @@ bool Remuxer::addTracks() {
     }
     if (tracks_.empty()) return fail("no track that can be copied", MP4_ERR_NO_TRACKS);
     MP4Err err = target_->copyUserData(source_.get(), 0, 0);
-    return err == MP4_OK || err == MP4_ERR_NOT_AVAILABLE || fail("movie user data", err);
+    if (err != MP4_OK && err != MP4_ERR_NOT_AVAILABLE) return fail("movie user data", err);
+    err = target_->copyMovieBoxes(source_.get());
+    return err == MP4_OK || fail("movie boxes", err);
 }
 
 // Every track is copied whole, whatever its kind: its box tree as it is,

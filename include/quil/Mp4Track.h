@@ -193,6 +193,12 @@ public:
     // samples only (2 otherwise), with times counting one per audio sample.
     virtual MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
                              uint64_t compositionTime, bool sync) = 0;
+    // A protected (encrypted) track: the format its first sample entry
+    // wraps ("avc1" in an "encv") and the protection scheme with its
+    // version ("cenc", "cbcs", ...; 0 when the entry names none). 3 when
+    // the entry is not protected.
+    virtual MP4Err getProtectionScheme(uint32_t* originalFormat, uint32_t* scheme,
+                                       uint32_t* schemeVersion) = 0;
     // Copying a read track (the remux path). copyTrackFrom, in place of
     // setTrackType and the other setters, makes this new track a copy of
     // source (a track of a file open for reading, which must stay open

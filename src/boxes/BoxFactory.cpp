@@ -9,6 +9,7 @@
 #include "CodecBoxes.h"
 #include "CompressedMovie.h"
 #include "ConfigBoxes.h"
+#include "EncryptionBoxes.h"
 #include "MetaDataBoxes.h"
 #include "MovieBoxes.h"
 #include "PspBoxes.h"
@@ -139,6 +140,14 @@ const BoxFactoryRow kRows[] = {
     {fourcc("enda"), kAny, 0, make<CEndianFormatBox>},
     {fourcc("chan"), kAny, 0, make<CChannelCompositionBox>},
     {fourcc("pcmC"), kAny, 0, make<CPcmConfigBox>},
+
+    // Common encryption (EncryptionBoxes.h): the protected entries keep
+    // the layout of the entry they wrap; "sinf" and "schi" hold boxes.
+    {fourcc("saio"), kAny, 0, make<CSampleAuxInfoOffsetsBox>},
+    {fourcc("encv"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("enca"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("sinf"), kAny, 0, make<Container>},
+    {fourcc("schi"), kAny, 0, make<Container>},
 
     // Boxes wrapping decoder configuration records and descriptors (ConfigBoxes.h)
     {fourcc("avcC"), kAny, 0, make<CAVCConfigurationBox>},

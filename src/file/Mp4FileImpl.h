@@ -52,6 +52,7 @@ public:
                                         uint32_t secondTrackNumber) override;
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
+    MP4Err copyMovieBoxes(CMp4File* source) override;
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first

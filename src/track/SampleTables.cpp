@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "boxes/Dump.h"
+#include "boxes/EncryptionBoxes.h"
 
 namespace quil {
 namespace {
@@ -854,6 +855,32 @@ MP4Err CEditBox::getPresentedMediaTime(int64_t* mediaTime, uint64_t* duration) {
         if (entry->segmentDuration != 0) break;
     }
     return MP4_OK;
+}
+
+// ---------------------------------------------------------------------------
+// "stbl"
+
+MP4Err CSampleTableBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    if (!children) return MP4_ERR_INVALID_DATA;
+    bool haveInformation = false;
+    uint64_t information = 0;  // where the "senc" written holds its first sample's
+    for (CBoxList::Node* node = children->head(); node; node = node->next) {
+        CBox* child = node->box;
+        if (child->type == fourcc("senc")) {
+            uint64_t start = 0, total = 0;
+            if ((err = storage->getPosition(&start)) != MP4_OK) return err;
+            if ((err = child->getSize(&total)) != MP4_OK) return err;
+            const uint64_t header = child->baseHeaderSize() + (total > 0xFFFFFFFFu ? 8 : 0);
+            information = sampleEncryptionDataStart(start, header);
+            haveInformation = true;
+        }
+        auto* saio = dynamic_cast<CSampleAuxInfoOffsetsBox*>(child);
+        if (saio && haveInformation && !saio->writesAsRead()) saio->moveTo(information);
+        if ((err = writeBox(child, storage)) != MP4_OK) return err;
+    }
+    return children->trailing().write(storage);
 }
 
 }  // namespace quil

@@ -372,8 +372,13 @@ private:
     MP4Err firstTimedEdit(CEditListTableEntry** edit);
 };
 
-// "stbl": container of the sample description and the tables.
-class CSampleTableBox : public CContainerBox {};
+// "stbl": container of the sample description and the tables. Written
+// child by child so that a "saio" after a "senc" points at the
+// information where "senc" is written now (a copied or moved track).
+class CSampleTableBox : public CContainerBox {
+public:
+    MP4Err write(CStorage* storage) override;
+};
 
 }  // namespace quil
 

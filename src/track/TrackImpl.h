@@ -107,6 +107,8 @@ public:
     MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime,
                            uint64_t* presentedDuration) override;
     double getRotateAngle() override;
+    MP4Err getProtectionScheme(uint32_t* originalFormat, uint32_t* scheme,
+                               uint32_t* schemeVersion) override;
     MP4Err copyTrackFrom(CMp4Track* source) override;
     MP4Err copySampleFrom(uint32_t sample, uint32_t* size) override;
 
