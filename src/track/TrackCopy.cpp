@@ -163,27 +163,36 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
 }
 
 // Timing of a read sample as stored: its decode time without the edit
-// list's delay, its composition offset (signed) and its description.
+// list's delay, its composition offset (signed) and its description. The
+// answers of the sample access are used, except for the offset of a
+// sample "ctts" covers, which is taken as stored (the access keeps
+// composition times from going below zero).
 MP4Err CTrackImpl::storedTiming(uint32_t sample, StoredTiming* timing) {
-    uint64_t decode = 0;
+    uint64_t decode = 0, composition = 0;
     MP4Err err = getSampleDecodeTime(sample, &decode);
+    if (err == MP4_OK) err = getSampleCompositionTime(sample, &composition);
     if (err != MP4_OK) return err;
     timing->decode = decode - initialDelay_;
     timing->firstStored = sample;
     timing->storedCount = 1;
+    timing->sync = 1;  // a chunk of raw audio always is a sync sample
     if (chunkAsSample_ != 0) {
         if ((err = stsc_->getFirstSampleOfChunk(sample, &timing->firstStored)) != MP4_OK ||
             (err = stsc_->getSamplesPerChunk(sample, &timing->storedCount)) != MP4_OK) {
             return err;
         }
+    } else if ((err = isSyncSample(sample, &timing->sync)) != MP4_OK) {
+        return err;
     }
-    timing->sync = 1;  // a chunk of raw audio always is a sync sample
-    if (chunkAsSample_ == 0 && (err = isSyncSample(sample, &timing->sync)) != MP4_OK) return err;
     uint32_t offset = 0;
-    timing->offset = ctts_ && ctts_->getCompositionOffset(timing->firstStored, &offset) == MP4_OK
-                         ? static_cast<int32_t>(offset)
-                         : 0;
-    return getSampleDescriptionIndex(sample, &timing->description);
+    if (ctts_ && ctts_->getCompositionOffset(timing->firstStored, &offset) == MP4_OK) {
+        timing->offset = static_cast<int32_t>(offset);
+    } else {
+        timing->offset = static_cast<int32_t>(static_cast<int64_t>(composition - decode));
+    }
+    // Samples the description table does not place use the first.
+    if (getSampleDescriptionIndex(sample, &timing->description) != MP4_OK) timing->description = 1;
+    return MP4_OK;
 }
 
 // How long a read sample lasts: to the next sample's decode time, the last
@@ -233,7 +242,7 @@ MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
     uint32_t got = 0;
     err = from->readSample(sample, bytes, &got, chunkBuffer_.get() + pendingBytes_);
     if (err != MP4_OK) return err;
-    if ((err = addCopiedTimes(timing, from)) != MP4_OK) return err;
+    if ((err = addCopiedTimes(timing, from, got)) != MP4_OK) return err;
     pendingDescription_ = timing.description;
     pendingBytes_ += got;
     pendingCount_ += timing.storedCount;
@@ -247,14 +256,18 @@ MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
 }
 
 // The table entries of one copied sample (of each stored sample of a
-// chunk read as one): sizes as the source states them, the decode delta of
+// chunk read as one): its size (in a chunk, each as the source states it), the decode delta of
 // the previous entry, the composition offset as stored (a negative one
 // makes "ctts" version 1) and the sync flag.
-MP4Err CTrackImpl::addCopiedTimes(const StoredTiming& timing, CTrackImpl* from) {
+MP4Err CTrackImpl::addCopiedTimes(const StoredTiming& timing, CTrackImpl* from, uint32_t bytes) {
     MP4Err err = MP4_OK;
     for (uint32_t i = 0; i < timing.storedCount; ++i) {
-        uint32_t size = 0;
-        if ((err = from->sizeOfStszSample(timing.firstStored + i, &size)) != MP4_OK) return err;
+        // A chunk read as one sample keeps the sizes of the samples in it.
+        uint32_t size = bytes;
+        if (from->chunkAsSample_ != 0 &&
+            (err = from->sizeOfStszSample(timing.firstStored + i, &size)) != MP4_OK) {
+            return err;
+        }
         const uint64_t decode = timing.decode + i;
         if (timeTable_->sampleCount > 0) {
             const uint64_t delta = decode - lastDecodeTime_;

@@ -249,7 +249,7 @@ private:
     MP4Err adoptCopiedTrack(CTrackBox* trak);
     MP4Err storedTiming(uint32_t sample, StoredTiming* timing);
     uint32_t storedDuration(uint32_t sample);
-    MP4Err addCopiedTimes(const StoredTiming& timing, CTrackImpl* from);
+    MP4Err addCopiedTimes(const StoredTiming& timing, CTrackImpl* from, uint32_t bytes);
     MP4Err addCopiedOffset(uint32_t sample, int32_t offset);
     CTrackImpl* copySource_ = nullptr;  // the read track copied (not owned)
     uint32_t lastCopied_ = 0;           // its last sample copied

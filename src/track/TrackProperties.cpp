@@ -247,6 +247,10 @@ MP4Err CTrackImpl::firstSoundFields(SoundFields* fields) {
         *fields = {sound->channelCount, sound->sampleSize,
                    exact ? static_cast<uint32_t>(sound->audioSampleRate)
                          : sound->sampleRateInteger};
+        // ISO PCM states its sample size in "pcmC" (the entry's field is
+        // a fixed 16).
+        CPcmConfigBox* pcmC = nullptr;
+        if (sound->findChildAs(fourcc("pcmC"), &pcmC) == MP4_OK) fields->bits = pcmC->sampleSize;
         return MP4_OK;
     }
     CAudioSampleEntry* audio = nullptr;
