@@ -288,8 +288,9 @@ MP4Err CSoundSampleEntry::read(CStorage* storage) {
     if (err != MP4_OK) return err;
     err = readFields(storage);
     // The version-2 fields are read for the library's own use; a tree
-    // written again (faststart, remux) writes the description as it was.
-    if (version == 2 && storage->seek(start) == MP4_OK) {
+    // written again (faststart, remux) writes the description as it was,
+    // as it does one of a later version, which this class cannot write.
+    if (version >= 2 && storage->seek(start) == MP4_OK) {
         remaining = payload;
         if (keepPayload(storage) == MP4_OK) writeAsRead();
     }

@@ -1,7 +1,8 @@
 // Copying a read track into a file being written (remux): the "trak" as it
 // is, with new sample tables grown as the samples are copied with the
 // source's own timing.
-#include <cstring>
+#include <initializer_list>
+#include <memory>
 #include <new>
 
 #include "boxes/MovieBoxes.h"
@@ -256,9 +257,9 @@ MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
 }
 
 // The table entries of one copied sample (of each stored sample of a
-// chunk read as one): its size (in a chunk, each as the source states it), the decode delta of
-// the previous entry, the composition offset as stored (a negative one
-// makes "ctts" version 1) and the sync flag.
+// chunk read as one): its size (in a chunk, each as the source states it),
+// the decode delta of the previous entry, the composition offset as stored
+// (a negative one makes "ctts" version 1) and the sync flag.
 MP4Err CTrackImpl::addCopiedTimes(const StoredTiming& timing, CTrackImpl* from, uint32_t bytes) {
     MP4Err err = MP4_OK;
     for (uint32_t i = 0; i < timing.storedCount; ++i) {
