@@ -52,8 +52,10 @@ public:
 
     // Writes the copy to output; prints one line and returns false on failure.
     bool run(const std::string& output);
-    // Samples left out because they could not be read, over all tracks.
+    // Samples left out because they could not be read, over all tracks,
+    // and tracks left out because they could not be read at all.
     uint64_t missingSamples() const;
+    uint32_t missingTracks() const { return missingTracks_; }
 
 private:
     bool fail(const std::string& what, MP4Err err) {
@@ -79,6 +81,7 @@ private:
     CMp4File* target_ = nullptr;
     std::vector<TrackCopy> tracks_;
     uint32_t lastSampleSize_ = 0;
+    uint32_t missingTracks_ = 0;
     Failure failure_;
 };
 
@@ -174,8 +177,9 @@ bool Remuxer::addTrack(uint32_t number) {
     MP4Err err = source_.get()->getTrack(number, &in);
     if (err != MP4_OK) {
         // Left out with a note rather than failing the whole copy.
-        std::fprintf(stderr, "quil: remux: %s: track %u cannot be read and is not copied: %s\n",
+        std::fprintf(stderr, "quil: remux: %s: track %u cannot be read and is left out: %s\n",
                      input_, number, toString(err));
+        ++missingTracks_;
         return true;
     }
     tracks_.emplace_back();
@@ -260,8 +264,8 @@ bool Remuxer::finish() {
     return err == MP4_OK || fail("writing the movie box", err);
 }
 
-// The copy was written, but samples of the input could not be read and
-// are missing from it (a cut-off or damaged file).
+// The copy was written, but samples (or whole tracks) of the input could
+// not be read and are missing from it (a cut-off or damaged file).
 constexpr int kExitSamplesMissing = 3;
 
 int runRemux(const Arguments& arguments) {
@@ -288,7 +292,7 @@ int runRemux(const Arguments& arguments) {
         {
             Remuxer remuxer(input, static_cast<uint32_t>(fileType), typeText != nullptr);
             if (!remuxer.run(intermediate.temporaryPath())) return kExitFailure;
-            missing = remuxer.missingSamples();
+            missing = remuxer.missingSamples() + remuxer.missingTracks();
         }
         if (moveMovieFirst(intermediate.temporaryPath().c_str(), output.temporaryPath(), "remux")) {
             return kExitFailure;
@@ -296,7 +300,7 @@ int runRemux(const Arguments& arguments) {
     } else {
         Remuxer remuxer(input, static_cast<uint32_t>(fileType), typeText != nullptr);
         if (!remuxer.run(output.temporaryPath())) return kExitFailure;
-        missing = remuxer.missingSamples();
+        missing = remuxer.missingSamples() + remuxer.missingTracks();
     }
     if (!output.commit(&error)) {
         std::fprintf(stderr, "quil: remux: %s\n", error.c_str());
@@ -315,8 +319,8 @@ const Command kRemuxCommand = {
     "           user data), samples with the timing they have; --type N\n"
     "           writes file type N (0 to 12; default: the type of IN),\n"
     "           --faststart puts the movie box in front of the media data.\n"
-    "           Samples that cannot be read (a cut-off or damaged file) are\n"
-    "           left out and counted on stderr; the exit status is then 3\n",
+    "           Samples or tracks that cannot be read (a cut-off or damaged\n"
+    "           file) are left out and counted on stderr; exit status 3\n",
     {{"--type", true}, {"--faststart", false}},
     2,
     2,
