@@ -4,6 +4,7 @@
 #   bench/run.sh          generate inputs if missing, build, run, print the tables
 #   bench/run.sh data     only generate the inputs
 #   bench/run.sh rewrite  only the rewriting workloads (remux, faststart)
+#   bench/run.sh fragments  only indexing a fragmented copy of the 2-hour input
 #
 # Environment: RUNS (repetitions per case, default 7; the median is used),
 # JOBS (ninja parallelism, default 2), QUIL_BENCH_DATA (input directory,
@@ -25,6 +26,10 @@ LONG_1S=$DATA/long_1s.mp4  # first second of the same clip
 BIG=$DATA/big.mp4          # about 2 GB, 1280x720 H.264 + AAC, large samples
 BIG_1S=$DATA/big_1s.mp4
 BIG_TARGET_BYTES=2000000000
+# The same samples as LONG and LONG_1S in moof+mdat pairs (a fragment at
+# each key frame, empty movie box), as ffmpeg's crash-safe recording writes.
+LONG_FRAG=$DATA/long_frag.mp4
+LONG_FRAG_1S=$DATA/long_frag_1s.mp4
 
 die() { echo "run.sh: $*" >&2; exit 1; }
 need() { command -v "$1" >/dev/null 2>&1 || die "$1 not found (apt-get install ${2:-$1})"; }
@@ -62,6 +67,8 @@ generate() {
     make_file "$LONG" -stream_loop -1 -i "$DATA/small_clip.mp4" -c copy -t 7200
     make_file "$LONG_1S" -i "$DATA/small_clip.mp4" -c copy -t 1
     make_file "$BIG_1S" -i "$DATA/big_clip.mp4" -c copy -t 1
+    make_file "$LONG_FRAG" -i "$LONG" -c copy -movflags frag_keyframe+empty_moov
+    make_file "$LONG_FRAG_1S" -i "$LONG_1S" -c copy -movflags frag_keyframe+empty_moov
     if [[ ! -s $BIG ]]; then
         local clip_bytes loops avail_kb
         clip_bytes=$(stat -c %s "$DATA/big_clip.mp4")
@@ -327,6 +334,47 @@ run_rewrite() {
     rewrite_report
 }
 
+# Indexing fragments: quil and the peer on the fragmented copy, and quil on
+# the unfragmented original, alternating.
+run_fragments() {
+    local quil=${QUIL_BENCH_PROGRAM:-$BUILD/bench/quil_bench} peer=$BUILD/bench/avformat_peer i f
+    declare -A files=([long]=$LONG [long_1s]=$LONG_1S [long_frag]=$LONG_FRAG [long_frag_1s]=$LONG_FRAG_1S)
+    cat "$LONG" "$LONG_1S" "$LONG_FRAG" "$LONG_FRAG_1S" >/dev/null
+    for ((i = 1; i <= RUNS; i++)); do
+        echo "fragments run $i of $RUNS" >&2
+        for f in long_frag long_frag_1s long long_1s; do
+            run_case "quil/index/$f" "$quil" index "${files[$f]}"
+            run_case "peer/index/$f" "$peer" index "${files[$f]}"
+        done
+    done
+    echo
+    echo "Indexing, medians of $RUNS runs. ns/sample and B/sample subtract the one-second input."
+    row work input impl samples seconds peak_KB ns/sample B/sample checksum
+    local impl key ns bs
+    for f in long_frag long; do
+        for impl in quil peer; do
+            key="$impl/index/$f"
+            read -r ns bs <<<"$(per_sample "$impl" index "$f")"
+            if ok "$key"; then
+                row index "$f" "$impl" "${SAMPLES[$key]}" "$(median "${SECS[$key]}")" \
+                    "$(median "${RSS[$key]}")" "$ns" "$bs" "${LAYOUT[$key]:0:11}"
+            else
+                row index "$f" "$impl" - - - - - -
+                echo "       error: ${ERR[$key]:-no result}"
+            fi
+            eval "NS_${impl}_${f}=\$ns; BS_${impl}_${f}=\$bs"
+        done
+    done
+    local same=DIFFERENT
+    [[ -n ${LAYOUT[quil/index/long_frag]:-} && ${LAYOUT[quil/index/long_frag]} == "${LAYOUT[peer/index/long_frag]:-}" ]] && same=same
+    echo "Cross-check: quil and peer see the $same offsets, sizes and sync flags in the fragmented copy."
+    echo "Ratios (per sample; below 1 means the first is better):"
+    printf '  %-44s %6s   target <= 0.25\n' "fragmented index time, quil / peer" "$(ratio "$NS_quil_long_frag" "$NS_peer_long_frag")"
+    printf '  %-44s %6s   target <= 1\n' "fragmented index memory, quil / peer" "$(ratio "$BS_quil_long_frag" "$BS_peer_long_frag")"
+    printf '  %-44s %6s   target <= 1.5\n' "quil index time, fragmented / original" "$(ratio "$NS_quil_long_frag" "$NS_quil_long")"
+    printf '  %-44s %6s\n' "quil index memory, fragmented / original" "$(ratio "$BS_quil_long_frag" "$BS_quil_long")"
+}
+
 main() {
     generate
     [[ ${1:-} == data ]] && return 0
@@ -335,6 +383,10 @@ main() {
     cat "$LONG" "$LONG_1S" "$BIG" "$BIG_1S" >/dev/null
     if [[ ${1:-} == rewrite ]]; then
         run_rewrite
+        return 0
+    fi
+    if [[ ${1:-} == fragments ]]; then
+        run_fragments
         return 0
     fi
     local quil=${QUIL_BENCH_PROGRAM:-$BUILD/bench/quil_bench} peer=$BUILD/bench/avformat_peer

@@ -220,6 +220,7 @@ void queryFileProperties(CMp4File* file) {
     uint32_t b = 0;
     (void)file->getTimeScale(&value);
     (void)file->getFileType(&value);
+    (void)file->getFragmentCount(&value);
     (void)file->getCreationTime(&value, &a, &b, &value, &a, &b);
     for (uint32_t index = 0; index <= kMaxIndexProbed; ++index) {
         fetchSized([file, index](uint8_t* buffer, uint32_t size, uint32_t* length) {

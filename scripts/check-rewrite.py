@@ -142,9 +142,17 @@ def quil_samples(quil, path, only_copied=False):
     return result
 
 
+def is_fragmented(path):
+    return b'moof' in [k for k, o, s in top_level(open(path, 'rb').read())]
+
+
 def check_media(src, out):
     problems = []
     a, b = ffprobe_streams(src), ffprobe_streams(out)
+    if a and b and is_fragmented(src):
+        # A fragmented source's movie tables count no frames.
+        for x in a + b:
+            x.pop('nb_frames', None)
     if a != b:
         keys = set()
         for x, y in zip(a or [], b or []):

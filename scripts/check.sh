@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The project's full check (what `make check` and CI run):
-#   1. release build in build/, all tests through ctest;
+#   1. release build in build/, all tests through ctest (the Python
+#      package's pytest tests among them);
 #   2. ASan + UBSan build in build-asan/, all tests again;
 #   3. when clang and its libFuzzer runtime are present, the fuzz targets in
 #      build-fuzz/, each run for FUZZ_SECONDS on a seed corpus made of the
@@ -134,7 +135,8 @@ fuzz_stage() {
     return
   fi
   if ! build_tree build-fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-       -DQUIL_BUILD_FUZZERS=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=OFF; then
+       -DQUIL_BUILD_FUZZERS=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=OFF \
+       -DQUIL_BUILD_PYTHON=OFF; then
     problem "build-fuzz: build failed"
     return
   fi
@@ -149,8 +151,9 @@ fuzz_stage() {
 if [ "$mode" = all ]; then
   banner "release build and tests in build/"
   # Options are given explicitly: an existing cache may hold other values.
+  # The Python package and its pytest tests run here only (see python/).
   if build_tree build -DCMAKE_BUILD_TYPE=Release -DQUIL_BUILD_TESTS=ON -DQUIL_BUILD_TOOLS=ON \
-       -DQUIL_SANITIZE=OFF -DQUIL_BUILD_FUZZERS=OFF; then
+       -DQUIL_SANITIZE=OFF -DQUIL_BUILD_FUZZERS=OFF -DQUIL_BUILD_PYTHON=ON; then
     run_tests build
   else
     problem "build: build failed"
@@ -158,7 +161,7 @@ if [ "$mode" = all ]; then
 
   banner "ASan + UBSan build and tests in build-asan/"
   if build_tree build-asan -DCMAKE_BUILD_TYPE=Debug -DQUIL_SANITIZE=ON -DQUIL_BUILD_TESTS=ON \
-       -DQUIL_BUILD_TOOLS=OFF -DQUIL_BUILD_FUZZERS=OFF; then
+       -DQUIL_BUILD_TOOLS=OFF -DQUIL_BUILD_FUZZERS=OFF -DQUIL_BUILD_PYTHON=OFF; then
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       run_tests build-asan

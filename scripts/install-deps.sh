@@ -10,6 +10,8 @@ packages=(
   libgtest-dev zlib1g-dev libcurl4-openssl-dev pkg-config
   ffmpeg libavformat-dev libavcodec-dev libavutil-dev
   python3 nginx-light
+  python3-dev python3-pybind11 pybind11-dev python3-numpy python3-pytest
+  python3-dask python3-distributed python3-av
 )
 
 is_installed() {

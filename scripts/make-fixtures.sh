@@ -55,10 +55,18 @@ if has_encoder libx264 && has_encoder aac; then
     "${BITEXACT[@]}" "$work/audio-delay.mp4"
   note_made audio-delay.mp4 "AAC only, input delayed with \`-itsoffset 0.5\`: an empty first edit (media time -1) then the media"
 
+  # Fragmented copies: a fragment at each key frame or every 0.2 s.
+  "${FF[@]}" -i "$work/h264-aac.mp4" -c copy -movflags frag_keyframe+empty_moov \
+    -frag_duration 200000 "${BITEXACT[@]}" "$work/frag-h264-aac.mp4"
+  note_made frag-h264-aac.mp4 "h264-aac.mp4 copied with \`-movflags frag_keyframe+empty_moov -frag_duration 200000\`: an empty movie with mvex, then moof+mdat pairs (data offsets from the moof)"
+  "${FF[@]}" -i "$work/h264-bframes.mp4" -c copy -movflags frag_keyframe+empty_moov+default_base_moof \
+    -frag_duration 200000 "${BITEXACT[@]}" "$work/frag-bframes-moof.mp4"
+  note_made frag-bframes-moof.mp4 "h264-bframes.mp4 copied with \`-movflags frag_keyframe+empty_moov+default_base_moof -frag_duration 200000\`: default-base-is-moof, composition offsets in the runs, an edit list"
+
   python3 "$here/make-damaged.py" "$work/h264-aac.mp4" "$work/h264-aac-faststart.mp4" "$work" \
     >"$work/damaged.txt"
 else
-  note_skipped "h264-*.mp4, timecode.mov, rotate-90.mp4, audio-delay.mp4, bad-*.mp4" "no libx264 or aac encoder"
+  note_skipped "h264-*.mp4, frag-*.mp4, timecode.mov, rotate-90.mp4, audio-delay.mp4, bad-*.mp4" "no libx264 or aac encoder"
 fi
 
 if has_encoder libx265; then

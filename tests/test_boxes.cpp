@@ -11,7 +11,7 @@
 #include "BoxBuilder.h"
 #include "boxes/BoxFactory.h"
 #include "boxes/CompressedMovie.h"
-#include "boxes/Dump.h"
+#include "io/Dump.h"
 #include "boxes/MovieBoxes.h"
 
 namespace quil {

@@ -11,7 +11,7 @@
 
 #include "BoxBuilder.h"
 #include "HintFileBuilder.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "hint/HintSample.h"
 #include "hint/Packetizers.h"
 #include "quil/quil.h"

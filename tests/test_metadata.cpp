@@ -12,7 +12,7 @@
 #include "BoxBuilder.h"
 #include "boxes/MetaDataBoxes.h"
 #include "boxes/MovieBoxes.h"
-#include "file/MetaDataImpl.h"
+#include "meta/MetaDataImpl.h"
 #include "quil/quil.h"
 
 namespace quil {

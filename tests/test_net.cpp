@@ -251,7 +251,9 @@ TEST_P(NetFixtureTest, FileByUrlReadsLikeTheLocalFile) {
 
 INSTANTIATE_TEST_SUITE_P(Served, NetFixtureTest,
                          ::testing::Values("h264-aac-faststart.mp4",
-                                           "bad-truncated-mdat-faststart.mp4"));
+                                           "bad-truncated-mdat-faststart.mp4",
+                                           // fragment headers follow each media data
+                                           "frag-h264-aac.mp4"));
 
 TEST_F(NetTest, MovieAfterMediaDataIsNotReadOverHttp) {
     // Nothing after "mdat" is read from a network storage.

@@ -10,7 +10,10 @@
 #include <string>
 
 #include "BoxBuilder.h"
+#include "boxes/MovieBoxes.h"
 #include "boxes/PspBoxes.h"
+#include "file/Rewrite.h"
+#include "track/SampleTables.h"
 #include "quil/quil.h"
 
 namespace quil {
@@ -386,6 +389,139 @@ TEST(CopyUserDataTest, MovieUserDataArrivesUnchanged) {
     const Bytes original = findBox(findBox(loadFile(fixture("h264-aac.mp4")), "moov"), "udta");
     ASSERT_FALSE(original.empty());
     EXPECT_EQ(original, findBox(findBox(loadFile(dir.file("copy.mp4")), "moov"), "udta"));
+}
+
+// A copy with nothing edited is the source again, the movie after the
+// media data included.
+TEST(WriteCopyTest, UneditedCopyIsTheSameBytes) {
+    TempDir dir;
+    const std::string source = dir.file("source.mp4");
+    writeSmallFile(source, MP4_FILE_MPEG4);
+    CMp4File* file = nullptr;
+    CMp4File::createInstance(&file);
+    ASSERT_EQ(MP4_OK, file->open(wide(source).c_str(), 0, 0));
+    EXPECT_EQ(MP4_OK, Mp4WriteCopy(file, wide(dir.file("copy.mp4")).c_str()));
+    CMp4Track* track = nullptr;
+    ASSERT_EQ(MP4_OK, file->getTrack(1, &track));
+    uint8_t frame[4] = {};
+    uint32_t size = 0;
+    EXPECT_EQ(MP4_OK, track->readSample(3, sizeof(frame), &size, frame));
+    EXPECT_EQ((Bytes{0xFF, 0xD8, 0xFF, 0xD9}), Bytes(frame, frame + size));  // reads go on
+    file->releaseTrack(track);
+    file->close();
+    CMp4File::destroyInstance(&file);
+    EXPECT_EQ(loadFile(source), loadFile(dir.file("copy.mp4")));
+}
+
+// ---- the rewrite engine's offset mover ------------------------------------
+
+// A movie with one track whose sample table holds both offset tables.
+std::unique_ptr<CBox> movieWithOffsets(std::initializer_list<uint32_t> stco,
+                                       std::initializer_list<uint64_t> co64) {
+    ByteWriter small, large;
+    small.u32(static_cast<uint32_t>(stco.size()));
+    for (uint32_t offset : stco) small.u32(offset);
+    large.u32(static_cast<uint32_t>(co64.size()));
+    for (uint64_t offset : co64) large.u64(offset);
+    const Bytes stbl = box("stbl", concat({fullBox("stco", 0, 0, small), fullBox("co64", 0, 0, large)}));
+    return test::readTree(box("moov", box("trak", box("mdia", box("minf", stbl)))));
+}
+
+CBox* stblOf(CBox* movie) {
+    CBox* box = movie;
+    for (uint32_t type : {fourcc("trak"), fourcc("mdia"), fourcc("minf"), fourcc("stbl")}) {
+        if (box && box->findChild(type, &box) != MP4_OK) box = nullptr;
+    }
+    return box;
+}
+
+std::vector<uint64_t> offsets(CBox* movie, uint32_t type) {
+    std::vector<uint64_t> out;
+    CBox* table = nullptr;
+    if (stblOf(movie)->findChild(type, &table) != MP4_OK) return out;
+    if (auto* stco = dynamic_cast<CChunkOffsetBox*>(table)) {
+        for (uint32_t i = 1; i <= stco->entries.count(); ++i) {
+            CChunkOffsetTableEntry* entry = nullptr;
+            if (stco->getEntry(i, &entry) == MP4_OK) out.push_back(entry->chunkOffset);
+        }
+    } else if (auto* co64 = dynamic_cast<CChunkLargeOffsetBox*>(table)) {
+        for (uint32_t i = 1; i <= co64->entries.count(); ++i) {
+            CChunkLargeOffsetTableEntry* entry = nullptr;
+            if (co64->getEntry(i, &entry) == MP4_OK) out.push_back(entry->chunkOffset);
+        }
+    }
+    return out;
+}
+
+// Two media data boxes: 100 bytes at 100 move to 1000, 200 bytes at 5000
+// move to 300 (their order swapped).
+struct TwoMoves {
+    CMediaDataBox first, second;
+    std::vector<MediaMove> moves;
+    TwoMoves(uint64_t firstTarget = 1000) {
+        first.dataSize = 100;
+        second.dataSize = 200;
+        moves = {{&first, 100, firstTarget, 8}, {&second, 5000, 300, 8}};
+    }
+};
+
+TEST(OffsetMoverTest, OffsetsFollowTheirMediaDataAndComeBack) {
+    auto movie = movieWithOffsets({100, 150, 200, 5000}, {5199});
+    TwoMoves data;
+    COffsetMover mover(data.moves, COffsetMover::Tables::Every);
+    ASSERT_EQ(MP4_OK, mover.move(movie.get(), false));
+    EXPECT_EQ((std::vector<uint64_t>{1000, 1050, 1100, 300}), offsets(movie.get(), fourcc("stco")));
+    EXPECT_EQ((std::vector<uint64_t>{499}), offsets(movie.get(), fourcc("co64")));
+    ASSERT_EQ(MP4_OK, mover.move(movie.get(), true));
+    EXPECT_EQ((std::vector<uint64_t>{100, 150, 200, 5000}), offsets(movie.get(), fourcc("stco")));
+    EXPECT_EQ((std::vector<uint64_t>{5199}), offsets(movie.get(), fourcc("co64")));
+
+    // The table a track reads is "stco" when there is one.
+    COffsetMover trackTables(data.moves, COffsetMover::Tables::TrackReads);
+    ASSERT_EQ(MP4_OK, trackTables.move(movie.get(), false));
+    EXPECT_EQ((std::vector<uint64_t>{5199}), offsets(movie.get(), fourcc("co64")));
+}
+
+struct RefusedMove {
+    const char* name;
+    uint32_t strayOrLarge;  // the last "stco" entry
+    uint64_t firstTarget;
+    MP4Err expected;
+};
+
+class OffsetMoverRefusesTest : public ::testing::TestWithParam<RefusedMove> {};
+
+// Checked before anything moves: the tables stay as they were.
+TEST_P(OffsetMoverRefusesTest, ChangesNothing) {
+    const RefusedMove& c = GetParam();
+    auto movie = movieWithOffsets({100, c.strayOrLarge}, {150});
+    TwoMoves data(c.firstTarget);
+    COffsetMover mover(data.moves, COffsetMover::Tables::Every);
+    EXPECT_EQ(c.expected, mover.move(movie.get(), false)) << c.name;
+    EXPECT_EQ((std::vector<uint64_t>{100, c.strayOrLarge}), offsets(movie.get(), fourcc("stco")));
+    EXPECT_EQ((std::vector<uint64_t>{150}), offsets(movie.get(), fourcc("co64")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, OffsetMoverRefusesTest,
+    ::testing::Values(RefusedMove{"outside every mdat", 250, 1000, MP4_ERR_WRONG_LAYOUT},
+                      RefusedMove{"past 4 GiB in stco", 200, 0xFFFFFFC0ull, MP4_ERR_VALUE_TOO_LARGE}));
+
+// faststart: one media data box, every offset moves with it, and a 32-bit
+// table that would overflow becomes "co64" first.
+TEST(OffsetMoverTest, OnlyMediaDataTakesStrayOffsetsAndWidens) {
+    auto movie = movieWithOffsets({16, 90, 0xFFFFFF00u}, {});
+    CMediaDataBox mdat;
+    mdat.dataSize = 50;
+    std::vector<MediaMove> moves = {{&mdat, 40, 1040, 8}};
+    COffsetMover mover(moves, COffsetMover::Tables::TrackReads);
+    mover.moveStrayOffsetsWithOnlyData();
+    bool widened = false;
+    ASSERT_EQ(MP4_OK, mover.widenOverflowing(movie.get(), &widened));
+    EXPECT_TRUE(widened);
+    EXPECT_TRUE(offsets(movie.get(), fourcc("stco")).empty());
+    ASSERT_EQ(MP4_OK, mover.move(movie.get(), false));
+    EXPECT_EQ((std::vector<uint64_t>{1016, 1090, 0xFFFFFF00ull + 1000}), offsets(movie.get(), fourcc("co64")));
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include "BoxBuilder.h"
 #include "boxes/BoxFactory.h"
-#include "track/DataList.h"
+#include "boxes/DataList.h"
 #include "track/SampleTables.h"
 
 namespace quil {

@@ -13,6 +13,7 @@
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
 #include "storage/DiscStorage.h"
+#include "storage/MediaReader.h"
 #include "storage/MemoryStorage.h"
 #include "storage/WidePath.h"
 
@@ -251,6 +252,43 @@ TEST_F(DiscStorageTest, ReadAheadIsInvisible) {
     EXPECT_EQ(size, position());
     EXPECT_EQ(1u, eof());
     EXPECT_EQ(MP4_OK, storage_.close());
+}
+
+// The media reader's read-ahead ends with the chunk: bytes changed on disc
+// after a read are seen again beyond readAheadEnd (never fetched ahead),
+// while the rest of the chunk came with the first read.
+TEST_F(DiscStorageTest, MediaReaderFetchesAheadOnlyToTheChunkEnd) {
+    Bytes content = patternBytes(64 * 1024);
+    const std::string path = makeFile("media.bin", content);
+    CMediaReader reader;
+    ASSERT_EQ(MP4_OK, reader.open(path));
+    Bytes got(100);
+    ASSERT_EQ(MP4_OK, reader.read(1000, 100, got.data(), 5000));
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), content.begin() + 1000));
+
+    FILE* f = std::fopen(path.c_str(), "r+b");
+    ASSERT_NE(nullptr, f);
+    const Bytes changed(8000, 0xAA);
+    ASSERT_EQ(0, std::fseek(f, 1100, SEEK_SET));
+    ASSERT_EQ(changed.size(), std::fwrite(changed.data(), 1, changed.size(), f));
+    std::fclose(f);
+
+    ASSERT_EQ(MP4_OK, reader.read(4900, 100, got.data(), 5000));  // the chunk's last bytes
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), content.begin() + 4900));
+    ASSERT_EQ(MP4_OK, reader.read(5000, 100, got.data(), 9000));  // the next chunk
+    EXPECT_EQ(Bytes(100, 0xAA), got);
+    EXPECT_EQ(MP4_ERR_IO, reader.read(content.size() - 10, 100, got.data()));
+
+    // Over a storage the reader seeks and reads there, errors passed on.
+    CMemoryStorage memory;
+    memory.attach(content.data(), content.size(), false);
+    ASSERT_EQ(MP4_OK, memory.open(0));
+    reader.useStorage(&memory);
+    ASSERT_EQ(MP4_OK, reader.read(3, 100, got.data(), 5000));
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), content.begin() + 3));
+    uint8_t byte = 0;
+    EXPECT_EQ(MP4_ERR_OUT_OF_RANGE, reader.read(content.size() + 1, 1, &byte));  // the seek's code
+    memory.detach();
 }
 
 TEST(MemoryStorageTest, StatesAndBounds) {

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "BoxBuilder.h"
+#include "OpenedFile.h"
 #include "quil/quil.h"
 #include "storage/MemoryStorage.h"
 
@@ -31,56 +32,10 @@ using test::Bytes;
 using test::ByteWriter;
 using test::concat;
 using test::fullBox;
-
-std::string fixturePath(const std::string& name) { return std::string(QUIL_TEST_DATA_DIR) + "/" + name; }
-std::wstring widePath(const std::string& name) {
-    std::string path = fixturePath(name);
-    return std::wstring(path.begin(), path.end());
-}
-Bytes loadFixture(const std::string& name) {
-    std::ifstream in(fixturePath(name), std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-// An opened file, by fixture path or over bytes in a caller-owned memory
-// storage. Tracks handed out are released before the file closes.
-class OpenedFile {
-public:
-    explicit OpenedFile(const std::string& fixture) {
-        EXPECT_EQ(MP4_OK, CMp4File::createInstance(&file_));
-        EXPECT_EQ(MP4_OK, file_->open(widePath(fixture).c_str(), 0, 0)) << fixture;
-    }
-    explicit OpenedFile(Bytes bytes) : bytes_(std::move(bytes)) {
-        EXPECT_EQ(MP4_OK, CMp4File::createInstance(&file_));
-        storage_.attach(bytes_.data(), static_cast<uint32_t>(bytes_.size()), false);
-        EXPECT_EQ(MP4_OK, file_->setStorage(&storage_));
-        EXPECT_EQ(MP4_OK, file_->open(nullptr, 0, 0));
-    }
-    ~OpenedFile() {
-        for (CMp4Track* track : tracks_) (void)file_->releaseTrack(track);
-        (void)file_->close();
-        CMp4File::destroyInstance(&file_);
-        storage_.detach();
-    }
-    CMp4File* file() { return file_; }
-    MP4Err getTrack(uint32_t number, CMp4Track** track) {
-        MP4Err err = file_->getTrack(number, track);
-        if (err == MP4_OK) tracks_.push_back(*track);
-        return err;
-    }
-    // The track, or null with a test failure.
-    CMp4Track* track(uint32_t number) {
-        CMp4Track* t = nullptr;
-        EXPECT_EQ(MP4_OK, getTrack(number, &t)) << "track " << number;
-        return t;
-    }
-
-private:
-    CMp4File* file_ = nullptr;
-    Bytes bytes_;
-    CMemoryStorage storage_;
-    std::vector<CMp4Track*> tracks_;
-};
+using test::loadFixture;
+using test::OpenedFile;
+using test::fixturePath;
+using test::widePath;
 
 // Answers are compared as one number: the value, or failed(code) when the
 // call returns an error.
@@ -1025,9 +980,13 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     ASSERT_EQ(MP4_OK, in->getSampleCount(&count));
     for (uint32_t s = 1; s <= count; ++s) {
         const bool skipped = std::find(skip.begin(), skip.end(), s) != skip.end();
-        if (!skipped) EXPECT_EQ(MP4_OK, out->copySampleFrom(s, &size)) << "sample " << s;
+        if (!skipped) {
+            EXPECT_EQ(MP4_OK, out->copySampleFrom(s, &size)) << "sample " << s;
+        }
     }
-    if (count > 0) EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, out->copySampleFrom(1, &size));  // in order
+    if (count > 0) {
+        EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, out->copySampleFrom(1, &size));  // in order
+    }
     ASSERT_EQ(MP4_OK, target->releaseTrack(out));
     ASSERT_EQ(MP4_OK, target->close());
     CMp4File::destroyInstance(&target);

@@ -151,6 +151,8 @@ const char* fileTypeName(uint32_t fileType) {
     return fileType < sizeof kNames / sizeof kNames[0] ? kNames[fileType] : "unknown";
 }
 
+}  // namespace
+
 const char* trackKindName(uint32_t kind) {
     static const char* const kNames[] = {
         "other", "video", "audio", "hint", "object descriptor", "scene description", "time code",
@@ -197,6 +199,8 @@ const char* codecName(uint32_t codec) {
         default: return "unknown";
     }
 }
+
+namespace {
 
 const char* avcProfileName(uint8_t profile, uint8_t compatibility) {
     switch (profile) {
@@ -376,6 +380,12 @@ void addFileFields(Section* section, const char* path, CMp4File* file) {
     uint32_t count = 0;
     if (file->getTrackCount(&count) == MP4_OK) {
         section->addUnsigned("trackCount", "Track count", count);
+    }
+    // Shown for fragmented files only: the track sample counts include
+    // every fragment's samples.
+    uint32_t fragments = 0;
+    if (file->getFragmentCount(&fragments) == MP4_OK && fragments > 0) {
+        section->addUnsigned("fragmentCount", "Fragments", fragments);
     }
 }
 
@@ -637,41 +647,54 @@ void writeFieldsJson(JsonWriter* json, const Section& section) {
     }
 }
 
-}  // namespace
-
-int printInfo(const char* path, CMp4File* file, bool json) {
-    Section fileSection("File");
-    addFileFields(&fileSection, path, file);
+struct Report {
+    Section file{"File"};
     std::vector<Section> tracks;
+};
+
+Report collectReport(const char* path, CMp4File* file) {
+    Report report;
+    addFileFields(&report.file, path, file);
     uint32_t count = 0;
     (void)file->getTrackCount(&count);
     const uint64_t fileLength = fileSize(path);
     for (uint32_t number = 1; number <= count; ++number) {
-        tracks.push_back(collectTrack(file, number, fileLength));
+        report.tracks.push_back(collectTrack(file, number, fileLength));
     }
+    return report;
+}
 
-    if (!json) {
-        printSectionText(fileSection, "");
-        for (const Section& track : tracks) {
-            std::printf("\n%s\n", track.title.c_str());
-            printSectionText(track, "  ");
-        }
+}  // namespace
+
+int printInfo(const char* path, CMp4File* file, bool json) {
+    if (json) {
+        std::printf("%s\n", infoJson(path, file).c_str());
         return 0;
     }
+    const Report report = collectReport(path, file);
+    printSectionText(report.file, "");
+    for (const Section& track : report.tracks) {
+        std::printf("\n%s\n", track.title.c_str());
+        printSectionText(track, "  ");
+    }
+    return 0;
+}
+
+std::string infoJson(const char* path, CMp4File* file) {
+    const Report report = collectReport(path, file);
     JsonWriter writer;
     writer.beginObject();
-    writeFieldsJson(&writer, fileSection);
+    writeFieldsJson(&writer, report.file);
     writer.key("tracks");
     writer.beginArray();
-    for (const Section& track : tracks) {
+    for (const Section& track : report.tracks) {
         writer.beginObject();
         writeFieldsJson(&writer, track);
         writer.endObject();
     }
     writer.endArray();
     writer.endObject();
-    std::printf("%s\n", writer.text().c_str());
-    return 0;
+    return writer.text();
 }
 
 }  // namespace tool

@@ -72,6 +72,13 @@ inline std::string fourccText(uint32_t code) {
 // The "info" command: prints the report of an opened file as text or as one
 // JSON document. Returns the process exit code.
 int printInfo(const char* path, CMp4File* file, bool json);
+// The JSON document "info --json" prints, without its final line break.
+std::string infoJson(const char* path, CMp4File* file);
+
+// Names of a track kind (MP4TrackType) and of a codec number
+// (CMp4Track::getCodecType): "video", "H.264/AVC"; "unknown" otherwise.
+const char* trackKindName(uint32_t kind);
+const char* codecName(uint32_t codec);
 
 // Text from a file as valid UTF-8: valid UTF-8 stays as it is; anything
 // else is taken as Mac Roman (the legacy encoding of QuickTime text), so

@@ -451,14 +451,14 @@ bool parseAssignment(const std::string& text, Assignment* out) {
 
 // Keywords are given comma separated; each is stored as a length byte and
 // its bytes with a terminator, as 3GPP writers store them.
-MP4Err setKeywords(CMp4MetaData* meta, const Assignment& a, const uint8_t* language) {
+MP4Err setKeywords(CMp4MetaData* meta, const std::string& value, const uint8_t* language) {
     std::vector<uint8_t> list;
     uint32_t count = 0;
     size_t start = 0;
-    while (start <= a.value.size()) {
-        size_t comma = a.value.find(',', start);
-        if (comma == std::string::npos) comma = a.value.size();
-        std::string word = a.value.substr(start, comma - start);
+    while (start <= value.size()) {
+        size_t comma = value.find(',', start);
+        if (comma == std::string::npos) comma = value.size();
+        std::string word = value.substr(start, comma - start);
         if (word.size() > 254 || count == 255) return MP4_ERR_VALUE_TOO_LARGE;
         list.push_back(static_cast<uint8_t>(word.size() + 1));
         list.insert(list.end(), word.begin(), word.end());
@@ -480,16 +480,33 @@ MP4Err apply(CMp4File* file, const Assignment& a) {
     TrackHandle track(file, raw);
     err = Mp4GetEditableMetaData(file, raw, &meta);
     if (err != MP4_OK) return err;
-    const auto* language = reinterpret_cast<const uint8_t*>(a.language.data());
-    if (a.key == "keywords") return setKeywords(meta, a, language);
+    return setMetadataItem(meta, a.key, a.language, a.value);
+}
+
+}  // namespace
+
+MP4Err setMetadataItem(CMp4MetaData* meta, const std::string& key, const std::string& language,
+                       const std::string& value) {
+    if (language.size() != 3) return MP4_ERR_INVALID_ARGUMENT;
+    const auto* code = reinterpret_cast<const uint8_t*>(language.data());
+    if (key == "keywords") return setKeywords(meta, value, code);
     for (const SetKey& set : kSetKeys) {
-        if (a.key != set.key) continue;
+        if (key != set.key) continue;
         // The text is stored with its terminator.
-        return (meta->*set.set)(reinterpret_cast<const uint8_t*>(a.value.c_str()),
-                                static_cast<uint32_t>(a.value.size() + 1), language);
+        return (meta->*set.set)(reinterpret_cast<const uint8_t*>(value.c_str()),
+                                static_cast<uint32_t>(value.size() + 1), code);
     }
     return MP4_ERR_INVALID_ARGUMENT;
 }
+
+MP4Err metadataItems(CMp4File* file, std::vector<std::pair<std::string, std::string>>* items) {
+    std::vector<Item> found;
+    MP4Err err = collectAll(file, &found);
+    for (const Item& item : found) items->emplace_back(itemKey(item), item.value);
+    return err;
+}
+
+namespace {
 
 int writeWithChanges(const char* path, const std::vector<Assignment>& changes,
                      const char* out) {

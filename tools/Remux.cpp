@@ -50,12 +50,15 @@ public:
     Remuxer(const Remuxer&) = delete;
     Remuxer& operator=(const Remuxer&) = delete;
 
-    // Writes the copy to output; prints one line and returns false on failure.
+    // Writes the copy to output; false on failure, which failure() describes.
     bool run(const std::string& output);
     // Samples left out because they could not be read, over all tracks,
     // and tracks left out because they could not be read at all.
     uint64_t missingSamples() const;
     uint32_t missingTracks() const { return missingTracks_; }
+    const Failure& failure() const { return failure_; }
+    // Prints how many samples of each track were left out (stderr).
+    void reportMissing() const;
 
 private:
     bool fail(const std::string& what, MP4Err err) {
@@ -72,7 +75,6 @@ private:
     bool advance(TrackCopy* copy);
     TrackCopy* nextTrack();
     bool finish();
-    void reportMissing() const;
 
     const char* input_;
     uint32_t fileType_;
@@ -100,15 +102,8 @@ Remuxer::~Remuxer() {
 }
 
 bool Remuxer::run(const std::string& output) {
-    const bool done = openInput() && openOutput(output) && copyMovieProperties() && addTracks() &&
-                      copySamples() && finish();
-    if (!done) {
-        std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input_, failure_.what.c_str(),
-                     toString(failure_.err));
-    } else {
-        reportMissing();
-    }
-    return done;
+    return openInput() && openOutput(output) && copyMovieProperties() && addTracks() &&
+           copySamples() && finish();
 }
 
 uint64_t Remuxer::missingSamples() const {
@@ -264,6 +259,32 @@ bool Remuxer::finish() {
     return err == MP4_OK || fail("writing the movie box", err);
 }
 
+}  // namespace
+
+MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
+                 std::string* what, uint64_t* missing) {
+    Remuxer remuxer(input, fileType, typeGiven);
+    if (remuxer.run(output)) {
+        remuxer.reportMissing();
+        if (missing != nullptr) *missing = remuxer.missingSamples() + remuxer.missingTracks();
+        return MP4_OK;
+    }
+    if (what != nullptr) *what = remuxer.failure().what;
+    return remuxer.failure().err;
+}
+
+namespace {
+
+// remuxFile, printing one line on failure.
+bool remuxOrReport(const char* input, const std::string& output, uint32_t fileType,
+                   bool typeGiven, uint64_t* missing) {
+    std::string what;
+    const MP4Err err = remuxFile(input, output, fileType, typeGiven, &what, missing);
+    if (err == MP4_OK) return true;
+    std::fprintf(stderr, "quil: remux: %s: %s: %s\n", input, what.c_str(), toString(err));
+    return false;
+}
+
 // The copy was written, but samples (or whole tracks) of the input could
 // not be read and are missing from it (a cut-off or damaged file).
 constexpr int kExitSamplesMissing = 3;
@@ -289,18 +310,18 @@ int runRemux(const Arguments& arguments) {
             std::fprintf(stderr, "quil: remux: %s\n", error.c_str());
             return kExitFailure;
         }
-        {
-            Remuxer remuxer(input, static_cast<uint32_t>(fileType), typeText != nullptr);
-            if (!remuxer.run(intermediate.temporaryPath())) return kExitFailure;
-            missing = remuxer.missingSamples() + remuxer.missingTracks();
+        if (!remuxOrReport(input, intermediate.temporaryPath(), static_cast<uint32_t>(fileType),
+                           typeText != nullptr, &missing)) {
+            return kExitFailure;
         }
         if (moveMovieFirst(intermediate.temporaryPath().c_str(), output.temporaryPath(), "remux")) {
             return kExitFailure;
         }
     } else {
-        Remuxer remuxer(input, static_cast<uint32_t>(fileType), typeText != nullptr);
-        if (!remuxer.run(output.temporaryPath())) return kExitFailure;
-        missing = remuxer.missingSamples() + remuxer.missingTracks();
+        if (!remuxOrReport(input, output.temporaryPath(), static_cast<uint32_t>(fileType),
+                           typeText != nullptr, &missing)) {
+            return kExitFailure;
+        }
     }
     if (!output.commit(&error)) {
         std::fprintf(stderr, "quil: remux: %s\n", error.c_str());

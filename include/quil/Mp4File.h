@@ -126,6 +126,11 @@ public:
     // a null source, 3 when this file is not being written or the source
     // is not open.
     virtual MP4Err copyMovieBoxes(CMp4File* source) = 0;
+    // Reading: the movie fragments ("moof") of a fragmented file, 0 for a
+    // classic one. Their samples are part of the tracks: every sample
+    // operation of CMp4Track answers for the movie's samples followed by
+    // those of the fragments, in file order. 4 when nothing is open.
+    virtual MP4Err getFragmentCount(uint32_t* count) = 0;
     virtual ~CMp4File() = default;
 
     static MP4Err createInstance(CMp4File** file);

@@ -5,7 +5,8 @@
 #include <new>
 
 #include "BoxFactory.h"
-#include "Dump.h"
+#include "io/Dump.h"
+#include "io/FourCC.h"
 #include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 
@@ -14,17 +15,6 @@ namespace {
 
 constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 constexpr uint32_t kUuid = fourcc("uuid");
-
-bool isPrintableCode(uint32_t code) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        if (((code >> shift) & 0xFF) < 0x20) return false;
-    }
-    return true;
-}
-
-char codeChar(uint32_t code, int index) {
-    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
-}
 
 }  // namespace
 
@@ -229,6 +219,16 @@ MP4Err CBox::keepPayload(CStorage* storage) {
     return err;
 }
 
+MP4Err boxStartOffset(const CBox& box, CStorage* storage, uint64_t* offset) {
+    uint64_t position = 0;
+    MP4Err err = storage->getPosition(&position);
+    if (err != MP4_OK) return err;
+    const uint64_t headerLength = box.size - box.remaining;
+    if (position < headerLength) return MP4_ERR_BAD_BOX_SIZE;
+    *offset = position - headerLength;
+    return MP4_OK;
+}
+
 MP4Err sizeBox(CBox* box) {
     return box->writesAsRead() ? box->CBox::calculateSize() : box->calculateSize();
 }
@@ -379,6 +379,19 @@ MP4Err keepRest(CBoxList* list, CStorage* storage, uint64_t start, uint64_t coun
 
 }  // namespace
 
+namespace {
+
+// A file-level list whose movie has "mvex": fragments may follow any media data.
+bool continuesInFragments(CBoxList* list) {
+    if (list->ownerType() != 0) return false;
+    CBox* moov = nullptr;
+    CBox* mvex = nullptr;
+    return list->findNth(fourcc("moov"), &moov, 1) == MP4_OK &&
+           moov->findChild(fourcc("mvex"), &mvex) == MP4_OK;
+}
+
+}  // namespace
+
 MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
     uint32_t eof = 0;
     MP4Err err = storage->isEof(&eof);  // only a failing query matters
@@ -411,6 +424,11 @@ MP4Err readChildren(CBoxList* list, CStorage* storage, uint64_t* remaining) {
         if (err != MP4_OK) {
             delete child;
             return err;
+        }
+        // Nothing after the media data is read from a network storage,
+        // unless the movie goes on in fragments: their headers follow.
+        if (childType == fourcc("mdat") && isNetworkStorage(storage) && !continuesInFragments(list)) {
+            *remaining = 0;
         }
     }
     if (*remaining > 0) {

@@ -103,6 +103,10 @@ private:
 // Sizes and writes a box as a tree writer must: a box kept as read goes out
 // as its header and the bytes it was read from, any other through its class.
 MP4Err sizeBox(CBox* box);
+// Where a box being read starts in its storage: the position of its
+// payload's unread part less what was read of it. 6 when that lies before
+// the storage's start.
+MP4Err boxStartOffset(const CBox& box, CStorage* storage, uint64_t* offset);
 MP4Err writeBox(CBox* box, CStorage* storage);
 
 // A box that starts its payload with an 8-bit version and 24-bit flags.
@@ -118,6 +122,21 @@ protected:
     MP4Err writeVersionAndFlags(CStorage* storage);
     // Prints "Version = %d, Flags = 0x%06x\n" after the indentation.
     void dumpVersionAndFlags(int32_t depth);
+};
+
+// A box whose payload is one field layout: its class defines
+//     template <class IO> MP4Err fields(IO& io);
+// (io/FieldIO.h) and dump(); read, write and calculateSize walk that one
+// list. The family's source includes boxes/FieldBox.h and instantiates
+// `template class CFieldBox<CSomeBox, Base>;` once.
+template <class Self, class Base = CBox>
+class CFieldBox : public Base {
+public:
+    MP4Err read(CStorage* storage) override;
+    // The header, the fields, then the children when the box has a list.
+    MP4Err write(CStorage* storage) override;
+    // The header's size, what the fields count and the children's sizes.
+    MP4Err calculateSize() override;
 };
 
 // Ordered list of owned child boxes with a cursor, so that walking children

@@ -10,14 +10,15 @@
 #include "CompressedMovie.h"
 #include "ConfigBoxes.h"
 #include "EncryptionBoxes.h"
+#include "FragmentBoxes.h"
 #include "MetaDataBoxes.h"
 #include "MovieBoxes.h"
 #include "PspBoxes.h"
 #include "SampleEntries.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
-#include "track/SampleTables.h"
+#include "boxes/SampleTableBoxes.h"
 
 namespace quil {
 namespace {
@@ -65,7 +66,7 @@ const BoxFactoryRow kRows[] = {
     {fourcc("udta"), kAny, 0, make<CUserDataBox>},
     {fourcc("mdat"), kAny, 0, make<CMediaDataBox>},
 
-    // Sample tables (track/SampleTables.h)
+    // Sample tables (boxes/SampleTableBoxes.h)
     {fourcc("edts"), kAny, 0, make<CEditBox>},
     {fourcc("elst"), kAny, 0, make<CEditListBox>},
     {fourcc("stbl"), kAny, 0, make<CSampleTableBox>},
@@ -76,6 +77,30 @@ const BoxFactoryRow kRows[] = {
     {fourcc("stco"), kAny, 0, make<CChunkOffsetBox>},
     {fourcc("co64"), kAny, 0, make<CChunkLargeOffsetBox>},
     {fourcc("stss"), kAny, 0, make<CSyncSampleBox>},
+
+    // Movie fragments, segments and their indexes (FragmentBoxes.h)
+    {fourcc("mvex"), kAny, 0, make<CMovieExtendsBox>},
+    {fourcc("mehd"), kOnly, fourcc("mvex"), make<CMovieExtendsHeaderBox>},
+    {fourcc("trex"), kOnly, fourcc("mvex"), make<CTrackExtendsBox>},
+    {fourcc("moof"), kAny, 0, make<CMovieFragmentBox>},
+    {fourcc("mfhd"), kOnly, fourcc("moof"), make<CMovieFragmentHeaderBox>},
+    {fourcc("traf"), kOnly, fourcc("moof"), make<CTrackFragmentBox>},
+    {fourcc("tfhd"), kOnly, fourcc("traf"), make<CTrackFragmentHeaderBox>},
+    {fourcc("tfdt"), kOnly, fourcc("traf"), make<CTrackFragmentDecodeTimeBox>},
+    {fourcc("trun"), kOnly, fourcc("traf"), make<CTrackRunBox>},
+    {fourcc("sbgp"), kOnly, fourcc("traf"), make<Opaque>},
+    {fourcc("sgpd"), kOnly, fourcc("traf"), make<Opaque>},
+    {fourcc("subs"), kOnly, fourcc("traf"), make<Opaque>},
+    {fourcc("senc"), kOnly, fourcc("traf"), make<Opaque>},
+    {fourcc("saiz"), kOnly, fourcc("traf"), make<Opaque>},
+    {fourcc("saio"), kOnly, fourcc("traf"), make<Opaque>},
+    {fourcc("sidx"), kAny, 0, make<CSegmentIndexBox>},
+    {fourcc("styp"), kAny, 0, make<CFileTypeBox>},
+    {fourcc("mfra"), kAny, 0, make<CMovieFragmentRandomAccessBox>},
+    {fourcc("tfra"), kOnly, fourcc("mfra"), make<CTrackFragmentRandomAccessBox>},
+    {fourcc("mfro"), kOnly, fourcc("mfra"), make<CMovieFragmentRandomAccessOffsetBox>},
+    {fourcc("emsg"), kAny, 0, make<CEventMessageBox>},
+    {fourcc("prft"), kAny, 0, make<CProducerReferenceTimeBox>},
 
     // Sample description and sample entries (SampleEntries.h)
     {fourcc("stsd"), kAny, 0, make<CSampleDescriptionBox>},
@@ -179,7 +204,7 @@ const BoxFactoryRow kRows[] = {
     {fourcc("dcom"), kAny, 0, make<CDataCompressionBox>},
     {fourcc("cmvd"), kAny, 0, make<CCompressedMovieDataBox>},
 
-    // RTP hint tracks (hint/HintBoxes.h)
+    // RTP hint tracks (boxes/HintBoxes.h)
     {fourcc("rtp "), kOnly, fourcc("stsd"), make<CRtpHintSampleEntry>},
     {fourcc("rtp "), kOnly, fourcc("hnti"), make<CRtpMovieHintInformationBox>},
     {fourcc("rtp "), kAny, 0, nullptr},  // anywhere else: 8, payload not skipped
@@ -333,8 +358,6 @@ MP4Err readBox(CStorage* storage, uint32_t parentType, CBox** box, uint32_t* typ
     if (err != MP4_OK) return err;
 
     *parentRemaining -= payload;
-    // Nothing after the media data is read from a network storage.
-    if (result->type == fourcc("mdat") && isNetworkStorage(storage)) *parentRemaining = 0;
     *box = result.release();
     return MP4_OK;
 }

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "Dump.h"
+#include "io/Dump.h"
 #include "storage/BoundedStorage.h"
 
 namespace quil {

@@ -5,7 +5,8 @@
 #include <cstdio>
 #include <new>
 
-#include "Dump.h"
+#include "io/Dump.h"
+#include "io/FourCC.h"
 #include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 
@@ -13,10 +14,6 @@ namespace quil {
 namespace {
 
 constexpr uint64_t kMax32 = 0xFFFFFFFFull;
-
-char codeChar(uint32_t code, int index) {
-    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
-}
 
 // Set while the boxes of an inflated movie are read. A "cmvd" met inside
 // inflated data is refused: nested compression would let each level

@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "Dump.h"
+#include "io/Dump.h"
 #include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 

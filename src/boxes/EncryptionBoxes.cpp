@@ -2,7 +2,7 @@
 
 #include <cinttypes>
 
-#include "Dump.h"
+#include "io/Dump.h"
 #include "storage/BoundedStorage.h"
 
 namespace quil {

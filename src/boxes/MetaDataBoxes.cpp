@@ -5,14 +5,11 @@
 #include <new>
 #include <utility>
 
-#include "Dump.h"
+#include "io/Dump.h"
+#include "io/FourCC.h"
 
 namespace quil {
 namespace {
-
-char codeChar(uint32_t code, int index) {
-    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
-}
 
 // The packed ISO 639-2/T code: a zero pad bit, then three 5-bit codes.
 uint16_t packLanguage(const uint8_t codes[3]) {

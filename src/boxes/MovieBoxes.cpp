@@ -5,7 +5,9 @@
 #include <cstring>
 #include <new>
 
-#include "Dump.h"
+#include "boxes/FieldBox.h"
+#include "io/Dump.h"
+#include "io/FourCC.h"
 #include "storage/BoundedStorage.h"
 #include "storage/BaseStorage.h"
 
@@ -15,110 +17,19 @@ namespace {
 constexpr uint64_t kMax32 = 0xFFFFFFFFull;
 constexpr uint32_t kMaxHandlerName = 255;
 
-char codeChar(uint32_t code, int index) {
-    return static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
-}
-
-// Reads consecutive payload fields, lowering the box's remaining count by
-// each field read and refusing (6) a field that the count cannot hold. After the first failure nothing more is read and that
-// error is kept.
-class PayloadReader {
-public:
-    PayloadReader(CStorage* storage, uint64_t* remaining)
-        : storage_(storage), remaining_(remaining) {}
-
-    PayloadReader& u8(uint8_t& v) { return get(&CStorage::readUInt8, v, 1); }
-    PayloadReader& u16(uint16_t& v) { return get(&CStorage::readUInt16, v, 2); }
-    PayloadReader& i16(int16_t& v) { return get(&CStorage::readInt16, v, 2); }
-    PayloadReader& u32(uint32_t& v) { return get(&CStorage::readUInt32, v, 4); }
-    PayloadReader& i32(int32_t& v) { return get(&CStorage::readInt32, v, 4); }
-    PayloadReader& u64(uint64_t& v) { return get(&CStorage::readUInt64, v, 8); }
-    // A 64-bit field when wide, else a 32-bit one.
-    PayloadReader& u32or64(bool wide, uint64_t& v) {
-        if (wide) return u64(v);
-        uint32_t narrow = 0;
-        u32(narrow);
-        if (err_ == MP4_OK) v = narrow;
-        return *this;
-    }
-    template <class T, size_t N>
-    PayloadReader& each(PayloadReader& (PayloadReader::*one)(T&), T (&values)[N]) {
-        for (T& v : values) (this->*one)(v);
-        return *this;
-    }
-    MP4Err error() const { return err_; }
-
-private:
-    template <class T>
-    PayloadReader& get(MP4Err (CStorage::*read)(T*), T& v, uint64_t width) {
-        if (err_ != MP4_OK) return *this;
-        // A box too short for its fields stops here; the count never wraps.
-        if (*remaining_ < width) {
-            err_ = MP4_ERR_BAD_BOX_SIZE;
-            return *this;
-        }
-        err_ = (storage_->*read)(&v);
-        if (err_ == MP4_OK) *remaining_ -= width;
-        return *this;
-    }
-
-    CStorage* storage_;
-    uint64_t* remaining_;
-    MP4Err err_ = MP4_OK;
-};
-
-// Writes consecutive payload fields; after the first failure nothing more
-// is written and that error is kept.
-class PayloadWriter {
-public:
-    explicit PayloadWriter(CStorage* storage) : storage_(storage) {}
-
-    PayloadWriter& u8(uint8_t v) { return put(&CStorage::writeUInt8, v); }
-    PayloadWriter& u16(uint16_t v) { return put(&CStorage::writeUInt16, v); }
-    PayloadWriter& i16(int16_t v) { return put(&CStorage::writeInt16, v); }
-    PayloadWriter& u32(uint32_t v) { return put(&CStorage::writeUInt32, v); }
-    PayloadWriter& i32(int32_t v) { return put(&CStorage::writeInt32, v); }
-    PayloadWriter& u64(uint64_t v) { return put(&CStorage::writeUInt64, v); }
-    PayloadWriter& u32or64(bool wide, uint64_t v) {
-        return wide ? u64(v) : u32(static_cast<uint32_t>(v));
-    }
-    template <class T, size_t N>
-    PayloadWriter& each(PayloadWriter& (PayloadWriter::*one)(T), const T (&values)[N]) {
-        for (T v : values) (this->*one)(v);
-        return *this;
-    }
-    PayloadWriter& block(const void* bytes, uint32_t count) {
-        if (err_ == MP4_OK && count > 0) {
-            err_ = storage_->writeBlock(bytes, static_cast<int32_t>(count));
-        }
-        return *this;
-    }
-    MP4Err error() const { return err_; }
-
-private:
-    template <class T>
-    PayloadWriter& put(MP4Err (CStorage::*write)(T), T v) {
-        if (err_ == MP4_OK) err_ = (storage_->*write)(v);
-        return *this;
-    }
-
-    CStorage* storage_;
-    MP4Err err_ = MP4_OK;
-};
-
 // Reads the rest of the payload as text into a buffer one byte longer, so
 // that it is always zero-terminated (the hidden terminator is never
-// written or counted). A remaining count larger than the box means the
-// fixed fields already ran past its end: nothing more is read then.
-MP4Err readTextTail(CStorage* storage, const CBox& box, std::unique_ptr<char[]>* text,
+// written or counted). A budget larger than the box means the fixed fields
+// already ran past its end: nothing more is read then.
+MP4Err readTextTail(FieldReader<uint64_t>& io, uint64_t boxSize, std::unique_ptr<char[]>* text,
                     uint64_t* length) {
-    uint64_t count = box.remaining;
-    if (count > box.size || count > kMax32 || count > readableBytes(storage)) {
+    uint64_t count = io.left();
+    if (count > boxSize || count > kMax32 || count > readableBytes(io.storage())) {
         return MP4_ERR_BAD_BOX_SIZE;
     }
     std::unique_ptr<char[]> bytes(new (std::nothrow) char[count + 1]);
     if (!bytes) return MP4_ERR_OUT_OF_MEMORY;
-    MP4Err err = storage->readBytes(reinterpret_cast<uint8_t*>(bytes.get()), count);
+    MP4Err err = io.bytes(reinterpret_cast<uint8_t*>(bytes.get()), count).error();
     if (err != MP4_OK) return err;
     bytes[count] = '\0';
     *text = std::move(bytes);
@@ -149,8 +60,10 @@ MP4Err copyText(const char* text, uint32_t maxLength, std::unique_ptr<char[]>* o
     return MP4_OK;
 }
 
-MP4Err writeText(PayloadWriter& writer, const char* text) {
-    return writer.block(text, textLength(text)).u8(0).error();
+// A text and its terminating zero, written or counted.
+template <class IO>
+IO& zeroTerminated(IO& io, const char* text) {
+    return io.bytes(reinterpret_cast<const uint8_t*>(text), textLength(text)).u8(0);
 }
 
 // Appends a value to an array that grows by doubling, so that a table only
@@ -223,38 +136,32 @@ MP4Err CUserDataBox::dump(int32_t depth) {
 
 // ---- "ftyp" -----------------------------------------------------------------
 
-MP4Err CFileTypeBox::read(CStorage* storage) {
-    PayloadReader reader(storage, &remaining);
-    MP4Err err = reader.u32(majorBrand).u32(minorVersion).error();
-    if (err != MP4_OK) return err;
-    // A remaining count above the box size means the box was too short for
-    // the two fixed fields.
-    if (remaining > size || remaining % 4 != 0 || remaining / 4 > 0x7FFFFFFF) {
-        return MP4_ERR_BAD_BOX_SIZE;
+template <class IO>
+MP4Err CFileTypeBox::fields(IO& io) {
+    if (!io.u32(majorBrand).u32(minorVersion).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        // A budget above the box size means the box was too short for the
+        // two fixed fields.
+        if (remaining > size || remaining % 4 != 0 || remaining / 4 > 0x7FFFFFFF) {
+            return MP4_ERR_BAD_BOX_SIZE;
+        }
+        uint32_t brandCount = static_cast<uint32_t>(remaining / 4);
+        compatibleBrands.reset();
+        compatibleBrandCount = 0;
+        uint32_t capacity = 0;
+        for (uint32_t i = 0; i < brandCount; ++i) {
+            uint32_t brand = 0;
+            if (!io.u32(brand).ok()) return io.error();
+            MP4Err err = appendValue(&compatibleBrands, &capacity, i, brand);
+            if (err != MP4_OK) return err;
+            ++compatibleBrandCount;
+        }
+        return MP4_OK;
     }
-    uint32_t brandCount = static_cast<uint32_t>(remaining / 4);
-    compatibleBrands.reset();
-    compatibleBrandCount = 0;
-    uint32_t capacity = 0;
-    for (uint32_t i = 0; i < brandCount; ++i) {
-        uint32_t brand = 0;
-        err = reader.u32(brand).error();
-        if (err != MP4_OK) return err;
-        err = appendValue(&compatibleBrands, &capacity, i, brand);
-        if (err != MP4_OK) return err;
-        ++compatibleBrandCount;
-    }
-    return MP4_OK;
+    for (int32_t i = 0; i < compatibleBrandCount; ++i) io.u32(compatibleBrands[i]);
+    return io.error();
 }
-
-MP4Err CFileTypeBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    PayloadWriter writer(storage);
-    writer.u32(majorBrand).u32(minorVersion);
-    for (int32_t i = 0; i < compatibleBrandCount; ++i) writer.u32(compatibleBrands[i]);
-    return writer.error();
-}
+template class CFieldBox<CFileTypeBox, CBox>;
 
 MP4Err CFileTypeBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -267,12 +174,6 @@ MP4Err CFileTypeBox::dump(int32_t depth) {
         dumpLine(depth, "Compatible Brand %d: %c%c%c%c\n", i, codeChar(brand, 0),
                  codeChar(brand, 1), codeChar(brand, 2), codeChar(brand, 3));
     }
-    return MP4_OK;
-}
-
-MP4Err CFileTypeBox::calculateSize() {
-    CBox::calculateSize();
-    size += 8 + 4 * static_cast<uint64_t>(compatibleBrandCount > 0 ? compatibleBrandCount : 0);
     return MP4_OK;
 }
 
@@ -291,44 +192,24 @@ MP4Err CFileTypeBox::setCompatibleBrands(const uint32_t* brands, int32_t count) 
 
 // ---- "mvhd" -----------------------------------------------------------------
 
-MP4Err CMovieHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    bool wide = version == 1;
-    return PayloadReader(storage, &remaining)
-        .u32or64(wide, creationTime)
+template <class IO>
+MP4Err CMovieHeaderBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
+    const bool wide = version == 1;
+    return io.u32or64(wide, creationTime)
         .u32or64(wide, modificationTime)
         .u32(timeScale)
         .u32or64(wide, duration)
         .i32(rate)
         .i16(volume)
         .u16(reserved1)
-        .each(&PayloadReader::u32, reserved2)
-        .each(&PayloadReader::i32, matrix)
-        .each(&PayloadReader::u32, preDefined)
+        .array(reserved2)
+        .array(matrix)
+        .array(preDefined)
         .u32(nextTrackId)
         .error();
 }
-
-MP4Err CMovieHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    bool wide = version == 1;
-    return PayloadWriter(storage)
-        .u32or64(wide, creationTime)
-        .u32or64(wide, modificationTime)
-        .u32(timeScale)
-        .u32or64(wide, duration)
-        .i32(rate)
-        .i16(volume)
-        .u16(reserved1)
-        .each(&PayloadWriter::u32, reserved2)
-        .each(&PayloadWriter::i32, matrix)
-        .each(&PayloadWriter::u32, preDefined)
-        .u32(nextTrackId)
-        .error();
-}
+template class CFieldBox<CMovieHeaderBox, CFullBox>;
 
 MP4Err CMovieHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -339,12 +220,6 @@ MP4Err CMovieHeaderBox::dump(int32_t depth) {
     dumpLine(depth, "TimeScale = %u Duration = %" PRIu64 "\n", timeScale, duration);
     dumpLine(depth, "Duration=%" PRIu64 ", Rate=%d, Volume=%d, NextTrackId=%d\n", duration, rate,
              static_cast<int32_t>(volume), static_cast<int32_t>(nextTrackId));
-    return MP4_OK;
-}
-
-MP4Err CMovieHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += version == 1 ? 112 : 100;
     return MP4_OK;
 }
 
@@ -371,51 +246,27 @@ double CTrackHeaderBox::rotationFromMatrix(const int32_t matrix[9]) {
     return angle;
 }
 
-MP4Err CTrackHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    bool wide = version == 1;
-    err = PayloadReader(storage, &remaining)
-              .u32or64(wide, creationTime)
-              .u32or64(wide, modificationTime)
-              .u32(trackId)
-              .u32(reserved1)
-              .u32or64(wide, duration)
-              .each(&PayloadReader::u32, reserved2)
-              .i16(layer)
-              .i16(alternateGroup)
-              .i16(volume)
-              .u16(reserved3)
-              .each(&PayloadReader::i32, matrix)
-              .i32(width)
-              .i32(height)
-              .error();
-    if (err != MP4_OK) return err;
-    rotationAngle = rotationFromMatrix(matrix);
-    return MP4_OK;
-}
-
-MP4Err CTrackHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    bool wide = version == 1;
-    return PayloadWriter(storage)
-        .u32or64(wide, creationTime)
+template <class IO>
+MP4Err CTrackHeaderBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
+    const bool wide = version == 1;
+    io.u32or64(wide, creationTime)
         .u32or64(wide, modificationTime)
         .u32(trackId)
         .u32(reserved1)
         .u32or64(wide, duration)
-        .each(&PayloadWriter::u32, reserved2)
+        .array(reserved2)
         .i16(layer)
         .i16(alternateGroup)
         .i16(volume)
         .u16(reserved3)
-        .each(&PayloadWriter::i32, matrix)
+        .array(matrix)
         .i32(width)
-        .i32(height)
-        .error();
+        .i32(height);
+    if (IO::kReads && io.ok()) rotationAngle = rotationFromMatrix(matrix);
+    return io.error();
 }
+template class CFieldBox<CTrackHeaderBox, CFullBox>;
 
 MP4Err CTrackHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -439,35 +290,25 @@ MP4Err CTrackHeaderBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CTrackHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += version == 1 ? 96 : 84;
-    return MP4_OK;
-}
-
 // ---- track reference types --------------------------------------------------
 
-MP4Err CTrackReferenceTypeBox::read(CStorage* storage) {
-    PayloadReader reader(storage, &remaining);
-    // Whole IDs only: 1 to 3 trailing bytes are left to the factory's skip
-    // instead of reading past the box.
-    while (remaining >= 4) {
-        uint32_t trackId = 0;
-        MP4Err err = reader.u32(trackId).error();
-        if (err != MP4_OK) return err;
-        err = addTrackId(trackId);
-        if (err != MP4_OK) return err;
+template <class IO>
+MP4Err CTrackReferenceTypeBox::fields(IO& io) {
+    if constexpr (IO::kReads) {
+        // Whole IDs only: 1 to 3 trailing bytes are left to the factory's
+        // skip instead of reading past the box.
+        while (io.left() >= 4) {
+            uint32_t trackId = 0;
+            if (!io.u32(trackId).ok()) return io.error();
+            MP4Err err = addTrackId(trackId);
+            if (err != MP4_OK) return err;
+        }
+        return MP4_OK;
     }
-    return MP4_OK;
+    for (uint32_t i = 0; i < count; ++i) io.u32(trackIds[i]);
+    return io.error();
 }
-
-MP4Err CTrackReferenceTypeBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    PayloadWriter writer(storage);
-    for (uint32_t i = 0; i < count; ++i) writer.u32(trackIds[i]);
-    return writer.error();
-}
+template class CFieldBox<CTrackReferenceTypeBox, CBox>;
 
 MP4Err CTrackReferenceTypeBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -480,12 +321,6 @@ MP4Err CTrackReferenceTypeBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CTrackReferenceTypeBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4 * static_cast<uint64_t>(count);
-    return MP4_OK;
-}
-
 MP4Err CTrackReferenceTypeBox::addTrackId(uint32_t trackId) {
     MP4Err err = appendValue(&trackIds, &capacity_, count, trackId);
     if (err != MP4_OK) return err;
@@ -495,41 +330,29 @@ MP4Err CTrackReferenceTypeBox::addTrackId(uint32_t trackId) {
 
 // ---- "mdhd" -----------------------------------------------------------------
 
-MP4Err CMediaHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    bool wide = version == 1;
+template <class IO>
+MP4Err CMediaHeaderBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
+    const bool wide = version == 1;
     uint16_t packedLanguage = 0;
-    err = PayloadReader(storage, &remaining)
-              .u32or64(wide, creationTime)
-              .u32or64(wide, modificationTime)
-              .u32(timeScale)
-              .u32or64(wide, duration)
-              .u16(packedLanguage)
-              .u16(preDefined)
-              .error();
-    // The codes are taken even when pre-defined could not be read.
-    language[0] = static_cast<uint8_t>((packedLanguage >> 10) & 31);
-    language[1] = static_cast<uint8_t>((packedLanguage >> 5) & 31);
-    language[2] = static_cast<uint8_t>(packedLanguage & 31);
-    return err;
-}
-
-MP4Err CMediaHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    bool wide = version == 1;
-    uint32_t packedLanguage = ((language[0] * 32u + language[1]) * 32u + language[2]) & 0xFFFF;
-    return PayloadWriter(storage)
-        .u32or64(wide, creationTime)
+    if (!IO::kReads) {
+        packedLanguage = static_cast<uint16_t>((language[0] * 32u + language[1]) * 32u + language[2]);
+    }
+    io.u32or64(wide, creationTime)
         .u32or64(wide, modificationTime)
         .u32(timeScale)
         .u32or64(wide, duration)
-        .u16(static_cast<uint16_t>(packedLanguage))
-        .u16(preDefined)
-        .error();
+        .u16(packedLanguage)
+        .u16(preDefined);
+    if (IO::kReads) {
+        // The codes are taken even when pre-defined could not be read.
+        language[0] = static_cast<uint8_t>((packedLanguage >> 10) & 31);
+        language[1] = static_cast<uint8_t>((packedLanguage >> 5) & 31);
+        language[2] = static_cast<uint8_t>(packedLanguage & 31);
+    }
+    return io.error();
 }
+template class CFieldBox<CMediaHeaderBox, CFullBox>;
 
 MP4Err CMediaHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -544,12 +367,6 @@ MP4Err CMediaHeaderBox::dump(int32_t depth) {
         dumpLine(depth, "Language Code: %c%c%c\n", static_cast<char>(language[0] + 0x60),
                  static_cast<char>(language[1] + 0x60), static_cast<char>(language[2] + 0x60));
     }
-    return MP4_OK;
-}
-
-MP4Err CMediaHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += version == 1 ? 36 : 24;
     return MP4_OK;
 }
 
@@ -602,49 +419,42 @@ MP4Err CMediaHeaderBox::setLanguage(const uint8_t* text) {
 
 // ---- "hdlr" -----------------------------------------------------------------
 
-MP4Err CHandlerReferenceBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    err = PayloadReader(storage, &remaining)
-              .u32(preDefined)
-              .u32(handlerType)
-              .each(&PayloadReader::u32, reserved)
-              .error();
-    if (err != MP4_OK) return err;
-    if (remaining > 0) {
-        uint64_t length = 0;
-        err = readTextTail(storage, *this, &name, &length);
-        if (err != MP4_OK) return err;
-        nameAsRead_.assign(name.get(), length);
-        // A counted (Pascal) string: its first byte is the length of the
-        // rest. The count byte is dropped; the rest stays terminated.
-        if (static_cast<uint8_t>(name[0]) == length - 1) {
-            std::memmove(name.get(), name.get() + 1, length - 1);
-            name[length - 1] = '\0';
-        }
-        nameReadAs_ = name.get();
+template <class IO>
+MP4Err CHandlerReferenceBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).u32(preDefined).u32(handlerType).array(reserved).ok()) {
+        return io.error();
     }
-    remaining = 0;
-    return MP4_OK;
+    if constexpr (IO::kReads) {
+        if (io.left() > 0) {
+            uint64_t length = 0;
+            MP4Err err = readTextTail(io, size, &name, &length);
+            if (err != MP4_OK) return err;
+            nameAsRead_.assign(name.get(), length);
+            // A counted (Pascal) string: its first byte is the length of
+            // the rest. The count byte is dropped; the rest stays terminated.
+            if (static_cast<uint8_t>(name[0]) == length - 1) {
+                std::memmove(name.get(), name.get() + 1, length - 1);
+                name[length - 1] = '\0';
+            }
+            nameReadAs_ = name.get();
+        }
+        remaining = 0;
+        return MP4_OK;
+    } else {
+        if (nameIsAsRead()) {
+            io.bytes(reinterpret_cast<const uint8_t*>(nameAsRead_.data()), nameAsRead_.size());
+        } else if (name) {
+            zeroTerminated(io, name.get());
+        }
+        return io.error();
+    }
 }
+template class CFieldBox<CHandlerReferenceBox, CFullBox>;
 
 bool CHandlerReferenceBox::nameIsAsRead() const {
     return name && !nameAsRead_.empty() && nameReadAs_ == name.get();
 }
 
-MP4Err CHandlerReferenceBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    PayloadWriter writer(storage);
-    writer.u32(preDefined).u32(handlerType).each(&PayloadWriter::u32, reserved);
-    if (nameIsAsRead()) {
-        writer.block(nameAsRead_.data(), static_cast<uint32_t>(nameAsRead_.size()));
-    } else if (name) {
-        writeText(writer, name.get());
-    }
-    return writer.error();
-}
 
 MP4Err CHandlerReferenceBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -653,17 +463,6 @@ MP4Err CHandlerReferenceBox::dump(int32_t depth) {
     dumpLine(depth, "Handler type=%c%c%c%c\n", codeChar(handlerType, 0), codeChar(handlerType, 1),
              codeChar(handlerType, 2), codeChar(handlerType, 3));
     dumpLine(depth, "Name=%s\n", printable(name.get()));
-    return MP4_OK;
-}
-
-MP4Err CHandlerReferenceBox::calculateSize() {
-    CBox::calculateSize();
-    size += 24;
-    if (nameIsAsRead()) {
-        size += nameAsRead_.size();
-    } else if (name) {
-        size += nameLength() + 1;
-    }
     return MP4_OK;
 }
 
@@ -746,21 +545,35 @@ MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box) {
 
 // ---- media-type headers -----------------------------------------------------
 
-MP4Err CVideoMediaHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return PayloadReader(storage, &remaining)
-        .i16(graphicsMode)
-        .each(&PayloadReader::i16, opcolor)
+template <class IO>
+MP4Err CVideoMediaHeaderBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags).i16(graphicsMode).array(opcolor).error();
+}
+template class CFieldBox<CVideoMediaHeaderBox, CFullBox>;
+
+template <class IO>
+MP4Err CSoundMediaHeaderBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags).i16(balance).u16(reserved).error();
+}
+template class CFieldBox<CSoundMediaHeaderBox, CFullBox>;
+
+template <class IO>
+MP4Err CHintMediaHeaderBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags)
+        .u16(maxPduSize)
+        .u16(avgPduSize)
+        .u32(maxBitrate)
+        .u32(avgBitrate)
+        .u32(reserved)
         .error();
 }
+template class CFieldBox<CHintMediaHeaderBox, CFullBox>;
 
-MP4Err CVideoMediaHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return PayloadWriter(storage).i16(graphicsMode).each(&PayloadWriter::i16, opcolor).error();
+template <class IO>
+MP4Err CNullMediaHeaderBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags).error();
 }
+template class CFieldBox<CNullMediaHeaderBox, CFullBox>;
 
 MP4Err CVideoMediaHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -772,62 +585,12 @@ MP4Err CVideoMediaHeaderBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CVideoMediaHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += 12;
-    return MP4_OK;
-}
-
-MP4Err CSoundMediaHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return PayloadReader(storage, &remaining).i16(balance).u16(reserved).error();
-}
-
-MP4Err CSoundMediaHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return PayloadWriter(storage).i16(balance).u16(reserved).error();
-}
-
 MP4Err CSoundMediaHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
     if (err != MP4_OK) return err;
     dumpVersionAndFlags(depth);
     dumpLine(depth, "Balance=%d\n", static_cast<int32_t>(balance));
     return MP4_OK;
-}
-
-MP4Err CSoundMediaHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += 8;
-    return MP4_OK;
-}
-
-MP4Err CHintMediaHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return PayloadReader(storage, &remaining)
-        .u16(maxPduSize)
-        .u16(avgPduSize)
-        .u32(maxBitrate)
-        .u32(avgBitrate)
-        .u32(reserved)
-        .error();
-}
-
-MP4Err CHintMediaHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return PayloadWriter(storage)
-        .u16(maxPduSize)
-        .u16(avgPduSize)
-        .u32(maxBitrate)
-        .u32(avgBitrate)
-        .u32(reserved)
-        .error();
 }
 
 MP4Err CHintMediaHeaderBox::dump(int32_t depth) {
@@ -840,20 +603,6 @@ MP4Err CHintMediaHeaderBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CHintMediaHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += 20;
-    return MP4_OK;
-}
-
-MP4Err CNullMediaHeaderBox::read(CStorage* storage) { return readVersionAndFlags(storage); }
-
-MP4Err CNullMediaHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    return writeVersionAndFlags(storage);
-}
-
 MP4Err CNullMediaHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
     if (err != MP4_OK) return err;
@@ -861,56 +610,36 @@ MP4Err CNullMediaHeaderBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CNullMediaHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4;
-    return MP4_OK;
-}
-
 // ---- "tcmi" -----------------------------------------------------------------
 
-MP4Err CTimeCodeMediaHeaderBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
+template <class IO>
+MP4Err CTimeCodeMediaHeaderBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
     // Ten 16-bit fields and the font name's length byte.
-    if (remaining < 21 || remaining > size) return MP4_ERR_BAD_BOX_SIZE;
-    PayloadReader reader(storage, &remaining);
-    err = reader.i16(textFont)
-              .i16(textFace)
-              .i16(textSize)
-              .i16(reserved)
-              .each(&PayloadReader::i16, textColor)
-              .each(&PayloadReader::i16, backgroundColor)
-              .u8(fontNameLength)
-              .error();
-    if (err != MP4_OK) return err;
-    if (fontNameLength > remaining) return MP4_ERR_BAD_BOX_SIZE;
-    std::unique_ptr<char[]> text(new (std::nothrow) char[fontNameLength + 1u]);
-    if (!text) return MP4_ERR_OUT_OF_MEMORY;
-    err = storage->readBytes(reinterpret_cast<uint8_t*>(text.get()), fontNameLength);
-    if (err != MP4_OK) return err;
-    remaining -= fontNameLength;
-    text[fontNameLength] = '\0';
-    fontName = std::move(text);
-    return MP4_OK;
-}
-
-MP4Err CTimeCodeMediaHeaderBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
+    if (IO::kReads && (remaining < 21 || remaining > size)) return MP4_ERR_BAD_BOX_SIZE;
     uint8_t length = fontName ? fontNameLength : 0;
-    return PayloadWriter(storage)
-        .i16(textFont)
+    io.i16(textFont)
         .i16(textFace)
         .i16(textSize)
         .i16(reserved)
-        .each(&PayloadWriter::i16, textColor)
-        .each(&PayloadWriter::i16, backgroundColor)
-        .u8(length)
-        .block(fontName.get(), length)
-        .error();
+        .array(textColor)
+        .array(backgroundColor)
+        .u8(length);
+    if (!io.ok()) return io.error();
+    if constexpr (IO::kReads) {
+        fontNameLength = length;
+        if (fontNameLength > remaining) return MP4_ERR_BAD_BOX_SIZE;
+        std::unique_ptr<char[]> text(new (std::nothrow) char[fontNameLength + 1u]);
+        if (!text) return MP4_ERR_OUT_OF_MEMORY;
+        if (!io.bytes(reinterpret_cast<uint8_t*>(text.get()), fontNameLength).ok()) return io.error();
+        text[fontNameLength] = '\0';
+        fontName = std::move(text);
+        return MP4_OK;
+    } else {
+        return io.bytes(reinterpret_cast<const uint8_t*>(fontName.get()), length).error();
+    }
 }
+template class CFieldBox<CTimeCodeMediaHeaderBox, CFullBox>;
 
 MP4Err CTimeCodeMediaHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -927,29 +656,19 @@ MP4Err CTimeCodeMediaHeaderBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CTimeCodeMediaHeaderBox::calculateSize() {
-    CBox::calculateSize();
-    size += 25 + (fontName ? fontNameLength : 0);
-    return MP4_OK;
-}
-
 // ---- "dref", "url ", "urn " -------------------------------------------------
 
+template <class IO>
+MP4Err CDataReferenceBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags).u32(entryCount).error();
+}
+template class CFieldBox<CDataReferenceBox, CFullBox>;
+
 MP4Err CDataReferenceBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    err = PayloadReader(storage, &remaining).u32(entryCount).error();
+    MP4Err err = readFields(this, storage, &remaining);
     if (err != MP4_OK) return err;
     if (MP4Err err = startChildList(&children, this)) return err;
     return readChildren(children.get(), storage, &remaining);
-}
-
-MP4Err CDataReferenceBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err == MP4_OK) err = storage->writeUInt32(entryCount);
-    if (err != MP4_OK) return err;
-    return writeChildren(children.get(), storage);
 }
 
 MP4Err CDataReferenceBox::dump(int32_t depth) {
@@ -964,14 +683,6 @@ MP4Err CDataReferenceBox::dump(int32_t depth) {
     return dumpChildrenInBraces(children.get(), depth);
 }
 
-MP4Err CDataReferenceBox::calculateSize() {
-    CBox::calculateSize();
-    uint64_t total = size + 8;
-    MP4Err err = addChildrenSizes(children.get(), &total);
-    size = total;
-    return err;
-}
-
 MP4Err CDataReferenceBox::findChild(uint32_t wantedType, CBox** box, uint32_t instance) {
     return findInChildList(children.get(), wantedType, box, instance);
 }
@@ -983,26 +694,24 @@ MP4Err CDataReferenceBox::addChild(CBox* box) {
     return MP4_OK;
 }
 
-MP4Err CDataEntryURLBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    // Flags 1: the data is in this file and no location follows.
-    if (flags == 0) {
-        uint64_t length = 0;
-        err = readTextTail(storage, *this, &location, &length);
+template <class IO>
+MP4Err CDataEntryURLBox::fields(IO& io) {
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        MP4Err err = MP4_OK;
+        // Flags 1: the data is in this file and no location follows.
+        if (flags == 0) {
+            uint64_t length = 0;
+            err = readTextTail(io, size, &location, &length);
+        }
+        remaining = 0;
+        return err;
+    } else {
+        if (textLength(location.get()) == 0) return io.error();
+        return zeroTerminated(io, location.get()).error();
     }
-    remaining = 0;
-    return err;
 }
-
-MP4Err CDataEntryURLBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    if (textLength(location.get()) == 0) return MP4_OK;
-    PayloadWriter writer(storage);
-    return writeText(writer, location.get());
-}
+template class CFieldBox<CDataEntryURLBox, CFullBox>;
 
 MP4Err CDataEntryURLBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -1012,36 +721,32 @@ MP4Err CDataEntryURLBox::dump(int32_t depth) {
 }
 
 MP4Err CDataEntryURLBox::calculateSize() {
-    CBox::calculateSize();
+    MP4Err err = CFieldBox::calculateSize();
     // Deliberately without the terminator that write() emits after a
     // location: kept for compatibility with files this library wrote.
-    size += 4 + textLength(location.get());
-    return MP4_OK;
+    if (textLength(location.get()) > 0) size -= 1;
+    return err;
 }
 
 MP4Err CDataEntryURLBox::setLocation(const char* text) {
     return copyText(text, 0xFFFFFFFFu, &location);
 }
 
-MP4Err CDataEntryURNBox::read(CStorage* storage) {
+template <class IO>
+MP4Err CDataEntryURNBox::fields(IO& io) {
     // The strings would come from the storage's string read, which reads
-    // nothing: they stay empty and the factory skips the payload.
-    return readVersionAndFlags(storage);
+    // nothing: they stay empty when read and the factory skips the payload.
+    if (!io.versionAndFlags(version, flags).ok()) return io.error();
+    if constexpr (!IO::kReads) {
+        uint32_t locationBytes = textLength(location.get());
+        if (textLength(name.get()) == 0 && locationBytes == 0) return MP4_OK;
+        // ISO/IEC 14496-12 §8.7.2: the name is required, the location optional.
+        zeroTerminated(io, name.get());
+        if (locationBytes > 0) zeroTerminated(io, location.get());
+    }
+    return io.error();
 }
-
-MP4Err CDataEntryURNBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err == MP4_OK) err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    uint32_t nameBytes = textLength(name.get());
-    uint32_t locationBytes = textLength(location.get());
-    if (nameBytes == 0 && locationBytes == 0) return MP4_OK;
-    // ISO/IEC 14496-12 §8.7.2: the name is required, the location optional.
-    PayloadWriter writer(storage);
-    writeText(writer, name.get());
-    if (locationBytes > 0) writeText(writer, location.get());
-    return writer.error();
-}
+template class CFieldBox<CDataEntryURNBox, CFullBox>;
 
 MP4Err CDataEntryURNBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -1050,25 +755,11 @@ MP4Err CDataEntryURNBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CDataEntryURNBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4;
-    uint32_t nameBytes = textLength(name.get());
-    uint32_t locationBytes = textLength(location.get());
-    if (nameBytes > 0 || locationBytes > 0) size += nameBytes + 1;
-    if (locationBytes > 0) size += locationBytes + 1;
-    return MP4_OK;
-}
-
 // ---- "mdat" -----------------------------------------------------------------
 
 MP4Err CMediaDataBox::read(CStorage* storage) {
-    uint64_t position = 0;
-    MP4Err err = storage->getPosition(&position);
+    MP4Err err = boxStartOffset(*this, storage, &boxOffset);
     if (err != MP4_OK) return err;
-    uint64_t headerLength = size - remaining;
-    if (position < headerLength) return MP4_ERR_BAD_BOX_SIZE;
-    boxOffset = position - headerLength;
     // Over the network the media data is not downloaded just to pass it:
     // the position stays at the start of the data.
     if (!isNetworkStorage(storage)) {

@@ -79,13 +79,12 @@ public:
 
 // ---- file type --------------------------------------------------------------
 
-class CFileTypeBox : public CBox {
+class CFileTypeBox : public CFieldBox<CFileTypeBox, CBox> {
 public:
     CFileTypeBox() { type = fourcc("ftyp"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Replaces the compatible brands with a copy of count codes.
     MP4Err setCompatibleBrands(const uint32_t* brands, int32_t count);
@@ -100,13 +99,12 @@ public:
 
 // "mvhd". Times are seconds since 1904-01-01; version 1 stores times and
 // duration in 64 bits, every other version in 32 bits.
-class CMovieHeaderBox : public CFullBox {
+class CMovieHeaderBox : public CFieldBox<CMovieHeaderBox, CFullBox> {
 public:
     CMovieHeaderBox() { type = fourcc("mvhd"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Calendar form of the creation time; 5 when it lies at or after 2200.
     MP4Err getCreationDate(uint32_t* year, uint32_t* month, uint32_t* day, uint32_t* hour,
@@ -131,13 +129,12 @@ public:
 
 // "tkhd". The rotation angle is not stored in the file: it is derived from
 // the matrix when the box is read.
-class CTrackHeaderBox : public CFullBox {
+class CTrackHeaderBox : public CFieldBox<CTrackHeaderBox, CFullBox> {
 public:
     CTrackHeaderBox() { type = fourcc("tkhd"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
     double getRotationAngle() override { return rotationAngle; }
 
     // Clockwise rotation in degrees described by a 16.16 transformation
@@ -162,15 +159,14 @@ public:
 };
 
 // "hint", "mpod" and "tmcd" inside "tref": the referenced track IDs.
-class CTrackReferenceTypeBox : public CBox {
+class CTrackReferenceTypeBox : public CFieldBox<CTrackReferenceTypeBox, CBox> {
 public:
     explicit CTrackReferenceTypeBox(uint32_t referenceType = fourcc("hint")) {
         type = referenceType;
     }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Appends one referenced track ID.
     MP4Err addTrackId(uint32_t trackId);
@@ -184,13 +180,12 @@ private:
 
 // "mdhd". The language is three 5-bit codes, each a lower-case letter
 // minus 0x60 (ISO 639-2/T).
-class CMediaHeaderBox : public CFullBox {
+class CMediaHeaderBox : public CFieldBox<CMediaHeaderBox, CFullBox> {
 public:
     CMediaHeaderBox() { type = fourcc("mdhd"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     MP4Err getTimeScale(uint32_t* value);
     MP4Err getDuration(uint64_t* value);
@@ -218,13 +213,12 @@ public:
 
 // "hdlr". The name runs to the end of the box; QuickTime writers store it
 // as a counted (Pascal) string, which is recognised and unwrapped.
-class CHandlerReferenceBox : public CFullBox {
+class CHandlerReferenceBox : public CFieldBox<CHandlerReferenceBox, CFullBox> {
 public:
     CHandlerReferenceBox() { type = fourcc("hdlr"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Copies at most 255 characters of the text; null removes the name.
     MP4Err setName(const char* text);
@@ -258,40 +252,37 @@ MP4Err createMediaHeaderBox(uint32_t mediaKind, CBox** box);
 
 // ---- media-type headers -----------------------------------------------------
 
-class CVideoMediaHeaderBox : public CFullBox {
+class CVideoMediaHeaderBox : public CFieldBox<CVideoMediaHeaderBox, CFullBox> {
 public:
     CVideoMediaHeaderBox() {
         type = fourcc("vmhd");
         flags = 1;  // ISO/IEC 14496-12 §12.1.2 requires flags 1
     }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     int16_t graphicsMode = 0;
     int16_t opcolor[3] = {0, 0, 0};
 };
 
-class CSoundMediaHeaderBox : public CFullBox {
+class CSoundMediaHeaderBox : public CFieldBox<CSoundMediaHeaderBox, CFullBox> {
 public:
     CSoundMediaHeaderBox() { type = fourcc("smhd"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     int16_t balance = 0;  // 8.8
     uint16_t reserved = 0;
 };
 
-class CHintMediaHeaderBox : public CFullBox {
+class CHintMediaHeaderBox : public CFieldBox<CHintMediaHeaderBox, CFullBox> {
 public:
     CHintMediaHeaderBox() { type = fourcc("hmhd"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint16_t maxPduSize = 0;
     uint16_t avgPduSize = 0;
@@ -300,24 +291,22 @@ public:
     uint32_t reserved = 0;
 };
 
-class CNullMediaHeaderBox : public CFullBox {
+class CNullMediaHeaderBox : public CFieldBox<CNullMediaHeaderBox, CFullBox> {
 public:
     CNullMediaHeaderBox() { type = fourcc("nmhd"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 // QuickTime time-code media information ("tcmi"): how a player draws the
 // time code as text.
-class CTimeCodeMediaHeaderBox : public CFullBox {
+class CTimeCodeMediaHeaderBox : public CFieldBox<CTimeCodeMediaHeaderBox, CFullBox> {
 public:
     CTimeCodeMediaHeaderBox() { type = fourcc("tcmi"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     int16_t textFont = 0;
     int16_t textFace = 0;
@@ -332,13 +321,13 @@ public:
 // ---- data references --------------------------------------------------------
 
 // "dref": an entry count followed by the entries as child boxes.
-class CDataReferenceBox : public CFullBox {
+class CDataReferenceBox : public CFieldBox<CDataReferenceBox, CFullBox> {
 public:
     CDataReferenceBox() { type = fourcc("dref"); }
     MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err findChild(uint32_t type, CBox** box, uint32_t instance = 1) override;
     // Appends an entry and counts it.
     MP4Err addChild(CBox* box) override;
@@ -349,12 +338,12 @@ public:
 };
 
 // "url ". Flags 1: the media data is in this file and there is no location.
-class CDataEntryURLBox : public CFullBox {
+class CDataEntryURLBox : public CFieldBox<CDataEntryURLBox, CFullBox> {
 public:
     CDataEntryURLBox() { type = fourcc("url "); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err calculateSize() override;
 
     // Copies the text; null removes the location.
@@ -365,13 +354,12 @@ public:
 
 // "urn ". The storage's string read leaves both strings empty, so a read
 // box is written back as its 12-byte header.
-class CDataEntryURNBox : public CFullBox {
+class CDataEntryURNBox : public CFieldBox<CDataEntryURNBox, CFullBox> {
 public:
     CDataEntryURNBox() { type = fourcc("urn "); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     std::unique_ptr<char[]> name;      // zero-terminated, or none
     std::unique_ptr<char[]> location;  // zero-terminated, or none

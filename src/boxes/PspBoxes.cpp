@@ -6,7 +6,8 @@
 #include <new>
 #include <string>
 
-#include "Dump.h"
+#include "io/Dump.h"
+#include "io/FourCC.h"
 
 namespace quil {
 namespace {
@@ -16,11 +17,6 @@ namespace {
 constexpr uint64_t kMaxTrailingBytes = 4096;
 constexpr uint64_t kMtdtEntryHeader = 10;  // size, type, language, encoding
 constexpr uint32_t kPspFileProfile = 0x014D0015;
-
-char codeChar(uint32_t code, int index) {
-    const char c = static_cast<char>((code >> (24 - 8 * index)) & 0xFF);
-    return c >= 0x20 && c < 0x7F ? c : '.';
-}
 
 // ISO 639-2/T letters packed five bits each (ISO/IEC 14496-12 §8.4.2.3).
 bool packLanguage(const char letters[3], uint16_t* packed) {
@@ -149,8 +145,8 @@ MP4Err CPspProfileEntryBox::dump(int32_t depth) {
         const uint32_t v = fields_[i];
         switch (name[0]) {
             case '#':
-                dumpLine(depth, "%s = %c%c%c%c\n", name + 1, codeChar(v, 0), codeChar(v, 1),
-                         codeChar(v, 2), codeChar(v, 3));
+                dumpLine(depth, "%s = %c%c%c%c\n", name + 1, shownCodeChar(v, 0), shownCodeChar(v, 1),
+                         shownCodeChar(v, 2), shownCodeChar(v, 3));
                 break;
             case '%': dumpLine(depth, "%s = %u.%02u\n", name + 1, v >> 16, (v & 0xFFFF) * 100 / 65536); break;
             case '*': dumpLine(depth, "%s = %u x %u\n", name + 1, v >> 16, v & 0xFFFF); break;

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "Dump.h"
+#include "io/Dump.h"
 
 namespace quil {
 namespace {

@@ -4,8 +4,8 @@
 #include <new>
 #include <utility>
 
-#include "FieldIO.h"
-#include "boxes/Dump.h"
+#include "io/FieldIO.h"
+#include "io/Dump.h"
 
 namespace quil {
 namespace {
@@ -35,7 +35,7 @@ MP4Err readParameterSet(CStorage* storage, uint32_t* remaining, uint32_t* length
                         std::unique_ptr<uint8_t[]>* bytes) {
     if (*remaining < 2) return MP4_ERR_BAD_BOX_SIZE;
     uint16_t declared = 0;
-    MP4Err err = FieldReader(storage, remaining).u16(&declared).error();
+    MP4Err err = FieldReader(storage, remaining).u16(declared).error();
     if (err != MP4_OK) return err;
     if (*remaining < declared) return MP4_ERR_BAD_BOX_SIZE;
     std::unique_ptr<uint8_t[]> buffer;
@@ -89,12 +89,12 @@ MP4Err CAVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
     uint32_t remaining = count;
     uint8_t lengthByte = 0, countByte = 0;
     MP4Err err = FieldReader(storage, &remaining)
-                     .u8(&configurationVersion)
-                     .u8(&AVCProfileIndication)
-                     .u8(&profile_compatibility)
-                     .u8(&AVCLevelIndication)
-                     .u8(&lengthByte)
-                     .u8(&countByte)
+                     .u8(configurationVersion)
+                     .u8(AVCProfileIndication)
+                     .u8(profile_compatibility)
+                     .u8(AVCLevelIndication)
+                     .u8(lengthByte)
+                     .u8(countByte)
                      .error();
     if (err != MP4_OK) return err;
     lengthSizeMinusOne = lengthByte % 4;
@@ -105,7 +105,7 @@ MP4Err CAVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
         if (err != MP4_OK) return err;
     }
     if (remaining == 0) return MP4_ERR_BAD_BOX_SIZE;  // the PPS count is mandatory
-    err = FieldReader(storage, &remaining).u8(&numOfPictureParameterSets).error();
+    err = FieldReader(storage, &remaining).u8(numOfPictureParameterSets).error();
     if (err != MP4_OK) return err;
     for (uint32_t i = 0; i < numOfPictureParameterSets; ++i) {
         err = readParameterSet(storage, &remaining, &ppsLength[i], &pps[i]);
@@ -206,20 +206,20 @@ MP4Err CHEVCDecoderConfigRecord::readFixedPart(CStorage* storage, uint32_t* rema
     uint16_t constraintHigh = 0, segmentation = 0;
     uint32_t constraintLow = 0;
     MP4Err err = FieldReader(storage, remaining)
-                     .u8(&configurationVersion)
-                     .u8(&profileByte)
-                     .u32(&general_profile_compatibility_flags)
-                     .u16(&constraintHigh)
-                     .u32(&constraintLow)
-                     .u8(&general_level_idc)
-                     .u16(&segmentation)
-                     .u8(&parallelismByte)
-                     .u8(&chromaByte)
-                     .u8(&lumaByte)
-                     .u8(&chromaDepthByte)
-                     .u16(&avgFrameRate)
-                     .u8(&layersByte)
-                     .u8(&numOfArrays)
+                     .u8(configurationVersion)
+                     .u8(profileByte)
+                     .u32(general_profile_compatibility_flags)
+                     .u16(constraintHigh)
+                     .u32(constraintLow)
+                     .u8(general_level_idc)
+                     .u16(segmentation)
+                     .u8(parallelismByte)
+                     .u8(chromaByte)
+                     .u8(lumaByte)
+                     .u8(chromaDepthByte)
+                     .u16(avgFrameRate)
+                     .u8(layersByte)
+                     .u8(numOfArrays)
                      .error();
     if (err != MP4_OK) return err;
     general_profile_space = profileByte >> 6;
@@ -242,7 +242,7 @@ MP4Err CHEVCDecoderConfigRecord::readArray(CStorage* storage, uint32_t* remainin
                                            std::unique_ptr<CHEVCNalArray>* out) {
     uint8_t typeByte = 0;
     uint16_t count = 0;
-    MP4Err err = FieldReader(storage, remaining).u8(&typeByte).u16(&count).error();
+    MP4Err err = FieldReader(storage, remaining).u8(typeByte).u16(count).error();
     if (err != MP4_OK) return err;
     std::unique_ptr<CHEVCNalArray> array(new (std::nothrow) CHEVCNalArray());
     if (!array) return MP4_ERR_OUT_OF_MEMORY;

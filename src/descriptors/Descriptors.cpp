@@ -4,10 +4,10 @@
 #include <cstring>
 #include <new>
 
-#include "FieldIO.h"
+#include "io/FieldIO.h"
 #include "storage/BoundedStorage.h"
 #include "ObjectDescriptors.h"
-#include "boxes/Dump.h"
+#include "io/Dump.h"
 #include "storage/MemoryStorage.h"
 
 namespace quil {
@@ -58,64 +58,6 @@ void lowerRemaining(uint32_t* remaining, uint64_t consumed) {
 }  // namespace
 
 // ---- shared helpers -------------------------------------------------------
-
-FieldWriter& FieldWriter::bytes(const uint8_t* buffer, uint32_t count) {
-    // writeBlock takes a signed count: larger runs go in pieces.
-    constexpr uint32_t kPiece = 1u << 30;
-    while (err_ == MP4_OK && count > 0) {
-        uint32_t piece = count < kPiece ? count : kPiece;
-        err_ = storage_->writeBlock(buffer, static_cast<int32_t>(piece));
-        buffer += piece;
-        count -= piece;
-    }
-    return *this;
-}
-
-MP4Err readOwnedBytes(CStorage* storage, uint32_t count, std::unique_ptr<uint8_t[]>* out) {
-    out->reset();
-    if (count == 0) return MP4_OK;
-    if (count <= readableBytes(storage)) {
-        std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[count]);
-        if (!buffer) return MP4_ERR_OUT_OF_MEMORY;
-        MP4Err err = storage->readBytes(buffer.get(), count);
-        if (err != MP4_OK) return err;
-        *out = std::move(buffer);
-        return MP4_OK;
-    }
-    // More than the storage says it holds: read in pieces, doubling the
-    // buffer, until the storage itself reports the shortfall.
-    constexpr uint32_t kPiece = 1u << 16;
-    std::unique_ptr<uint8_t[]> buffer;
-    uint32_t capacity = 0, done = 0;
-    while (done < count) {
-        uint32_t piece = count - done < kPiece ? count - done : kPiece;
-        if (done + piece > capacity) {
-            uint64_t wanted = static_cast<uint64_t>(capacity) * 2;
-            if (wanted < done + piece) wanted = done + piece;
-            if (wanted > count) wanted = count;
-            std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[wanted]);
-            if (!grown) return MP4_ERR_OUT_OF_MEMORY;
-            if (done > 0) std::memcpy(grown.get(), buffer.get(), done);
-            buffer = std::move(grown);
-            capacity = static_cast<uint32_t>(wanted);
-        }
-        MP4Err err = storage->readBytes(buffer.get() + done, piece);
-        if (err != MP4_OK) return err;
-        done += piece;
-    }
-    *out = std::move(buffer);
-    return MP4_OK;
-}
-
-MP4Err skipPayload(CStorage* storage, uint64_t count) {
-    if (count == 0) return MP4_OK;
-    uint64_t position = 0, length = 0;
-    if (storage->getPosition(&position) == MP4_OK && storage->getLength(&length) == MP4_OK &&
-        (position > length || count > length - position)) {
-        return MP4_ERR_OUT_OF_RANGE;
-    }
-    return storage->skip(count);
-}
 
 MP4Err readDescriptorURL(CStorage* storage, uint8_t length, std::unique_ptr<uint8_t[]>* url) {
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[length + 1u]);
@@ -499,11 +441,11 @@ MP4Err CDecoderSpecificInfo::setData(const uint8_t* bytes, uint32_t length) {
 MP4Err CDecoderConfigDescriptor::read(CStorage* storage) {
     uint8_t packed = 0;
     MP4Err err = FieldReader(storage, &remaining)
-                     .u8(&objectTypeIndication)
-                     .u8(&packed)
-                     .u24(&bufferSizeDB)
-                     .u32(&maxBitrate)
-                     .u32(&avgBitrate)
+                     .u8(objectTypeIndication)
+                     .u8(packed)
+                     .u24(bufferSizeDB)
+                     .u32(maxBitrate)
+                     .u32(avgBitrate)
                      .error();
     if (err != MP4_OK) return err;
     streamType = packed >> 2;
@@ -601,14 +543,14 @@ MP4Err CSLConfigDescriptor::readCustomFields(CStorage* storage) {
     uint8_t flags = 0;
     uint16_t packed = 0;
     MP4Err err = FieldReader(storage, &remaining)
-                     .u8(&flags)
-                     .u32(&timeStampResolution)
-                     .u32(&OCRResolution)
-                     .u8(&timeStampLength)
-                     .u8(&OCRLength)
-                     .u8(&AU_Length)
-                     .u8(&instantBitrateLength)
-                     .u16(&packed)
+                     .u8(flags)
+                     .u32(timeStampResolution)
+                     .u32(OCRResolution)
+                     .u8(timeStampLength)
+                     .u8(OCRLength)
+                     .u8(AU_Length)
+                     .u8(instantBitrateLength)
+                     .u16(packed)
                      .error();
     if (err != MP4_OK) return err;
     useAccessUnitStartFlag = flags & 0x80;
@@ -633,9 +575,9 @@ MP4Err CSLConfigDescriptor::readDuration(CStorage* storage) {
     if (remaining < 8) return MP4_ERR_VALUE_TOO_LARGE;
     // Deliberate: both durations land in accessUnitDuration.
     return FieldReader(storage, &remaining)
-        .u32(&timeScale)
-        .u16(&accessUnitDuration)
-        .u16(&accessUnitDuration)
+        .u32(timeScale)
+        .u16(accessUnitDuration)
+        .u16(accessUnitDuration)
         .error();
 }
 
@@ -649,7 +591,7 @@ MP4Err CSLConfigDescriptor::checkStartTimeStamps() {
 
 MP4Err CSLConfigDescriptor::read(CStorage* storage) {
     if (remaining == 0) return MP4_ERR_VALUE_TOO_LARGE;
-    MP4Err err = FieldReader(storage, &remaining).u8(&predefined).error();
+    MP4Err err = FieldReader(storage, &remaining).u8(predefined).error();
     if (err != MP4_OK) return err;
     if (predefined == 1 || predefined == 2) {
         applyPredefined();
@@ -715,7 +657,7 @@ MP4Err CSLConfigDescriptor::calcSize() {
 // ---- CESIDInc / CESIDRef ----------------------------------------------------
 
 MP4Err CESIDInc::read(CStorage* storage) {
-    return FieldReader(storage, &remaining).u32(&Track_ID).error();
+    return FieldReader(storage, &remaining).u32(Track_ID).error();
 }
 
 MP4Err CESIDInc::write(CStorage* storage) {
@@ -738,7 +680,7 @@ MP4Err CESIDInc::calcSize() {
 }
 
 MP4Err CESIDRef::read(CStorage* storage) {
-    return FieldReader(storage, &remaining).u16(&ref_index).error();
+    return FieldReader(storage, &remaining).u16(ref_index).error();
 }
 
 MP4Err CESIDRef::write(CStorage* storage) {
@@ -779,7 +721,7 @@ void CESDescriptor::findMandatoryChildren() {
 MP4Err CESDescriptor::read(CStorage* storage) {
     uint8_t flags = 0;
     FieldReader reader(storage, &remaining);
-    MP4Err err = reader.u16(&ES_ID).u8(&flags).error();
+    MP4Err err = reader.u16(ES_ID).u8(flags).error();
     if (err != MP4_OK) return err;
     streamDependenceFlag = (flags >> 7) & 1;
     URL_Flag = (flags >> 6) & 1;
@@ -787,8 +729,8 @@ MP4Err CESDescriptor::read(CStorage* storage) {
     // Deliberate: the priority keeps only bits 0 and 2 (mask 0x05), and no
     // OCR_ES_Id is read even when OCRstreamFlag is set.
     streamPriority = flags & 0x05;
-    if (streamDependenceFlag) reader.u16(&dependsOn_ES_ID);
-    if (URL_Flag) reader.u8(&URLlength);
+    if (streamDependenceFlag) reader.u16(dependsOn_ES_ID);
+    if (URL_Flag) reader.u8(URLlength);
     err = reader.error();
     if (err != MP4_OK) return err;
     if (URL_Flag) {

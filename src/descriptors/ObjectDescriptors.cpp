@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "FieldIO.h"
-#include "boxes/Dump.h"
+#include "io/FieldIO.h"
+#include "io/Dump.h"
 
 namespace quil {
 namespace {
@@ -19,14 +19,14 @@ MP4Err CObjectDescriptor::read(CStorage* storage) {
     // not let the fixed part run into the next descriptor.
     if (remaining < 2) return MP4_ERR_VALUE_TOO_LARGE;
     uint16_t word = 0;
-    MP4Err err = FieldReader(storage, &remaining).u16(&word).error();
+    MP4Err err = FieldReader(storage, &remaining).u16(word).error();
     if (err != MP4_OK) return err;
     ObjectDescriptorID = word >> 6;
     URL_Flag = (word >> 5) & 1;
     takeLowFlagBits(word);
     if (URL_Flag) {
         if (remaining < 1) return MP4_ERR_VALUE_TOO_LARGE;
-        err = FieldReader(storage, &remaining).u8(&URLlength).error();
+        err = FieldReader(storage, &remaining).u8(URLlength).error();
         if (err != MP4_OK) return err;
         if (remaining < URLlength) return MP4_ERR_VALUE_TOO_LARGE;
         err = readDescriptorURL(storage, URLlength, &URLstring);
@@ -150,11 +150,11 @@ void CInitialObjectDescriptor::takeLowFlagBits(uint16_t word) {
 
 MP4Err CInitialObjectDescriptor::readProfileLevels(CStorage* storage) {
     return FieldReader(storage, &remaining)
-        .u8(&ODProfileLevelIndication)
-        .u8(&sceneProfileLevelIndication)
-        .u8(&audioProfileLevelIndication)
-        .u8(&visualProfileLevelIndication)
-        .u8(&graphicsProfileLevelIndication)
+        .u8(ODProfileLevelIndication)
+        .u8(sceneProfileLevelIndication)
+        .u8(audioProfileLevelIndication)
+        .u8(visualProfileLevelIndication)
+        .u8(graphicsProfileLevelIndication)
         .error();
 }
 

@@ -70,7 +70,7 @@ MP4Err flushWritten(CStorage* storage) {
 
 MP4Err CMp4FileImpl::startWriting() {
     nextPayloadType_ = 96;
-    cutAudio_ = false;
+    interleaving_.reset();
     movieWritten_ = false;
     writingTracks_.clear();
     topLevelBoxes_.reset(new (std::nothrow) CBoxList(nullptr));
@@ -325,7 +325,7 @@ MP4Err CMp4FileImpl::addPspUserData() {
 }
 
 // Hinted files: the session-level SDP stored under moov/udta/hnti is
-// written by writeSessionSdp (HintFile.cpp).
+// written by writeSessionSdp (HintSlots.cpp).
 
 // PSP and XAVC files: the finishing step of their user data.
 MP4Err CMp4FileImpl::finishPspUserData() {

@@ -7,9 +7,9 @@
 #include <new>
 
 #include "boxes/BoxFactory.h"
-#include "boxes/Dump.h"
+#include "io/Dump.h"
 #include "boxes/MovieBoxes.h"
-#include "file/MetaDataImpl.h"
+#include "meta/MetaDataImpl.h"
 #include "quil/Mp4MetaData.h"
 #include "storage/DiscStorage.h"
 #include "storage/NetStorage.h"
@@ -91,7 +91,7 @@ MP4Err CMp4FileImpl::open(const wchar_t* path, uint32_t mode, uint32_t fileType)
     if (isOpen_ != 0) return MP4_ERR_NOT_AVAILABLE;
     path_.reset();
     readPathUtf8_.clear();
-    sampleReader_.reset();
+    mediaReader_.close();
     hasHintTracks_ = 0;  // belongs to the file being opened, not the object
     storageSupplied_ = storage_ != nullptr ? 1 : 0;
 
@@ -146,7 +146,7 @@ MP4Err CMp4FileImpl::failOpen(MP4Err err) {
     // The partly read tree is of no use to anyone: free it at once.
     topLevelBoxes_.reset();
     readPathUtf8_.clear();
-    sampleReader_.reset();
+    mediaReader_.close();
     return err;
 }
 
@@ -235,7 +235,7 @@ void CMp4FileImpl::releaseAfterClose() {
     topLevelBoxes_.reset();
     path_.reset();
     readPathUtf8_.clear();
-    sampleReader_.reset();
+    mediaReader_.close();
 }
 
 // ---------------------------------------------------------------------------
@@ -259,6 +259,16 @@ MP4Err CMp4FileImpl::setStorage(CStorage* storage) {
 MP4Err CMp4FileImpl::getTrackCount(uint32_t* count) {
     if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
     *count = trackCount_;
+    return MP4_OK;
+}
+
+MP4Err CMp4FileImpl::getFragmentCount(uint32_t* count) {
+    if (count == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    *count = 0;
+    if (!isOpen_ || !topLevelBoxes_) return MP4_ERR_IO;
+    for (CBoxList::Node* n = topLevelBoxes_->head(); n; n = n->next) {
+        if (n->box->type == fourcc("moof")) ++*count;
+    }
     return MP4_OK;
 }
 
@@ -442,7 +452,7 @@ MP4Err CMp4FileImpl::metaDataFor(bool create, CMp4MetaData** metaData) {
 }
 
 // optimizeFile: Optimize.cpp. Hint tracks, the session SDP and the ISMA
-// functions: HintFile.cpp.
+// functions: HintSlots.cpp, with the work in the hint layer.
 
 // ---------------------------------------------------------------------------
 
@@ -474,20 +484,41 @@ uint32_t Mp4VideoCodecId(const wchar_t* path) {
 
 namespace quil {
 
+bool CMp4FileImpl::storageLength(uint64_t* length) {
+    return storage_ != nullptr && storage_->getLength(length) == MP4_OK;
+}
+
 MP4Err CMp4FileImpl::readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                                     uint64_t readAheadEnd) {
     if (isOpen_ == 0 || mode_ != 0 || !storage_) return MP4_ERR_IO;
-    if (!readPathUtf8_.empty()) {
-        if (!sampleReader_) {
-            std::unique_ptr<CSampleReader> reader(new (std::nothrow) CSampleReader());
-            if (!reader || reader->open(readPathUtf8_) != MP4_OK) return MP4_ERR_IO;
-            sampleReader_ = std::move(reader);
+    if (!mediaReader_.ready()) {
+        if (readPathUtf8_.empty()) {
+            mediaReader_.useStorage(storage_);
+        } else if (mediaReader_.open(readPathUtf8_) != MP4_OK) {
+            return MP4_ERR_IO;
         }
-        return sampleReader_->read(offset, size, buffer, readAheadEnd);
     }
-    MP4Err err = storage_->seek(offset);
+    return mediaReader_.read(offset, size, buffer, readAheadEnd);
+}
+
+MP4Err CMp4FileImpl::pathForReadingBack(std::string* path) {
+    path->clear();
+    if (isOpen_ == 0 || storage_ == nullptr) return MP4_ERR_NOT_AVAILABLE;
+    if (storageSupplied_ != 0) return MP4_ERR_UNSUPPORTED;
+    // Whatever the storage still buffers must reach the file first.
+    MP4Err err = storage_->flush();
     if (err != MP4_OK) return err;
-    return storage_->readBytes(buffer, size);
+    return widePathToUtf8(static_cast<CDiscStorage*>(storage_)->path(), path);
+}
+
+MP4Err CMp4FileImpl::readBackMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer) {
+    if (!mediaReader_.ready()) {
+        std::string path;
+        MP4Err err = pathForReadingBack(&path);
+        if (err == MP4_OK) err = mediaReader_.open(path);
+        if (err != MP4_OK) return err;
+    }
+    return mediaReader_.read(offset, size, buffer);
 }
 
 }  // namespace quil

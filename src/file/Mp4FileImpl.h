@@ -8,16 +8,18 @@
 #include <vector>
 
 #include "boxes/Box.h"
-#include "file/SampleReader.h"
+#include "storage/MediaReader.h"
 #include "quil/Mp4File.h"
+#include "track/TrackHost.h"
 
 namespace quil {
 
+class CDiscStorage;
 class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
 
-class CMp4FileImpl : public CMp4File {
+class CMp4FileImpl : public CMp4File, public CTrackHost {
 public:
     CMp4FileImpl();
     ~CMp4FileImpl() override;
@@ -53,6 +55,7 @@ public:
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
     MP4Err copyMovieBoxes(CMp4File* source) override;
+    MP4Err getFragmentCount(uint32_t* count) override;
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first
@@ -64,24 +67,33 @@ public:
     MP4Err findTopLevelBox(uint32_t type, CBox** box);
     CStorage* storage() const { return storage_; }
     bool isOpenFlag() const { return isOpen_ != 0; }
-    uint32_t mode() const { return mode_; }  // 0 read, 1 write
-    uint32_t fileType() const { return fileType_; }
+
+    // CTrackHost: what the track objects reach of their file.
+    MP4Err findMovie(CBox** moov) override { return findTopLevelBox(fourcc("moov"), moov); }
+    CBoxList* fileBoxes() override { return topLevelBoxes_.get(); }
+    bool storageLength(uint64_t* length) override;
+    uint32_t mode() const override { return mode_; }  // 0 read, 1 write
+    uint32_t fileType() const override { return fileType_; }
     // The UTF-8 path of a disc storage made by open (samples may then be
     // read through a handle of their own); null for a supplied or network
     // storage.
     const char* readPath() const;
-    // Media bytes for a track: through a read-only handle of their own for
-    // a file opened by path (any failure 4), else through the storage
-    // (its errors passed on). 4 unless the file is open for reading.
-    // readAheadEnd: the end of the chunk holding the bytes (0 when
-    // unknown); the handle never fetches ahead beyond it.
+    // Media bytes for a track, through the file's media reader: a
+    // read-only handle of its own for a file opened by path (any failure
+    // 4), else the storage (its errors passed on). 4 unless the file is
+    // open for reading. readAheadEnd: the end of the chunk holding the
+    // bytes (0 when unknown); nothing beyond it is fetched ahead.
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
-                          uint64_t readAheadEnd = 0);
+                          uint64_t readAheadEnd = 0) override;
+    // Media bytes of a file being written, read back from the disc (a hint
+    // track reads the samples already written) through the same reader,
+    // opened on the file's path at the first read: 12 for a supplied
+    // storage, 3 when nothing is open.
+    MP4Err readBackMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer);
 
-    // RTP hinting (file/HintFile.cpp). The UTF-8 path of a file being
-    // written to disc, so that a hint track can read back the media samples
-    // already written; 12 for a supplied storage.
-    MP4Err pathForReadingBack(std::string* path);
+    // RTP hinting (HintSlots.cpp; the hint layer does the work through
+    // FileHinting.h). The track mode hint tracks read their media with.
+    uint32_t trackMode() const { return trackMode_; }
     // A reading track over track n, also in write mode, where it must have
     // been released (3 while the caller still writes it, unless
     // evenWhileWriting: the session description at close only reads the
@@ -92,11 +104,11 @@ public:
     // and reports where they start. The bytes are pushed to the storage
     // before this returns, so a write error belongs to these bytes: "mdat"
     // then stays as it was and the next append writes at the same place.
-    MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset);
-    // The shared cut-audio flag of interleaved (XAVC) files: set when a
-    // video track closes a chunk, so that the audio tracks close theirs.
-    bool cutAudio() const { return cutAudio_; }
-    void setCutAudio(bool cut) { cutAudio_ = cut; }
+    MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset) override;
+    // XAVC files interleave the chunks of their audio and video tracks.
+    CChunkInterleaving* chunkInterleaving() override {
+        return fileType_ == MP4_FILE_XAVC ? &interleaving_ : nullptr;
+    }
 
 private:
     // Steps of open: the storage made for a path, the read path, and the
@@ -115,9 +127,8 @@ private:
     MP4Err findMovieHeader(CMovieHeaderBox** header);
     // Steps of optimizeFile (Optimize.cpp), run with the source open as
     // the file's storage.
-    MP4Err rewriteOpenSource(CStorage* target, const std::string& sourceUtf8,
+    MP4Err rewriteOpenSource(CDiscStorage* target, const std::string& sourceUtf8,
                              const std::string& targetUtf8);
-    MP4Err writeLeadingBoxes(CStorage* target, CBox* moov, CBox* movie);
 
     // Write path (FileWriter.cpp).
     MP4Err startWriting();
@@ -131,9 +142,13 @@ private:
     MP4Err rewriteMediaDataHeader();
     MP4Err appendMovie();
     MP4Err findMediaData(CMediaDataBox** mdat);
+    // The UTF-8 path of a file being written to disc, its buffered bytes
+    // flushed; 12 for a supplied storage.
+    MP4Err pathForReadingBack(std::string* path);
     // Steps of close kept for the PSP profile (user data made before the
     // session description, finished after it) and for hinted files (the
-    // session description). Each returns 0 when it has nothing to do.
+    // session description, HintSlots.cpp). Each returns 0 when it has
+    // nothing to do.
     MP4Err addPspUserData();
     MP4Err writeSessionSdp();
     MP4Err finishPspUserData();
@@ -157,13 +172,13 @@ private:
     CMp4MetaData* metaData_ = nullptr;
     CMp4HintTrackContext* hintTrackContext_ = nullptr;
     std::string readPathUtf8_;
-    std::unique_ptr<CSampleReader> sampleReader_;  // made on the first sample read
+    CMediaReader mediaReader_;  // made ready by the first media read
     // Writing: tracks handed out by addTrack and not yet released (close
     // finishes them and cuts them loose from the boxes it frees), the end
-    // of the media data written so far, and the cut-audio flag.
+    // of the media data written so far, and the interleaving signal.
     std::vector<CTrackImpl*> writingTracks_;
     uint64_t mediaDataEnd_ = 0;
-    bool cutAudio_ = false;
+    CChunkInterleaving interleaving_;
     bool movieWritten_ = false;
 };
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <new>
 
-#include "HintBoxes.h"
-#include "boxes/Dump.h"
-#include "descriptors/FieldIO.h"
+#include "boxes/HintBoxes.h"
+#include "io/Dump.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 namespace {

@@ -7,9 +7,8 @@
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
 #include "file/Mp4FileImpl.h"
-#include "file/SampleReader.h"
 #include "hint/BoxPaths.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "storage/MemoryStorage.h"
 #include "track/SampleTables.h"
 
@@ -90,21 +89,9 @@ MP4Err CMediaSampleSource::read(uint32_t sample, const uint8_t** data, uint32_t*
         err = track_->readSample(sample, capacity_, &got, bytes_.get());
         length = got;
     } else {
-        // A file being written is read back through a handle of its own:
-        // the samples hinted were flushed when their track was released.
-        if (!reader_) {
-            std::string path;
-            err = file_->pathForReadingBack(&path);
-            if (err != MP4_OK) return err;
-            reader_.reset(new (std::nothrow) CSampleReader());
-            if (!reader_) return MP4_ERR_OUT_OF_MEMORY;
-            err = reader_->open(path);
-            if (err != MP4_OK) {
-                reader_.reset();
-                return err;
-            }
-        }
-        err = reader_->read(offset, length, bytes_.get());
+        // A file being written is read back from the disc: the samples
+        // hinted were flushed when their track was released.
+        err = file_->readBackMediaBytes(offset, length, bytes_.get());
     }
     if (err != MP4_OK) return err;
     current_ = sample;

@@ -19,7 +19,6 @@
 namespace quil {
 
 class CMp4FileImpl;
-class CSampleReader;
 class CRtpHintSampleEntry;
 
 constexpr uint32_t kDefaultMaxPayloadSize = 1450;
@@ -37,7 +36,6 @@ public:
 private:
     CMp4FileImpl* file_;
     CMp4Track* track_;
-    std::unique_ptr<CSampleReader> reader_;  // write mode: the file on disc
     uint32_t current_ = 0;
     std::unique_ptr<uint8_t[]> bytes_;
     uint32_t size_ = 0;

@@ -9,7 +9,7 @@
 #include "boxes/SampleEntries.h"
 #include "file/Mp4FileImpl.h"
 #include "hint/BoxPaths.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "storage/MemoryStorage.h"
 #include "track/TrackImpl.h"
 

@@ -32,6 +32,12 @@ constexpr size_t kPathCapacity = 2048;
 //   value; positions come from ftello, which counts buffered bytes.
 // The stream is never locked by stdio: one thread at a time uses a storage.
 constexpr size_t kWindowSize = 64 * 1024;
+// After a seek out of the window the first refill is small and each one
+// after it doubles up to the window size: reading a fragment header after
+// skipping its media data then costs about the header, not 64 KiB, while a
+// sequential read reaches full windows after a few refills. The bytes and
+// positions the caller sees are the same either way.
+constexpr size_t kFirstRefillAfterSeek = 4 * 1024;
 constexpr size_t kWriteBufferSize = 256 * 1024;
 
 // Largest offset fseeko accepts (off_t is signed).
@@ -55,6 +61,7 @@ struct DiscState {
     uint64_t windowStart = 0;
     size_t fill = 0;
     size_t cursor = 0;
+    size_t refillSize = kWindowSize;
 
     // stdio buffer of a stream opened for writing; freed only after fclose.
     std::unique_ptr<char[]> writeBuffer;
@@ -125,7 +132,8 @@ struct DiscState {
                 done += got;
                 if (got < want) return shortRead();
             } else {
-                fill = std::fread(window.get(), 1, kWindowSize, file);
+                fill = std::fread(window.get(), 1, refillSize, file);
+                refillSize = std::min(refillSize * 2, kWindowSize);
                 if (fill == 0) return shortRead();
             }
         }
@@ -197,6 +205,7 @@ struct DiscState {
         if (target > kMaxOffset) return MP4_ERR_IO;
         if (fseeko(file, static_cast<off_t>(target), SEEK_SET) != 0) return MP4_ERR_IO;
         resetWindow(target);
+        refillSize = kFirstRefillAfterSeek;
         atEnd = false;
         return MP4_OK;
     }

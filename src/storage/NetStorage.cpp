@@ -99,7 +99,7 @@ struct Resource {
 enum class End { Running, Complete, Stopped, Dropped, Refused };
 
 struct Download {
-    Download(std::string url, uint32_t start, std::shared_ptr<Resource> resource,
+    Download(std::string url, uint64_t start, std::shared_ptr<Resource> resource,
              Mp4NetSettings settings)
         : url(std::move(url)),
           startOffset(start),
@@ -107,7 +107,7 @@ struct Download {
           settings(settings) {}
 
     const std::string url;
-    const uint32_t startOffset;
+    const uint64_t startOffset;  // 64-bit: files past 4 GiB read by range
     const std::shared_ptr<Resource> resource;
     const Mp4NetSettings settings;
 
@@ -352,7 +352,7 @@ curl_slist* requestHeaders(const Download& d) {
     char range[48];
     // The offset goes out as a signed 32-bit number; from 2 GiB on it turns
     // into a suffix range, whose reply then fails the start check.
-    std::snprintf(range, sizeof range, "Range: bytes=%d-", static_cast<int32_t>(d.startOffset));
+    std::snprintf(range, sizeof range, "Range: bytes=%" PRIu64 "-", d.startOffset);
     curl_slist* headers = curl_slist_append(nullptr, range);
     std::string validator;
     {
@@ -502,7 +502,7 @@ void CNetStorage::startDownload(uint64_t offset) {
     std::string url;
     if (widePathToUtf8(url_.get(), &url) != MP4_OK) url.clear();  // refused by the thread
     net::initCurlOnce();
-    download_ = std::make_shared<Download>(url, static_cast<uint32_t>(offset), resource_,
+    download_ = std::make_shared<Download>(url, offset, resource_,
                                            net::currentSettings());
     try {
         // A lambda keeps the thread's state type local to this file, so the
@@ -595,6 +595,11 @@ Wait waitForBlocks(Download& d, std::shared_lock<std::shared_mutex>& guard, size
     }
 }
 
+uint64_t cachedBytes(Download& d) {
+    std::shared_lock<std::shared_mutex> guard(d.lock);
+    return static_cast<uint64_t>(d.blocks.size()) << kBlockShift;
+}
+
 bool pastTheEnd(const Download& d, uint64_t need) {
     const int64_t total = d.total.load();
     return total >= 0 && d.startOffset + need > static_cast<uint64_t>(total);
@@ -626,6 +631,14 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
             continue;
         }
         const uint64_t rel = position_ - d.startOffset;
+        // Far past what the download holds: a skip over media data between
+        // fragment headers. The bytes in between are not fetched; the
+        // download restarts at the read (classic files read nothing after
+        // their media data, so they never get here).
+        if (rel > net::cachedBytes(d) + static_cast<uint64_t>(net::kNearSeek)) {
+            startDownload(position_);
+            continue;
+        }
         const uint64_t need = rel + count;
         // Blocks are addressed with 32-bit offsets from the download's start.
         if (need > UINT32_MAX || net::pastTheEnd(d, need)) return MP4_ERR_IO;

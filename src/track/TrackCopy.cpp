@@ -7,7 +7,6 @@
 
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
-#include "file/Mp4FileImpl.h"
 #include "track/SampleEntryBuilder.h"
 #include "track/TrackImpl.h"
 
@@ -139,7 +138,7 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
         return err;
     }
     CBox* moov = nullptr;
-    if ((err = file_->findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
+    if ((err = host_->findMovie(&moov)) != MP4_OK) return err;
     CBoxList* tracks = moov->childList();
     if (!tracks) return MP4_ERR_INVALID_DATA;
     if ((err = tracks->replace(trak_, trak)) != MP4_OK) return err;
@@ -225,8 +224,7 @@ MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
     // A table pointing past the end of the file (cut off, damaged) is not
     // worth a buffer of that size.
     uint64_t length = 0;
-    if (from->file_->storage() && from->file_->storage()->getLength(&length) == MP4_OK &&
-        (offset > length || bytes > length - offset)) {
+    if (from->host_->storageLength(&length) && (offset > length || bytes > length - offset)) {
         return MP4_ERR_END_OF_FILE;
     }
     if (timing.decode < lastDecodeTime_ && timeTable_->sampleCount > 0) return MP4_ERR_BAD_TIME;

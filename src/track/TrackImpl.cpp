@@ -6,7 +6,6 @@
 
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
-#include "file/Mp4FileImpl.h"
 
 namespace quil {
 namespace {
@@ -37,14 +36,16 @@ bool hasChild(CBox* parent, uint32_t type) {
 
 }  // namespace
 
-CTrackImpl::CTrackImpl(CMp4FileImpl* file, uint32_t mode) : file_(file), mode_(mode) {}
+CTrackImpl::CTrackImpl(CTrackHost* host, uint32_t mode) : host_(host), mode_(mode) {
+    index_.setSources(&movieSamples_, 0, nullptr);
+}
 
 CTrackImpl::~CTrackImpl() = default;
 
 // ---- binding --------------------------------------------------------------
 
 MP4Err CTrackImpl::bind(uint32_t trackIndex) {
-    if (!file_) return MP4_ERR_INVALID_DATA;
+    if (!host_) return MP4_ERR_INVALID_DATA;
     open_ = 0;
     trackIndex_ = trackIndex;
     MP4Err err = findBoxes(trackIndex);
@@ -60,6 +61,8 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
     chooseChunkAsSampleMode();
     err = buildSampleTimeTable();
     if (err != MP4_OK) return err;
+    err = gatherFragments();
+    if (err != MP4_OK) return err;
     offsetCursor_ = OffsetCursor();
     stscRun_ = StscRun();
     stscAscending_ = stsc_->firstChunksAscend();
@@ -72,7 +75,7 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
 
 MP4Err CTrackImpl::findBoxes(uint32_t trackIndex) {
     CBox* moov = nullptr;
-    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    MP4Err err = host_->findMovie(&moov);
     if (err != MP4_OK) return err;
     err = findTyped(moov, fourcc("trak"), &trak_, trackIndex);
     if (err != MP4_OK) return err;
@@ -149,7 +152,7 @@ MP4Err CTrackImpl::computeInitialDelay() {
     if (err != MP4_OK || movieDelay == 0) return err;
     CBox* moov = nullptr;
     CMovieHeaderBox* mvhd = nullptr;
-    if ((err = file_->findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
+    if ((err = host_->findMovie(&moov)) != MP4_OK) return err;
     if ((err = findTyped(moov, fourcc("mvhd"), &mvhd)) != MP4_OK) return err;
     if (mvhd->timeScale == 0) return MP4_ERR_INVALID_DATA;
     initialDelay_ = static_cast<uint64_t>(mdhd_->timeScale) * movieDelay / mvhd->timeScale;
@@ -179,7 +182,7 @@ uint32_t CTrackImpl::sampleTimeLimit() const {
     if (chunkAsSample_ != 0) return stco_ ? stco_->entries.count() : co64_->entries.count();
     if (stsz_->sampleSize == 0) return stsz_->entries.count();
     uint64_t length = 0;
-    if (file_->storage() && file_->storage()->getLength(&length) == MP4_OK) {
+    if (host_->storageLength(&length)) {
         uint64_t fit = length / stsz_->sampleSize;
         if (fit < stsz_->sampleCount) return static_cast<uint32_t>(fit);
     }
@@ -309,6 +312,76 @@ MP4Err CTrackImpl::buildSampleTimeTable() {
     return MP4_OK;
 }
 
+namespace {
+
+// Appends one fragment sample's times to the time table, composition
+// times following the same rule as the movie's samples.
+struct FragmentTimes {
+    CSampleTimeTable* table;
+    uint64_t previousComposition;
+};
+
+MP4Err appendFragmentTimes(void* context, uint64_t decode, int64_t compositionOffset) {
+    auto* times = static_cast<FragmentTimes*>(context);
+    CSampleTimeTable& table = *times->table;
+    uint64_t composition = compositionTime(decode, static_cast<uint32_t>(compositionOffset),
+                                           table.sampleCount == 0, times->previousComposition);
+    MP4Err err = table.entries.append(CSampleTimeTableEntry{decode, composition});
+    if (err != MP4_OK) return err;
+    times->previousComposition = composition;
+    ++table.sampleCount;
+    return MP4_OK;
+}
+
+}  // namespace
+
+// A file whose movie has "mvex" continues its tracks in fragments: their
+// samples follow the movie's, decode times continuing where the movie's
+// samples end (or from each fragment's "tfdt").
+MP4Err CTrackImpl::gatherFragments() {
+    fragments_.reset();
+    index_.setSources(&movieSamples_, 0, nullptr);
+    CBox* moov = nullptr;
+    CBox* mvex = nullptr;
+    if (host_->findMovie(&moov) != MP4_OK ||
+        moov->findChild(fourcc("mvex"), &mvex) != MP4_OK) {
+        return MP4_OK;
+    }
+    std::unique_ptr<CFragmentSamples> fragments(new (std::nothrow) CFragmentSamples());
+    if (!fragments) return MP4_ERR_OUT_OF_MEMORY;
+    FragmentTrackInfo info;
+    info.trackId = trackId_;
+    info.timeOffset = initialDelay_;
+    for (uint32_t i = 1; i <= stts_->entries.count(); ++i) {
+        CTimeToSampleTableEntry* run = nullptr;
+        if (stts_->getEntry(i, &run) != MP4_OK) break;
+        info.firstDecodeTime += static_cast<uint64_t>(run->sampleCount) * run->sampleDelta;
+    }
+    const uint32_t movieCount = timeTable_->sampleCount;
+    FragmentTimes times{timeTable_.get(), 0};
+    CSampleTimeTableEntry* last = timeTable_->entries.last();
+    if (last) times.previousComposition = last->compositionTime;
+    MP4Err err = fragments->build(host_->fileBoxes(), mvex, info, appendFragmentTimes, &times);
+    if (err != MP4_OK) return err;
+    if (fragments->sampleCount() == 0) return MP4_OK;
+    fragments_ = std::move(fragments);
+    index_.setSources(&movieSamples_, movieCount, fragments_.get());
+    // An edit of duration 0 in a fragmented movie lasts to the end of the
+    // media, which only the fragments know.
+    if (presentedDuration_ == 0 && (firstMediaTime_ > 0 || initialDelay_ > 0) &&
+        fragments_->endTime() > static_cast<uint64_t>(firstMediaTime_)) {
+        presentedDuration_ = fragments_->endTime() - static_cast<uint64_t>(firstMediaTime_);
+    }
+    // A track that starts in a fragment at a later decode time (a stream
+    // joined mid-way) starts presenting that much later: the time before
+    // its first sample counts as delay, as an empty edit would.
+    CSampleTimeTableEntry* first = nullptr;
+    if (movieCount == 0 && timeTable_->entries.getEntry(1, &first) == MP4_OK) {
+        initialDelay_ = first->decodeTime;
+    }
+    return MP4_OK;
+}
+
 // ---- sample sizes and offsets ---------------------------------------------
 
 MP4Err CTrackImpl::sizeOfStszSample(uint32_t sample, uint32_t* size) {
@@ -372,8 +445,13 @@ MP4Err CTrackImpl::getSampleSize(uint32_t sample, uint32_t* size) {
     if (!size) return MP4_ERR_INVALID_ARGUMENT;
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
-    if (chunkAsSample_ != 0) return chunkAsSampleSize(sample, size);
-    return sizeOfStszSample(sample, size);
+    uint32_t local = 0;
+    return index_.sourceOf(sample, &local)->sampleSize(local, size);
+}
+
+MP4Err CTrackImpl::MovieSamples::sampleSize(uint32_t sample, uint32_t* size) {
+    if (track_.chunkAsSample_ != 0) return track_.chunkAsSampleSize(sample, size);
+    return track_.sizeOfStszSample(sample, size);
 }
 
 MP4Err CTrackImpl::chunkOffset(uint32_t chunk, uint64_t* offset) {
@@ -535,17 +613,28 @@ MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* 
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
-    MP4Err err = getSampleSize(sample, size);
+    uint32_t local = 0;
+    CSampleSource* source = index_.sourceOf(sample, &local);
+    MP4Err err = source->sampleSize(local, size);
     if (err != MP4_OK) return err;
     uint64_t position = 0;
-    if (chunkAsSample_ != 0) {
-        err = chunkOffset(sample, &position);
-    } else {
-        err = locateInChunk(sample, *size);
-        position = offsetCursor_.chunkOffset + offsetCursor_.offsetInChunk;
-    }
+    err = source->sampleOffset(local, *size, &position, nullptr);
     if (err != MP4_OK) return err;
     if (offset) *offset = position;
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::MovieSamples::sampleOffset(uint32_t sample, uint32_t size, uint64_t* offset,
+                                              uint64_t* readAheadEnd) {
+    if (track_.chunkAsSample_ != 0) {
+        // In chunk-as-sample mode the sample is its whole chunk.
+        if (readAheadEnd) *readAheadEnd = 0;
+        return track_.chunkOffset(sample, offset);
+    }
+    MP4Err err = track_.locateInChunk(sample, size);
+    if (err != MP4_OK) return err;
+    *offset = track_.offsetCursor_.chunkOffset + track_.offsetCursor_.offsetInChunk;
+    if (readAheadEnd) *readAheadEnd = track_.chunkEndOffset();
     return MP4_OK;
 }
 
@@ -555,17 +644,16 @@ MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* si
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
-    uint64_t offset = 0;
-    MP4Err err = getSampleSize(sample, size);
+    uint32_t local = 0;
+    CSampleSource* source = index_.sourceOf(sample, &local);
+    MP4Err err = source->sampleSize(local, size);
     if (err != MP4_OK) return err;
     if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
     if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
-    uint32_t sameSize = 0;
-    err = getSampleOffset(sample, &offset, &sameSize);
+    uint64_t offset = 0, readAheadEnd = 0;
+    err = source->sampleOffset(local, *size, &offset, &readAheadEnd);
     if (err != MP4_OK) return err;
-    // In chunk-as-sample mode the sample is its whole chunk.
-    uint64_t readAheadEnd = chunkAsSample_ != 0 ? 0 : chunkEndOffset();
-    return file_->readMediaBytes(offset, *size, buffer, readAheadEnd);
+    return host_->readMediaBytes(offset, *size, buffer, readAheadEnd);
 }
 
 // File offset of the end of the cursor's chunk, 0 when it is not known
@@ -595,13 +683,18 @@ MP4Err CTrackImpl::getSampleDescriptionIndex(uint32_t sample, uint32_t* index) {
     *index = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
+    uint32_t local = 0;
+    return index_.sourceOf(sample, &local)->descriptionIndex(local, index);
+}
+
+MP4Err CTrackImpl::MovieSamples::descriptionIndex(uint32_t sample, uint32_t* index) {
     uint32_t chunk = sample;
-    if (chunkAsSample_ == 0) {
-        if (sample > stsz_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
-        MP4Err err = stsc_->getChunkForSample(sample, &chunk);
+    if (track_.chunkAsSample_ == 0) {
+        if (sample > track_.stsz_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
+        MP4Err err = track_.stsc_->getChunkForSample(sample, &chunk);
         if (err != MP4_OK) return err;
     }
-    return stsc_->getSampleDescriptionIndex(chunk, index);
+    return track_.stsc_->getSampleDescriptionIndex(chunk, index);
 }
 
 MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
@@ -610,6 +703,23 @@ MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
     if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
+    uint32_t local = 0;
+    return index_.sourceOf(sample, &local)->isSync(local, sync);
+}
+
+MP4Err CTrackImpl::MovieSamples::isSync(uint32_t sample, uint32_t* sync) {
+    return track_.isMovieSyncSample(sample, sync);
+}
+
+MP4Err CTrackImpl::MovieSamples::previousSync(uint32_t sample, uint32_t* sync) {
+    if (!track_.stss_) {
+        *sync = sample;  // without "stss" every sample is a sync sample
+        return sample != 0 ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
+    }
+    return track_.stss_->getPreviousSyncSample(sample, sync);
+}
+
+MP4Err CTrackImpl::isMovieSyncSample(uint32_t sample, uint32_t* sync) {
     if (!stss_) {
         *sync = 1;  // without "stss" every sample is a sync sample
         return MP4_OK;
@@ -764,6 +874,7 @@ MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
     uint32_t found = 0;
     MP4Err err = findSampleByCompositionTime(time, &found);
     if (err != MP4_OK) return err;
+    if (index_.hasFragments()) return findSyncAcrossSources(found, time, sample);
     if (!stss_) {
         *sample = found;
         return MP4_OK;
@@ -773,6 +884,25 @@ MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
     for (;;) {
         uint32_t sync = 0;
         if ((err = stss_->getPreviousSyncSample(candidate, &sync)) != MP4_OK) return err;
+        uint64_t composition = 0;
+        if ((err = getSampleCompositionTime(sync, &composition)) != MP4_OK) return err;
+        if (composition <= time) {
+            *sample = sync;
+            return MP4_OK;
+        }
+        if (sync <= 1) return MP4_ERR_NOT_AVAILABLE;
+        candidate = sync - 1;
+    }
+}
+
+// As above over movie samples and fragments: from one past the sample
+// found, back through the sync samples until one is presented by then.
+MP4Err CTrackImpl::findSyncAcrossSources(uint32_t found, uint64_t time, uint32_t* sample) {
+    uint32_t candidate = found + 1;
+    for (;;) {
+        uint32_t sync = 0;
+        MP4Err err = index_.previousSync(candidate, &sync);
+        if (err != MP4_OK) return err;
         uint64_t composition = 0;
         if ((err = getSampleCompositionTime(sync, &composition)) != MP4_OK) return err;
         if (composition <= time) {
@@ -800,7 +930,7 @@ MP4Err CTrackImpl::getInitialDelay(uint64_t* delay, int64_t* firstMediaTime,
 MP4Err CTrackImpl::movieHeader(CMovieHeaderBox** header) {
     *header = nullptr;
     CBox* moov = nullptr;
-    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    MP4Err err = host_->findMovie(&moov);
     if (err != MP4_OK) return err;
     if ((err = findTyped(moov, fourcc("mvhd"), header)) != MP4_OK) return err;
     return (*header)->timeScale != 0 ? MP4_OK : MP4_ERR_INVALID_DATA;

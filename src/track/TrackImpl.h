@@ -10,13 +10,14 @@
 
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
-#include "track/DataList.h"
+#include "boxes/DataList.h"
+#include "track/SampleIndex.h"
 #include "track/SampleTables.h"
+#include "track/TrackHost.h"
 
 namespace quil {
 
 class CBox;
-class CMp4FileImpl;
 class CTrackBox;
 class CTrackHeaderBox;
 class CMediaBox;
@@ -46,8 +47,9 @@ uint64_t rescaleTime(uint64_t value, uint32_t to, uint32_t from);
 
 class CTrackImpl final : public CMp4Track {
 public:
-    // mode is the file's track mode (0..2).
-    CTrackImpl(CMp4FileImpl* file, uint32_t mode);
+    // host: the file the track belongs to (not owned); mode is the file's
+    // track mode (0..2).
+    CTrackImpl(CTrackHost* host, uint32_t mode);
     ~CTrackImpl() override;
 
     // Binds the track to the trackIndex-th "trak" (1-based) of the file's
@@ -116,6 +118,8 @@ public:
     MP4Err metaDataFor(bool create, CMp4MetaData** metaData);
     // Sample description index (1-based) of a read sample.
     MP4Err getSampleDescriptionIndex(uint32_t sample, uint32_t* index);
+    // Movie fragments holding samples of this track (0 for a classic file).
+    uint32_t fragmentCount() const { return fragments_ ? fragments_->fragmentCount() : 0; }
 
     // ---- writing (TrackWriter.cpp) ----
     // Builds the "trak" of a new track numbered trackIndex under "moov" of
@@ -146,6 +150,24 @@ private:
     MP4Err appendChunkTimes(CSampleTimeTable* table, uint32_t limit);
     uint32_t sampleTimeLimit() const;
 
+    // The samples of the movie's tables as one source of the sample index;
+    // its answers are the lookups below.
+    class MovieSamples final : public CSampleSource {
+    public:
+        explicit MovieSamples(CTrackImpl& track) : track_(track) {}
+        MP4Err sampleSize(uint32_t sample, uint32_t* size) override;
+        MP4Err sampleOffset(uint32_t sample, uint32_t size, uint64_t* offset,
+                            uint64_t* readAheadEnd) override;
+        MP4Err isSync(uint32_t sample, uint32_t* sync) override;
+        MP4Err descriptionIndex(uint32_t sample, uint32_t* index) override;
+        MP4Err previousSync(uint32_t sample, uint32_t* sync) override;
+
+    private:
+        CTrackImpl& track_;
+    };
+    MP4Err gatherFragments();
+    MP4Err findSyncAcrossSources(uint32_t found, uint64_t time, uint32_t* sample);
+
     // Sample access helpers.
     MP4Err readyForTimes() const;
     MP4Err sampleTimes(uint32_t sample, CSampleTimeTableEntry** entry);
@@ -157,6 +179,7 @@ private:
     uint64_t chunkEndOffset();
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
+    MP4Err isMovieSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
     uint64_t runEnd(const StscRun& run);
 
@@ -173,7 +196,7 @@ private:
     MP4Err firstSoundFields(SoundFields* fields);
     MP4Err codecOfFormat(uint32_t format, uint32_t* codec);
 
-    CMp4FileImpl* file_;
+    CTrackHost* host_;
     uint32_t trackIndex_ = 0;
     uint32_t trackId_ = 0;
     uint32_t open_ = 0;
@@ -196,6 +219,9 @@ private:
     CSampleDescriptionBox* stsd_ = nullptr;
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
+    MovieSamples movieSamples_{*this};
+    std::unique_ptr<CFragmentSamples> fragments_;  // only when the file has fragments
+    CSampleIndex index_;
     uint64_t initialDelay_ = 0;    // media time scale
     int64_t firstMediaTime_ = 0;   // media time where presentation starts
     uint64_t presentedDuration_ = 0;  // of that edit, media time scale
@@ -266,7 +292,7 @@ private:
     MP4Err queueBytes(const uint8_t* data, uint32_t size, uint32_t samples);
     MP4Err reserveChunkBytes(uint64_t needed);
     MP4Err chunkAfterAppend(uint64_t decodeTime);
-    MP4Err chunkBeforeAppend(uint64_t decodeTime, bool sync);
+    MP4Err chunkBeforeAppend(CChunkInterleaving* interleaving, uint64_t decodeTime, bool sync);
     bool chunkLimitReached(uint64_t decodeTime, bool sync, bool interleaving) const;
     MP4Err flushChunk();
     MP4Err recordChunkOffset(uint32_t chunk, uint64_t offset);

@@ -9,8 +9,7 @@
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
 #include "descriptors/ConfigRecords.h"
-#include "file/MetaDataImpl.h"
-#include "file/Mp4FileImpl.h"
+#include "meta/MetaDataImpl.h"
 #include "storage/MemoryStorage.h"
 
 namespace quil {
@@ -566,7 +565,7 @@ MP4Err CTrackImpl::setCprtNotice(const uint8_t* text, uint64_t length, int32_t i
 }
 
 MP4Err CTrackImpl::getMetaData(CMp4MetaData** metaData) {
-    return metaDataFor(file_->mode() == 1, metaData);
+    return metaDataFor(host_->mode() == 1, metaData);
 }
 
 MP4Err CTrackImpl::metaDataFor(bool create, CMp4MetaData** metaData) {

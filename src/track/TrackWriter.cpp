@@ -8,7 +8,6 @@
 #include "boxes/ConfigBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
-#include "file/Mp4FileImpl.h"
 #include "track/SampleEntryBuilder.h"
 #include "track/TrackImpl.h"
 
@@ -54,9 +53,9 @@ MP4Err appendNew(CBox* parent, uint32_t type, T** out) {
 // ---- the new track --------------------------------------------------------
 
 MP4Err CTrackImpl::initWriting(uint32_t trackIndex) {
-    if (!file_) return MP4_ERR_INVALID_DATA;
+    if (!host_) return MP4_ERR_INVALID_DATA;
     CBox* moov = nullptr;
-    MP4Err err = file_->findTopLevelBox(fourcc("moov"), &moov);
+    MP4Err err = host_->findMovie(&moov);
     if (err != MP4_OK) return err;
     CTrackBox* trak = nullptr;
     if ((err = appendNew(moov, fourcc("trak"), &trak)) != MP4_OK) return err;
@@ -87,7 +86,7 @@ MP4Err CTrackImpl::setTrackType(uint32_t type) {
     if (!writing_ || stbl_) return MP4_ERR_NOT_AVAILABLE;
     uint32_t handlerType = 0;
     const char* name = nullptr;
-    MP4Err err = handlerForMediaKind(type, file_->fileType(), &handlerType, &name);
+    MP4Err err = handlerForMediaKind(type, host_->fileType(), &handlerType, &name);
     if (err != MP4_OK) return err;
     if ((err = buildMediaInformation(type)) != MP4_OK) return err;
     hdlr_->handlerType = handlerType;
@@ -308,10 +307,10 @@ MP4Err CTrackImpl::addSample(const uint8_t* data, uint32_t size, uint64_t decode
     MP4Err err = checkSample(data, size, decodeTime, compositionTime, &audioSamples);
     if (err != MP4_OK) return err;
     if (!chunkAsSampleWriting_) {
-        const bool interleaving = file_->fileType() == MP4_FILE_XAVC;
+        CChunkInterleaving* interleaving = host_->chunkInterleaving();
         MP4Err cut = MP4_OK;
         // A failed cut keeps its chunk pending; the sample still joins it.
-        if (interleaving) cut = chunkBeforeAppend(decodeTime, sync);
+        if (interleaving) cut = chunkBeforeAppend(interleaving, decodeTime, sync);
         if ((err = addToTables(size, decodeTime, compositionTime, sync)) != MP4_OK) return err;
         if ((err = queueBytes(data, size, 1)) != MP4_OK) return err;
         if (!interleaving) cut = chunkAfterAppend(decodeTime);
@@ -321,7 +320,9 @@ MP4Err CTrackImpl::addSample(const uint8_t* data, uint32_t size, uint64_t decode
     // Chunk-as-sample: every audio sample is one table entry of one time
     // unit; the call's bytes become one chunk, which answers any cut the
     // video of an interleaved file asked for.
-    if (file_->fileType() == MP4_FILE_XAVC) file_->setCutAudio(false);
+    if (CChunkInterleaving* interleaving = host_->chunkInterleaving()) {
+        (void)interleaving->takeAudioCut();
+    }
     for (uint32_t i = 0; i < audioSamples; ++i) {
         err = addToTables(bytesPerAudioSample_, decodeTime + i, compositionTime + i, sync);
         if (err != MP4_OK) return err;
@@ -424,18 +425,18 @@ MP4Err CTrackImpl::chunkAfterAppend(uint64_t decodeTime) {
 
 // Interleaved files (XAVC): video cuts before the sample that would pass a
 // limit and tells the audio tracks to cut as well; audio cuts when told.
-MP4Err CTrackImpl::chunkBeforeAppend(uint64_t decodeTime, bool sync) {
+MP4Err CTrackImpl::chunkBeforeAppend(CChunkInterleaving* interleaving, uint64_t decodeTime,
+                                     bool sync) {
     bool cut = false;
     if (mediaType_ == MP4_TRACK_AUDIO) {
-        cut = file_->cutAudio();
-        file_->setCutAudio(false);
+        cut = interleaving->takeAudioCut();
         // Without video cuts (an audio-only file) the chunk would grow with
         // the media; the byte limit bounds it. Real video cuts come long
         // before: a second of compressed audio is far below the limit.
         if (chunkByteLimit_ != 0 && pendingBytes_ >= chunkByteLimit_) cut = true;
     } else if (chunkLimitReached(decodeTime, sync, true)) {
         cut = true;
-        file_->setCutAudio(true);
+        interleaving->videoClosedChunk();
     }
     // An empty chunk has nothing to cut.
     if (!cut || pendingCount_ == 0) return MP4_OK;
@@ -450,7 +451,7 @@ MP4Err CTrackImpl::chunkBeforeAppend(uint64_t decodeTime, bool sync) {
 MP4Err CTrackImpl::flushChunk() {
     if (pendingCount_ == 0) return MP4_ERR_INVALID_ARGUMENT;
     uint64_t offset = 0;
-    MP4Err err = file_->appendMediaData(chunkBuffer_.get(), pendingBytes_, &offset);
+    MP4Err err = host_->appendMediaData(chunkBuffer_.get(), pendingBytes_, &offset);
     if (err != MP4_OK) return err;
     if ((err = recordChunkOffset(nextChunk_, offset)) != MP4_OK) return err;
     if ((err = stsc_->addChunk(nextChunk_, pendingCount_, pendingDescription_)) != MP4_OK) return err;

@@ -5,8 +5,8 @@
 #include <new>
 
 #include "boxes/BoxFactory.h"
-#include "boxes/Dump.h"
-#include "descriptors/FieldIO.h"
+#include "io/Dump.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 namespace {

@@ -4,8 +4,8 @@
 // never moves entries and a table costs little more than its entries.
 // Indices are 1-based. A cursor remembers the node of the last lookup, so
 // walking the list forwards costs one step per node.
-#ifndef QUIL_TRACK_DATALIST_H
-#define QUIL_TRACK_DATALIST_H
+#ifndef QUIL_BOXES_DATALIST_H
+#define QUIL_BOXES_DATALIST_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,8 @@
 // Boxes of RTP hint tracks (ISO/IEC 14496-12 §9.1): the "rtp " hint sample
 // entry with its "tims", "tsro" and "snro" children, the "rtpo" packet TLV,
 // and the "hnti" boxes that carry the SDP text of the movie and of a track.
-#ifndef QUIL_HINT_HINTBOXES_H
-#define QUIL_HINT_HINTBOXES_H
+#ifndef QUIL_BOXES_HINTBOXES_H
+#define QUIL_BOXES_HINTBOXES_H
 
 #include <cstdint>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "SampleReader.h"
+#include "MediaReader.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+
+#include "quil/Storage.h"
 
 namespace quil {
 namespace {
@@ -30,20 +32,37 @@ constexpr uint32_t kDirectReadSize = 32u << 10;
 
 }  // namespace
 
-CSampleReader::~CSampleReader() {
-    if (fd_ >= 0) ::close(fd_);
-}
+CMediaReader::~CMediaReader() { close(); }
 
-MP4Err CSampleReader::open(const std::string& utf8Path) {
-    if (fd_ >= 0) ::close(fd_);
+MP4Err CMediaReader::open(const std::string& utf8Path) {
+    close();
     fd_ = ::open(utf8Path.c_str(), O_RDONLY | O_CLOEXEC);
-    windowLength_ = 0;
-    lastEnd_ = UINT64_MAX;
-    streak_ = 0;
     return fd_ < 0 ? MP4_ERR_IO : MP4_OK;
 }
 
-MP4Err CSampleReader::readDirect(uint64_t offset, uint32_t size, uint8_t* buffer) {
+void CMediaReader::useStorage(CStorage* storage) {
+    close();
+    storage_ = storage;
+}
+
+void CMediaReader::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    storage_ = nullptr;
+    window_.reset();
+    windowStart_ = 0;
+    windowLength_ = 0;
+    lastEnd_ = UINT64_MAX;
+    streak_ = 0;
+}
+
+MP4Err CMediaReader::readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer) {
+    MP4Err err = storage_->seek(offset);
+    if (err != MP4_OK) return err;
+    return storage_->readBytes(buffer, size);
+}
+
+MP4Err CMediaReader::readDirect(uint64_t offset, uint32_t size, uint8_t* buffer) {
     uint32_t done = 0;
     while (done < size) {
         ssize_t n = ::pread(fd_, buffer + done, size - done, static_cast<off_t>(offset + done));
@@ -59,7 +78,7 @@ MP4Err CSampleReader::readDirect(uint64_t offset, uint32_t size, uint8_t* buffer
     return MP4_OK;
 }
 
-MP4Err CSampleReader::fill(uint64_t offset, uint32_t length, uint32_t wanted) {
+MP4Err CMediaReader::fill(uint64_t offset, uint32_t length, uint32_t wanted) {
     if (!window_) {
         window_.reset(new (std::nothrow) uint8_t[kWindowSize]);
         if (!window_) return MP4_ERR_IO;
@@ -78,8 +97,9 @@ MP4Err CSampleReader::fill(uint64_t offset, uint32_t length, uint32_t wanted) {
     return done >= wanted ? MP4_OK : MP4_ERR_IO;
 }
 
-MP4Err CSampleReader::read(uint64_t offset, uint32_t size, uint8_t* buffer,
-                           uint64_t readAheadEnd) {
+MP4Err CMediaReader::read(uint64_t offset, uint32_t size, uint8_t* buffer,
+                          uint64_t readAheadEnd) {
+    if (storage_) return readFromStorage(offset, size, buffer);
     if (fd_ < 0) return MP4_ERR_IO;
     if (size == 0) return MP4_OK;
     if (offset > static_cast<uint64_t>(INT64_MAX) - size) return MP4_ERR_IO;

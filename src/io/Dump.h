@@ -1,7 +1,7 @@
 // Text dump helpers shared by every box, descriptor and record, and the
 // 1904-epoch date conversions.
-#ifndef QUIL_BOXES_DUMP_H
-#define QUIL_BOXES_DUMP_H
+#ifndef QUIL_IO_DUMP_H
+#define QUIL_IO_DUMP_H
 
 #include <cinttypes>
 #include <cstdint>

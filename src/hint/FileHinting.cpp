@@ -1,5 +1,6 @@
-// The file object's RTP hinting and ISMA operations: hint tracks, the
-// session SDP written at close, and the object-descriptor tracks.
+// The hint layer's side of the file object: hint tracks opened, made and
+// built for a file, the session SDP written at close, and the ISMA
+// object-descriptor tracks.
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -7,20 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "Mp4FileImpl.h"
 #include "boxes/ConfigBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
 #include "descriptors/Descriptors.h"
 #include "descriptors/ObjectDescriptors.h"
+#include "file/FileHinting.h"
+#include "file/Mp4FileImpl.h"
 #include "hint/BoxPaths.h"
-#include "hint/HintBoxes.h"
+#include "boxes/HintBoxes.h"
 #include "hint/Isma.h"
 #include "hint/Packetizers.h"
 #include "quil/Mp4Track.h"
 #include "storage/Base64.h"
-#include "storage/DiscStorage.h"
-#include "storage/WidePath.h"
 #include "track/TrackImpl.h"
 
 namespace quil {
@@ -62,13 +62,31 @@ MP4Err readIsmaTrack(CMp4Track* track, IsmaTrack* out) {
     return MP4_OK;
 }
 
+class CHintLayer final : public CFileHinting {
+public:
+    MP4Err openHintTrack(CMp4FileImpl* file, uint32_t trackNumber,
+                         CMp4RtpHintTrack** hintTrack) override;
+    MP4Err createHintTrack(CMp4FileImpl* file, int32_t kind,
+                           CMp4RtpHintTrack** hintTrack) override;
+    MP4Err buildHintTrack(CMp4FileImpl* file, CMp4RtpHintTrack* hintTrack, uint8_t payloadType,
+                          CMp4HintTrackContext* context) override;
+    MP4Err getSessionSdp(CMp4FileImpl* file, uint8_t* buffer, uint32_t bufferSize) override;
+    MP4Err writeSessionSdp(CMp4FileImpl* file, CMp4HintTrackContext* context) override;
+    MP4Err addIsmaObjectDescriptorTrack(CMp4FileImpl* file, uint32_t firstTrackNumber,
+                                        uint32_t secondTrackNumber) override;
+};
+
 }  // namespace
 
-MP4Err CMp4FileImpl::getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintTrack) {
-    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *hintTrack = nullptr;
-    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_INVALID_ARGUMENT;
-    std::unique_ptr<CMp4RtpHintTrackImpl> impl(new (std::nothrow) CMp4RtpHintTrackImpl(this, trackMode_));
+CFileHinting& fileHinting() {
+    static CHintLayer layer;
+    return layer;
+}
+
+MP4Err CHintLayer::openHintTrack(CMp4FileImpl* file, uint32_t trackNumber,
+                                 CMp4RtpHintTrack** hintTrack) {
+    std::unique_ptr<CMp4RtpHintTrackImpl> impl(
+        new (std::nothrow) CMp4RtpHintTrackImpl(file, file->trackMode()));
     if (!impl) return MP4_ERR_OUT_OF_MEMORY;
     MP4Err err = impl->bind(trackNumber);
     if (err != MP4_OK) return err;
@@ -76,37 +94,26 @@ MP4Err CMp4FileImpl::getHintTrack(uint32_t trackNumber, CMp4RtpHintTrack** hintT
     return MP4_OK;
 }
 
-MP4Err CMp4FileImpl::createHintTrack(CMp4RtpHintTrack** hintTrack, int32_t kind) {
-    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *hintTrack = nullptr;
-    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+MP4Err CHintLayer::createHintTrack(CMp4FileImpl* file, int32_t kind,
+                                   CMp4RtpHintTrack** hintTrack) {
     if (kind < kFirstHintKind || kind > kLastHintKind) return MP4_ERR_INVALID_ARGUMENT;
-    CMp4RtpHintTrackImpl* impl = createPacketizer(kind, this, trackMode_);
+    CMp4RtpHintTrackImpl* impl = createPacketizer(kind, file, file->trackMode());
     if (impl == nullptr) return MP4_ERR_OUT_OF_MEMORY;
     *hintTrack = impl;
     return MP4_OK;
 }
 
-MP4Err CMp4FileImpl::addHintTrack(CMp4RtpHintTrack* hintTrack) {
-    if (hintTrack == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    // Every call takes a payload type, counting from 96. 128 is still
-    // handed out although it lies outside the 7-bit RTP range, a limit kept
-    // deliberately; the byte then runs on to 129 and beyond, which fail.
-    const uint8_t payloadType = nextPayloadType_++;
-    if (static_cast<uint8_t>(payloadType - 1) > 127) return MP4_ERR_INVALID_ARGUMENT;
+MP4Err CHintLayer::buildHintTrack(CMp4FileImpl*, CMp4RtpHintTrack* hintTrack,
+                                  uint8_t payloadType, CMp4HintTrackContext* context) {
     // Only the library's own hint tracks know how to build themselves.
     CMp4RtpHintTrackImpl* impl = dynamic_cast<CMp4RtpHintTrackImpl*>(hintTrack);
     if (impl == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    MP4Err err = impl->build(payloadType, hintTrackContext_);
-    if (err != MP4_OK) return err;
-    hasHintTracks_ = 1;
-    return MP4_OK;
+    return impl->build(payloadType, context);
 }
 
-MP4Err CMp4FileImpl::getSessionSdp(uint8_t* buffer, uint32_t bufferSize) {
-    if (buffer == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+MP4Err CHintLayer::getSessionSdp(CMp4FileImpl* file, uint8_t* buffer, uint32_t bufferSize) {
     CBox* box = nullptr;
-    MP4Err err = findTopLevelBox(fourcc("moov"), &box);
+    MP4Err err = file->findTopLevelBox(fourcc("moov"), &box);
     const uint32_t path[] = {fourcc("udta"), fourcc("hnti"), fourcc("rtp ")};
     for (uint32_t childType : path) {
         if (err != MP4_OK) return err;
@@ -123,55 +130,23 @@ MP4Err CMp4FileImpl::getSessionSdp(uint8_t* buffer, uint32_t bufferSize) {
     return MP4_OK;
 }
 
-MP4Err CMp4FileImpl::pathForReadingBack(std::string* path) {
-    path->clear();
-    if (isOpen_ == 0 || storage_ == nullptr) return MP4_ERR_NOT_AVAILABLE;
-    if (storageSupplied_ != 0) return MP4_ERR_UNSUPPORTED;
-    // Whatever the storage still buffers must reach the file first.
-    MP4Err err = storage_->flush();
-    if (err != MP4_OK) return err;
-    return widePathToUtf8(static_cast<CDiscStorage*>(storage_)->path(), path);
-}
-
-MP4Err CMp4FileImpl::getFinishedTrack(uint32_t trackNumber, CMp4Track** track,
-                                      bool evenWhileWriting) {
-    if (track == nullptr) return MP4_ERR_INVALID_ARGUMENT;
-    *track = nullptr;
-    if (mode_ != 1) return getTrack(trackNumber, track);
-    if (trackNumber == 0 || trackNumber > trackCount_) return MP4_ERR_NOT_AVAILABLE;
-    std::unique_ptr<CTrackImpl> impl(new (std::nothrow) CTrackImpl(this, trackMode_));
-    if (!impl) return MP4_ERR_OUT_OF_MEMORY;
-    MP4Err err = impl->bind(trackNumber);
-    if (err != MP4_OK) return err;
-    if (!evenWhileWriting) {
-        uint32_t id = 0, writingId = 0;
-        (void)impl->getTrackId(&id);
-        for (CTrackImpl* writing : writingTracks_) {
-            if (writing->getTrackId(&writingId) == MP4_OK && writingId == id) {
-                return MP4_ERR_NOT_AVAILABLE;  // its last chunk may not be written yet
-            }
-        }
-    }
-    *track = impl.release();
-    return MP4_OK;
-}
-
-MP4Err CMp4FileImpl::writeSessionSdp() {
-    if (hasHintTracks_ == 0) return MP4_OK;
+MP4Err CHintLayer::writeSessionSdp(CMp4FileImpl* file, CMp4HintTrackContext* context) {
     std::string text = kSessionSdpIsma2;
-    if (fileType_ == MP4_FILE_MPEG4) {
+    if (file->fileType() == MP4_FILE_MPEG4) {
         // The ISMA descriptor of the first video and first audio track; a
         // file without either keeps the plain text.
         IsmaTrack video, audio;
-        for (uint32_t number = 1; number <= trackCount_; ++number) {
+        uint32_t trackCount = 0;
+        (void)file->getTrackCount(&trackCount);
+        for (uint32_t number = 1; number <= trackCount; ++number) {
             CMp4Track* track = nullptr;
-            if (getFinishedTrack(number, &track, true) != MP4_OK) continue;
+            if (file->getFinishedTrack(number, &track, true) != MP4_OK) continue;
             uint32_t kind = 0;
             (void)track->getTrackType(&kind);
             MP4Err err = MP4_OK;
             if (kind == MP4_TRACK_VIDEO && !video.present) err = readIsmaTrack(track, &video);
             if (kind == MP4_TRACK_AUDIO && !audio.present) err = readIsmaTrack(track, &audio);
-            (void)releaseTrack(track);
+            (void)file->releaseTrack(track);
             if (err != MP4_OK) return err;
         }
         IsmaStream videoStream = video.stream(), audioStream = audio.stream();
@@ -189,13 +164,13 @@ MP4Err CMp4FileImpl::writeSessionSdp() {
             text = formatted.data();
         }
     }
-    if (hintTrackContext_ != nullptr) {
-        const char* replacement = hintTrackContext_->replaceSessionSdp(text.c_str());
+    if (context != nullptr) {
+        const char* replacement = context->replaceSessionSdp(text.c_str());
         if (replacement != nullptr) text = replacement;  // copied at once
     }
 
     CBox* moov = nullptr;
-    MP4Err err = findTopLevelBox(fourcc("moov"), &moov);
+    MP4Err err = file->findMovie(&moov);
     CUserDataBox* udta = nullptr;
     CMovieHintInformationBox* hnti = nullptr;
     CRtpMovieHintInformationBox* rtp = nullptr;
@@ -274,22 +249,21 @@ MP4Err addSystemsTrack(CMp4File* file, uint32_t kind, uint8_t objectType, uint8_
 
 }  // namespace
 
-MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
-                                                  uint32_t secondTrackNumber) {
-    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+MP4Err CHintLayer::addIsmaObjectDescriptorTrack(CMp4FileImpl* file, uint32_t firstTrackNumber,
+                                                uint32_t secondTrackNumber) {
     // The first video and the first audio track among the two named (0
     // names none).
     IsmaTrack video, audio;
     for (uint32_t number : {firstTrackNumber, secondTrackNumber}) {
         if (number == 0) continue;
         CMp4Track* track = nullptr;
-        MP4Err err = getFinishedTrack(number, &track, true);
+        MP4Err err = file->getFinishedTrack(number, &track, true);
         if (err != MP4_OK) return err;
         uint32_t kind = 0;
         (void)track->getTrackType(&kind);
         if (kind == MP4_TRACK_VIDEO && !video.present) err = readIsmaTrack(track, &video);
         if (kind == MP4_TRACK_AUDIO && !audio.present) err = readIsmaTrack(track, &audio);
-        (void)releaseTrack(track);
+        (void)file->releaseTrack(track);
         if (err != MP4_OK) return err;
     }
     if (!video.present && !audio.present) return MP4_ERR_NO_TRACKS;
@@ -313,12 +287,12 @@ MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
     ismaBifsScene(video.present, audio.present, &scene, &sceneLength);
 
     uint32_t sceneTrackId = 0, odTrackId = 0;
-    err = addSystemsTrack(this, MP4_TRACK_SCENE_DESCRIPTION, kBifsV2ObjectType,
+    err = addSystemsTrack(file, MP4_TRACK_SCENE_DESCRIPTION, kBifsV2ObjectType,
                           kSceneDescriptionStream, kBifsConfig, sizeof(kBifsConfig),
-                          std::vector<uint8_t>(scene, scene + sceneLength), {}, this, &sceneTrackId);
+                          std::vector<uint8_t>(scene, scene + sceneLength), {}, file, &sceneTrackId);
     if (err == MP4_OK) {
-        err = addSystemsTrack(this, MP4_TRACK_OBJECT_DESCRIPTOR, kSystemsObjectType,
-                              kObjectDescriptorStream, nullptr, 0, odUpdate, references, this,
+        err = addSystemsTrack(file, MP4_TRACK_OBJECT_DESCRIPTOR, kSystemsObjectType,
+                              kObjectDescriptorStream, nullptr, 0, odUpdate, references, file,
                               &odTrackId);
     }
     if (err != MP4_OK) return err;
@@ -327,7 +301,7 @@ MP4Err CMp4FileImpl::addIsmaObjectDescriptorTrack(uint32_t firstTrackNumber,
     // streams (ISO/IEC 14496-14 §3.1.2); files without one are left so.
     CBox* moov = nullptr;
     CBox* box = nullptr;
-    err = findTopLevelBox(fourcc("moov"), &moov);
+    err = file->findMovie(&moov);
     if (err != MP4_OK) return err;
     if (moov->findChild(fourcc("iods"), &box, 1) != MP4_OK) return MP4_OK;
     CObjectDescriptorBox* iods = dynamic_cast<CObjectDescriptorBox*>(box);

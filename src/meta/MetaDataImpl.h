@@ -1,8 +1,8 @@
 // The metadata object behind CMp4MetaData: a view over one "udta" box of
 // the movie or of a track, and the copyright-notice helpers the file and
 // track objects share.
-#ifndef QUIL_FILE_METADATAIMPL_H
-#define QUIL_FILE_METADATAIMPL_H
+#ifndef QUIL_META_METADATAIMPL_H
+#define QUIL_META_METADATAIMPL_H
 
 #include <cstdint>
 

@@ -1,0 +1,212 @@
+#include "Rewrite.h"
+
+#include <new>
+
+#include "boxes/Box.h"
+#include "boxes/MovieBoxes.h"
+#include "storage/DiscStorage.h"
+#include "storage/FileCopy.h"
+#include "track/SampleTables.h"
+
+namespace quil {
+namespace {
+
+constexpr uint64_t kMax32 = 0xFFFFFFFFull;
+
+MP4Err sizeForPlan(CBox* box, bool asRead, uint64_t* size) {
+    MP4Err err = asRead ? sizeBox(box) : box->calculateSize();
+    return err == MP4_OK ? box->getSize(size) : err;
+}
+
+MP4Err writeMediaDataHeader(CStorage* target, const MediaMove& move) {
+    const uint64_t size = move.newHeader + move.box->dataSize;
+    MP4Err err = target->writeUInt32(move.newHeader == 16 ? 1u : static_cast<uint32_t>(size));
+    if (err == MP4_OK) err = target->writeUInt32(fourcc("mdat"));
+    if (err == MP4_OK && move.newHeader == 16) err = target->writeUInt64(size);
+    return err;
+}
+
+bool fits(const CChunkOffsetTableEntry&, uint64_t moved) { return moved <= kMax32; }
+bool fits(const CChunkLargeOffsetTableEntry&, uint64_t) { return true; }
+
+// One offset table: every entry mapped (8 when one lies in no media data
+// box, 10 when it does not fit the table), stored only when apply is set.
+template <class Entry>
+MP4Err moveTable(const COffsetMover& mover, CCountedTableBox<Entry>* table, bool back,
+                 bool apply) {
+    for (uint32_t i = 1; i <= table->entries.count(); ++i) {
+        Entry* entry = nullptr;
+        if (table->getEntry(i, &entry) != MP4_OK) break;
+        uint64_t moved = 0;
+        if (!mover.map(entry->chunkOffset, back, &moved)) return MP4_ERR_WRONG_LAYOUT;
+        if (!fits(*entry, moved)) return MP4_ERR_VALUE_TOO_LARGE;
+        if (apply) entry->chunkOffset = static_cast<decltype(entry->chunkOffset)>(moved);
+    }
+    return MP4_OK;
+}
+
+MP4Err replaceWithLargeOffsets(CBox* stbl, CChunkOffsetBox* stco) {
+    std::unique_ptr<CChunkLargeOffsetBox> co64(new (std::nothrow) CChunkLargeOffsetBox());
+    if (!co64) return MP4_ERR_OUT_OF_MEMORY;
+    co64->type = fourcc("co64");
+    MP4Err err = co64->copyFromChunkOffsets(stco);
+    if (err != MP4_OK) return err;
+    CBoxList* children = stbl->childList();
+    if (!children) return MP4_ERR_INVALID_DATA;
+    err = children->replace(stco, co64.get());
+    if (err != MP4_OK) return err;
+    co64.release();
+    delete stco;  // handed back by replace
+    return MP4_OK;
+}
+
+}  // namespace
+
+uint32_t mediaDataHeader(const CMediaDataBox& mdat) {
+    const uint64_t sourceHeader = mdat.size - mdat.dataSize;
+    return (sourceHeader >= 16 || mdat.dataSize + 8 > kMax32) ? 16 : 8;
+}
+
+MP4Err planRewrite(RewritePlan* plan) {
+    plan->moves.clear();
+    uint64_t position = 0;
+    for (CBox* box : plan->order) {
+        if (auto* mdat = dynamic_cast<CMediaDataBox*>(box)) {
+            MediaMove move;
+            move.box = mdat;
+            move.oldStart = mdat->boxOffset + (mdat->size - mdat->dataSize);
+            move.newHeader = mediaDataHeader(*mdat);
+            move.newStart = position + move.newHeader;
+            try {
+                plan->moves.push_back(move);
+            } catch (const std::bad_alloc&) {
+                return MP4_ERR_OUT_OF_MEMORY;
+            }
+            position = move.newStart + mdat->dataSize;
+            continue;
+        }
+        uint64_t size = 0;
+        MP4Err err = sizeForPlan(box, plan->asRead, &size);
+        if (err != MP4_OK) return err;
+        position += size;
+    }
+    return MP4_OK;
+}
+
+// ---- chunk offsets ---------------------------------------------------------
+
+bool COffsetMover::map(uint64_t offset, bool back, uint64_t* moved) const {
+    for (const MediaMove& move : moves_) {
+        const uint64_t from = back ? move.newStart : move.oldStart;
+        const uint64_t to = back ? move.oldStart : move.newStart;
+        if (offset >= from && offset - from <= move.box->dataSize) {
+            *moved = offset - from + to;
+            return true;
+        }
+    }
+    if (!strays_ || moves_.size() != 1) return false;
+    // Wraps like the 32- or 64-bit table arithmetic it stands for.
+    const MediaMove& only = moves_.front();
+    *moved = back ? offset - only.newStart + only.oldStart : offset - only.oldStart + only.newStart;
+    return true;
+}
+
+// Calls visit(stbl, table) for the offset tables of every track with a
+// sample table box (tracks without one have nothing to move).
+template <class Visit>
+MP4Err COffsetMover::forEachTable(CBox* movie, Visit visit) const {
+    for (uint32_t n = 1;; ++n) {
+        CBox* trak = nullptr;
+        MP4Err err = movie->findChild(fourcc("trak"), &trak, n);
+        if (err == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
+        if (err != MP4_OK) return err;
+        CBox* stbl = trak;
+        for (uint32_t type : {fourcc("mdia"), fourcc("minf"), fourcc("stbl")}) {
+            if (stbl && stbl->findChild(type, &stbl) != MP4_OK) stbl = nullptr;
+        }
+        if (!stbl) continue;
+        CBox* table = nullptr;
+        const bool hasStco = stbl->findChild(fourcc("stco"), &table) == MP4_OK;
+        if (hasStco && (err = visit(stbl, table)) != MP4_OK) return err;
+        if (hasStco && tables_ == Tables::TrackReads) continue;
+        if (stbl->findChild(fourcc("co64"), &table) == MP4_OK && (err = visit(stbl, table)) != MP4_OK) {
+            return err;
+        }
+    }
+}
+
+MP4Err COffsetMover::move(CBox* movie, bool back) const {
+    for (const bool apply : {false, true}) {
+        MP4Err err = forEachTable(movie, [&](CBox*, CBox* table) {
+            if (auto* stco = dynamic_cast<CChunkOffsetBox*>(table)) {
+                return moveTable(*this, stco, back, apply);
+            }
+            if (auto* co64 = dynamic_cast<CChunkLargeOffsetBox*>(table)) {
+                return moveTable(*this, co64, back, apply);
+            }
+            return MP4_OK;
+        });
+        if (err != MP4_OK) return err;
+    }
+    return MP4_OK;
+}
+
+MP4Err COffsetMover::widenOverflowing(CBox* movie, bool* widened) const {
+    *widened = false;
+    return forEachTable(movie, [&](CBox* stbl, CBox* table) {
+        auto* stco = dynamic_cast<CChunkOffsetBox*>(table);
+        if (!stco) return MP4_OK;
+        for (uint32_t i = 1; i <= stco->entries.count(); ++i) {
+            CChunkOffsetTableEntry* entry = nullptr;
+            if (stco->getEntry(i, &entry) != MP4_OK) return MP4_OK;
+            uint64_t moved = 0;
+            if (map(entry->chunkOffset, false, &moved) && moved <= kMax32) continue;
+            *widened = true;
+            return replaceWithLargeOffsets(stbl, stco);
+        }
+        return MP4_OK;
+    });
+}
+
+// ---- writing -----------------------------------------------------------------
+
+MP4Err writeRewrite(const RewritePlan& plan, CDiscStorage* target, const std::string& sourcePath,
+                    const std::string& targetPath) {
+    MP4Err err = MP4_OK;
+    // The media data are left out here (the storage steps over them) and
+    // copied afterwards by the kernel, file to file: the same bytes as
+    // reading and writing them through the storages, without moving
+    // gigabytes through user space.
+    std::vector<uint64_t> dataStarts;
+    size_t next = 0;
+    for (CBox* box : plan.order) {
+        if (next < plan.moves.size() && plan.moves[next].box == box) {
+            const MediaMove& move = plan.moves[next++];
+            uint64_t start = 0;
+            err = writeMediaDataHeader(target, move);
+            if (err == MP4_OK) err = target->getPosition(&start);
+            // Steps over the data: what follows is written after it.
+            if (err == MP4_OK) err = target->seek(start + move.box->dataSize);
+            if (err == MP4_OK) {
+                try {
+                    dataStarts.push_back(start);
+                } catch (const std::bad_alloc&) {
+                    err = MP4_ERR_OUT_OF_MEMORY;
+                }
+            }
+        } else {
+            err = plan.asRead ? writeBox(box, target) : box->write(target);
+        }
+        if (err != MP4_OK) break;
+    }
+    const MP4Err closed = target->close();
+    if (err == MP4_OK) err = closed;
+    for (size_t i = 0; err == MP4_OK && i < dataStarts.size(); ++i) {
+        const MediaMove& move = plan.moves[i];
+        err = copyFileBytes(sourcePath, move.oldStart, targetPath, dataStarts[i],
+                            move.box->dataSize);
+    }
+    return err;
+}
+
+}  // namespace quil

@@ -1,0 +1,68 @@
+// What a track needs from the file it belongs to, and nothing more: the
+// movie box, media bytes in and out, the file type, and the signal that
+// keeps the chunks of an interleaved file's audio and video in step. The
+// file object implements it; tracks never see the file object itself.
+#ifndef QUIL_TRACK_TRACKHOST_H
+#define QUIL_TRACK_TRACKHOST_H
+
+#include <cstdint>
+
+#include "quil/MP4Err.h"
+
+namespace quil {
+
+class CBox;
+class CBoxList;
+
+// Interleaved writing (XAVC): a video track that closes a chunk asks every
+// audio track to close its own before its next sample, so that audio and
+// video chunks alternate in the media data.
+class CChunkInterleaving {
+public:
+    void videoClosedChunk() { audioCutPending_ = true; }
+    // Whether a cut is pending; taking it clears it (the first audio track
+    // to ask answers it, as the single flag it replaces did).
+    bool takeAudioCut() {
+        const bool cut = audioCutPending_;
+        audioCutPending_ = false;
+        return cut;
+    }
+    void reset() { audioCutPending_ = false; }
+
+private:
+    bool audioCutPending_ = false;
+};
+
+class CTrackHost {
+public:
+    virtual ~CTrackHost() = default;
+
+    // The file's "moov": 3 when there is none (or nothing is open).
+    virtual MP4Err findMovie(CBox** moov) = 0;
+    // The file-level boxes in file order (the movie fragments among them);
+    // null when nothing is open.
+    virtual CBoxList* fileBoxes() = 0;
+    // Length of the file's storage; false when unknown. Bounds the tables a
+    // damaged count could otherwise make grow.
+    virtual bool storageLength(uint64_t* length) = 0;
+    // The mode the file is open in: 0 read, 1 write.
+    virtual uint32_t mode() const = 0;
+    virtual uint32_t fileType() const = 0;
+
+    // Reading: size bytes of media data at offset. readAheadEnd is the end
+    // of the chunk holding them (0 when unknown): nothing past it is
+    // fetched ahead. 4 unless the file is open for reading.
+    virtual MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
+                                  uint64_t readAheadEnd = 0) = 0;
+
+    // Writing: appends bytes at the end of the media data and reports
+    // where they start. A failure leaves the media data as it was.
+    virtual MP4Err appendMediaData(const uint8_t* bytes, uint64_t length, uint64_t* offset) = 0;
+    // The interleaving signal of a file whose tracks interleave their
+    // chunks; null when they do not.
+    virtual CChunkInterleaving* chunkInterleaving() = 0;
+};
+
+}  // namespace quil
+
+#endif
