@@ -107,6 +107,9 @@ run_fuzzer() {
   # libFuzzer adds new inputs to the first corpus directory: the working
   # corpus comes first, the committed regression inputs last (read only).
   [ -d "fuzz/corpus/$target" ] && regressions+=("fuzz/corpus/$target")
+  # The importers start from the raw stream fixtures (a leading byte picks
+  # the importer, so any file is an input).
+  [ "$target" = fuzz_import ] && regressions+=(tests/data)
   [ -f "fuzz/$target.dict" ] && extra+=("-dict=fuzz/$target.dict")
   if [ -n "${FUZZ_RUNS:-}" ]; then
     budget=(-runs="$FUZZ_RUNS")

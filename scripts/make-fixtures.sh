@@ -106,8 +106,51 @@ else
   note_skipped "pcm-*.mov" "no PCM encoders"
 fi
 
+# Raw elementary streams for `quil import` (no container, so they are
+# described by how they were made only).
+raw_made=()
+note_raw() { raw_made+=("$1|$2"); }
+frames12=(-f lavfi -i testsrc2=size=160x120:rate=25:duration=0.48)
+if has_encoder libx264; then
+  "${FF[@]}" "${frames12[@]}" -c:v libx264 -profile:v main -pix_fmt yuv420p -crf 35 -g 12 -bf 2 \
+    "${BITEXACT[@]}" -f h264 "$work/raw-h264-bframes.h264"
+  note_raw raw-h264-bframes.h264 "12 frames of main-profile H.264, Annex B, \`-bf 2\`, VUI timing 25 fps"
+  "${FF[@]}" "${frames12[@]}" "${x264_baseline[@]}" -crf 35 \
+    "${BITEXACT[@]}" -f h264 "$work/raw-h264-baseline.h264"
+  note_raw raw-h264-baseline.h264 "12 frames of baseline H.264, Annex B, no B-frames"
+else
+  note_skipped "raw-h264-*.h264" "no libx264 encoder"
+fi
+if has_encoder libx265; then
+  "${FF[@]}" "${frames12[@]}" -c:v libx265 -crf 35 -g 12 \
+    -x265-params log-level=error:pools=1:frame-threads=1:wpp=0:bframes=3 \
+    "${BITEXACT[@]}" -f hevc "$work/raw-hevc-bframes.hevc"
+  note_raw raw-hevc-bframes.hevc "12 frames of HEVC from libx265, Annex B, 3 B-frames, VPS/VUI timing 25 fps"
+else
+  note_skipped raw-hevc-bframes.hevc "no libx265 encoder"
+fi
+if has_encoder aac; then
+  "${FF[@]}" -f lavfi -i sine=frequency=440:sample_rate=44100:duration=0.5 "${aac_mono[@]}" \
+    "${BITEXACT[@]}" -f adts "$work/raw-aac.aac"
+  note_raw raw-aac.aac "0.5 s of 44.1 kHz mono AAC-LC in ADTS"
+fi
+if has_encoder libmp3lame; then
+  "${FF[@]}" -f lavfi -i sine=frequency=440:sample_rate=22050:duration=0.5 -c:a libmp3lame -b:a 32k \
+    "${BITEXACT[@]}" "$work/raw-mp3.mp3"
+  note_raw raw-mp3.mp3 "0.5 s of 22.05 kHz mono MP3 (MPEG-2 layer III) with a Xing/LAME information frame"
+else
+  note_skipped raw-mp3.mp3 "no libmp3lame encoder"
+fi
+"${FF[@]}" -f lavfi -i sine=frequency=440:sample_rate=16000:duration=0.1 -ac 2 -c:a pcm_s16le \
+  "${BITEXACT[@]}" "$work/raw-pcm16.wav"
+note_raw raw-pcm16.wav "0.1 s of 16 kHz stereo 16-bit PCM in WAV"
+python3 "$here/make-amr.py" "$work/raw-amrnb.amr" 0.2
+note_raw raw-amrnb.amr "0.2 s of synthetic AMR-NB from make-amr.py (every mode, SID, NO_DATA)"
+python3 "$here/make-amr.py" --wb "$work/raw-amrwb.amr" 0.2
+note_raw raw-amrwb.amr "0.2 s of synthetic AMR-WB from \`make-amr.py --wb\`"
+
 # Install what was made, then describe it.
-for entry in "${made[@]}"; do
+for entry in "${made[@]}" "${raw_made[@]}"; do
   cp "$work/${entry%%|*}" "$out/"
 done
 if [ -f "$work/damaged.txt" ]; then
@@ -143,6 +186,16 @@ EOF
   for entry in "${made[@]}"; do
     name=${entry%%|*}
     echo "| $name | ${entry#*|} | $(describe "$out/$name") |"
+  done
+  echo
+  echo "## Raw streams"
+  echo
+  echo "Elementary streams without a container, the inputs of \`quil import\`:"
+  echo
+  echo "| file | how it was made |"
+  echo "|---|---|"
+  for entry in "${raw_made[@]}"; do
+    echo "| ${entry%%|*} | ${entry#*|} |"
   done
   if [ -f "$work/damaged.txt" ]; then
     cat <<'EOF'

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "BoxBuilder.h"
+#include "boxes/MovieBoxes.h"
 #include "quil/quil.h"
 #include "storage/DiscStorage.h"
 #include "track/SampleTables.h"
@@ -610,6 +612,140 @@ TEST(WriteErrors, AFullDiscLosesNothingAndCloseCanBeRetried) {
 
     File full;  // /dev/full takes nothing: open already fails
     EXPECT_EQ(MP4_ERR_IO, full->open(L"/dev/full", 1, MP4_FILE_MPEG4));
+}
+
+// ---------------------------------------------------------------------------
+// Last sample duration, edits over reordered frames, movie duration rule,
+// destroying a file still being written
+
+struct TimingCase {
+    const char* what;
+    uint32_t lastDuration;                // 0: not set
+    std::vector<uint64_t> compositions;   // decode times 0, 10, 20, ...
+    int64_t editMediaTime;                // -1: no setEditList
+    uint64_t mediaDuration;               // mdhd
+    uint64_t presented;                   // of the media edit
+};
+
+class WriteTiming : public ::testing::TestWithParam<TimingCase> {};
+
+TEST_P(WriteTiming, DurationsAndEdits) {
+    const TimingCase& c = GetParam();
+    const std::string path = tempPath("timing.mp4");
+    {
+        File file;
+        ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), MP4_OPEN_WRITE, MP4_FILE_MPEG4));
+        CMp4Track* track = newTrack(file.file, MP4_TRACK_VIDEO, fourcc("jpeg"));
+        if (c.lastDuration) {
+            ASSERT_EQ(MP4_OK, track->setLastSampleDuration(c.lastDuration));
+        }
+        if (c.editMediaTime >= 0) {
+            ASSERT_EQ(MP4_OK, track->setEditList(0, c.editMediaTime));
+        }
+        for (size_t n = 0; n < c.compositions.size(); ++n) {
+            const Bytes bytes = sampleBytes(static_cast<uint32_t>(n), 10);
+            ASSERT_EQ(MP4_OK, track->addSample(bytes.data(), 10, n * 10, c.compositions[n], n == 0));
+        }
+        ASSERT_EQ(MP4_OK, file->releaseTrack(track));
+    }
+    File file;
+    ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), MP4_OPEN_READ, 0));
+    CMp4Track* track = nullptr;
+    ASSERT_EQ(MP4_OK, file->getTrack(1, &track));
+    uint64_t media = 0, delay = 0, presented = 0;
+    int64_t mediaTime = 0;
+    EXPECT_EQ(MP4_OK, track->getMediaDuration(&media));
+    EXPECT_EQ(c.mediaDuration, media);
+    EXPECT_EQ(MP4_OK, track->getInitialDelay(&delay, &mediaTime, &presented));
+    EXPECT_EQ(c.presented, presented);
+    EXPECT_EQ(MP4_OK, file->releaseTrack(track));
+    std::remove(path.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, WriteTiming,
+    ::testing::Values(
+        TimingCase{"last repeats the one before", 0, {0, 10, 20}, -1, 30, 0},
+        TimingCase{"last set", 35, {0, 10, 20}, -1, 55, 0},
+        TimingCase{"one sample, set", 7, {0}, -1, 7, 0},
+        // I P B B: shown I B B P from 20; the edit runs to the end of P
+        // (50 + 10), not to the end of the decode times (40).
+        TimingCase{"reordered, default edit", 0, {20, 50, 30, 40}, 20, 40, 40},
+        TimingCase{"reordered, last set", 15, {20, 50, 30, 40}, 20, 45, 40},
+        TimingCase{"in order, edit", 0, {0, 10, 20, 30}, 10, 40, 30}),
+    [](const ::testing::TestParamInfo<TimingCase>& info) {
+        std::string name = info.param.what;
+        for (char& ch : name) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
+        return name;
+    });
+
+TEST(WriteTiming, LastSampleDurationRefusals) {
+    File file;
+    ASSERT_EQ(MP4_OK, file->open(wide(tempPath("refuse.mp4")).c_str(), MP4_OPEN_WRITE, MP4_FILE_MPEG4));
+    CMp4Track* track = newTrack(file.file, MP4_TRACK_AUDIO, fourcc("sowt"));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, track->setLastSampleDuration(0x80000000u));
+    EXPECT_EQ(MP4_OK, file->releaseTrack(track));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file->setMovieDurationRule(2));
+    EXPECT_EQ(MP4_OK, file->close());
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK));
+    std::remove(tempPath("refuse.mp4").c_str());
+}
+
+// A 1 s video track before a 5 s audio track: the movie lasts 1 s by
+// default, 5 s when asked.
+TEST(WriteMovieDuration, FirstTrackByDefaultLongestWhenAsked) {
+    for (uint32_t rule : {MP4_MOVIE_DURATION_FIRST_TRACK, MP4_MOVIE_DURATION_LONGEST_TRACK}) {
+        const std::string path = tempPath("rule.mp4");
+        {
+            File file;
+            ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), MP4_OPEN_WRITE, MP4_FILE_MPEG4));
+            if (rule != MP4_MOVIE_DURATION_FIRST_TRACK) {
+                ASSERT_EQ(MP4_OK, file->setMovieDurationRule(rule));
+            }
+            CMp4Track* video = newTrack(file.file, MP4_TRACK_VIDEO, fourcc("jpeg"));
+            CMp4Track* audio = newTrack(file.file, MP4_TRACK_AUDIO, fourcc("mp4a"));
+            const Bytes bytes = sampleBytes(1, 8);
+            ASSERT_EQ(MP4_OK, video->setLastSampleDuration(1000));
+            ASSERT_EQ(MP4_OK, video->addSample(bytes.data(), 8, 0, 0, true));
+            for (uint64_t n = 0; n < 5; ++n) {
+                ASSERT_EQ(MP4_OK, audio->addSample(bytes.data(), 8, n * 1000, n * 1000, true));
+            }
+            ASSERT_EQ(MP4_OK, file->close());  // finishes the tracks still held
+            delete video;
+            delete audio;
+        }
+        const std::unique_ptr<CBox> movie = movieOf(loadFile(path));
+        auto* mvhd = boxAt<CMovieHeaderBox>(movie.get(), {"mvhd"});
+        ASSERT_NE(nullptr, mvhd);
+        EXPECT_EQ(rule == MP4_MOVIE_DURATION_FIRST_TRACK ? 1000u : 5000u, mvhd->duration);
+        std::remove(path.c_str());
+    }
+}
+
+// A file destroyed while still open for writing is closed first: it gets
+// its movie and every sample, and the object frees everything.
+TEST(WriteDestroy, DestroyingAnOpenWritingFileClosesIt) {
+    const std::string path = tempPath("destroy.mp4");
+    CMp4File* file = nullptr;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&file));
+    ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), MP4_OPEN_WRITE, MP4_FILE_MPEG4));
+    CMp4Track* track = newTrack(file, MP4_TRACK_VIDEO, fourcc("jpeg"));
+    std::vector<Sample> samples;
+    for (uint32_t n = 0; n < 3; ++n) {
+        samples.push_back({sampleBytes(n, 100), n * 40ull, n * 40ull, true});
+        ASSERT_EQ(MP4_OK, track->addSample(samples.back().bytes.data(), 100, n * 40, n * 40, true));
+    }
+    EXPECT_EQ(MP4_OK, CMp4File::destroyInstance(&file));
+    EXPECT_EQ(nullptr, file);
+    delete track;  // finished by the close; the caller's object to delete
+
+    File reread;
+    ASSERT_EQ(MP4_OK, reread->open(wide(path).c_str(), MP4_OPEN_READ, 0));
+    CMp4Track* back = nullptr;
+    ASSERT_EQ(MP4_OK, reread->getTrack(1, &back));
+    expectReadsBack(back, samples);
+    EXPECT_EQ(MP4_OK, reread->releaseTrack(back));
+    std::remove(path.c_str());
 }
 
 }  // namespace

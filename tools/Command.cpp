@@ -57,9 +57,11 @@ bool Arguments::parse(int argc, char** argv, int first, const std::vector<Option
         } else if (equals != std::string::npos) {
             options_[name] = word.substr(equals + 1);
             repeated_[name].push_back(options_[name]);
+            positions_[name].push_back(operands_.size());
         } else if (i + 1 < argc) {
             options_[name] = argv[++i];
             repeated_[name].push_back(options_[name]);
+            positions_[name].push_back(operands_.size());
         } else {
             *error = name + " needs a value";
             return false;

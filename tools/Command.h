@@ -36,6 +36,12 @@ public:
         auto found = repeated_.find(option);
         return found == repeated_.end() ? std::vector<std::string>() : found->second;
     }
+    // For each value of values(option): how many operands came before it
+    // on the line, so that an option can apply to the operand it follows.
+    std::vector<size_t> operandsBefore(const std::string& option) const {
+        auto found = positions_.find(option);
+        return found == positions_.end() ? std::vector<size_t>() : found->second;
+    }
     const std::vector<std::string>& operands() const { return operands_; }
     const char* operand(size_t index) const { return operands_[index].c_str(); }
 
@@ -48,6 +54,7 @@ private:
     std::vector<std::string> operands_;
     std::map<std::string, std::string> options_;
     std::map<std::string, std::vector<std::string>> repeated_;
+    std::map<std::string, std::vector<size_t>> positions_;
 };
 
 // One command of the tool. To add one: a source defining a Command and a

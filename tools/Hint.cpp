@@ -328,6 +328,8 @@ public:
         MP4Err err = utf8ToWidePath(utf8Path, &path);
         if (err == MP4_OK) err = CMp4File::createInstance(&file_);
         if (err == MP4_OK) err = file_->open(path.c_str(), 1, fileType);
+        // Players show the file as long as its longest track.
+        if (err == MP4_OK) err = file_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
         return err;
     }
     CMp4File* get() const { return file_; }

@@ -89,9 +89,9 @@ private:
 
 Remuxer::~Remuxer() {
     // On a failure path: tracks whose finishing fails again stay ours; they
-    // are deleted after the file object, which detaches them first. Without
-    // close the file object gives its storage up without writing the
-    // movie; the caller removes the incomplete output.
+    // are deleted after the file object, which detaches them first.
+    // Destroying an unclosed file closes it; the caller removes the
+    // incomplete output.
     std::vector<CMp4Track*> unreleased;
     for (TrackCopy& copy : tracks_) {
         if (copy.out && target_->releaseTrack(copy.out) != MP4_OK) unreleased.push_back(copy.out);
@@ -138,6 +138,8 @@ bool Remuxer::openOutput(const std::string& output) {
     MP4Err err = utf8ToWidePath(output.c_str(), &path);
     if (err == MP4_OK) err = CMp4File::createInstance(&target_);
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
+    // Players show the file as long as its longest track.
+    if (err == MP4_OK) err = target_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
     return err == MP4_OK || fail("cannot create the output", err);
 }
 

@@ -5,6 +5,7 @@
 //   quil samples FILE [--track N]  one line per sample
 //   quil remux IN OUT [--type N] [--faststart]
 //   quil faststart IN OUT
+//   quil import OUT IN...          raw streams muxed into a new file
 //   quil meta FILE [--json]        every metadata item (--set ... -o OUT: a changed copy)
 #include <cerrno>
 #include <cinttypes>
@@ -15,6 +16,7 @@
 
 #include "Command.h"
 #include "Hint.h"
+#include "Import.h"
 #include "Info.h"
 #include "Meta.h"
 #include "Rewrite.h"
@@ -203,7 +205,7 @@ const Command kRtpSendCommand = {
 // The commands, in the order --help lists them.
 const Command* const kCommands[] = {
     &kDumpCommand, &kInfoCommand, &kSamplesCommand, &kMetaCommand, &kRemuxCommand,
-    &kFaststartCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
+    &kFaststartCommand, &kImportCommand, &kHintCommand, &kSdpCommand, &kRtpSendCommand,
 };
 
 void printUsage() {

@@ -34,9 +34,18 @@ public:
 // (see CMp4Track's writing calls); releaseTrack finalises a track; close
 // rewrites the "mdat" header with its final size and appends "moov" (a file
 // closed without tracks gets no "moov"). The movie's duration is the first
-// track's.
+// track's unless setMovieDurationRule asks for the longest track's.
+//
+// Paths are wide-character strings of at most 2047 characters (longer ones
+// are cut). Each wchar_t is one Unicode code point (UTF-32, as wchar_t is
+// on Linux) and becomes the file name's UTF-8 bytes, whatever the locale;
+// a value that is no Unicode scalar value (a surrogate, or above 0x10FFFF)
+// makes open fail with 4. A path starting with the four characters "http"
+// (lower case, at position 0) is read over HTTP(S).
 class QUIL_API CMp4File {
 public:
+    // mode: MP4_OPEN_READ or MP4_OPEN_WRITE (MP4OpenMode); fileType: the
+    // MP4FileType written in write mode (read mode detects it).
     virtual MP4Err open(const wchar_t* path, uint32_t mode, uint32_t fileType) = 0;
     // Read mode: releases the box tree and the storage. Write mode: also
     // finishes the file as above. Release every track first. When a step
@@ -79,7 +88,7 @@ public:
     // RTP hint tracks (see Mp4HintTrack.h). getHintTrack: the hint track
     // object over track n (2 outside 1..trackCount, 3 when track n is not an
     // RTP hint track). createHintTrack, write mode only: the packetizer of a
-    // kind: 1 MPEG-4 video (RFC 3016), 2 AAC in LATM (RFC 3016), 3 AAC
+    // kind (MP4HintKind): 1 MPEG-4 video (RFC 3016), 2 AAC in LATM (RFC 3016), 3 AAC
     // (RFC 3640), 4 H.263 (RFC 4629), 5 AMR/AMR-WB (RFC 4867), 6 H.264
     // (RFC 6184). addHintTrack gives it the next RTP payload type (96, 97,
     // ... 128; then 2) and builds its hint track for its media track. The
@@ -89,7 +98,7 @@ public:
     virtual MP4Err addHintTrack(CMp4RtpHintTrack* hintTrack) = 0;
     virtual MP4Err setHintTrackContext(CMp4HintTrackContext* context) = 0;
     virtual MP4Err dumpBoxes() = 0;
-    // 0..2 (2 above). Tracks made afterwards take it: a writing audio track
+    // 0..2 (2 above; MP4TrackMode). Tracks made afterwards take it: a writing audio track
     // whose sample entry is raw PCM ("twos", "sowt", "raw ", "ulaw",
     // "alaw", "in24", "fl32", ...) then writes chunk-as-sample: each
     // addSample call becomes one chunk of size / bytes-per-audio-sample
@@ -131,9 +140,23 @@ public:
     // operation of CMp4Track answers for the movie's samples followed by
     // those of the fragments, in file order. 4 when nothing is open.
     virtual MP4Err getFragmentCount(uint32_t* count) = 0;
+    // Write mode only (3 otherwise; 2 for an unknown rule): the movie
+    // duration close writes into "mvhd" (MP4MovieDurationRule).
+    // MP4_MOVIE_DURATION_FIRST_TRACK, the default at every open, keeps the
+    // first track's duration; MP4_MOVIE_DURATION_LONGEST_TRACK writes the
+    // longest track's (in movie time units, edit lists included) among the
+    // tracks of the presentation (hint tracks are not; all tracks when
+    // none is), which is what players and ffprobe show as the length.
+    virtual MP4Err setMovieDurationRule(uint32_t rule) = 0;
     virtual ~CMp4File() = default;
 
     static MP4Err createInstance(CMp4File** file);
+    // Deletes the object and sets *file to null (2 for a null file; 0 when
+    // *file is null). A file still open for writing is closed first, as
+    // close does it (tracks still held are finalised, "moov" is written,
+    // the caller's track objects must then only be deleted): its error, if
+    // any, is returned, and the object is deleted either way. A file open
+    // for reading is released without a close.
     static MP4Err destroyInstance(CMp4File** file);
 
     // ISMA 1.0 descriptors (ISO/IEC 14496-1).

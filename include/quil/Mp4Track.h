@@ -68,7 +68,7 @@ public:
     virtual MP4Err getSampleCount(uint32_t* count) = 0;
     virtual MP4Err getTrackType(uint32_t* type) = 0;          // MP4TrackType
     virtual MP4Err getSampleEntryType(uint32_t* format) = 0;  // fourcc of the first sample entry
-    virtual MP4Err getCodecType(uint32_t* codec) = 0;         // codec number
+    virtual MP4Err getCodecType(uint32_t* codec) = 0;         // MP4CodecType
     virtual MP4Err getTrackId(uint32_t* trackId) = 0;
 
     // Track properties.
@@ -225,7 +225,9 @@ public:
     // initialDelay (media time units, converted to the movie time scale)
     // when non-zero, then one edit presenting the media from
     // firstMediaTime (media time units, >= 0) for presentedDuration media
-    // time units (0: to the end of the media). (0, 0, 0) writes no edit
+    // time units (0: to the end of the presentation, that is up to the end
+    // of the sample shown last, composition offsets included, so that a
+    // track with reordered frames keeps its last frames). (0, 0, 0) writes no edit
     // list. Without this call, a track whose first decode time is D > 0
     // gets an empty edit of D, so that the times read back equal the times
     // written. A remux passes what getInitialDelay reports for the source
@@ -242,6 +244,14 @@ public:
     // presents the media (media time units; 0 without an edit list).
     virtual MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime = nullptr,
                                    uint64_t* presentedDuration = nullptr) = 0;
+
+    // Writing: the duration of the track's last sample (media time units),
+    // which no later decode time measures. Every other sample lasts until
+    // the next one's decode time. Without this call (or with 0) the last
+    // sample lasts as long as the one before it (one time unit for a track
+    // of one sample). May be called at any time before the track is
+    // finalised (3 afterwards); 2 above 2^31 - 1.
+    virtual MP4Err setLastSampleDuration(uint32_t duration) = 0;
 
     // Rotation in degrees computed from the "tkhd" matrix (0, 90, 180, 270).
     virtual double getRotateAngle() { return 0.0; }

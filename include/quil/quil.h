@@ -7,6 +7,7 @@
 #include "MP4Types.h"
 #include "Mp4File.h"
 #include "Mp4HintTrack.h"
+#include "Mp4Import.h"
 #include "Mp4MetaData.h"
 #include "Mp4Tags.h"
 #include "Mp4Track.h"

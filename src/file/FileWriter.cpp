@@ -17,6 +17,7 @@ namespace {
 constexpr uint64_t kProvisionalMediaDataSize = 0x100000000ull;  // forces the 16-byte header
 constexpr uint64_t kMediaDataHeaderSize = 16;
 constexpr uint64_t kWriteStep = 1u << 30;  // writeBytes counts in int32
+constexpr uint32_t kTrackInMovie = 2;       // tkhd flag
 
 struct FileTypeBrands {
     uint32_t majorBrand;
@@ -71,6 +72,7 @@ MP4Err flushWritten(CStorage* storage) {
 MP4Err CMp4FileImpl::startWriting() {
     nextPayloadType_ = 96;
     interleaving_.reset();
+    movieDurationRule_ = MP4_MOVIE_DURATION_FIRST_TRACK;
     movieWritten_ = false;
     writingTracks_.clear();
     topLevelBoxes_.reset(new (std::nothrow) CBoxList(nullptr));
@@ -266,22 +268,46 @@ MP4Err CMp4FileImpl::finalizeOpenTracks() {
     return MP4_OK;
 }
 
-// The movie lasts as long as its first track, by design. Read from that
-// track's header directly: binding a track object would build a time table
-// for nothing.
+MP4Err CMp4FileImpl::setMovieDurationRule(uint32_t rule) {
+    if (rule > MP4_MOVIE_DURATION_LONGEST_TRACK) return MP4_ERR_INVALID_ARGUMENT;
+    if (isOpen_ == 0 || mode_ != 1) return MP4_ERR_NOT_AVAILABLE;
+    movieDurationRule_ = rule;
+    return MP4_OK;
+}
+
+// The movie lasts as long as its first track by default, by design; asked
+// for, as long as its longest. Read from the tracks' headers directly:
+// binding track objects would build time tables for nothing.
 MP4Err CMp4FileImpl::setMovieDuration() {
     CMovieHeaderBox* mvhd = nullptr;
     MP4Err err = findMovieHeader(&mvhd);
     if (err != MP4_OK) return err;
     CBox* moov = nullptr;
-    CBox* trak = nullptr;
-    CBox* box = nullptr;
     if ((err = findTopLevelBox(fourcc("moov"), &moov)) != MP4_OK) return err;
-    if ((err = moov->findChild(fourcc("trak"), &trak, 1)) != MP4_OK) return err;
-    if ((err = trak->findChild(fourcc("tkhd"), &box)) != MP4_OK) return err;
-    auto* tkhd = dynamic_cast<CTrackHeaderBox*>(box);
-    if (!tkhd) return MP4_ERR_INVALID_DATA;
-    mvhd->duration = tkhd->duration;
+    const uint32_t last = movieDurationRule_ == MP4_MOVIE_DURATION_LONGEST_TRACK ? trackCount_ : 1;
+    // The longest of the tracks players present (track_in_movie: hint
+    // tracks are not), or of all when none is.
+    uint64_t longestPresented = 0, longest = 0;
+    bool anyPresented = false;
+    for (uint32_t number = 1; number <= last; ++number) {
+        CBox* trak = nullptr;
+        CBox* box = nullptr;
+        if ((err = moov->findChild(fourcc("trak"), &trak, number)) != MP4_OK) {
+            if (number > 1) break;  // fewer boxes than tracks counted: the first one decides
+            return err;
+        }
+        if ((err = trak->findChild(fourcc("tkhd"), &box)) != MP4_OK) return err;
+        auto* tkhd = dynamic_cast<CTrackHeaderBox*>(box);
+        if (!tkhd) return MP4_ERR_INVALID_DATA;
+        if (tkhd->duration > longest) longest = tkhd->duration;
+        if ((tkhd->flags & kTrackInMovie) != 0) {
+            anyPresented = true;
+            if (tkhd->duration > longestPresented) longestPresented = tkhd->duration;
+        }
+    }
+    // The first track alone (the default rule) gives its own duration.
+    const uint64_t duration = anyPresented && last > 1 ? longestPresented : longest;
+    mvhd->duration = duration;
     if (mvhd->duration > 0xFFFFFFFFull) mvhd->version = 1;
     return MP4_OK;
 }

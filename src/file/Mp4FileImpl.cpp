@@ -65,9 +65,14 @@ MP4Err CMp4File::createInstance(CMp4File** file) {
 
 MP4Err CMp4File::destroyInstance(CMp4File** file) {
     if (file == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    // A file being written and never closed would stay without its movie
+    // box, unplayable: it is finished here, and a failure is reported.
+    MP4Err err = MP4_OK;
+    auto* impl = dynamic_cast<CMp4FileImpl*>(*file);
+    if (impl != nullptr && impl->isOpenForWriting()) err = impl->close();
     delete *file;
     *file = nullptr;
-    return MP4_OK;
+    return err;
 }
 
 CMp4FileImpl::CMp4FileImpl() = default;

@@ -56,6 +56,9 @@ public:
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
     MP4Err copyMovieBoxes(CMp4File* source) override;
     MP4Err getFragmentCount(uint32_t* count) override;
+    MP4Err setMovieDurationRule(uint32_t rule) override;
+    // destroyInstance: a file still being written is closed first.
+    bool isOpenForWriting() const { return isOpen_ != 0 && mode_ == 1; }
 
     // For the track objects (not exported).
     // The metadata object; with create, a missing "udta" is added first
@@ -180,6 +183,7 @@ private:
     uint64_t mediaDataEnd_ = 0;
     CChunkInterleaving interleaving_;
     bool movieWritten_ = false;
+    uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule
 };
 
 }  // namespace quil

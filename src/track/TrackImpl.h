@@ -108,6 +108,7 @@ public:
                        uint64_t presentedDuration) override;
     MP4Err getInitialDelay(uint64_t* delay, int64_t* firstMediaTime,
                            uint64_t* presentedDuration) override;
+    MP4Err setLastSampleDuration(uint32_t duration) override;
     double getRotateAngle() override;
     MP4Err getProtectionScheme(uint32_t* originalFormat, uint32_t* scheme,
                                uint32_t* schemeVersion) override;
@@ -298,7 +299,9 @@ private:
     MP4Err recordChunkOffset(uint32_t chunk, uint64_t offset);
     MP4Err addToStatistics(uint64_t decodeTime, uint32_t size);
     MP4Err finishDurations();
+    MP4Err finishSampleTimes();
     MP4Err writeEditList(uint64_t mediaDuration);
+    uint64_t presentationEnd(uint64_t mediaDuration) const;
     MP4Err fillBitrates(uint64_t mediaDuration);
     void fillDefaultDimensions();
     MP4Err movieTimeScale(uint32_t* timeScale);
@@ -341,6 +344,13 @@ private:
     uint64_t editDelay_ = 0;
     int64_t editMediaTime_ = 0;
     uint64_t editDuration_ = 0;
+    // Duration of the last sample asked for (0: the previous sample's).
+    uint32_t lastSampleDuration_ = 0;
+    // The latest end of a sample's presentation (composition time +
+    // duration) among the samples whose duration is known, and the last
+    // sample's composition time.
+    uint64_t compositionEnd_ = 0;
+    uint64_t lastComposition_ = 0;
     bool dimensionsSet_ = false;
     bool fillsBitrates_ = false;  // the first sample entry was built here
     // The track mode asks for chunk-as-sample writing and the first sample

@@ -199,6 +199,14 @@ MP4Err CTrackImpl::setEditList(uint64_t initialDelay, int64_t firstMediaTime,
     return MP4_OK;
 }
 
+MP4Err CTrackImpl::setLastSampleDuration(uint32_t duration) {
+    if (duration > 0x7FFFFFFFu) return MP4_ERR_INVALID_ARGUMENT;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (!writing_ || finalized_) return MP4_ERR_NOT_AVAILABLE;
+    lastSampleDuration_ = duration;
+    return MP4_OK;
+}
+
 MP4Err CTrackImpl::setChunkLimits(uint64_t durationLimit, uint32_t byteLimit) {
     chunkDurationLimit_ = durationLimit;
     chunkByteLimit_ = byteLimit;
@@ -340,10 +348,16 @@ MP4Err CTrackImpl::addToTables(uint32_t size, uint64_t decodeTime, uint64_t comp
     MP4Err err = stsz_->addSampleSize(sample, size);
     if (err != MP4_OK) return err;
     if (sample == 1) timeTable_->timeOffset = decodeTime;
+    // The previous sample lasts until this one's decode time.
+    if (sample > 1) {
+        const uint64_t end = lastComposition_ + (decodeTime - lastDecodeTime_);
+        if (end > compositionEnd_) compositionEnd_ = end;
+    }
     if ((err = stts_->addSampleTime(sample, decodeTime)) != MP4_OK) return err;
     if ((err = addCompositionOffset(sample, decodeTime, compositionTime)) != MP4_OK) return err;
     if ((err = addSyncFlag(sample, sync)) != MP4_OK) return err;
     lastDecodeTime_ = decodeTime;
+    lastComposition_ = compositionTime;
     ++nextSample_;
     ++timeTable_->sampleCount;
     if (size > largestSample_) largestSample_ = size;
@@ -511,7 +525,7 @@ MP4Err CTrackImpl::finalizeWriting() {
     if (pendingCount_ > 0 && (err = flushChunk()) != MP4_OK) return err;
     if (!sttsFinished_) {
         // A copy's last sample keeps the duration it had.
-        err = copySource_ ? stts_->appendDelta(lastDuration_) : stts_->finishSampleTimes();
+        err = copySource_ ? stts_->appendDelta(lastDuration_) : finishSampleTimes();
         if (err != MP4_OK) return err;
         sttsFinished_ = true;
     }
@@ -522,6 +536,13 @@ MP4Err CTrackImpl::finalizeWriting() {
     chunkBuffer_.reset();
     chunkCapacity_ = 0;
     return MP4_OK;
+}
+
+// The last sample's duration: the one asked for, measured like every
+// other from a decode time after it; else the previous sample's.
+MP4Err CTrackImpl::finishSampleTimes() {
+    if (lastSampleDuration_ == 0) return stts_->finishSampleTimes();
+    return stts_->addSampleTime(nextSample_, lastDecodeTime_ + lastSampleDuration_);
 }
 
 MP4Err CTrackImpl::movieTimeScale(uint32_t* timeScale) {
@@ -596,7 +617,11 @@ MP4Err CTrackImpl::writeEditList(uint64_t mediaDuration) {
     uint64_t shown = mediaDuration > static_cast<uint64_t>(mediaTime)
                          ? mediaDuration - static_cast<uint64_t>(mediaTime)
                          : 0;
-    if (editSet_ && editDuration_ != 0) shown = editDuration_;
+    if (editSet_) {
+        const uint64_t end = presentationEnd(mediaDuration);
+        shown = end > static_cast<uint64_t>(mediaTime) ? end - static_cast<uint64_t>(mediaTime) : 0;
+        if (editDuration_ != 0) shown = editDuration_;
+    }
     media.segmentDuration = movieUnitsRoundedUp(shown, movieScale, mediaScale);
     media.mediaTime = mediaTime;
     media.mediaRateInteger = 1;
@@ -615,6 +640,18 @@ MP4Err CTrackImpl::writeEditList(uint64_t mediaDuration) {
     if ((err = children->append(mdia_)) != MP4_OK) return err;
     tkhd_->duration = total;
     return MP4_OK;
+}
+
+// Media time at which the last presented sample ends: the largest
+// composition time + duration, counted from the first decode time. Equals
+// the media duration when no sample is reordered.
+uint64_t CTrackImpl::presentationEnd(uint64_t mediaDuration) const {
+    const uint64_t first = timeTable_->timeOffset;
+    const uint64_t span = lastDecodeTime_ - first;
+    const uint64_t lastDuration = mediaDuration > span ? mediaDuration - span : 0;
+    uint64_t end = lastComposition_ + lastDuration;
+    if (compositionEnd_ > end) end = compositionEnd_;
+    return end - first;
 }
 
 // Bit rates of a sample entry built here: the average over the track, the
