@@ -1127,8 +1127,10 @@ TEST(TrackTimecode, FlagBitsOfTheDescription) {
 
 // The track of a built file copied into a new file with copyTrackFrom and
 // copySampleFrom (samples in `skip` left out), then read back.
+// With fragment settings the copy is written in fragments.
 void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
-                     std::function<void(CMp4Track* in, CMp4Track* out)> check) {
+                     std::function<void(CMp4Track* in, CMp4Track* out)> check,
+                     const MP4FragmentSettings* fragments = nullptr) {
     OpenedFile source(buildFile(plan));
     CMp4Track* in = source.track(1);
     ASSERT_TRUE(in);
@@ -1137,6 +1139,9 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
     const std::wstring wide(path.begin(), path.end());
     ASSERT_EQ(MP4_OK, target->open(wide.c_str(), 1, 0));
+    if (fragments) {
+        ASSERT_EQ(MP4_OK, target->setFragmentation(fragments));
+    }
     CMp4Track* out = nullptr;
     ASSERT_EQ(MP4_OK, target->addTrack(&out));
     ASSERT_EQ(MP4_OK, out->copyTrackFrom(in));
@@ -1214,6 +1219,20 @@ TEST(TrackCopy, KeepsBytesAndStoredTiming) {
             EXPECT_EQ(get(&CMp4Track::getTrackId, in), get(&CMp4Track::getTrackId, out));
         });
     }
+}
+
+// Written in fragments, copied samples go to the fragments with their
+// bytes, decode times and composition offsets as stored.
+TEST(TrackCopy, FragmentedCopyKeepsBytesAndTimes) {
+    MP4FragmentSettings settings;
+    settings.fragmentMilliseconds = 1;
+    copyAndReadBack(videoWithOffsets(4, {{1, 20}, {1, 0xFFFFFFF6u}, {2, 10}}, {{4, 10}}), {},
+                    [](CMp4Track* in, CMp4Track* out) {
+                        EXPECT_EQ(sampleBytes(in), sampleBytes(out));
+                        EXPECT_EQ(times(in, kDecode), times(out, kDecode));
+                        EXPECT_EQ(times(in, kComposition), times(out, kComposition));
+                    },
+                    &settings);
 }
 
 // A sample left out (unreadable): the others keep their times; the one
