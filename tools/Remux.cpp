@@ -51,6 +51,9 @@ public:
 
     // Writes the copy to output; false on failure, which failure() describes.
     bool run(const std::string& output);
+    // run, then on success names on stderr what was left out and counts it
+    // in the options' missing.
+    bool runAndCount(const std::string& output);
     // Samples left out because they could not be read, over all tracks,
     // and tracks left out because they could not be read at all.
     uint64_t missingSamples() const;
@@ -115,6 +118,13 @@ void Remuxer::printFailure(const std::string& output) const {
     if (!why.empty()) why = " (output " + output + ": " + why + ")";
     std::fprintf(stderr, "quil: %s: %s: %s: %s%s\n", options_.label, input_,
                  failure_.what.c_str(), toString(failure_.err), why.c_str());
+}
+
+bool Remuxer::runAndCount(const std::string& output) {
+    if (!run(output)) return false;
+    reportMissing();
+    if (options_.missing) *options_.missing = missingSamples() + missingTracks_;
+    return true;
 }
 
 uint64_t Remuxer::missingSamples() const {
@@ -293,11 +303,7 @@ bool Remuxer::isCopied(uint32_t number) const {
 MP4Err copyTracks(const char* input, const std::string& output, const CopyOptions& options,
                   std::string* what) {
     Remuxer remuxer(input, options);
-    if (remuxer.run(output)) {
-        remuxer.reportMissing();
-        if (options.missing) *options.missing = remuxer.missingSamples() + remuxer.missingTracks();
-        return MP4_OK;
-    }
+    if (remuxer.runAndCount(output)) return MP4_OK;
     if (what != nullptr) *what = remuxer.failure().what;
     return remuxer.failure().err;
 }
@@ -305,11 +311,7 @@ MP4Err copyTracks(const char* input, const std::string& output, const CopyOption
 bool copyTracksOrReport(const char* input, const std::string& output,
                         const CopyOptions& options) {
     Remuxer remuxer(input, options);
-    if (remuxer.run(output)) {
-        remuxer.reportMissing();
-        if (options.missing) *options.missing = remuxer.missingSamples() + remuxer.missingTracks();
-        return true;
-    }
+    if (remuxer.runAndCount(output)) return true;
     remuxer.printFailure(output);
     return false;
 }
