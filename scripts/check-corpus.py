@@ -157,6 +157,17 @@ def check_fragmented(got, truth):
     return problems
 
 
+def packed_size(packets, offset, size):
+    """True when size is the bytes of ffprobe's packets that start at offset
+    and follow one another: a chunk of compressed audio (ADPCM) read as one
+    sample, whose table size (one byte per audio sample) is no byte count."""
+    total = 0
+    for row in packets:
+        if row[0] == offset + total:
+            total += row[1]
+    return total > 0 and total == size
+
+
 def check_file(quil, path, verbose):
     truth = json.load(open(path + '.truth.json'))
     problems = []
@@ -177,7 +188,10 @@ def check_file(quil, path, verbose):
         have = got.get(index, [])
         if len(exp) != len(have):
             problems.append('track %d: %d samples, expected %d' % (index, len(have), len(exp)))
+        packets = ((truth.get('packets') or {}).get(str(index - 1)) or {}).get('rows') or []
         for i, (e, h) in enumerate(zip(exp, have), start=1):
+            if e[1] != h[1] and packed_size(packets, h[0], h[1]):
+                e = (e[0], h[1]) + e[2:]
             if e[0] != h[0] or e[1] != h[1] or e[4] != h[4]:
                 problems.append('track %d sample %d: offset/size/sync %s, expected %s' % (index, i, h, e))
                 break

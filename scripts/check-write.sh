@@ -7,7 +7,10 @@
 #   2. an output above 4 GiB uses "co64" and its last seconds still decode,
 #      with the same packets as the source there;
 #   3. a full file system (an 8 KiB tmpfs, needs root; skipped otherwise):
-#      remux and faststart exit 1 and leave nothing behind.
+#      remux and faststart exit 1 and leave nothing behind;
+#   4. a cut-off copy (movie first, media data cut at two thirds): remux
+#      exits 3, says on stderr how many samples it left out, and its output
+#      decodes.
 #
 # Usage: scripts/check-write.sh QUIL SMALL.mp4 [BIG_CLIP.mp4]
 #   SMALL.mp4     a short H.264 + AAC file
@@ -80,6 +83,20 @@ if mount -t tmpfs -o size=8k tmpfs "$work/full" 2>/dev/null; then
     umount "$work/full"
 else
     echo "skip full disc: cannot mount a tmpfs"
+fi
+
+fast="$work/fast.mp4"; cut="$work/cut.mp4"; salvaged="$work/salvaged.mp4"
+if "$quil" faststart "$small" "$fast" 2>/dev/null || cp "$small" "$fast"; then
+    head -c $(( $(stat -c %s "$fast") * 2 / 3 )) "$fast" > "$cut"
+    "$quil" remux "$cut" "$salvaged" 2>"$work/err"
+    status=$?
+    if [[ $status != 3 ]] || ! grep -q "left out" "$work/err"; then
+        fail "cut-off copy: remux exit $status: $(cat "$work/err")"
+    elif ! ffmpeg -nostdin -v error -i "$salvaged" -f null - ; then
+        fail "cut-off copy: the output does not decode"
+    else
+        ok "cut-off copy: $(head -1 "$work/err")"
+    fi
 fi
 
 echo "$failures failed"

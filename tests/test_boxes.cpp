@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -124,6 +125,9 @@ TEST(MovieBoxes, EveryBoxWritesBackWhatWasRead) {
                                                                     concat({ByteWriter().u32(2), url, url})))}))})),
         box("gmhd", box("tmcd", fullBox("tcmi", 0, 0, tcmiPayload("")))),
         box("tref", concat({box("mpod", ByteWriter().u32(3)), box("tmcd", ByteWriter().u32(9))})),
+        fullBox("pcmC", 0, 0, ByteWriter().u8(1).u8(24)),
+        fullBox("saio", 0, 0, ByteWriter().u32(2).u32(100).u32(200)),
+        fullBox("saio", 1, 1, ByteWriter().code("cenc").u32(0).u32(1).u64(0x100000000ull)),
     };
     for (const Bytes& bytes : fixtures) {
         std::string type(bytes.begin() + 4, bytes.begin() + 8);
@@ -703,6 +707,39 @@ TEST(CompressedMovie, RefusesSizesTheCompressedBytesCannotJustify) {
     CDataCompressionBox dcom;
     dcom.compressionMethod = fourcc("zlib");
     EXPECT_EQ(writeTree(&dcom), box("dcom", ByteWriter().code("zlib")));
+}
+
+// ---- common encryption ------------------------------------------------------
+
+// A "saio" after a "senc" points at the information where the "senc" is
+// written now; one before it, or with several offsets, keeps its offsets.
+TEST(EncryptionBoxes, AuxInfoOffsetFollowsTheSampleEncryptionBox) {
+    const Bytes senc = fullBox("senc", 0, 0, ByteWriter().u32(1).u64(0x1122334455667788ull));
+    const Bytes saio = fullBox("saio", 0, 0, ByteWriter().u32(1).u32(999));
+    const Bytes two = fullBox("saio", 0, 0, ByteWriter().u32(2).u32(1).u32(2));
+    const struct { const char* what; Bytes children; uint32_t expected; } cases[] = {
+        // stbl header 8, stsd 16: senc at 24, its information at 24 + 8 + 8.
+        {"after senc", concat({fullBox("stsd", 0, 0, ByteWriter().u32(0)), senc, saio}), 40},
+        {"before senc", concat({saio, senc}), 999},
+        {"no senc", concat({fullBox("stsd", 0, 0, ByteWriter().u32(0)), saio}), 999},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        MP4Err err = MP4_ERR_IO;
+        auto stbl = readTree(box("stbl", c.children), &err);
+        ASSERT_EQ(err, MP4_OK);
+        const Bytes written = writeTree(stbl.get(), &err);
+        ASSERT_EQ(err, MP4_OK);
+        ASSERT_EQ(written.size(), c.children.size() + 8);
+        const size_t at = std::search(written.begin(), written.end(), saio.begin() + 4,
+                                      saio.begin() + 8) - written.begin();
+        const size_t value = at + 12;  // type, version and flags, count
+        EXPECT_EQ(c.expected, (uint32_t{written[value]} << 24) | (written[value + 1] << 16) |
+                                  (written[value + 2] << 8) | written[value + 3]);
+    }
+    // Two offsets stay as they are.
+    auto several = readTree(box("stbl", concat({senc, two})));
+    EXPECT_EQ(writeTree(several.get()), box("stbl", concat({senc, two})));
 }
 
 }  // namespace

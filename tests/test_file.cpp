@@ -488,6 +488,23 @@ TEST(ToolJson, NestingCommasAndEscapes) {
         json.text());
 }
 
+// Text from files always leaves as valid UTF-8: valid UTF-8 as it is,
+// anything else read as Mac Roman.
+TEST(ToolJson, TextIsAlwaysValidUtf8) {
+    const struct { const char* in; const char* out; } cases[] = {
+        {"plain", "plain"},
+        {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xB5", "caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xB5"},
+        {"caf\x8E", "caf\xC3\xA9"},                    // Mac Roman e acute
+        {"\xA9 2020 \xD2x\xD3", "\xC2\xA9 2020 \xE2\x80\x9Cx\xE2\x80\x9D"},
+        {"cut \xC3", "cut \xE2\x88\x9A"},             // a damaged sequence
+        {"\xED\xA0\x80", "\xC3\x8C\xE2\x80\xA0\xC3\x84"},  // a surrogate is no UTF-8
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.out, tool::validUtf8(c.in)) << c.in;
+    tool::JsonWriter json;
+    json.value("\x8E");
+    EXPECT_EQ("\"\xC3\xA9\"", json.text());
+}
+
 TEST(ToolJson, FourccTextFallsBackToHex) {
     EXPECT_EQ("avc1", tool::fourccText(fourcc("avc1")));
     EXPECT_EQ("raw ", tool::fourccText(fourcc("raw ")));

@@ -377,7 +377,10 @@ TEST(SoundSampleEntry, VersionOneByteCountsAndMissingBlock) {
     auto* entry = r.as<CSoundSampleEntry>();
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->perSampleByteCount(), 2u);  // bytes per sample
-    EXPECT_EQ(entry->perChunkByteCount(), 4u);   // bytes per frame
+    // Bytes per frame (4) for each packet of 1024 audio samples begun.
+    EXPECT_EQ(entry->perChunkByteCount(1), 4u);
+    EXPECT_EQ(entry->perChunkByteCount(2048), 8u);
+    EXPECT_EQ(entry->perChunkByteCount(2049), 12u);
 
     // 4 bytes are too few for the version-1 block: its fields stay zero
     // and the bytes are skipped as the tail of an empty child list.
@@ -389,8 +392,9 @@ TEST(SoundSampleEntry, VersionOneByteCountsAndMissingBlock) {
     EXPECT_EQ(entry->remaining, 0u);
 }
 
-TEST(SoundSampleEntry, VersionTwoDerivesTheRateFieldsAndCannotBeWritten) {
-    Read r = readOne(soundV2Entry(44100.0, 72, {}, 0x00010006));
+TEST(SoundSampleEntry, VersionTwoDerivesTheRateFieldsAndIsWrittenAsRead) {
+    const Bytes read = soundV2Entry(44100.0, 80, Bytes(8, 0x5A), 0x00010006);
+    Read r = readOne(read);
     ASSERT_EQ(r.err, MP4_OK);
     auto* entry = r.as<CSoundSampleEntry>();
     EXPECT_EQ(entry->audioSampleRate, 44100.0);
@@ -398,11 +402,20 @@ TEST(SoundSampleEntry, VersionTwoDerivesTheRateFieldsAndCannotBeWritten) {
     EXPECT_EQ(entry->sampleRateFraction, 0);  // 44100 x 65536 overflows 31 bits
     EXPECT_EQ(entry->channelCount, 6);         // low 16 bits of the 32-bit count
     EXPECT_EQ(entry->perSampleByteCount(), 4u);
-    ASSERT_EQ(entry->calculateSize(), MP4_OK);
-    EXPECT_EQ(entry->size, 36u);
-    MemoryFile out(Bytes(36, 0), true);
-    EXPECT_EQ(entry->write(out.storage()), MP4_ERR_INVALID_DATA);
-    EXPECT_EQ(out.position(), 36u);  // the common 20 bytes went out first
+    // Written back byte for byte, extension included (faststart, remux).
+    ASSERT_EQ(sizeBox(entry), MP4_OK);
+    EXPECT_EQ(entry->size, read.size());
+    MemoryFile out(Bytes(read.size(), 0), true);
+    ASSERT_EQ(writeBox(entry, out.storage()), MP4_OK);
+    EXPECT_EQ(out.bytes(), read);
+    // One made here has nothing to write back: refused after 20 bytes.
+    CSoundSampleEntry made(fourcc("lpcm"));
+    made.version = 2;
+    ASSERT_EQ(made.calculateSize(), MP4_OK);
+    EXPECT_EQ(made.size, 36u);
+    MemoryFile refused(Bytes(36, 0), true);
+    EXPECT_EQ(made.write(refused.storage()), MP4_ERR_INVALID_DATA);
+    EXPECT_EQ(refused.position(), 36u);  // the common 20 bytes went out first
 
     struct Case {
         double rate;

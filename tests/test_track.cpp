@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <string>
@@ -694,6 +695,36 @@ TEST(TrackSamples, ChunksOfRawAudioAsSamples) {
     }
 }
 
+// A constant "stsz" size above 1 that the description's count disagrees
+// with is one audio sample's bytes (ISO PCM, "fl64", 8-bit stereo "raw ",
+// AMR at one tick per frame); a size that agrees, or 1, changes nothing.
+TEST(TrackSamples, ConstantSizeOfChunkAsSampleAudio) {
+    const struct { const char* format; uint16_t channels; uint32_t constant, bytesPer100; } cases[] = {
+        {"ipcm", 2, 6, 600},    // 24-bit stereo: the description says 1 x 2
+        {"fl64", 1, 8, 800},    // unknown to the descriptions: 1
+        {"samr", 1, 32, 3200},  // AMR frames of 32 bytes
+        {"twos", 2, 4, 400},    // agrees: 2 x 2
+        {"twos", 2, 1, 400},    // 1: the description's count stands
+        {"in24", 1, 3, 300},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.format) + " " + std::to_string(c.constant));
+        TrackPlan plan;
+        plan.handler = fourcc("soun");
+        plan.mediaHeader = "smhd";
+        plan.sampleEntry = soundEntry(c.format, c.channels, 8000);
+        plan.stsc = {{1, 100, 1}};
+        plan.constantSize = c.constant;
+        plan.sampleCount = 200;
+        plan.stts = {{200, 1}};
+        plan.media = Bytes(8000, 0x22);
+        plan.chunkOffsets = {kMediaStart, kMediaStart + 4000};
+        withTrack(plan, [&](CMp4Track* t) {
+            EXPECT_EQ(std::make_pair(plan.chunkOffsets[1], c.bytesPer100), place(t, 2));
+        });
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Built files: times and searches
 
@@ -1091,4 +1122,148 @@ TEST(TrackTimecode, FlagBitsOfTheDescription) {
 }
 
 }  // namespace
+// ---------------------------------------------------------------------------
+// Copying a read track (remux)
+
+// The track of a built file copied into a new file with copyTrackFrom and
+// copySampleFrom (samples in `skip` left out), then read back.
+// With fragment settings the copy is written in fragments.
+void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+                     std::function<void(CMp4Track* in, CMp4Track* out)> check,
+                     const MP4FragmentSettings* fragments = nullptr) {
+    OpenedFile source(buildFile(plan));
+    CMp4Track* in = source.track(1);
+    ASSERT_TRUE(in);
+    const std::string path = ::testing::TempDir() + "quil_copy_" + std::to_string(getpid()) + ".mp4";
+    CMp4File* target = nullptr;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
+    const std::wstring wide(path.begin(), path.end());
+    ASSERT_EQ(MP4_OK, target->open(wide.c_str(), 1, 0));
+    if (fragments) {
+        ASSERT_EQ(MP4_OK, target->setFragmentation(fragments));
+    }
+    CMp4Track* out = nullptr;
+    ASSERT_EQ(MP4_OK, target->addTrack(&out));
+    ASSERT_EQ(MP4_OK, out->copyTrackFrom(in));
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, out->copyTrackFrom(in));  // once
+    uint32_t count = 0, size = 0;
+    ASSERT_EQ(MP4_OK, in->getSampleCount(&count));
+    for (uint32_t s = 1; s <= count; ++s) {
+        const bool skipped = std::find(skip.begin(), skip.end(), s) != skip.end();
+        if (!skipped) {
+            EXPECT_EQ(MP4_OK, out->copySampleFrom(s, &size)) << "sample " << s;
+        }
+    }
+    if (count > 0) {
+        EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, out->copySampleFrom(1, &size));  // in order
+    }
+    ASSERT_EQ(MP4_OK, target->releaseTrack(out));
+    ASSERT_EQ(MP4_OK, target->close());
+    CMp4File::destroyInstance(&target);
+    std::ifstream written(path, std::ios::binary);
+    Bytes bytes{std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()};
+    OpenedFile copy(bytes);
+    CMp4Track* back = copy.track(1);
+    ASSERT_TRUE(back);
+    check(in, back);
+    std::remove(path.c_str());
+}
+
+std::vector<Bytes> sampleBytes(CMp4Track* t) {
+    std::vector<Bytes> all;
+    uint32_t count = 0, size = 0;
+    (void)t->getSampleCount(&count);
+    for (uint32_t s = 1; s <= count; ++s) {
+        Bytes b(1 << 16);
+        EXPECT_EQ(MP4_OK, t->readSample(s, static_cast<uint32_t>(b.size()), &size, b.data()));
+        b.resize(size);
+        all.push_back(b);
+    }
+    return all;
+}
+
+// The copy reads back with the source's bytes and times, also where the
+// write interface refuses them for new samples: negative composition
+// offsets, zero durations, shared decode times, a last sample of its own
+// duration, an edit list, and no samples at all.
+TEST(TrackCopy, KeepsBytesAndStoredTiming) {
+    TrackPlan negative = videoWithOffsets(4, {{1, 2}, {1, 0xFFFFFFFEu}, {2, 1}}, {{1, 0}, {2, 5}, {1, 7}});
+    negative.edits = {{300, -1}, {600, 0}};
+    TrackPlan empty = simpleVideo(0);
+    const struct { const char* what; TrackPlan plan; uint64_t duration; } cases[] = {
+        {"negative offsets, zero and odd durations, edits", negative, 17},
+        {"no samples", empty, 0},
+        {"chunks of raw audio", [] {
+             TrackPlan p;
+             p.handler = fourcc("soun");
+             p.mediaHeader = "smhd";
+             p.sampleEntry = soundEntry("ipcm", 2, 8000);
+             p.stsc = {{1, 100, 1}};
+             p.constantSize = 6;
+             p.sampleCount = 200;
+             p.stts = {{200, 1}};
+             p.media = Bytes(1200, 0x33);
+             for (size_t i = 0; i < p.media.size(); ++i) p.media[i] = static_cast<uint8_t>(i * 7);
+             p.chunkOffsets = {kMediaStart, kMediaStart + 600};
+             return p;
+         }(), 200},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        copyAndReadBack(c.plan, {}, [&c](CMp4Track* in, CMp4Track* out) {
+            EXPECT_EQ(sampleBytes(in), sampleBytes(out));
+            EXPECT_EQ(times(in, kDecode), times(out, kDecode));
+            EXPECT_EQ(times(in, kComposition), times(out, kComposition));
+            EXPECT_EQ(c.duration, get(&CMp4Track::getMediaDuration, out));  // the stored deltas'
+            EXPECT_EQ(initialDelay(in), initialDelay(out));
+            EXPECT_EQ(get(&CMp4Track::getTrackId, in), get(&CMp4Track::getTrackId, out));
+        });
+    }
+}
+
+// Written in fragments, copied samples go to the fragments with their
+// bytes, decode times and composition offsets as stored.
+TEST(TrackCopy, FragmentedCopyKeepsBytesAndTimes) {
+    MP4FragmentSettings settings;
+    settings.fragmentMilliseconds = 1;
+    copyAndReadBack(videoWithOffsets(4, {{1, 20}, {1, 0xFFFFFFF6u}, {2, 10}}, {{4, 10}}), {},
+                    [](CMp4Track* in, CMp4Track* out) {
+                        EXPECT_EQ(sampleBytes(in), sampleBytes(out));
+                        EXPECT_EQ(times(in, kDecode), times(out, kDecode));
+                        EXPECT_EQ(times(in, kComposition), times(out, kComposition));
+                    },
+                    &settings);
+}
+
+// A sample left out (unreadable): the others keep their times; the one
+// before the gap lasts until the next.
+TEST(TrackCopy, LeftOutSamplesKeepTheOthersInPlace) {
+    copyAndReadBack(simpleVideo(5), {3}, [](CMp4Track* in, CMp4Track* out) {
+        std::vector<uint64_t> expected = times(in, kDecode);
+        expected.erase(expected.begin() + 2);
+        EXPECT_EQ(expected, times(out, kDecode));
+        EXPECT_EQ(50u, get(&CMp4Track::getMediaDuration, out));  // 5 samples of 10
+    });
+    // Past the end of a cut-off file: 11, and the track is unchanged.
+    TrackPlan cut = simpleVideo(3);
+    cut.chunkOffsets.back() = 1u << 20;
+    OpenedFile source(buildFile(cut));
+    CMp4File* target = nullptr;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
+    const std::string path = ::testing::TempDir() + "quil_cut_" + std::to_string(getpid()) + ".mp4";
+    const std::wstring wide(path.begin(), path.end());
+    ASSERT_EQ(MP4_OK, target->open(wide.c_str(), 1, 0));
+    CMp4Track* out = nullptr;
+    uint32_t size = 0, count = 0;
+    ASSERT_EQ(MP4_OK, target->addTrack(&out));
+    ASSERT_EQ(MP4_OK, out->copyTrackFrom(source.track(1)));
+    EXPECT_EQ(MP4_ERR_END_OF_FILE, out->copySampleFrom(3, &size));
+    EXPECT_EQ(MP4_OK, out->getSampleCount(&count));
+    EXPECT_EQ(0u, count);
+    EXPECT_EQ(MP4_OK, target->releaseTrack(out));
+    EXPECT_EQ(MP4_OK, target->close());
+    CMp4File::destroyInstance(&target);
+    std::remove(path.c_str());
+}
+
 }  // namespace quil

@@ -1,7 +1,7 @@
 // quil remux IN OUT [--type N] [--faststart]: every track of IN copied into
-// a new file through the library's write interface: sample entries
-// unchanged, samples with their times, sync flags and composition offsets,
-// edit lists, languages, creation times and user data.
+// a new file through the library's write interface: each track's boxes as
+// they are, its samples with their timing as stored, the movie's creation
+// time and user data; what cannot be read is left out and counted.
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
@@ -24,39 +24,6 @@ namespace {
 // run from main memory and the whole remux take three times as long.
 constexpr uint32_t kChunkByteLimit = 256 * 1024;
 
-const char* trackKindName(uint32_t kind) {
-    switch (kind) {
-        case MP4_TRACK_VIDEO: return "video";
-        case MP4_TRACK_AUDIO: return "audio";
-        case MP4_TRACK_HINT: return "hint";
-        case MP4_TRACK_OBJECT_DESCRIPTOR: return "object descriptor";
-        case MP4_TRACK_SCENE_DESCRIPTION: return "scene description";
-        case MP4_TRACK_TIMECODE: return "time code";
-        default: return "other";
-    }
-}
-
-// Kinds the write interface can make. Hint tracks describe packets of the
-// other tracks' samples at their old places and are made anew by hinting;
-// time-code and other tracks cannot be written.
-bool isCopiedKind(uint32_t kind) {
-    return kind == MP4_TRACK_VIDEO || kind == MP4_TRACK_AUDIO ||
-           kind == MP4_TRACK_OBJECT_DESCRIPTOR || kind == MP4_TRACK_SCENE_DESCRIPTION;
-}
-
-// Uncompressed audio is read a chunk at a time (each chunk one sample of
-// many audio samples) and written the same way, in chunk-as-sample mode.
-bool isRawAudio(uint32_t format) {
-    switch (format) {
-        case fourcc("twos"): case fourcc("sowt"): case fourcc("raw "): case fourcc("NONE"):
-        case fourcc("in24"): case fourcc("in32"): case fourcc("fl32"): case fourcc("fl64"):
-        case fourcc("lpcm"): case fourcc("ulaw"): case fourcc("alaw"):
-            return true;
-        default:
-            return false;
-    }
-}
-
 struct TrackCopy {
     uint32_t number = 0;  // in the source
     CMp4Track* in = nullptr;
@@ -64,12 +31,8 @@ struct TrackCopy {
     uint32_t sampleCount = 0;
     uint32_t nextSample = 1;
     uint32_t timeScale = 1;
-    uint64_t delay = 0;       // initial delay, taken off the read times
-    // Added to composition times that would otherwise precede their decode
-    // time (negative offsets), and to the edit's media time to make up.
-    uint64_t compositionShift = 0;
     uint64_t nextDecode = 0;  // decode time of nextSample, as read
-    bool rawAudio = false;    // written chunk-as-sample
+    uint32_t missing = 0;     // samples that could not be read
 };
 
 // A failure to report: what was being done and the library's answer.
@@ -88,9 +51,18 @@ public:
 
     // Writes the copy to output; false on failure, which failure() describes.
     bool run(const std::string& output);
+    // run, then on success names on stderr what was left out and counts it
+    // in the options' missing.
+    bool runAndCount(const std::string& output);
+    // Samples left out because they could not be read, over all tracks,
+    // and tracks left out because they could not be read at all.
+    uint64_t missingSamples() const;
+    uint32_t missingTracks() const { return missingTracks_; }
     const Failure& failure() const { return failure_; }
     // Prints the one line that says why a run into output failed.
     void printFailure(const std::string& output) const;
+    // Prints how many samples of each track were left out (stderr).
+    void reportMissing() const;
 
 private:
     bool fail(const std::string& what, MP4Err err) {
@@ -102,11 +74,9 @@ private:
     bool copyMovieProperties();
     bool addTracks();
     bool addTrack(uint32_t number);
-    bool copyTrackProperties(TrackCopy* copy);
-    MP4Err findCompositionShift(TrackCopy* copy);
-    bool copyLastSampleDuration(TrackCopy* copy);
     bool copySamples();
     bool copySample(TrackCopy* copy);
+    bool advance(TrackCopy* copy);
     TrackCopy* nextTrack();
     bool finish();
     bool fragmented() const { return options_.fragments != nullptr; }
@@ -118,8 +88,8 @@ private:
     OpenedFile source_;
     CMp4File* target_ = nullptr;
     std::vector<TrackCopy> tracks_;
-    std::vector<uint8_t> buffer_;
     uint32_t lastSampleSize_ = 0;
+    uint32_t missingTracks_ = 0;
     Failure failure_;
 };
 
@@ -130,8 +100,8 @@ Remuxer::~Remuxer() {
     // incomplete output.
     std::vector<CMp4Track*> unreleased;
     for (TrackCopy& copy : tracks_) {
-        if (copy.in) (void)source_.get()->releaseTrack(copy.in);
         if (copy.out && target_->releaseTrack(copy.out) != MP4_OK) unreleased.push_back(copy.out);
+        if (copy.in) (void)source_.get()->releaseTrack(copy.in);
     }
     CMp4File::destroyInstance(&target_);
     for (CMp4Track* track : unreleased) delete track;
@@ -148,6 +118,29 @@ void Remuxer::printFailure(const std::string& output) const {
     if (!why.empty()) why = " (output " + output + ": " + why + ")";
     std::fprintf(stderr, "quil: %s: %s: %s: %s%s\n", options_.label, input_,
                  failure_.what.c_str(), toString(failure_.err), why.c_str());
+}
+
+bool Remuxer::runAndCount(const std::string& output) {
+    if (!run(output)) return false;
+    reportMissing();
+    if (options_.missing) *options_.missing = missingSamples() + missingTracks_;
+    return true;
+}
+
+uint64_t Remuxer::missingSamples() const {
+    uint64_t missing = 0;
+    for (const TrackCopy& copy : tracks_) missing += copy.missing;
+    return missing;
+}
+
+void Remuxer::reportMissing() const {
+    for (const TrackCopy& copy : tracks_) {
+        if (copy.missing == 0) continue;
+        std::fprintf(stderr,
+                     "quil: %s: %s: track %u: %u of %u samples could not be read and are "
+                     "left out\n",
+                     options_.label, input_, copy.number, copy.missing, copy.sampleCount);
+    }
 }
 
 bool Remuxer::openInput() {
@@ -193,132 +186,37 @@ bool Remuxer::addTracks() {
     }
     if (tracks_.empty()) return fail("no track that can be copied", MP4_ERR_NO_TRACKS);
     MP4Err err = target_->copyUserData(source_.get(), 0, 0);
-    return err == MP4_OK || err == MP4_ERR_NOT_AVAILABLE || fail("movie user data", err);
+    if (err != MP4_OK && err != MP4_ERR_NOT_AVAILABLE) return fail("movie user data", err);
+    err = target_->copyMovieBoxes(source_.get());
+    return err == MP4_OK || fail("movie boxes", err);
 }
 
+// Every track is copied whole, whatever its kind: its box tree as it is,
+// its samples with the timing they have.
 bool Remuxer::addTrack(uint32_t number) {
+    const std::string track = "track " + std::to_string(number);
     CMp4Track* in = nullptr;
     MP4Err err = source_.get()->getTrack(number, &in);
-    uint32_t kind = 0;
-    if (err == MP4_OK) err = in->getTrackType(&kind);
-    if (err != MP4_OK || !isCopiedKind(kind)) {
-        if (in) (void)source_.get()->releaseTrack(in);
+    if (err != MP4_OK) {
         // Left out with a note rather than failing the whole copy.
-        std::fprintf(stderr, "quil: %s: %s: track %u (%s) is not copied%s%s\n", options_.label,
-                     input_, number, err == MP4_OK ? trackKindName(kind) : "unreadable",
-                     err == MP4_OK ? "" : ": ", err == MP4_OK ? "" : toString(err));
+        std::fprintf(stderr, "quil: %s: %s: track %u cannot be read and is left out: %s\n",
+                     options_.label, input_, number, toString(err));
+        ++missingTracks_;
         return true;
     }
     tracks_.emplace_back();
     TrackCopy& copy = tracks_.back();
     copy.number = number;
     copy.in = in;
-    uint32_t format = 0;
-    const bool raw = kind == MP4_TRACK_AUDIO && in->getSampleEntryType(&format) == MP4_OK &&
-                     isRawAudio(format);
-    copy.rawAudio = raw;
-    if (raw) (void)target_->setTrackMode(1);
     err = target_->addTrack(&copy.out);
-    if (raw) (void)target_->setTrackMode(0);
-    if (err != MP4_OK) return fail("adding track " + std::to_string(number), err);
-    err = copy.out->setTrackType(kind);
-    if (err != MP4_OK) return fail("track " + std::to_string(number) + " kind", err);
-    return copyTrackProperties(&copy);
-}
-
-bool Remuxer::copyTrackProperties(TrackCopy* copy) {
-    const std::string track = "track " + std::to_string(copy->number);
-    CMp4Track* in = copy->in;
-    CMp4Track* out = copy->out;
-    MP4Err err = in->getTimeScale(&copy->timeScale);
-    if (err == MP4_OK) err = out->setTimeScale(copy->timeScale);
-    if (err != MP4_OK) return fail(track + " time scale", err);
-    uint8_t language[3] = {};
-    if (in->getLanguage(language) == MP4_OK) {
-        // A code that is no language (letters outside a-z) stays "und".
-        err = out->setLanguage(language);
-        if (err != MP4_OK && err != MP4_ERR_INVALID_ARGUMENT) return fail(track + " language", err);
-    }
-    uint32_t y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
-    if (in->getCreationTime(&y, &mo, &d, &h, &mi, &s) == MP4_OK && y > 1904) {
-        err = out->setCreationTime(y, mo, d, h, mi, s);
-        if (err != MP4_OK) return fail(track + " creation time", err);
-    }
-    const double angle = in->getRotateAngle();
-    uint32_t width = 0, height = 0;
-    if ((angle == 90 || angle == 180 || angle == 270) && in->getWidth(&width) == MP4_OK &&
-        in->getHeight(&height) == MP4_OK) {
-        err = out->setDimensions(width, height, static_cast<uint32_t>(angle));
-        if (err != MP4_OK) return fail(track + " rotation", err);
-    }
-    int16_t volume = 0;
-    if (in->getVolume(&volume) == MP4_OK) {
-        err = out->setVolume(volume);
-        if (err != MP4_OK) return fail(track + " volume", err);
-    }
-    err = out->addSampleEntryFrom(in, 1);
-    if (err != MP4_OK) return fail(track + " sample entry", err);
-    err = in->getSampleCount(&copy->sampleCount);
-    // Fragments keep negative composition offsets as they are.
-    if (err == MP4_OK && !fragmented()) err = findCompositionShift(copy);
-    if (err != MP4_OK) return fail(track + " samples", err);
-    int64_t firstMediaTime = 0;
-    uint64_t presented = 0;
-    err = in->getInitialDelay(&copy->delay, &firstMediaTime, &presented);
-    uint64_t mediaDuration = 0;
-    // A fragmented file's edit cannot run "to the end of the media", which
-    // is not known when its movie box is written: it gets its length.
-    if (err == MP4_OK && fragmented() && presented == 0 && (copy->delay || firstMediaTime) &&
-        in->getMediaDuration(&mediaDuration) == MP4_OK &&
-        mediaDuration > static_cast<uint64_t>(firstMediaTime)) {
-        presented = mediaDuration - static_cast<uint64_t>(firstMediaTime);
-    }
-    if (err == MP4_OK) {
-        err = out->setEditList(copy->delay,
-                               firstMediaTime + static_cast<int64_t>(copy->compositionShift),
-                               presented);
-    }
-    if (err != MP4_OK) return fail(track + " edit list", err);
-    err = out->setChunkLimits(copy->timeScale, kChunkByteLimit);
-    if (err != MP4_OK) return fail(track + " chunk limits", err);
-    err = target_->copyUserData(source_.get(), copy->number, static_cast<uint32_t>(tracks_.size()));
-    if (err != MP4_OK && err != MP4_ERR_NOT_AVAILABLE) return fail(track + " user data", err);
-
-    if (copy->sampleCount > 0) err = in->getSampleDecodeTime(1, &copy->nextDecode);
-    if (err != MP4_OK) return fail(track + " samples", err);
-    return copyLastSampleDuration(copy);
-}
-
-// The last sample lasts what the media duration leaves after its decode
-// time. Raw audio is read a chunk per sample but written an audio sample
-// per time unit, whose last one lasts one unit anyway.
-bool Remuxer::copyLastSampleDuration(TrackCopy* copy) {
-    if (copy->rawAudio || copy->sampleCount == 0) return true;
-    uint64_t media = 0, last = 0;
-    if (copy->in->getMediaDuration(&media) != MP4_OK ||
-        copy->in->getSampleDecodeTime(copy->sampleCount, &last) != MP4_OK) {
-        return true;  // the writer's rule then applies
-    }
-    const uint64_t span = last - copy->nextDecode;
-    if (last < copy->nextDecode || media <= span || media - span > 0x7FFFFFFFu) return true;
-    MP4Err err = copy->out->setLastSampleDuration(static_cast<uint32_t>(media - span));
-    return err == MP4_OK || fail("track " + std::to_string(copy->number) + " last sample", err);
-}
-
-// A track written with negative composition offsets (composition before
-// decode) is written with offsets raised by the largest such gap, which
-// the written format needs; its edit list starts that much later.
-MP4Err Remuxer::findCompositionShift(TrackCopy* copy) {
-    for (uint32_t sample = 1; sample <= copy->sampleCount; ++sample) {
-        uint64_t decode = 0, composition = 0;
-        MP4Err err = copy->in->getSampleDecodeTime(sample, &decode);
-        if (err == MP4_OK) err = copy->in->getSampleCompositionTime(sample, &composition);
-        if (err != MP4_OK) return err;
-        if (composition < decode && decode - composition > copy->compositionShift) {
-            copy->compositionShift = decode - composition;
-        }
-    }
-    return MP4_OK;
+    if (err != MP4_OK) return fail("adding " + track, err);
+    err = copy.out->copyTrackFrom(in);
+    if (err != MP4_OK) return fail(track + " boxes", err);
+    (void)in->getTimeScale(&copy.timeScale);
+    (void)copy.out->setChunkLimits(copy.timeScale, kChunkByteLimit);
+    err = in->getSampleCount(&copy.sampleCount);
+    if (err == MP4_OK && copy.sampleCount > 0) err = in->getSampleDecodeTime(1, &copy.nextDecode);
+    return err == MP4_OK || fail(track + " samples", err);
 }
 
 // The track whose next sample comes first in time, so that the output
@@ -350,46 +248,32 @@ bool Remuxer::copySamples() {
     return true;
 }
 
+std::string sampleLabel(const TrackCopy* copy, uint32_t sample) {
+    return "track " + std::to_string(copy->number) + ", sample " + std::to_string(sample);
+}
+
+// A sample that cannot be read (cut off, damaged) is left out and counted:
+// the copy then has no sample more than before. A sample taken whose chunk
+// cannot be written ends the copy.
 bool Remuxer::copySample(TrackCopy* copy) {
     const uint32_t sample = copy->nextSample;
-    CMp4Track* in = copy->in;
-    uint32_t size = 0, sync = 0;
-    uint64_t composition = 0;
-    if (buffer_.empty()) buffer_.resize(1u << 20);
-    MP4Err err = in->readSample(sample, static_cast<uint32_t>(buffer_.size()), &size,
-                                buffer_.data());
-    if (err == MP4_ERR_BUFFER_TOO_SMALL && size > buffer_.size()) {
-        buffer_.resize(size);  // grows rarely: the buffer keeps the largest size seen
-        err = in->readSample(sample, size, &size, buffer_.data());
-    }
-    if (err == MP4_OK) err = in->getSampleCompositionTime(sample, &composition);
-    if (err == MP4_OK) err = in->isSyncSample(sample, &sync);
-    if (err != MP4_OK) {
-        return fail("track " + std::to_string(copy->number) + ", sample " +
-                        std::to_string(sample) + " cannot be read",
-                    err);
-    }
-    // Read times include the initial delay; the edit list written for the
-    // track puts it back.
-    const uint64_t decode = copy->nextDecode;
-    err = copy->out->addSample(buffer_.data(), size, decode - copy->delay,
-                               composition + copy->compositionShift - copy->delay, sync != 0);
-    if (err != MP4_OK) {
-        return fail("track " + std::to_string(copy->number) + ", sample " +
-                        std::to_string(sample) + " cannot be written",
-                    err);
-    }
+    uint32_t size = 0, before = 0, after = 0;
+    (void)copy->out->getSampleCount(&before);
+    MP4Err err = copy->out->copySampleFrom(sample, &size);
+    (void)copy->out->getSampleCount(&after);
     lastSampleSize_ = size;
-    copy->nextSample = sample + 1;
-    if (copy->nextSample <= copy->sampleCount) {
-        err = in->getSampleDecodeTime(copy->nextSample, &copy->nextDecode);
-        if (err != MP4_OK) {
-            return fail("track " + std::to_string(copy->number) + ", sample " +
-                            std::to_string(copy->nextSample) + " time",
-                        err);
-        }
+    if (err != MP4_OK) {
+        if (after != before) return fail(sampleLabel(copy, sample) + " cannot be written", err);
+        ++copy->missing;
     }
-    return true;
+    return advance(copy);
+}
+
+bool Remuxer::advance(TrackCopy* copy) {
+    copy->nextSample += 1;
+    if (copy->nextSample > copy->sampleCount) return true;
+    MP4Err err = copy->in->getSampleDecodeTime(copy->nextSample, &copy->nextDecode);
+    return err == MP4_OK || fail(sampleLabel(copy, copy->nextSample) + " time", err);
 }
 
 bool Remuxer::finish() {
@@ -419,7 +303,7 @@ bool Remuxer::isCopied(uint32_t number) const {
 MP4Err copyTracks(const char* input, const std::string& output, const CopyOptions& options,
                   std::string* what) {
     Remuxer remuxer(input, options);
-    if (remuxer.run(output)) return MP4_OK;
+    if (remuxer.runAndCount(output)) return MP4_OK;
     if (what != nullptr) *what = remuxer.failure().what;
     return remuxer.failure().err;
 }
@@ -427,20 +311,25 @@ MP4Err copyTracks(const char* input, const std::string& output, const CopyOption
 bool copyTracksOrReport(const char* input, const std::string& output,
                         const CopyOptions& options) {
     Remuxer remuxer(input, options);
-    if (remuxer.run(output)) return true;
+    if (remuxer.runAndCount(output)) return true;
     remuxer.printFailure(output);
     return false;
 }
 
 MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
-                 std::string* what) {
+                 std::string* what, uint64_t* missing) {
     CopyOptions options;
     options.fileType = fileType;
     options.typeGiven = typeGiven;
+    options.missing = missing;
     return copyTracks(input, output, options, what);
 }
 
 namespace {
+
+// The copy was written, but samples (or whole tracks) of the input could
+// not be read and are missing from it (a cut-off or damaged file).
+constexpr int kExitSamplesMissing = 3;
 
 int runRemux(const Arguments& arguments) {
     uint64_t fileType = 0;
@@ -452,6 +341,8 @@ int runRemux(const Arguments& arguments) {
     CopyOptions options;
     options.fileType = static_cast<uint32_t>(fileType);
     options.typeGiven = typeText != nullptr;
+    uint64_t missing = 0;
+    options.missing = &missing;
     OutputFile output;
     std::string error;
     if (!output.create(arguments.operand(1), &error)) {
@@ -476,7 +367,7 @@ int runRemux(const Arguments& arguments) {
         std::fprintf(stderr, "quil: remux: %s\n", error.c_str());
         return kExitFailure;
     }
-    return kExitOk;
+    return missing > 0 ? kExitSamplesMissing : kExitOk;
 }
 
 }  // namespace
@@ -484,11 +375,13 @@ int runRemux(const Arguments& arguments) {
 const Command kRemuxCommand = {
     "remux",
     "remux IN OUT [--type N] [--faststart]",
-    "  remux    copy every video, audio and systems track of IN into a new file\n"
-    "           OUT: sample entries unchanged, samples with their times and\n"
-    "           sync flags, edit lists, languages and user data; --type N\n"
+    "  remux    copy every track of IN into a new file OUT: each track's boxes\n"
+    "           as they are (sample entries, references, edit list, matrix,\n"
+    "           user data), samples with the timing they have; --type N\n"
     "           writes file type N (0 to 12; default: the type of IN),\n"
-    "           --faststart puts the movie box in front of the media data\n",
+    "           --faststart puts the movie box in front of the media data.\n"
+    "           Samples or tracks that cannot be read (a cut-off or damaged\n"
+    "           file) are left out and counted on stderr; exit status 3\n",
     {{"--type", true}, {"--faststart", false}},
     2,
     2,

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "Command.h"
 #include "Info.h"
 
 namespace quil {
@@ -101,6 +102,8 @@ const char* codecName(uint32_t codec) {
         case 32: return "Linear PCM";
         case 33: return "H.265/HEVC";
         case 34: return "PCM 24-bit";
+        case 35: return "PCM integer (ISO 23003-5)";
+        case 36: return "PCM float (ISO 23003-5)";
         default: return "unknown";
     }
 }
@@ -365,7 +368,22 @@ void addSoundFields(Section* section, CMp4Track* track, uint32_t sampleEntry) {
     }
 }
 
-Section collectTrack(CMp4File* file, uint32_t number) {
+// Samples the tables place (partly) beyond the end of the file, or
+// nowhere: what a cut-off recording or download lacks.
+uint32_t missingSamples(CMp4Track* track, uint32_t samples, uint64_t fileLength) {
+    uint32_t missing = 0;
+    for (uint32_t n = 1; n <= samples; ++n) {
+        uint64_t offset = 0;
+        uint32_t size = 0;
+        if (track->getSampleOffset(n, &offset, &size) != MP4_OK || offset > fileLength ||
+            size > fileLength - offset) {
+            ++missing;
+        }
+    }
+    return missing;
+}
+
+Section collectTrack(CMp4File* file, uint32_t number, uint64_t fileLength) {
     Section section(format("Track %u", number));
     section.addUnsigned("number", "Number", number);
     CMp4Track* raw = nullptr;
@@ -393,7 +411,22 @@ Section collectTrack(CMp4File* file, uint32_t number) {
         section.addText("language", "Language",
                         std::string(reinterpret_cast<const char*>(language), 3));
     }
+    uint32_t original = 0, scheme = 0, schemeVersion = 0;
+    if (track->getProtectionScheme(&original, &scheme, &schemeVersion) == MP4_OK) {
+        section.addText("originalFormat", "Original format", fourccText(original));
+        if (scheme != 0) {
+            section.addText("protectionScheme", "Protection scheme",
+                            format("%s %u.%u", fourccText(scheme).c_str(), schemeVersion >> 16,
+                                   schemeVersion & 0xFFFF));
+        }
+    }
     addTimingFields(&section, track.get(), kind);
+    uint32_t samples = 0;
+    if (fileLength > 0 && track->getSampleCount(&samples) == MP4_OK) {
+        // Shown only when samples are missing, so intact files read as before.
+        const uint32_t missing = missingSamples(track.get(), samples, fileLength);
+        if (missing > 0) section.addUnsigned("missingSamples", "Missing samples", missing);
+    }
     addVisualFields(&section, track.get());
     addEditFields(&section, track.get());
     addCodecFields(&section, track.get());
@@ -408,8 +441,9 @@ Report collectReport(const char* path, CMp4File* file) {
     addFileFields(&report.file, path, file);
     uint32_t count = 0;
     (void)file->getTrackCount(&count);
+    const uint64_t fileLength = fileSize(path);
     for (uint32_t number = 1; number <= count; ++number) {
-        report.tracks.push_back(collectTrack(file, number));
+        report.tracks.push_back(collectTrack(file, number, fileLength));
     }
     return report;
 }

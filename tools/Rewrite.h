@@ -33,11 +33,15 @@ struct CopyOptions {
     bool progress = false;   // a progress line even when stderr is no terminal
     // Filled with the fragments written (fragmented copies).
     std::vector<MP4FragmentInfo>* fragmentsWritten = nullptr;
+    // Filled with the samples and tracks that could not be read and are
+    // left out (each track's count also named on stderr).
+    uint64_t* missing = nullptr;
 };
 
-// Every track the write interface can make (video, audio, systems) of
-// input copied into a new file output, as remux does; a track left out
-// gets a note on stderr. On failure *what names the step that failed.
+// Every track of input copied whole into a new file output, as remux
+// does; samples and tracks that cannot be read are left out, counted in
+// *options.missing and named on stderr. On failure *what names the step
+// that failed.
 MP4Err copyTracks(const char* input, const std::string& output, const CopyOptions& options,
                   std::string* what);
 // copyTracks, printing one line starting with "quil: <label>: " and
@@ -45,9 +49,10 @@ MP4Err copyTracks(const char* input, const std::string& output, const CopyOption
 bool copyTracksOrReport(const char* input, const std::string& output, const CopyOptions& options);
 
 // copyTracks with default options: "remux" without its temporary name and
-// messages; file type fileType when typeGiven, else the input's.
+// messages; file type fileType when typeGiven, else the input's; missing
+// as options.missing.
 MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType, bool typeGiven,
-                 std::string* what);
+                 std::string* what, uint64_t* missing = nullptr);
 
 }  // namespace tool
 }  // namespace quil

@@ -155,13 +155,21 @@ public:
     // for reading into this file: the movie's when both track numbers are
     // 0, else that of track sourceTrack of the source into track
     // targetTrack of this file (added before). RTP session data ("hnti")
-    // is left out: it belongs to the source's hint tracks. Boxes already in
+    // is left out unless this file holds hint tracks (copies of the
+    // source's, see CMp4Track::copyTrackFrom). Boxes already in
     // the target's user data stay; the copies follow them. 3 when this file
     // is not being written, the source is not open, or there is no such
     // track or user data (nothing is copied); 2 for a null source or when
     // only one of the track numbers is 0.
     virtual MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack,
                                 uint32_t targetTrack) = 0;
+    // Write mode: copies the boxes of a read file's movie that this file
+    // does not make itself (protection system data "pssh", movie-level
+    // "meta", boxes the library does not know), as they are; not "mvhd",
+    // the tracks, "udta" (copyUserData), "iods" or fragment defaults. 2 for
+    // a null source, 3 when this file is not being written or the source
+    // is not open.
+    virtual MP4Err copyMovieBoxes(CMp4File* source) = 0;
     // Reading: the movie fragments ("moof") of a fragmented file, 0 for a
     // classic one. Their samples are part of the tracks: every sample
     // operation of CMp4Track answers for the movie's samples followed by

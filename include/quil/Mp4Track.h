@@ -193,6 +193,32 @@ public:
     // samples only (2 otherwise), with times counting one per audio sample.
     virtual MP4Err addSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
                              uint64_t compositionTime, bool sync) = 0;
+    // A protected (encrypted) track: the format its first sample entry
+    // wraps ("avc1" in an "encv") and the protection scheme with its
+    // version ("cenc", "cbcs", ...; 0 when the entry names none). 3 when
+    // the entry is not protected.
+    virtual MP4Err getProtectionScheme(uint32_t* originalFormat, uint32_t* scheme,
+                                       uint32_t* schemeVersion) = 0;
+    // Copying a read track (the remux path). copyTrackFrom, in place of
+    // setTrackType and the other setters, makes this new track a copy of
+    // source (a track of a file open for reading, which must stay open
+    // until this track is released): its whole "trak" as it is (header
+    // with ID, matrix and flags, references, edit list, media header,
+    // handler, every sample entry, user data, boxes the library does not
+    // know) with empty sample tables; the movie takes the source movie's
+    // time scale, in which edit lists count. 2 for a null source or the track
+    // itself, 3 once the kind is set or a copy was made, 5 when source is
+    // not a bound read track.
+    // copySampleFrom then appends source's sample n with its bytes and its
+    // timing as stored: decode delta (0 included), composition offset
+    // (negative ones kept, in a version-1 "ctts"), sync flag and sample
+    // description; the last copied sample keeps its own duration. Samples
+    // go in increasing order (2 otherwise) and may be left out: the one
+    // before a gap then lasts until the next copied one. A sample that
+    // cannot be read (past the end of a cut-off file: 11; read errors as
+    // they come) leaves the track as it was. *size: the bytes copied.
+    virtual MP4Err copyTrackFrom(CMp4Track* source) = 0;
+    virtual MP4Err copySampleFrom(uint32_t sample, uint32_t* size) = 0;
     // Adds delta to every chunk offset (used when "mdat" moves).
     virtual MP4Err shiftChunkOffsets(int32_t delta) = 0;
     // Edit list written when the track is finalised: an empty edit of

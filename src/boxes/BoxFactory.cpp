@@ -9,6 +9,7 @@
 #include "CodecBoxes.h"
 #include "CompressedMovie.h"
 #include "ConfigBoxes.h"
+#include "EncryptionBoxes.h"
 #include "FragmentBoxes.h"
 #include "MetaDataBoxes.h"
 #include "MovieBoxes.h"
@@ -148,6 +149,12 @@ const BoxFactoryRow kRows[] = {
     {fourcc("ulaw"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
     {fourcc("Qclp"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
     {0x6D730055, kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {0x6D730011, kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},  // IMA ADPCM
+    {0x6D730002, kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},  // MS ADPCM
+    // ISO/IEC 23003-5 PCM: an ISO audio entry, the sound description's
+    // version 0 layout.
+    {fourcc("ipcm"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("fpcm"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
 
     // Codec-specific boxes (CodecBoxes.h)
     {fourcc("d263"), kAny, 0, make<CH263SpecificBox>},
@@ -157,6 +164,15 @@ const BoxFactoryRow kRows[] = {
     {fourcc("wave"), kAny, 0, make<CWaveBox>},
     {fourcc("enda"), kAny, 0, make<CEndianFormatBox>},
     {fourcc("chan"), kAny, 0, make<CChannelCompositionBox>},
+    {fourcc("pcmC"), kAny, 0, make<CPcmConfigBox>},
+
+    // Common encryption (EncryptionBoxes.h): the protected entries keep
+    // the layout of the entry they wrap; "sinf" and "schi" hold boxes.
+    {fourcc("saio"), kAny, 0, make<CSampleAuxInfoOffsetsBox>},
+    {fourcc("encv"), kAny, 0, make<CVisualSampleEntry>},
+    {fourcc("enca"), kAnyBut, fourcc("wave"), make<CSoundSampleEntry>},
+    {fourcc("sinf"), kAny, 0, make<Container>},
+    {fourcc("schi"), kAny, 0, make<Container>},
 
     // Boxes wrapping decoder configuration records and descriptors (ConfigBoxes.h)
     {fourcc("avcC"), kAny, 0, make<CAVCConfigurationBox>},

@@ -137,6 +137,24 @@ MP4Err CEndianFormatBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
+// ---- "pcmC" ---------------------------------------------------------------
+
+template <class IO>
+MP4Err CPcmConfigBox::fields(IO& io) {
+    return io.versionAndFlags(version, flags).require(2).u8(formatFlags).u8(sampleSize).error();
+}
+template class CFieldBox<CPcmConfigBox, CFullBox>;
+
+MP4Err CPcmConfigBox::dump(int32_t depth) {
+    MP4Err err = CBox::dump(depth);
+    if (err != MP4_OK) return err;
+    dumpVersionAndFlags(depth);
+    dumpLine(depth, "Format flags = 0x%02x (%s endian)\n", static_cast<uint32_t>(formatFlags),
+             isLittleEndian() ? "little" : "big");
+    dumpLine(depth, "PCM sample size = %u\n", static_cast<uint32_t>(sampleSize));
+    return MP4_OK;
+}
+
 // ---- "chan" ---------------------------------------------------------------
 
 template <class IO>

@@ -97,6 +97,21 @@ public:
     uint16_t data = 0;
 };
 
+// "pcmC" (ISO/IEC 23003-5): format flags (bit 0: little-endian samples)
+// and the bits of one PCM sample, of an "ipcm" or "fpcm" entry.
+class CPcmConfigBox : public CFieldBox<CPcmConfigBox, CFullBox> {
+public:
+    CPcmConfigBox() { type = fourcc("pcmC"); }
+    MP4Err dump(int32_t depth) override;
+    template <class IO>
+    MP4Err fields(IO& io);
+
+    bool isLittleEndian() const { return (formatFlags & 1) != 0; }
+
+    uint8_t formatFlags = 0;
+    uint8_t sampleSize = 0;  // bits
+};
+
 // "chan", the QuickTime audio channel layout. Only its three fixed values
 // are kept; channel descriptions after them are skipped when read and not
 // written back.

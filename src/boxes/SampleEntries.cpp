@@ -206,6 +206,32 @@ MP4Err CMP4SampleEntry::getESDBox(CBox** esds) {
 
 // ---- QuickTime sound description ------------------------------------------
 
+MP4Err CSoundSampleEntry::read(CStorage* storage) {
+    uint64_t start = 0;
+    const uint64_t payload = remaining;
+    MP4Err err = storage->getPosition(&start);
+    if (err != MP4_OK) return err;
+    err = CFieldBox::read(storage);
+    // The version-2 fields are read for the library's own use; a tree
+    // written again (faststart, remux) writes the description as it was,
+    // as it does one of a later version, which this class cannot write.
+    if (version >= 2 && storage->seek(start) == MP4_OK) {
+        remaining = payload;
+        if (keepPayload(storage) == MP4_OK) writeAsRead();
+    }
+    return err;
+}
+
+MP4Err CSoundSampleEntry::write(CStorage* storage) {
+    if (writesAsRead()) return CBox::write(storage);  // a version-2 description read
+    return CFieldBox::write(storage);
+}
+
+MP4Err CSoundSampleEntry::calculateSize() {
+    if (writesAsRead()) return CBox::calculateSize();
+    return CFieldBox::calculateSize();
+}
+
 template <class IO>
 MP4Err CSoundSampleEntry::fields(IO& io) {
     if (!startFields(io).u16(version).u16(revisionLevel).u32(vendor).ok()) return io.error();
@@ -313,8 +339,13 @@ uint32_t CSoundSampleEntry::perSampleByteCount() const {
     return 0;
 }
 
-uint32_t CSoundSampleEntry::perChunkByteCount() const {
-    return version == 1 ? bytesPerFrame : 0;
+uint32_t CSoundSampleEntry::perChunkByteCount(uint32_t samplesInChunk) const {
+    if (version != 1) return 0;
+    if (samplesPerPacket == 0) return bytesPerFrame;
+    // Whole packets: the last one of a chunk is padded to full size.
+    const uint64_t packets = (static_cast<uint64_t>(samplesInChunk) + samplesPerPacket - 1) / samplesPerPacket;
+    const uint64_t bytes = packets * bytesPerFrame;
+    return bytes > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(bytes);
 }
 
 MP4Err CSoundSampleEntry::findInWave(uint32_t childType, CBox** box) {

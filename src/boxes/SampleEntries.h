@@ -185,12 +185,18 @@ protected:
 
 // The QuickTime sound description, versions 0, 1 and 2, also the plain
 // entry of the PCM and QuickTime audio codes. Version 2 descriptions are
-// read but cannot be written back.
+// kept as read: written back unchanged by tree writers (writeBox), while
+// their own fields refuse them.
 class CSoundSampleEntry : public CFieldBox<CSoundSampleEntry, CSampleEntry> {
 public:
     explicit CSoundSampleEntry(uint32_t format = 0) : CFieldBox(format) {}
-    // Writing: 5 for a version other than 0 and 1, after the common 20
-    // bytes (version 2 is sized like version 0).
+    // Reads the fields; a description of version 2 or later also keeps its
+    // bytes, which write and calculateSize then use.
+    MP4Err read(CStorage* storage) override;
+    // Writing: 5 for a version other than 0 and 1 not read from a file,
+    // after the common 20 bytes (version 2 is sized like version 0).
+    MP4Err write(CStorage* storage) override;
+    MP4Err calculateSize() override;
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
@@ -199,9 +205,11 @@ public:
     // sample" of version 1, "const bytes per audio packet" of version 2,
     // 0 for version 0 (the caller then derives it from the format).
     uint32_t perSampleByteCount() const;
-    // Bytes of one compressed chunk of the ADPCM formats 0x6D730011 and
-    // 0x6D730002: "bytes per frame" of version 1, else 0.
-    uint32_t perChunkByteCount() const;
+    // Bytes of a compressed chunk of the ADPCM formats 0x6D730011 and
+    // 0x6D730002 holding that many audio samples: version 1's "bytes per
+    // frame" for each packet ("samples per packet" audio samples) begun,
+    // or "bytes per frame" alone without a packet length; 0 otherwise.
+    uint32_t perChunkByteCount(uint32_t samplesInChunk) const;
 
     // A box of that type inside the "wave" child; 3 when there is no
     // "wave" or nothing of that type in it.

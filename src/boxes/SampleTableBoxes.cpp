@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 
+#include "boxes/EncryptionBoxes.h"
 #include "boxes/FieldBox.h"
 #include "io/Dump.h"
 
@@ -160,6 +161,15 @@ MP4Err CTimeToSampleBox::addSampleTime(uint32_t sample, uint64_t decodeTime) {
     return MP4_OK;
 }
 
+MP4Err CTimeToSampleBox::appendDelta(uint32_t delta) {
+    CTimeToSampleTableEntry* last = entries.last();
+    if (last && last->sampleDelta == delta && last->sampleCount < 0xFFFFFFFFu) {
+        ++last->sampleCount;
+        return MP4_OK;
+    }
+    return addEntry(CTimeToSampleTableEntry{1, delta});
+}
+
 MP4Err CTimeToSampleBox::finishSampleTimes() {
     // The last sample has no successor to measure against: it repeats the
     // delta of the one before it.
@@ -191,12 +201,14 @@ MP4Err CCompositionOffsetBox::addCompositionOffset(uint32_t sample, uint32_t off
 // ---------------------------------------------------------------------------
 // "stsc" building
 
-MP4Err CSampleToChunkBox::addChunk(uint32_t chunk, uint32_t samplesPerChunk) {
+MP4Err CSampleToChunkBox::addChunk(uint32_t chunk, uint32_t samplesPerChunk,
+                                   uint32_t descriptionIndex) {
     // While building, cursorFirstChunk_ is the number the next chunk must carry.
     if (chunk != cursorFirstChunk_) return MP4_ERR_INVALID_ARGUMENT;
     CSampleToChunkTableEntry* last = entries.last();
-    if (!last || last->sampleDescriptionIndex != 1 || last->samplesPerChunk != samplesPerChunk) {
-        MP4Err err = addEntry(CSampleToChunkTableEntry{chunk, samplesPerChunk, 1});
+    if (!last || last->sampleDescriptionIndex != descriptionIndex ||
+        last->samplesPerChunk != samplesPerChunk) {
+        MP4Err err = addEntry(CSampleToChunkTableEntry{chunk, samplesPerChunk, descriptionIndex});
         if (err != MP4_OK) return err;
     }
     ++cursorFirstChunk_;
@@ -246,24 +258,32 @@ MP4Err CSampleSizeBox::dump(int32_t depth) {
 }
 
 MP4Err CSampleSizeBox::addSampleSize(uint32_t sample, uint32_t size) {
-    if (sample != sampleCount + 1 || size == 0) return MP4_ERR_INVALID_ARGUMENT;
-    if (size != sampleSize) {
-        // The constant form ends here: write out the constant for every
-        // sample so far, then this sample's own size.
-        if (sampleSize != 0) {
-            for (uint32_t i = 0; i < sampleCount; ++i) {
-                MP4Err err = entries.append(CSampleSizeTableEntry{sampleSize});
-                if (err != MP4_OK) return err;
-            }
-            sampleSize = 0;
-        }
-        if (sampleCount == 0) {
-            sampleSize = size;
-        } else {
-            MP4Err err = entries.append(CSampleSizeTableEntry{size});
+    if (size == 0) return MP4_ERR_INVALID_ARGUMENT;
+    if (sample != sampleCount + 1) return MP4_ERR_INVALID_ARGUMENT;
+    return appendSampleSize(size);
+}
+
+MP4Err CSampleSizeBox::appendSampleSize(uint32_t size) {
+    if (sampleCount == 0xFFFFFFFFu) return MP4_ERR_VALUE_TOO_LARGE;
+    // Equal non-zero sizes keep the constant form (a size of 0 cannot be
+    // a constant: it means a size per sample).
+    const bool constant = size != 0 && (sampleCount == 0 || size == sampleSize);
+    if (constant) {
+        sampleSize = size;
+        ++sampleCount;
+        return MP4_OK;
+    }
+    // The constant form ends here: write out the constant for every
+    // sample so far, then this sample's own size.
+    if (sampleSize != 0) {
+        for (uint32_t i = 0; i < sampleCount; ++i) {
+            MP4Err err = entries.append(CSampleSizeTableEntry{sampleSize});
             if (err != MP4_OK) return err;
         }
+        sampleSize = 0;
     }
+    MP4Err err = entries.append(CSampleSizeTableEntry{size});
+    if (err != MP4_OK) return err;
     ++sampleCount;
     return MP4_OK;
 }
@@ -389,6 +409,32 @@ MP4Err CEditListBox::addEntry(const CEditListTableEntry& entry) {
     MP4Err err = entries.append(entry);
     if (err == MP4_OK) ++entryCount;
     return err;
+}
+
+// ---------------------------------------------------------------------------
+// "stbl"
+
+MP4Err CSampleTableBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    if (err != MP4_OK) return err;
+    if (!children) return MP4_ERR_INVALID_DATA;
+    bool haveInformation = false;
+    uint64_t information = 0;  // where the "senc" written holds its first sample's
+    for (CBoxList::Node* node = children->head(); node; node = node->next) {
+        CBox* child = node->box;
+        if (child->type == fourcc("senc")) {
+            uint64_t start = 0, total = 0;
+            if ((err = storage->getPosition(&start)) != MP4_OK) return err;
+            if ((err = child->getSize(&total)) != MP4_OK) return err;
+            const uint64_t header = child->baseHeaderSize() + (total > 0xFFFFFFFFu ? 8 : 0);
+            information = sampleEncryptionDataStart(start, header);
+            haveInformation = true;
+        }
+        auto* saio = dynamic_cast<CSampleAuxInfoOffsetsBox*>(child);
+        if (saio && haveInformation && !saio->writesAsRead()) saio->moveTo(information);
+        if ((err = writeBox(child, storage)) != MP4_OK) return err;
+    }
+    return children->trailing().write(storage);
 }
 
 }  // namespace quil

@@ -167,6 +167,10 @@ public:
     // The last sample gets the delta of the one before it ({1, 1} for a
     // single sample); 17 when no sample was added.
     MP4Err finishSampleTimes();
+    // Copying: appends one sample of that delta (0 included), merged with
+    // the last run when equal. Tables built this way need no
+    // finishSampleTimes: the last sample's own delta is appended too.
+    MP4Err appendDelta(uint32_t delta);
 
 private:
     // Reading: the first sample, its decode time and the entry index of
@@ -212,9 +216,9 @@ public:
     bool firstChunksAscend() const { return firstChunksAscend_; }
 
     // Building: records chunk k (which must be the next chunk, else 2)
-    // holding samplesPerChunk samples of sample description 1. A new entry
-    // is added only when the run changes.
-    MP4Err addChunk(uint32_t chunk, uint32_t samplesPerChunk);
+    // holding samplesPerChunk samples of a sample description (1 unless
+    // given). A new entry is added only when the run changes.
+    MP4Err addChunk(uint32_t chunk, uint32_t samplesPerChunk, uint32_t descriptionIndex = 1);
 
 private:
     // A position in the table: an entry and the first chunk and first
@@ -262,6 +266,9 @@ public:
     // Equal sizes keep the constant form; the first different size writes
     // out an entry per earlier sample.
     MP4Err addSampleSize(uint32_t sample, uint32_t size);
+    // Copying: as addSampleSize, but a size of 0 (a read sample without
+    // bytes) is taken as it is.
+    MP4Err appendSampleSize(uint32_t size);
 
     uint32_t sampleSize = 0;  // non-zero: every sample has this size
     uint32_t sampleCount = 0;
@@ -349,8 +356,13 @@ private:
     MP4Err firstTimedEdit(CEditListTableEntry** edit);
 };
 
-// "stbl": container of the sample description and the tables.
-class CSampleTableBox : public CContainerBox {};
+// "stbl": container of the sample description and the tables. Written
+// child by child so that a "saio" after a "senc" points at the
+// information where "senc" is written now (a copied or moved track).
+class CSampleTableBox : public CContainerBox {
+public:
+    MP4Err write(CStorage* storage) override;
+};
 
 }  // namespace quil
 

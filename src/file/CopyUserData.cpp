@@ -7,6 +7,8 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/MovieBoxes.h"
 #include "storage/MemoryStorage.h"
+#include "track/SampleEntryBuilder.h"
+#include "track/TrackImpl.h"
 
 namespace quil {
 namespace {
@@ -26,16 +28,21 @@ MP4Err findOwner(CMp4FileImpl* file, uint32_t track, CBox** owner) {
     return moov->findChild(fourcc("trak"), owner, track);
 }
 
-bool isCopied(const CBox* box) { return box->type != fourcc("hnti"); }
+// RTP session data ("hnti") belongs to the source's hint tracks: it goes
+// along only into a file that holds hint tracks (copies of them).
+bool isCopied(const CBox* box, bool keepSession) {
+    return keepSession || box->type != fourcc("hnti");
+}
 
 // The copy goes through the boxes' own writers and readers: whatever a
 // box keeps when written and read back is kept in the copy.
-MP4Err serializeChildren(CBoxList* children, std::unique_ptr<uint8_t[]>* bytes,
+MP4Err serializeChildren(CBoxList* children, bool keepSession, std::unique_ptr<uint8_t[]>* bytes,
                          uint32_t* length) {
     uint64_t total = 0;
     for (CBoxList::Node* node = children->head(); node; node = node->next) {
-        if (!isCopied(node->box)) continue;
-        MP4Err err = node->box->calculateSize();
+        if (!isCopied(node->box, keepSession)) continue;
+        // A box kept as read (damaged, or known only as bytes) goes as read.
+        MP4Err err = sizeBox(node->box);
         uint64_t size = 0;
         if (err == MP4_OK) err = node->box->getSize(&size);
         if (err != MP4_OK) return err;
@@ -49,7 +56,7 @@ MP4Err serializeChildren(CBoxList* children, std::unique_ptr<uint8_t[]>* bytes,
     storage.attach(bytes->get(), *length, true);
     MP4Err err = storage.open(1);
     for (CBoxList::Node* node = children->head(); err == MP4_OK && node; node = node->next) {
-        if (isCopied(node->box)) err = node->box->write(&storage);
+        if (isCopied(node->box, keepSession)) err = writeBox(node->box, &storage);
     }
     storage.detach();
     return err;
@@ -86,7 +93,12 @@ MP4Err CMp4FileImpl::copyUserData(CMp4File* source, uint32_t sourceTrack, uint32
 
     std::unique_ptr<uint8_t[]> bytes;
     uint32_t length = 0;
-    err = serializeChildren(children, &bytes, &length);
+    bool keepSession = false;
+    for (CTrackImpl* track : writingTracks_) {
+        uint32_t kind = 0;
+        if (track->getTrackType(&kind) == MP4_OK && kind == MP4_TRACK_HINT) keepSession = true;
+    }
+    err = serializeChildren(children, keepSession, &bytes, &length);
     if (err != MP4_OK) return err;
 
     CBox* udta = nullptr;
@@ -107,6 +119,35 @@ MP4Err CMp4FileImpl::copyUserData(CMp4File* source, uint32_t sourceTrack, uint32
     if (err == MP4_OK) err = readChildren(list->get(), &storage, &remaining);
     storage.detach();
     return err;
+}
+
+// The movie's boxes this file does not make itself: protection system
+// data ("pssh"), movie-level metadata, boxes the library does not know.
+MP4Err CMp4FileImpl::copyMovieBoxes(CMp4File* source) {
+    CMp4FileImpl* from = dynamic_cast<CMp4FileImpl*>(source);
+    if (from == nullptr) return MP4_ERR_INVALID_ARGUMENT;
+    if (isOpen_ == 0 || mode_ != 1 || !from->isOpenFlag()) return MP4_ERR_NOT_AVAILABLE;
+    CBox *sourceMoov = nullptr, *moov = nullptr;
+    MP4Err err = findOwner(from, 0, &sourceMoov);
+    if (err == MP4_OK) err = findOwner(this, 0, &moov);
+    if (err != MP4_OK) return err;
+    CBoxList* children = sourceMoov->childList();
+    for (CBoxList::Node* node = children ? children->head() : nullptr; node; node = node->next) {
+        switch (node->box->type) {
+            // Made by the writer, the tracks or copyUserData; fragments
+            // are not written.
+            case fourcc("mvhd"): case fourcc("trak"): case fourcc("udta"): case fourcc("iods"):
+            case fourcc("mvex"):
+                continue;
+            default: break;
+        }
+        CBox* copy = nullptr;
+        if ((err = copyBox(node->box, fourcc("moov"), &copy)) != MP4_OK) return err;
+        std::unique_ptr<CBox> owned(copy);
+        if ((err = moov->addChild(copy)) != MP4_OK) return err;
+        owned.release();
+    }
+    return MP4_OK;
 }
 
 }  // namespace quil

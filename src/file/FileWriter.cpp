@@ -193,7 +193,8 @@ MP4Err CMp4FileImpl::addTrack(CMp4Track** track) {
     if (err != MP4_OK) return err;
     CMovieHeaderBox* mvhd = nullptr;
     if ((err = findMovieHeader(&mvhd)) != MP4_OK) return err;
-    mvhd->nextTrackId = trackCount_ + 1;
+    // Copied tracks keep their IDs and may have raised it further.
+    if (mvhd->nextTrackId < trackCount_ + 1) mvhd->nextTrackId = trackCount_ + 1;
     writingTracks_.push_back(impl.get());
     *track = impl.release();
     return MP4_OK;

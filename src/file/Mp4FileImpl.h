@@ -56,6 +56,7 @@ public:
     MP4Err getSessionSdp(uint8_t* buffer, uint32_t bufferSize) override;
     MP4Err copyUserData(CMp4File* source, uint32_t sourceTrack, uint32_t targetTrack) override;
     MP4Err setFragmentation(const MP4FragmentSettings* settings) override;
+    MP4Err copyMovieBoxes(CMp4File* source) override;
     MP4Err getFragmentCount(uint32_t* count) override;
     MP4Err setMovieDurationRule(uint32_t rule) override;
     // destroyInstance: a file still being written is closed first.

@@ -315,7 +315,7 @@ uint32_t rawAudioSampleBytes(CSampleEntry* entry) {
     const uint32_t field = sound->perSampleByteCount();
     const uint32_t channels = sound->channelCount ? sound->channelCount : 1;
     if (format == 0x6D730011 || format == 0x6D730002) {
-        return sound->perChunkByteCount() ? sound->perChunkByteCount() : 1;
+        return sound->bytesPerFrame ? sound->bytesPerFrame : 1;
     }
     if (format == fourcc("lpcm")) return field ? field : 1;
     if (format == fourcc("in24")) return (field > 3 ? field : 3) * channels;

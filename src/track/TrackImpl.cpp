@@ -390,32 +390,35 @@ MP4Err CTrackImpl::chunkAsSampleSize(uint32_t chunk, uint32_t* size) {
     if (err != MP4_OK) return err;
 
     uint32_t bytes = 1;  // a format the sound descriptions do not know
+    bool wholeChunk = false;  // the count times samples per chunk in either mode
     if (auto* sound = dynamic_cast<CSoundSampleEntry*>(entry)) {
         uint32_t format = sound->type;
         uint32_t field = sound->perSampleByteCount();
         if (format == 0x6D730011 || format == 0x6D730002) {
-            *size = sound->perChunkByteCount();
+            *size = sound->perChunkByteCount(perChunk);
             return MP4_OK;
         }
-        // These two counts already cover the whole chunk.
         if (format == fourcc("lpcm")) {
-            *size = (field ? field : 1) * perChunk;
-            return MP4_OK;
-        }
-        if (format == fourcc("in24")) {
+            bytes = field ? field : 1;
+            wholeChunk = true;
+        } else if (format == fourcc("in24")) {
             // A 24-bit sample is 3 bytes whatever a smaller field says
             // (some writers store 2 there).
-            *size = (field > 3 ? field : 3) * sound->channelCount * perChunk;
-            return MP4_OK;
-        }
-        if (format == fourcc("fl32")) {
+            bytes = (field > 3 ? field : 3) * sound->channelCount;
+            wholeChunk = true;
+        } else if (format == fourcc("fl32")) {
             bytes = sound->channelCount * 4u;
         } else {
             bool pcm16 = format == fourcc("twos") || format == fourcc("sowt");
             bytes = (field ? field : (pcm16 ? 2u : 1u)) * sound->channelCount;
         }
     }
-    *size = chunkAsSample_ == 1 ? (bytes & 0xFFFF) * perChunk : bytes;
+    // The rule above was made for sizes of 1 (or sizes that agree). A
+    // constant size above 1 that disagrees (ISO PCM, "fl64", "in32", 8-bit
+    // stereo "raw ", AMR at one tick per frame) is one audio sample's bytes.
+    if (stsz_->sampleSize > 1 && stsz_->sampleSize != bytes) bytes = stsz_->sampleSize;
+    if (wholeChunk) *size = bytes * perChunk;
+    else *size = chunkAsSample_ == 1 ? (bytes & 0xFFFF) * perChunk : bytes;
     return MP4_OK;
 }
 

@@ -20,6 +20,7 @@
 namespace quil {
 
 class CBox;
+class CFragmentSampleSink;
 class CTrackBox;
 class CTrackHeaderBox;
 class CMediaBox;
@@ -112,6 +113,10 @@ public:
                            uint64_t* presentedDuration) override;
     MP4Err setLastSampleDuration(uint32_t duration) override;
     double getRotateAngle() override;
+    MP4Err getProtectionScheme(uint32_t* originalFormat, uint32_t* scheme,
+                               uint32_t* schemeVersion) override;
+    MP4Err copyTrackFrom(CMp4Track* source) override;
+    MP4Err copySampleFrom(uint32_t sample, uint32_t* size) override;
 
     // The metadata object; with create, a missing "udta" is added first.
     MP4Err metaDataFor(bool create, CMp4MetaData** metaData);
@@ -266,6 +271,27 @@ private:
     std::unique_ptr<CMp4MetaData> metaData_;
     MP4Err findTrackUserData(bool create, CBox** udta);
 
+    // ---- copying a read track (TrackCopy.cpp) ----
+    struct StoredTiming {
+        uint64_t decode = 0;       // without the initial delay
+        int32_t offset = 0;        // composition offset as stored
+        uint32_t sync = 1;
+        uint32_t description = 1;  // sample description index
+        uint32_t firstStored = 0;  // first table sample (of the chunk in chunk mode)
+        uint32_t storedCount = 1;  // table samples it holds
+    };
+    MP4Err adoptCopiedTrack(CTrackBox* trak);
+    MP4Err storedTiming(uint32_t sample, StoredTiming* timing);
+    uint32_t storedDuration(uint32_t sample);
+    MP4Err addCopiedTimes(const StoredTiming& timing, CTrackImpl* from, uint32_t bytes);
+    MP4Err copyFragmentSample(CFragmentSampleSink* fragments, uint32_t sample,
+                              const StoredTiming& timing, uint32_t bytes, uint32_t* size);
+    MP4Err addCopiedOffset(uint32_t sample, int32_t offset);
+    CTrackImpl* copySource_ = nullptr;  // the read track copied (not owned)
+    uint32_t lastCopied_ = 0;           // its last sample copied
+    uint32_t lastDuration_ = 0;         // that sample's duration
+    uint32_t pendingDescription_ = 1;   // of the pending chunk's samples
+
     // ---- writing state (TrackWriter.cpp) ----
     MP4Err buildMediaInformation(uint32_t kind);
     MP4Err checkSample(const uint8_t* data, uint32_t size, uint64_t decodeTime,
@@ -274,6 +300,7 @@ private:
     MP4Err addCompositionOffset(uint32_t sample, uint64_t decodeTime, uint64_t compositionTime);
     MP4Err addSyncFlag(uint32_t sample, bool sync);
     MP4Err queueBytes(const uint8_t* data, uint32_t size, uint32_t samples);
+    MP4Err reserveChunkBytes(uint64_t needed);
     MP4Err chunkAfterAppend(uint64_t decodeTime);
     MP4Err chunkBeforeAppend(CChunkInterleaving* interleaving, uint64_t decodeTime, bool sync);
     bool chunkLimitReached(uint64_t decodeTime, bool sync, bool interleaving) const;

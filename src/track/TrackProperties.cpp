@@ -119,6 +119,38 @@ MP4Err CTrackImpl::getSampleEntryType(uint32_t* format) {
     return MP4_OK;
 }
 
+namespace {
+
+// The first 4-byte value at `at` of a box known only by its bytes.
+bool keptValue(CBox* parent, uint32_t type, uint64_t at, uint32_t* value) {
+    CBox* box = nullptr;
+    uint8_t b[4];
+    if (parent->findChild(type, &box) != MP4_OK || box->keptPayload().read(at, b, 4) != MP4_OK) {
+        return false;
+    }
+    *value = (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
+    return true;
+}
+
+}  // namespace
+
+MP4Err CTrackImpl::getProtectionScheme(uint32_t* originalFormat, uint32_t* scheme,
+                                       uint32_t* schemeVersion) {
+    if (!originalFormat || !scheme || !schemeVersion) return MP4_ERR_INVALID_ARGUMENT;
+    *originalFormat = *scheme = *schemeVersion = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    CBox* entry = nullptr;
+    CBox* sinf = nullptr;
+    if (stsd_->getEntry(1, &entry) != MP4_OK || entry->findChild(fourcc("sinf"), &sinf) != MP4_OK) {
+        return MP4_ERR_NOT_AVAILABLE;
+    }
+    // "frma": the original format; "schm": version and flags, the scheme
+    // and its version (ISO/IEC 14496-12 §8.12).
+    if (!keptValue(sinf, fourcc("frma"), 0, originalFormat)) return MP4_ERR_NOT_AVAILABLE;
+    if (keptValue(sinf, fourcc("schm"), 4, scheme)) keptValue(sinf, fourcc("schm"), 8, schemeVersion);
+    return MP4_OK;
+}
+
 // ---- header values --------------------------------------------------------
 
 MP4Err CTrackImpl::getDuration(uint64_t* duration) {
@@ -214,6 +246,10 @@ MP4Err CTrackImpl::firstSoundFields(SoundFields* fields) {
         *fields = {sound->channelCount, sound->sampleSize,
                    exact ? static_cast<uint32_t>(sound->audioSampleRate)
                          : sound->sampleRateInteger};
+        // ISO PCM states its sample size in "pcmC" (the entry's field is
+        // a fixed 16).
+        CPcmConfigBox* pcmC = nullptr;
+        if (sound->findChildAs(fourcc("pcmC"), &pcmC) == MP4_OK) fields->bits = pcmC->sampleSize;
         return MP4_OK;
     }
     CAudioSampleEntry* audio = nullptr;
@@ -378,6 +414,8 @@ MP4Err CTrackImpl::codecOfFormat(uint32_t format, uint32_t* codec) {
         case fourcc("lpcm"): *codec = 32; return MP4_OK;
         case fourcc("hvc1"): case fourcc("hev1"): *codec = 33; return MP4_OK;
         case fourcc("in24"): *codec = 34; return MP4_OK;
+        case fourcc("ipcm"): *codec = 35; return MP4_OK;
+        case fourcc("fpcm"): *codec = 36; return MP4_OK;
         default: return MP4_ERR_NOT_AVAILABLE;
     }
 }

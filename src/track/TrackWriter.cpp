@@ -404,6 +404,16 @@ MP4Err CTrackImpl::addSyncFlag(uint32_t sample, bool sync) {
 // The pending chunk grows by the bytes of `samples` table samples.
 MP4Err CTrackImpl::queueBytes(const uint8_t* data, uint32_t size, uint32_t samples) {
     const uint64_t needed = pendingBytes_ + size;
+    MP4Err err = reserveChunkBytes(needed);
+    if (err != MP4_OK) return err;
+    std::memcpy(chunkBuffer_.get() + pendingBytes_, data, size);
+    pendingBytes_ = needed;
+    pendingCount_ += samples;
+    return MP4_OK;
+}
+
+// Room for `needed` bytes in the pending chunk's buffer, its bytes kept.
+MP4Err CTrackImpl::reserveChunkBytes(uint64_t needed) {
     if (needed > chunkCapacity_) {
         uint64_t capacity = chunkCapacity_ ? chunkCapacity_ * 2 : 64 * 1024;
         if (capacity < needed) capacity = needed;
@@ -413,9 +423,6 @@ MP4Err CTrackImpl::queueBytes(const uint8_t* data, uint32_t size, uint32_t sampl
         chunkBuffer_ = std::move(grown);
         chunkCapacity_ = capacity;
     }
-    std::memcpy(chunkBuffer_.get() + pendingBytes_, data, size);
-    pendingBytes_ = needed;
-    pendingCount_ += samples;
     return MP4_OK;
 }
 
@@ -467,7 +474,7 @@ MP4Err CTrackImpl::flushChunk() {
     MP4Err err = host_->appendMediaData(chunkBuffer_.get(), pendingBytes_, &offset);
     if (err != MP4_OK) return err;
     if ((err = recordChunkOffset(nextChunk_, offset)) != MP4_OK) return err;
-    if ((err = stsc_->addChunk(nextChunk_, pendingCount_)) != MP4_OK) return err;
+    if ((err = stsc_->addChunk(nextChunk_, pendingCount_, pendingDescription_)) != MP4_OK) return err;
     ++nextChunk_;
     pendingBytes_ = 0;
     pendingCount_ = 0;
@@ -529,7 +536,9 @@ MP4Err CTrackImpl::finalizeWriting() {
     MP4Err err = MP4_OK;
     if (pendingCount_ > 0 && (err = flushChunk()) != MP4_OK) return err;
     if (!sttsFinished_) {
-        if ((err = finishSampleTimes()) != MP4_OK) return err;
+        // A copy's last sample keeps the duration it had.
+        err = copySource_ ? stts_->appendDelta(lastDuration_) : finishSampleTimes();
+        if (err != MP4_OK) return err;
         sttsFinished_ = true;
     }
     if ((err = finishDurations()) != MP4_OK) return err;

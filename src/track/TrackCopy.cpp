@@ -1,0 +1,330 @@
+// Copying a read track into a file being written (remux): the "trak" as it
+// is, with new sample tables grown as the samples are copied with the
+// source's own timing.
+#include <initializer_list>
+#include <memory>
+#include <new>
+
+#include "boxes/MovieBoxes.h"
+#include "boxes/SampleEntries.h"
+#include "track/SampleEntryBuilder.h"
+#include "track/TrackHost.h"
+#include "track/TrackImpl.h"
+
+namespace quil {
+namespace {
+
+constexpr uint64_t kMax32 = 0xFFFFFFFFull;
+
+// The child of that type as class T; 3 when absent, 5 for another class.
+template <class T>
+MP4Err childAs(CBox* parent, uint32_t type, T** out) {
+    *out = nullptr;
+    CBox* box = nullptr;
+    MP4Err err = parent->findChild(type, &box);
+    if (err != MP4_OK) return err;
+    *out = dynamic_cast<T*>(box);
+    return *out ? MP4_OK : MP4_ERR_INVALID_DATA;
+}
+
+// Puts a new, empty table of class T in the place of the first child of
+// one of the types (an old table of the copy); none found: nothing.
+template <class T>
+MP4Err renewTable(CBox* stbl, uint32_t newType, std::initializer_list<uint32_t> oldTypes,
+                  T** table) {
+    *table = nullptr;
+    CBoxList* list = stbl->childList();
+    if (!list) return MP4_ERR_INVALID_DATA;
+    for (uint32_t oldType : oldTypes) {
+        CBox* old = nullptr;
+        if (stbl->findChild(oldType, &old) != MP4_OK) continue;
+        std::unique_ptr<T> made(new (std::nothrow) T());
+        if (!made) return MP4_ERR_OUT_OF_MEMORY;
+        made->type = newType;
+        MP4Err err = list->replace(old, made.get());
+        if (err != MP4_OK) return err;
+        delete old;
+        *table = made.release();
+        return MP4_OK;
+    }
+    return MP4_OK;
+}
+
+// As renewTable, appending a new table when the copy has none.
+template <class T>
+MP4Err renewRequiredTable(CBox* stbl, uint32_t newType, std::initializer_list<uint32_t> oldTypes,
+                          T** table) {
+    MP4Err err = renewTable(stbl, newType, oldTypes, table);
+    if (err != MP4_OK || *table) return err;
+    std::unique_ptr<T> made(new (std::nothrow) T());
+    if (!made) return MP4_ERR_OUT_OF_MEMORY;
+    made->type = newType;
+    if ((err = stbl->addChild(made.get())) != MP4_OK) return err;
+    *table = made.release();
+    return MP4_OK;
+}
+
+// The highest track ID among the movie's tracks.
+uint32_t highestTrackId(CBox* moov) {
+    uint32_t highest = 0;
+    CBoxList* list = moov->childList();
+    for (CBoxList::Node* node = list ? list->head() : nullptr; node; node = node->next) {
+        CTrackHeaderBox* tkhd = nullptr;
+        if (node->box->type == fourcc("trak") &&
+            childAs(node->box, fourcc("tkhd"), &tkhd) == MP4_OK && tkhd->trackId > highest) {
+            highest = tkhd->trackId;
+        }
+    }
+    return highest;
+}
+
+}  // namespace
+
+MP4Err CTrackImpl::copyTrackFrom(CMp4Track* source) {
+    auto* from = dynamic_cast<CTrackImpl*>(source);
+    if (!from || from == this) return MP4_ERR_INVALID_ARGUMENT;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (!writing_ || stbl_ || copySource_) return MP4_ERR_NOT_AVAILABLE;
+    if (!from->open_ || from->writing_ || !from->trak_) return MP4_ERR_INVALID_DATA;
+    CBox* copied = nullptr;
+    MP4Err err = copyBox(from->trak_, fourcc("moov"), &copied);
+    if (err != MP4_OK) return err;
+    std::unique_ptr<CBox> owned(copied);
+    auto* trak = dynamic_cast<CTrackBox*>(copied);
+    if (!trak) return MP4_ERR_INVALID_DATA;
+    if ((err = adoptCopiedTrack(trak)) != MP4_OK) return err;
+    owned.release();
+    // Edit lists and track durations count in the movie's time scale: the
+    // copy's movie takes the source's.
+    CMovieHeaderBox *mvhd = nullptr, *sourceMvhd = nullptr;
+    if (movieHeader(&mvhd) == MP4_OK && from->movieHeader(&sourceMvhd) == MP4_OK) {
+        mvhd->timeScale = sourceMvhd->timeScale;
+    }
+    mediaType_ = from->mediaType_;
+    copySource_ = from;
+    // The copy keeps the source's edit list (or its lack of one) and its
+    // header's size; bit rates stay those of the copied entries.
+    editSet_ = true;
+    dimensionsSet_ = true;
+    fillsBitrates_ = false;
+    return MP4_OK;
+}
+
+// Puts the copy in the place of this track's own "trak" and points the
+// track at its boxes, with new sample tables.
+MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
+    CTrackHeaderBox* tkhd = nullptr;
+    CMediaBox* mdia = nullptr;
+    CMediaHeaderBox* mdhd = nullptr;
+    CHandlerReferenceBox* hdlr = nullptr;
+    CMediaInformationBox* minf = nullptr;
+    CSampleTableBox* stbl = nullptr;
+    CSampleDescriptionBox* stsd = nullptr;
+    MP4Err err = childAs(trak, fourcc("tkhd"), &tkhd);
+    if (err == MP4_OK) err = childAs(trak, fourcc("mdia"), &mdia);
+    if (err == MP4_OK) err = childAs(mdia, fourcc("mdhd"), &mdhd);
+    if (err == MP4_OK) err = childAs(mdia, fourcc("hdlr"), &hdlr);
+    if (err == MP4_OK) err = childAs(mdia, fourcc("minf"), &minf);
+    if (err == MP4_OK) err = childAs(minf, fourcc("stbl"), &stbl);
+    if (err == MP4_OK) err = childAs(stbl, fourcc("stsd"), &stsd);
+    if (err != MP4_OK) return err;
+    if ((err = renewRequiredTable(stbl, fourcc("stts"), {fourcc("stts")}, &stts_)) != MP4_OK ||
+        (err = renewTable(stbl, fourcc("ctts"), {fourcc("ctts")}, &ctts_)) != MP4_OK ||
+        (err = renewRequiredTable(stbl, fourcc("stsc"), {fourcc("stsc")}, &stsc_)) != MP4_OK ||
+        (err = renewRequiredTable(stbl, fourcc("stsz"), {fourcc("stsz"), fourcc("stz2")}, &stsz_)) !=
+            MP4_OK ||
+        (err = renewRequiredTable(stbl, fourcc("stco"), {fourcc("stco"), fourcc("co64")}, &stco_)) !=
+            MP4_OK ||
+        (err = renewTable(stbl, fourcc("stss"), {fourcc("stss")}, &stss_)) != MP4_OK) {
+        return err;
+    }
+    CBox* moov = nullptr;
+    if ((err = host_->findMovie(&moov)) != MP4_OK) return err;
+    CBoxList* tracks = moov->childList();
+    if (!tracks) return MP4_ERR_INVALID_DATA;
+    if ((err = tracks->replace(trak_, trak)) != MP4_OK) return err;
+    delete trak_;
+    trak_ = trak;
+    tkhd_ = tkhd;
+    mdia_ = mdia;
+    mdhd_ = mdhd;
+    hdlr_ = hdlr;
+    minf_ = minf;
+    stbl_ = stbl;
+    stsd_ = stsd;
+    co64_ = nullptr;
+    trackId_ = tkhd->trackId;
+    // Track references name the source's IDs, so the copy keeps its own;
+    // the next new track gets one above all of them.
+    CMovieHeaderBox* mvhd = nullptr;
+    if ((err = movieHeader(&mvhd)) != MP4_OK) return err;
+    const uint64_t next = static_cast<uint64_t>(highestTrackId(moov)) + 1;
+    if (next <= kMax32 && next > mvhd->nextTrackId) mvhd->nextTrackId = static_cast<uint32_t>(next);
+    return MP4_OK;
+}
+
+// Timing of a read sample as stored: its decode time without the edit
+// list's delay, its composition offset (signed) and its description. The
+// answers of the sample access are used, except for the offset of a
+// sample "ctts" covers, which is taken as stored (the access keeps
+// composition times from going below zero).
+MP4Err CTrackImpl::storedTiming(uint32_t sample, StoredTiming* timing) {
+    uint64_t decode = 0, composition = 0;
+    MP4Err err = getSampleDecodeTime(sample, &decode);
+    if (err == MP4_OK) err = getSampleCompositionTime(sample, &composition);
+    if (err != MP4_OK) return err;
+    timing->decode = decode - initialDelay_;
+    timing->firstStored = sample;
+    timing->storedCount = 1;
+    timing->sync = 1;  // a chunk of raw audio always is a sync sample
+    if (chunkAsSample_ != 0) {
+        if ((err = stsc_->getFirstSampleOfChunk(sample, &timing->firstStored)) != MP4_OK ||
+            (err = stsc_->getSamplesPerChunk(sample, &timing->storedCount)) != MP4_OK) {
+            return err;
+        }
+    } else if ((err = isSyncSample(sample, &timing->sync)) != MP4_OK) {
+        return err;
+    }
+    uint32_t offset = 0;
+    if (ctts_ && ctts_->getCompositionOffset(timing->firstStored, &offset) == MP4_OK) {
+        timing->offset = static_cast<int32_t>(offset);
+    } else {
+        timing->offset = static_cast<int32_t>(static_cast<int64_t>(composition - decode));
+    }
+    // Samples the description table does not place use the first.
+    if (getSampleDescriptionIndex(sample, &timing->description) != MP4_OK) timing->description = 1;
+    return MP4_OK;
+}
+
+// How long a read sample lasts: to the next sample's decode time, the last
+// one its own "stts" delta (one tick per stored sample in chunk mode).
+uint32_t CTrackImpl::storedDuration(uint32_t sample) {
+    if (chunkAsSample_ != 0) return 1;
+    uint64_t decode = 0, next = 0;
+    if (getSampleDecodeTime(sample, &decode) == MP4_OK &&
+        getSampleDecodeTime(sample + 1, &next) == MP4_OK && next >= decode) {
+        return next - decode > kMax32 ? 0xFFFFFFFFu : static_cast<uint32_t>(next - decode);
+    }
+    const CTimeToSampleTableEntry* last = stts_->entries.last();
+    return last ? last->sampleDelta : 0;
+}
+
+MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
+    if (!size) return MP4_ERR_INVALID_ARGUMENT;
+    *size = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (!writing_ || finalized_ || !copySource_) return MP4_ERR_NOT_AVAILABLE;
+    CTrackImpl* from = copySource_;
+    if (sample <= lastCopied_) return MP4_ERR_INVALID_ARGUMENT;  // in order, once each
+    StoredTiming timing;
+    MP4Err err = from->storedTiming(sample, &timing);
+    if (err != MP4_OK) return err;
+    uint64_t offset = 0;
+    uint32_t bytes = 0;
+    if ((err = from->getSampleOffset(sample, &offset, &bytes)) != MP4_OK) return err;
+    // A table pointing past the end of the file (cut off, damaged) is not
+    // worth a buffer of that size.
+    uint64_t length = 0;
+    if (from->host_->storageLength(&length) && (offset > length || bytes > length - offset)) {
+        return MP4_ERR_END_OF_FILE;
+    }
+    if (CFragmentSampleSink* fragments = host_->fragmentSamples()) {
+        return copyFragmentSample(fragments, sample, timing, bytes, size);
+    }
+    if (timing.decode < lastDecodeTime_ && timeTable_->sampleCount > 0) return MP4_ERR_BAD_TIME;
+    if (static_cast<uint64_t>(nextSample_) + timing.storedCount > kMax32) {
+        return MP4_ERR_VALUE_TOO_LARGE;
+    }
+    // Another sample description starts another chunk.
+    if (pendingCount_ > 0 && timing.description != pendingDescription_ &&
+        (err = flushChunk()) != MP4_OK) {
+        return err;
+    }
+    // Read straight into the pending chunk; nothing changes when it fails.
+    if ((err = reserveChunkBytes(pendingBytes_ + bytes)) != MP4_OK) return err;
+    uint32_t got = 0;
+    err = from->readSample(sample, bytes, &got, chunkBuffer_.get() + pendingBytes_);
+    if (err != MP4_OK) return err;
+    if ((err = addCopiedTimes(timing, from, got)) != MP4_OK) return err;
+    pendingDescription_ = timing.description;
+    pendingBytes_ += got;
+    pendingCount_ += timing.storedCount;
+    lastCopied_ = sample;
+    lastDuration_ = from->storedDuration(sample);
+    totalBytes_ += got;
+    *size = got;
+    // A chunk of raw audio read as one sample is written as one chunk.
+    if (from->chunkAsSample_ != 0) return flushChunk();
+    return chunkAfterAppend(timing.decode);
+}
+
+// A fragmented file takes each copied sample as it comes, as addSample
+// hands it on, with its stored composition offset (negative ones kept).
+MP4Err CTrackImpl::copyFragmentSample(CFragmentSampleSink* fragments, uint32_t sample,
+                                      const StoredTiming& timing, uint32_t bytes, uint32_t* size) {
+    if (!stbl_ || stsd_->entryCount == 0) return MP4_ERR_INVALID_DATA;
+    MP4Err err = reserveChunkBytes(bytes);
+    if (err != MP4_OK) return err;
+    uint32_t got = 0;
+    err = copySource_->readSample(sample, bytes, &got, chunkBuffer_.get());
+    if (err != MP4_OK) return err;
+    const uint64_t composition = timing.decode + static_cast<uint64_t>(static_cast<int64_t>(timing.offset));
+    err = fragments->addFragmentSample(trackId_, chunkBuffer_.get(), got, timing.decode,
+                                       composition, timing.sync != 0);
+    if (err != MP4_OK) return err;
+    lastCopied_ = sample;
+    totalBytes_ += got;
+    *size = got;
+    return MP4_OK;
+}
+
+// The table entries of one copied sample (of each stored sample of a
+// chunk read as one): its size (in a chunk, each as the source states it),
+// the decode delta of the previous entry, the composition offset as stored
+// (a negative one makes "ctts" version 1) and the sync flag.
+MP4Err CTrackImpl::addCopiedTimes(const StoredTiming& timing, CTrackImpl* from, uint32_t bytes) {
+    MP4Err err = MP4_OK;
+    for (uint32_t i = 0; i < timing.storedCount; ++i) {
+        // A chunk read as one sample keeps the sizes of the samples in it.
+        uint32_t size = bytes;
+        if (from->chunkAsSample_ != 0 &&
+            (err = from->sizeOfStszSample(timing.firstStored + i, &size)) != MP4_OK) {
+            return err;
+        }
+        const uint64_t decode = timing.decode + i;
+        if (timeTable_->sampleCount > 0) {
+            const uint64_t delta = decode - lastDecodeTime_;
+            if (delta > kMax32) return MP4_ERR_BAD_TIME;
+            if ((err = stts_->appendDelta(static_cast<uint32_t>(delta))) != MP4_OK) return err;
+        }
+        const uint32_t sample = nextSample_;
+        if ((err = stsz_->appendSampleSize(size)) != MP4_OK) return err;
+        if ((err = addCopiedOffset(sample, timing.offset)) != MP4_OK) return err;
+        if ((err = addSyncFlag(sample, timing.sync != 0)) != MP4_OK) return err;
+        lastDecodeTime_ = decode;
+        ++nextSample_;
+        ++timeTable_->sampleCount;
+    }
+    return MP4_OK;
+}
+
+// "ctts" appears with the first offset that is not 0 (earlier samples
+// then get 0), or was renewed from the source's.
+MP4Err CTrackImpl::addCopiedOffset(uint32_t sample, int32_t offset) {
+    if (!ctts_) {
+        if (offset == 0) return MP4_OK;
+        std::unique_ptr<CCompositionOffsetBox> made(new (std::nothrow) CCompositionOffsetBox());
+        if (!made) return MP4_ERR_OUT_OF_MEMORY;
+        made->type = fourcc("ctts");
+        MP4Err err = stbl_->addChild(made.get());
+        if (err != MP4_OK) return err;
+        ctts_ = made.release();
+        for (uint32_t earlier = 1; earlier < sample; ++earlier) {
+            if ((err = ctts_->addCompositionOffset(earlier, 0)) != MP4_OK) return err;
+        }
+    }
+    if (offset < 0) ctts_->version = 1;
+    return ctts_->addCompositionOffset(sample, static_cast<uint32_t>(offset));
+}
+
+}  // namespace quil
