@@ -6,20 +6,11 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "Format.h"
+
 namespace quil {
 namespace tool {
 namespace {
-
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-
-std::string format(const char* pattern, ...) {
-    char buffer[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(buffer, sizeof buffer, pattern, arguments);
-    va_end(arguments);
-    return buffer;
-}
 
 double seconds(const MP4FragmentInfo& segment) {
     return segment.timeScale ? static_cast<double>(segment.duration) / segment.timeScale : 0;

@@ -13,15 +13,6 @@
 namespace quil {
 namespace tool {
 
-std::string format(const char* fmt, ...) {
-    char buffer[128];
-    va_list args;
-    va_start(args, fmt);
-    std::vsnprintf(buffer, sizeof buffer, fmt, args);
-    va_end(args);
-    return buffer;
-}
-
 namespace {
 
 void setNote(Field& field, const char* noteKey, const std::string& note) {

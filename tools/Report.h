@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "quil/quil.h"
+#include "Format.h"
 
 namespace quil {
 namespace tool {
@@ -96,8 +97,6 @@ Report collectReport(const char* path, CMp4File* file);
 const char* trackKindName(uint32_t kind);
 const char* codecName(uint32_t codec);
 
-// printf into a string (at most 127 characters).
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace tool
 }  // namespace quil

@@ -67,6 +67,11 @@ uint32_t mediaDataHeader(const CMediaDataBox& mdat) {
     return (sourceHeader >= 16 || mdat.dataSize + 8 > kMax32) ? 16 : 8;
 }
 
+bool holdsCompressedMovie(CBox* moov) {
+    CBox* cmov = nullptr;
+    return moov->childList() && moov->childList()->findNth(fourcc("cmov"), &cmov, 1) == MP4_OK;
+}
+
 MP4Err planRewrite(RewritePlan* plan) {
     plan->moves.clear();
     uint64_t position = 0;

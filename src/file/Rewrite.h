@@ -46,6 +46,11 @@ struct RewritePlan {
 // size fits 32 bits.
 uint32_t mediaDataHeader(const CMediaDataBox& mdat);
 
+// True when the movie box holds a compressed movie ("cmov"): edits that
+// rewrite the movie box refuse it (12), since it would have to be
+// compressed again.
+bool holdsCompressedMovie(CBox* moov);
+
 // Sizes every box of plan->order and fills plan->moves. 1 when the moves
 // cannot be stored.
 MP4Err planRewrite(RewritePlan* plan);

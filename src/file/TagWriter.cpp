@@ -15,6 +15,7 @@
 #include "boxes/Box.h"
 #include "boxes/BoxFactory.h"
 #include "file/Mp4FileImpl.h"
+#include "file/Rewrite.h"
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Tags.h"
 #include "storage/MemoryStorage.h"
@@ -181,11 +182,7 @@ MP4Err findMovieMeta(CMp4FileImpl* impl, CBox** udta, CBox** meta) {
     CBox* moov = nullptr;
     err = impl->findTopLevelBox(fourcc("moov"), &moov);
     if (err != MP4_OK) return err;
-    // A compressed movie would have to be compressed again: not done.
-    CBox* cmov = nullptr;
-    if (moov->childList() && moov->childList()->findNth(fourcc("cmov"), &cmov, 1) == MP4_OK) {
-        return MP4_ERR_UNSUPPORTED;
-    }
+    if (holdsCompressedMovie(moov)) return MP4_ERR_UNSUPPORTED;
     err = moov->findChild(fourcc("udta"), udta, 1);
     if (err != MP4_OK) return err;
     err = (*udta)->findChild(fourcc("meta"), meta, 1);

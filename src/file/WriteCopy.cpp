@@ -40,11 +40,7 @@ MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath) {
     CBox* moov = nullptr;
     err = impl->findTopLevelBox(fourcc("moov"), &moov);
     if (err != MP4_OK) return err;
-    // A compressed movie would have to be compressed again: not done.
-    CBox* cmov = nullptr;
-    if (moov->childList() && moov->childList()->findNth(fourcc("cmov"), &cmov, 1) == MP4_OK) {
-        return MP4_ERR_UNSUPPORTED;
-    }
+    if (holdsCompressedMovie(moov)) return MP4_ERR_UNSUPPORTED;
 
     // Every box in the source's order, each written as it was read when
     // its reader failed; each chunk offset follows its media data box.

@@ -864,34 +864,24 @@ MP4Err CTrackImpl::findSyncSampleBefore(uint64_t time, uint32_t* sample) {
     uint32_t found = 0;
     MP4Err err = findSampleByCompositionTime(time, &found);
     if (err != MP4_OK) return err;
-    if (index_.hasFragments()) return findSyncAcrossSources(found, time, sample);
-    if (!stss_) {
+    const bool acrossSources = index_.hasFragments();
+    if (!acrossSources && !stss_) {
         *sample = found;
         return MP4_OK;
     }
-    // Deliberately starts one past the sample found.
-    uint32_t candidate = found + 1;
-    for (;;) {
-        uint32_t sync = 0;
-        if ((err = previousMovieSync(candidate, &sync)) != MP4_OK) return err;
-        uint64_t composition = 0;
-        if ((err = getSampleCompositionTime(sync, &composition)) != MP4_OK) return err;
-        if (composition <= time) {
-            *sample = sync;
-            return MP4_OK;
-        }
-        if (sync <= 1) return MP4_ERR_NOT_AVAILABLE;
-        candidate = sync - 1;
-    }
+    return walkBackToPresentedSync(found, time, acrossSources, sample);
 }
 
-// As above over movie samples and fragments: from one past the sample
-// found, back through the sync samples until one is presented by then.
-MP4Err CTrackImpl::findSyncAcrossSources(uint32_t found, uint64_t time, uint32_t* sample) {
+// From one past the sample found (deliberately), back through the sync
+// samples until one is presented by `time`; over movie samples and
+// fragments when the track has fragments, else over the movie's table.
+MP4Err CTrackImpl::walkBackToPresentedSync(uint32_t found, uint64_t time, bool acrossSources,
+                                           uint32_t* sample) {
     uint32_t candidate = found + 1;
     for (;;) {
         uint32_t sync = 0;
-        MP4Err err = index_.previousSync(candidate, &sync);
+        MP4Err err = acrossSources ? index_.previousSync(candidate, &sync)
+                                   : previousMovieSync(candidate, &sync);
         if (err != MP4_OK) return err;
         uint64_t composition = 0;
         if ((err = getSampleCompositionTime(sync, &composition)) != MP4_OK) return err;

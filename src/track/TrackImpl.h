@@ -170,7 +170,8 @@ private:
         CTrackImpl& track_;
     };
     MP4Err gatherFragments();
-    MP4Err findSyncAcrossSources(uint32_t found, uint64_t time, uint32_t* sample);
+    MP4Err walkBackToPresentedSync(uint32_t found, uint64_t time, bool acrossSources,
+                                   uint32_t* sample);
 
     // Sample access helpers.
     MP4Err readyForTimes() const;
