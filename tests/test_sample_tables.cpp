@@ -11,6 +11,7 @@
 #include "boxes/BoxFactory.h"
 #include "boxes/DataList.h"
 #include "track/SampleTables.h"
+#include "track/SampleTimes.h"
 
 namespace quil {
 namespace {
@@ -535,6 +536,82 @@ TEST(SampleTablePerformance, LargeTablesReadAndWalkInLinearTime) {
         expectedTime += (sample - 1) % 7 + 1;
     }
 }
+
+// ---------------------------------------------------------------------------
+// Time runs: samples added a run at a time answer as the same samples added
+// one by one.
+
+struct TimeRun {
+    uint64_t decode;
+    uint32_t step;
+    uint32_t count;
+    int32_t offset;
+};
+
+struct TimeRunCase {
+    const char* name;
+    std::vector<TimeRun> runs;
+};
+
+class TimeRuns : public testing::TestWithParam<TimeRunCase> {};
+
+TEST_P(TimeRuns, AnswerAsSamplesAddedOneByOne) {
+    const auto& runs = GetParam().runs;
+    size_t samples = 0;
+    for (const TimeRun& run : runs) samples += run.count;
+    CSampleTimes byRun, bySample;
+    // Few offset runs keep runs; as many as samples make a byte per sample.
+    for (CSampleTimes* times : {&byRun, &bySample}) {
+        ASSERT_EQ(times->reserve(runs.size(), runs.size(), samples), MP4_OK);
+    }
+    for (const TimeRun& run : runs) {
+        ASSERT_EQ(byRun.appendRun(run.decode, run.step, run.count, run.offset), MP4_OK);
+        for (uint32_t k = 0; k < run.count; ++k) {
+            const uint64_t decode = run.decode + uint64_t{k} * run.step;
+            ASSERT_EQ(bySample.append(decode, decode + static_cast<uint64_t>(int64_t{run.offset})), MP4_OK);
+        }
+    }
+    ASSERT_EQ(byRun.count(), bySample.count());
+    const uint32_t count = byRun.count();
+    // Forwards, then backwards: the cursors must not leak between answers.
+    for (uint32_t pass = 0; pass < 2; ++pass) {
+        for (uint32_t i = 1; i <= count; ++i) {
+            const uint32_t s = pass == 0 ? i : count + 1 - i;
+            ASSERT_EQ(byRun.decodeTime(s), bySample.decodeTime(s)) << "sample " << s;
+            ASSERT_EQ(byRun.compositionTime(s), bySample.compositionTime(s)) << "sample " << s;
+        }
+    }
+    for (uint32_t s = 1; s <= count; s += 1 + count / 64) {
+        for (int64_t nudge : {-1, 0, 1}) {
+            const uint64_t time = bySample.compositionTime(s) + static_cast<uint64_t>(nudge);
+            EXPECT_EQ(byRun.latestPresentedBy(time), bySample.latestPresentedBy(time)) << time;
+            EXPECT_EQ(byRun.firstDecodedAtOrAfter(s, time), bySample.firstDecodedAtOrAfter(s, time));
+            EXPECT_EQ(byRun.firstDecodedAtOrAfter(1, time), bySample.firstDecodedAtOrAfter(1, time));
+        }
+    }
+}
+
+std::vector<TimeRun> bFramePattern(uint32_t groups, uint32_t distinct) {
+    std::vector<TimeRun> runs;
+    for (uint32_t g = 0; g < groups; ++g) {
+        const uint64_t at = uint64_t{g} * 3 * 512;
+        runs.push_back({at, 512, 1, static_cast<int32_t>(1024 + 512 * (g % distinct))});
+        runs.push_back({at + 512, 512, 2, g % 2 ? -512 : 0});
+    }
+    return runs;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SampleTimes, TimeRuns,
+    testing::Values(
+        TimeRunCase{"one_run", {{0, 1024, 500, 0}}},
+        TimeRunCase{"runs_that_continue_each_other", {{0, 10, 3, 5}, {30, 10, 4, 5}, {70, 10, 1, 7}, {80, 10, 2, 7}}},
+        TimeRunCase{"steps_change_and_repeat_times", {{100, 0, 4, 0}, {100, 3, 3, 2}, {106, 9, 1, 0}, {110, 1, 5, -4}}},
+        TimeRunCase{"b_frame_offsets_a_byte_per_sample", bFramePattern(300, 3)},
+        TimeRunCase{"more_distinct_offsets_than_a_byte_names", bFramePattern(300, 290)},
+        TimeRunCase{"extreme_offsets", {{UINT32_MAX, 1, 3, INT32_MIN}, {UINT32_MAX + 3ull, 1, 2, INT32_MAX}}},
+        TimeRunCase{"times_wrap_past_64_bits", {{UINT64_MAX - 20, 7, 6, 3}, {9, 7, 2, 0}}}),
+    [](const testing::TestParamInfo<TimeRunCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace quil

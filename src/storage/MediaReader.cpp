@@ -97,36 +97,32 @@ MP4Err CMediaReader::fill(uint64_t offset, uint32_t length, uint32_t wanted) {
     return done >= wanted ? MP4_OK : MP4_ERR_IO;
 }
 
-MP4Err CMediaReader::read(uint64_t offset, uint32_t size, uint8_t* buffer,
-                          uint64_t readAheadEnd) {
+MP4Err CMediaReader::readOutsideWindow(uint64_t offset, uint32_t size, uint8_t* buffer,
+                                       uint64_t readAheadEnd) {
     if (storage_) return readFromStorage(offset, size, buffer);
     if (fd_ < 0) return MP4_ERR_IO;
     if (size == 0) return MP4_OK;
     if (offset > static_cast<uint64_t>(INT64_MAX) - size) return MP4_ERR_IO;
-    bool inWindow = offset >= windowStart_ && offset - windowStart_ <= windowLength_ &&
-                    size <= windowLength_ - (offset - windowStart_);
     const bool continues = offset == lastEnd_;
     lastEnd_ = offset + size;
-    if (!inWindow) {
-        uint64_t ahead = readAheadEnd > offset ? readAheadEnd - offset : 0;
-        if (size >= kDirectReadSize) {
-            streak_ = 0;
-            return readDirect(offset, size, buffer);
-        }
-        streak_ = continues ? streak_ + 1 : 0;
-        if (streak_ >= 2) {
-            uint64_t step = uint64_t{kFirstStreamStep} << (streak_ > 8 ? 6 : streak_ - 2);
-            if (ahead < step) ahead = step;
-        }
-        if (ahead <= size) return readDirect(offset, size, buffer);
-        bool sequential = offset >= windowStart_ &&
-                          offset - windowStart_ <= uint64_t{windowLength_} + kWindowSize;
-        uint64_t length = sequential ? kWindowSize : kJumpWindowSize;
-        if (length > ahead) length = ahead;
-        if (length < size) length = size;
-        MP4Err err = fill(offset, static_cast<uint32_t>(length), size);
-        if (err != MP4_OK) return err;
+    uint64_t ahead = readAheadEnd > offset ? readAheadEnd - offset : 0;
+    if (size >= kDirectReadSize) {
+        streak_ = 0;
+        return readDirect(offset, size, buffer);
     }
+    streak_ = continues ? streak_ + 1 : 0;
+    if (streak_ >= 2) {
+        uint64_t step = uint64_t{kFirstStreamStep} << (streak_ > 8 ? 6 : streak_ - 2);
+        if (ahead < step) ahead = step;
+    }
+    if (ahead <= size) return readDirect(offset, size, buffer);
+    bool sequential = offset >= windowStart_ &&
+                      offset - windowStart_ <= uint64_t{windowLength_} + kWindowSize;
+    uint64_t length = sequential ? kWindowSize : kJumpWindowSize;
+    if (length > ahead) length = ahead;
+    if (length < size) length = size;
+    MP4Err err = fill(offset, static_cast<uint32_t>(length), size);
+    if (err != MP4_OK) return err;
     std::memcpy(buffer, window_.get() + (offset - windowStart_), size);
     return MP4_OK;
 }

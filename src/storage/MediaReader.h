@@ -8,6 +8,7 @@
 #define QUIL_STORAGE_MEDIAREADER_H
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -40,9 +41,23 @@ public:
     // (the end of the chunk holding the sample): bytes beyond it are never
     // fetched ahead. 0, or a value not past the sample, fetches the sample
     // alone (unless the reads run on contiguously through the file).
-    MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd = 0);
+    MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd = 0) {
+        // Most small samples lie in the window fetched for an earlier one:
+        // they are copied out here, before any other test (no storage is
+        // used while a window is held, and no window passes the end of the
+        // file).
+        if (offset >= windowStart_ && offset - windowStart_ <= windowLength_ &&
+            size <= windowLength_ - (offset - windowStart_) && size != 0 && fd_ >= 0) {
+            std::memcpy(buffer, window_.get() + (offset - windowStart_), size);
+            lastEnd_ = offset + size;
+            return MP4_OK;
+        }
+        return readOutsideWindow(offset, size, buffer, readAheadEnd);
+    }
 
 private:
+    MP4Err readOutsideWindow(uint64_t offset, uint32_t size, uint8_t* buffer,
+                             uint64_t readAheadEnd);
     MP4Err fill(uint64_t offset, uint32_t length, uint32_t wanted);
     MP4Err readDirect(uint64_t offset, uint32_t size, uint8_t* buffer);
     MP4Err readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer);

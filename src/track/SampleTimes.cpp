@@ -95,6 +95,37 @@ MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
     return MP4_OK;
 }
 
+MP4Err CSampleTimes::appendRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset) {
+    if (count == 0) return MP4_OK;
+    if (count > UINT32_MAX - count_) return MP4_ERR_INVALID_DATA;  // more than can be numbered
+    MP4Err err = append(decode, decode + static_cast<uint64_t>(static_cast<int64_t>(offset)));
+    if (err != MP4_OK || count == 1) return err;
+    const uint32_t rest = count - 1;
+    const uint32_t second = count_ + 1;
+    const uint64_t next = decode + step;
+    try {
+        // The second sample joins the last run as append would take it;
+        // every later one then follows at the same step.
+        DecodeRun& run = decodeRuns_.back();
+        const uint64_t inRun = second - run.first;
+        if (inRun == 1) {
+            run.step = step;
+        } else if (next != run.start + inRun * run.step) {
+            decodeRuns_.push_back(DecodeRun{second, step, next});
+        }
+        if (dense_) codes_.insert(codes_.end(), rest, codes_.back());
+    } catch (const std::bad_alloc&) {
+        return MP4_ERR_OUT_OF_MEMORY;
+    }
+    // Times past 64 bits wrap, as summing them one by one does; they then
+    // no longer ascend.
+    const unsigned __int128 last = decode + static_cast<unsigned __int128>(count - 1) * step;
+    if (last > UINT64_MAX) decodeAscends_ = false;
+    lastDecode_ = static_cast<uint64_t>(last);
+    count_ += rest;
+    return MP4_OK;
+}
+
 // The run holding a sample. Samples are mostly asked for in order or near
 // the last one: the search gallops out from the cursor's run, then halves
 // what it has bracketed.
@@ -126,12 +157,12 @@ size_t CSampleTimes::runOf(const std::vector<Run>& runs, uint32_t sample, size_t
     return *cursor;
 }
 
-uint64_t CSampleTimes::decodeTime(uint32_t sample) const {
+uint64_t CSampleTimes::searchDecodeTime(uint32_t sample) const {
     const DecodeRun& run = decodeRuns_[runOf(decodeRuns_, sample, &decodeCursor_)];
     return run.start + static_cast<uint64_t>(sample - run.first) * run.step;
 }
 
-uint64_t CSampleTimes::compositionTime(uint32_t sample) const {
+uint64_t CSampleTimes::searchCompositionTime(uint32_t sample) const {
     if (!outliers_.empty()) {
         auto it = std::lower_bound(outliers_.begin(), outliers_.end(), sample,
                                    [](const Outlier& o, uint32_t s) { return o.sample < s; });

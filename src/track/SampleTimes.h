@@ -27,10 +27,40 @@ public:
     MP4Err reserve(size_t decodeRuns, size_t offsetRuns, size_t samples);
     // Adds sample count() + 1. 1 when memory runs out.
     MP4Err append(uint64_t decode, uint64_t composition);
+    // Adds count samples decoded step apart from decode, each presented
+    // offset after its decode time: what count appends would give, at the
+    // cost of one ("stts" and "ctts" entries are such runs already).
+    MP4Err appendRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset);
     uint32_t count() const { return count_; }
-    // Times of a sample in 1..count().
-    uint64_t decodeTime(uint32_t sample) const;
-    uint64_t compositionTime(uint32_t sample) const;
+    // Times of a sample in 1..count(). Samples are mostly asked for in
+    // order: a sample in the run of the last answer is answered here,
+    // without a search.
+    uint64_t decodeTime(uint32_t sample) const {
+        const size_t c = decodeCursor_;
+        if (c < decodeRuns_.size() && decodeRuns_[c].first <= sample &&
+            (c + 1 == decodeRuns_.size() || decodeRuns_[c + 1].first > sample)) {
+            const DecodeRun& run = decodeRuns_[c];
+            return run.start + static_cast<uint64_t>(sample - run.first) * run.step;
+        }
+        return searchDecodeTime(sample);
+    }
+    uint64_t compositionTime(uint32_t sample) const {
+        if (outliers_.empty()) {
+            int32_t offset = 0;
+            if (dense_) {
+                offset = palette_[codes_[sample - 1]];
+            } else {
+                const size_t c = offsetCursor_;
+                if (c >= offsetRuns_.size() || offsetRuns_[c].first > sample ||
+                    (c + 1 < offsetRuns_.size() && offsetRuns_[c + 1].first <= sample)) {
+                    return searchCompositionTime(sample);
+                }
+                offset = offsetRuns_[c].offset;
+            }
+            return decodeTime(sample) + static_cast<uint64_t>(static_cast<int64_t>(offset));
+        }
+        return searchCompositionTime(sample);
+    }
 
     // The first sample at or after from whose decode time is at least
     // time; 0 when there is none.
@@ -60,6 +90,8 @@ private:
     static constexpr uint32_t kGroupShift = 6;  // 64 blocks per group
     static constexpr size_t kGallopLimit = 16;  // runs stepped before halving
 
+    uint64_t searchDecodeTime(uint32_t sample) const;
+    uint64_t searchCompositionTime(uint32_t sample) const;
     template <class Run>
     static size_t runOf(const std::vector<Run>& runs, uint32_t sample, size_t* cursor);
     uint64_t runLastDecode(size_t run) const;

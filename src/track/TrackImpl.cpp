@@ -208,7 +208,10 @@ uint64_t compositionTime(uint64_t decode, uint32_t offset, bool first, uint64_t 
 // Sample mode: the decode times are the running sums of the "stts" runs,
 // which is what asking "stts" for each sample in turn gives; the "ctts"
 // runs are walked alongside (an entry covering no sample is stepped over;
-// where the entries end, composition is decode time).
+// where the entries end, composition is decode time). Where an "stts" run
+// and a "ctts" run overlap, the samples share a step and an offset and are
+// added as one run; only offsets that would take a time below zero (the
+// clamp) are worked out sample by sample.
 MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
     CSampleTimes& times = table->times;
     MP4Err err = times.reserve(stts_->entries.count() + 1u,
@@ -226,10 +229,10 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
         err = stts_->getEntry(i, &run);
         if (err == MP4_ERR_NOT_AVAILABLE) break;  // fewer entries than counted
         if (err != MP4_OK) return err;
+        const uint32_t delta = run->sampleDelta;
         uint32_t left = run->sampleCount;
         if (left > limit - sample) left = limit - sample;
-        for (; left > 0; --left) {
-            ++sample;
+        while (left > 0) {
             while (!offsetsEnded && offsetsLeft == 0) {
                 CCompositionOffsetTableEntry* entry = nullptr;
                 if (ctts_->getEntry(++offsetIndex, &entry) != MP4_OK) {
@@ -240,14 +243,30 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
                 offset = entry->sampleOffset;
             }
             const uint64_t decode = time + initialDelay_;
-            uint64_t composition = decode;
-            if (!offsetsEnded) {
-                composition = compositionTime(decode, offset, sample == 1, previousComposition);
-                --offsetsLeft;
+            const uint32_t count = offsetsEnded || offsetsLeft >= left
+                                       ? left : static_cast<uint32_t>(offsetsLeft);
+            const uint64_t magnitude = 0x100000000ull - offset;
+            const unsigned __int128 lastDecode =
+                decode + static_cast<unsigned __int128>(count - 1) * delta;
+            if (offsetsEnded || offset < 0x80000000u ||
+                (magnitude <= decode && lastDecode <= UINT64_MAX)) {
+                const int32_t stored = offsetsEnded ? 0 : static_cast<int32_t>(offset);
+                if ((err = times.appendRun(decode, delta, count, stored)) != MP4_OK) return err;
+                previousComposition = static_cast<uint64_t>(lastDecode) +
+                                      static_cast<uint64_t>(static_cast<int64_t>(stored));
+            } else {
+                for (uint32_t k = 0; k < count; ++k) {
+                    const uint64_t at = decode + static_cast<uint64_t>(k) * delta;
+                    const uint64_t composition =
+                        compositionTime(at, offset, sample + k == 0, previousComposition);
+                    if ((err = times.append(at, composition)) != MP4_OK) return err;
+                    previousComposition = composition;
+                }
             }
-            previousComposition = composition;
-            if ((err = times.append(decode, composition)) != MP4_OK) return err;
-            time += run->sampleDelta;
+            if (!offsetsEnded) offsetsLeft -= count;
+            sample += count;
+            left -= count;
+            time += static_cast<uint64_t>(count) * delta;
         }
     }
     table->sampleCount = sample;
@@ -426,12 +445,20 @@ MP4Err CTrackImpl::getSampleSize(uint32_t sample, uint32_t* size) {
     if (!size) return MP4_ERR_INVALID_ARGUMENT;
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
-    uint32_t local = 0;
-    return index_.sourceOf(sample, &local)->sampleSize(local, size);
+    return withSourceOf(sample, [size](auto& source, uint32_t local) {
+        return source.sampleSize(local, size);
+    });
 }
 
 MP4Err CTrackImpl::MovieSamples::sampleSize(uint32_t sample, uint32_t* size) {
     if (track_.chunkAsSample_ != 0) return track_.chunkAsSampleSize(sample, size);
+    // The sample located last (a reader locates a sample, then reads it):
+    // the cursor holds its size already.
+    const OffsetCursor& c = track_.offsetCursor_;
+    if (sample == c.sample && c.chunk != 0 && c.chunkEnd != 0) {
+        *size = c.sampleSize;
+        return MP4_OK;
+    }
     return track_.sizeOfStszSample(sample, size);
 }
 
@@ -515,6 +542,9 @@ uint64_t CTrackImpl::runEnd(const StscRun& run) {
 MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
     OffsetCursor& c = offsetCursor_;
     if (c.chunk != 0 && c.chunkEnd != 0) {
+        // The sample asked last, again (a reader locates a sample, then
+        // reads it).
+        if (sample == c.sample && sample >= c.chunkFirst) return MP4_OK;
         // The sample after the last one asked, in the same chunk.
         if (sample == c.sample + 1 && sample < c.chunkEnd) {
             c.offsetInChunk += c.sampleSize;
@@ -522,8 +552,10 @@ MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
             c.sampleSize = sampleSize;
             return MP4_OK;
         }
-        // The first sample of the next chunk of the same "stsc" run.
-        if (sample == c.chunkEnd && stscAscending_ && sample < stscRun_.endSample) {
+        // The first sample of the next chunk: the "stsc" run is stepped on
+        // from where it is (often the next run: chunks of one or two
+        // samples in runs of one chunk are common).
+        if (sample == c.chunkEnd && stscAscending_ && nextChunkOf(sample)) {
             uint64_t position = 0;
             MP4Err err = chunkOffset(c.chunk + 1, &position);
             if (err != MP4_OK) {
@@ -544,6 +576,16 @@ MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
     MP4Err err = walkToSample(sample);
     c.sampleSize = sampleSize;
     return err;
+}
+
+// Whether the "stsc" run now reached holds the sample as the first of the
+// chunk after the cursor's: in the same run, or in a run the walk steps on
+// to.
+bool CTrackImpl::nextChunkOf(uint32_t sample) {
+    if (sample < stscRun_.endSample) return true;
+    uint32_t chunk = 0, first = 0, perChunk = 0;
+    return chunkOfSample(sample, &chunk, &first, &perChunk) == MP4_OK &&
+           chunk == offsetCursor_.chunk + 1 && first == sample;
 }
 
 MP4Err CTrackImpl::walkToSample(uint32_t sample) {
@@ -594,15 +636,15 @@ MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* 
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
-    uint32_t local = 0;
-    CSampleSource* source = index_.sourceOf(sample, &local);
-    MP4Err err = source->sampleSize(local, size);
-    if (err != MP4_OK) return err;
-    uint64_t position = 0;
-    err = source->sampleOffset(local, *size, &position, nullptr);
-    if (err != MP4_OK) return err;
-    if (offset) *offset = position;
-    return MP4_OK;
+    return withSourceOf(sample, [offset, size](auto& source, uint32_t local) {
+        MP4Err err = source.sampleSize(local, size);
+        if (err != MP4_OK) return err;
+        uint64_t position = 0;
+        err = source.sampleOffset(local, *size, &position, nullptr);
+        if (err != MP4_OK) return err;
+        if (offset) *offset = position;
+        return MP4_OK;
+    });
 }
 
 MP4Err CTrackImpl::MovieSamples::sampleOffset(uint32_t sample, uint32_t size, uint64_t* offset,
@@ -625,14 +667,14 @@ MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* si
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
-    uint32_t local = 0;
-    CSampleSource* source = index_.sourceOf(sample, &local);
-    MP4Err err = source->sampleSize(local, size);
-    if (err != MP4_OK) return err;
-    if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
-    if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
     uint64_t offset = 0, readAheadEnd = 0;
-    err = source->sampleOffset(local, *size, &offset, &readAheadEnd);
+    MP4Err err = withSourceOf(sample, [&](auto& source, uint32_t local) {
+        MP4Err found = source.sampleSize(local, size);
+        if (found != MP4_OK) return found;
+        if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
+        if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
+        return source.sampleOffset(local, *size, &offset, &readAheadEnd);
+    });
     if (err != MP4_OK) return err;
     return host_->readMediaBytes(offset, *size, buffer, readAheadEnd);
 }
@@ -647,6 +689,8 @@ uint64_t CTrackImpl::chunkEndOffset() {
         uint64_t bytes = 0;
         if (stsz_->sampleSize != 0) {
             bytes = static_cast<uint64_t>(c.chunkEnd - c.chunkFirst) * stsz_->sampleSize;
+        } else if (c.chunkEnd - c.chunkFirst == 1 && c.sample == c.chunkFirst) {
+            bytes = c.sampleSize;  // a chunk of one sample, located already
         } else {
             for (uint32_t s = c.chunkFirst; s < c.chunkEnd; ++s) {
                 uint32_t size = 0;
@@ -684,8 +728,9 @@ MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
     if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
-    uint32_t local = 0;
-    return index_.sourceOf(sample, &local)->isSync(local, sync);
+    return withSourceOf(sample, [sync](auto& source, uint32_t local) {
+        return source.isSync(local, sync);
+    });
 }
 
 MP4Err CTrackImpl::MovieSamples::isSync(uint32_t sample, uint32_t* sync) {

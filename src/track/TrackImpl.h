@@ -170,6 +170,17 @@ private:
         CTrackImpl& track_;
     };
     MP4Err gatherFragments();
+    // Calls f(source, local) with the source answering a sample and its
+    // number there. The movie's tables answer most samples: named by their
+    // own (final) class they are called directly, and inlined, instead of
+    // through the index's virtual interface, once per question per sample.
+    template <class F>
+    MP4Err withSourceOf(uint32_t sample, F&& f) {
+        uint32_t local = 0;
+        CSampleSource* source = index_.sourceOf(sample, &local);
+        if (source == &movieSamples_) return f(movieSamples_, local);
+        return f(*source, local);
+    }
     MP4Err walkBackToPresentedSync(uint32_t found, uint64_t time, bool acrossSources,
                                    uint32_t* sample);
 
@@ -182,6 +193,7 @@ private:
     MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
     MP4Err locateInChunk(uint32_t sample, uint32_t sampleSize);
     MP4Err walkToSample(uint32_t sample);
+    bool nextChunkOf(uint32_t sample);
     uint64_t chunkEndOffset();
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
     MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
