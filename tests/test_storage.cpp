@@ -291,6 +291,43 @@ TEST_F(DiscStorageTest, MediaReaderFetchesAheadOnlyToTheChunkEnd) {
     memory.detach();
 }
 
+// Reads at the window's edges: ending on its last byte, straddling its
+// end, empty, and past the end of the file, in an order that moves the
+// window back and forth. Each hands back exactly the file's bytes, or 4
+// with nothing of them.
+TEST_F(DiscStorageTest, MediaReaderWindowEdges) {
+    const Bytes content = patternBytes(300 * 1024);
+    const std::string path = makeFile("edges.bin", content);
+    CMediaReader reader;
+    ASSERT_EQ(MP4_OK, reader.open(path));
+    struct Read {
+        uint64_t offset;
+        uint32_t size;
+        uint64_t readAheadEnd;
+        MP4Err expected;
+    };
+    const uint64_t end = content.size();
+    const Read reads[] = {
+        {100, 50, 4000, MP4_OK},      // fetches 100..4000
+        {3990, 10, 4000, MP4_OK},     // ends on the window's last byte
+        {3995, 10, 9000, MP4_OK},     // straddles its end
+        {4005, 0, 0, MP4_OK},         // empty
+        {50, 60, 0, MP4_OK},          // back before the window
+        {end - 8, 8, end, MP4_OK},    // the file's last bytes
+        {end - 4, 8, end + 100, MP4_ERR_IO},  // runs past the end
+        {40000, 40000, 0, MP4_OK},    // large: straight into the buffer
+        {70000, 100, 200000, MP4_OK}, // inside the last large read's range
+    };
+    for (const Read& r : reads) {
+        Bytes got(r.size + 1, 0x5A);
+        EXPECT_EQ(r.expected, reader.read(r.offset, r.size, got.data(), r.readAheadEnd)) << r.offset;
+        if (r.expected == MP4_OK) {
+            EXPECT_TRUE(std::equal(got.begin(), got.begin() + r.size, content.begin() + r.offset)) << r.offset;
+        }
+        EXPECT_EQ(0x5A, got[r.size]) << "nothing written past the size, at " << r.offset;
+    }
+}
+
 TEST(MemoryStorageTest, StatesAndBounds) {
     uint8_t bytes[8] = {0xFF, 0xFE, 1, 2, 3, 4, 5, 6};
     CMemoryStorage storage;

@@ -58,13 +58,17 @@ public:
 private:
     MP4Err readOutsideWindow(uint64_t offset, uint32_t size, uint8_t* buffer,
                              uint64_t readAheadEnd);
+    static uint8_t* newWindow();
     MP4Err fill(uint64_t offset, uint32_t length, uint32_t wanted);
     MP4Err readDirect(uint64_t offset, uint32_t size, uint8_t* buffer);
     MP4Err readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer);
 
     CStorage* storage_ = nullptr;
     int fd_ = -1;
-    std::unique_ptr<uint8_t[]> window_;
+    struct FreeWindow {
+        void operator()(uint8_t* window) const;
+    };
+    std::unique_ptr<uint8_t, FreeWindow> window_;
     uint64_t windowStart_ = 0;
     uint32_t windowLength_ = 0;
     uint64_t lastEnd_ = UINT64_MAX;  // end of the last read
