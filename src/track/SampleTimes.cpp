@@ -25,19 +25,19 @@ MP4Err CSampleTimes::reserve(size_t decodeRuns, size_t offsetRuns, size_t sample
 // The byte naming an offset, a new one while there is room; false when
 // 256 distinct offsets are named already.
 bool CSampleTimes::codeOf(int32_t offset, uint8_t* code) {
-    if (!palette_.empty() && palette_[lastCode_] == offset) {
-        *code = lastCode_;
+    uint16_t& recent = recentCodes_[(static_cast<uint32_t>(offset) * 0x9E3779B1u) >> 28];
+    if (recent != 0 && palette_[recent - 1u] == offset) {
+        *code = static_cast<uint8_t>(recent - 1u);
         return true;
     }
-    for (size_t i = 0; i < palette_.size(); ++i) {
-        if (palette_[i] == offset) {
-            *code = lastCode_ = static_cast<uint8_t>(i);
-            return true;
-        }
+    size_t i = 0;
+    while (i < palette_.size() && palette_[i] != offset) ++i;
+    if (i == palette_.size()) {
+        if (palette_.size() > UINT8_MAX) return false;
+        palette_.push_back(offset);
     }
-    if (palette_.size() > UINT8_MAX) return false;
-    palette_.push_back(offset);
-    *code = lastCode_ = static_cast<uint8_t>(palette_.size() - 1);
+    *code = static_cast<uint8_t>(i);
+    recent = static_cast<uint16_t>(i + 1);
     return true;
 }
 
@@ -88,10 +88,12 @@ MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
     if (count_ > 0 && decode < lastDecode_) decodeAscends_ = false;
     lastDecode_ = decode;
     count_ = sample;
-    blockMax_.clear();
-    prefixMax_.clear();
-    blockRuns_.clear();
-    groupMax_.clear();
+    if (!blockMax_.empty()) {
+        blockMax_.clear();
+        prefixMax_.clear();
+        blockRuns_.clear();
+        groupMax_.clear();
+    }
     return MP4_OK;
 }
 

@@ -115,7 +115,10 @@ private:
     bool dense_ = false;
     std::vector<uint8_t> codes_;
     std::vector<int32_t> palette_;
-    uint8_t lastCode_ = 0;
+    // Where each of a few recent offsets sits in palette_ (plus one; 0:
+    // none), by a hash of the offset: B-frame offsets cycle through a few
+    // values, each entry of "ctts" differing from the one before.
+    uint16_t recentCodes_[16] = {};
     uint32_t count_ = 0;
     uint64_t lastDecode_ = 0;
     bool decodeAscends_ = true;
