@@ -314,7 +314,7 @@ rewrite_report() {
     echo "cp of the 2 GB input: $cp_s s"
 }
 
-# --- the table ------------------------------------------------------------
+# --- every row in one table -------------------------------------------------------
 
 # Median seconds of a key, or "-" when it has no result.
 secs_of() { if ok "$1"; then median "${SECS[$1]}"; else echo -; fi; }
@@ -346,7 +346,8 @@ summary() {
     done
     local samples=${SAMPLES[quil/index/long]:-}
     echo
-    echo "Every row side by side (medians of $RUNS runs, load average $(cut -d' ' -f1-3 /proc/loadavg)):"
+    echo "Every row side by side (medians of $RUNS runs; load average ${LOAD_START:--} at the start,"
+    echo "$(cut -d' ' -f1-3 /proc/loadavg) at the end):"
     echo
     echo "| workload | quil | libavformat | quil vs peer | goal |"
     echo "|---|---|---|---|---|"
@@ -440,6 +441,7 @@ run_fragments() {
 }
 
 main() {
+    LOAD_START=$(cut -d' ' -f1-3 /proc/loadavg)
     generate
     [[ ${1:-} == data ]] && return 0
     build
