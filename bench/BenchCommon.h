@@ -85,6 +85,16 @@ inline long peakRssKb() {
     return usage.ru_maxrss;
 }
 
+// Processor time (user and system) this process has used so far, start-up
+// included: on a shared machine a steadier measure than the wall clock,
+// which also counts the time other programs held the processor.
+inline double cpuSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
 // Bytes this process has read through read-like system calls so far
 // ("rchar" of /proc/self/io); 0 when the file cannot be read.
 inline uint64_t readChars() {
@@ -105,9 +115,9 @@ inline void printResult(const char* impl, const char* workload, const Checksums&
                         unsigned tracks, double seconds, const char* path,
                         const char* extra = "") {
     std::printf("impl=%s workload=%s tracks=%u samples=%" PRIu64 " checksum=%016" PRIx64
-                " layout=%016" PRIx64 " seconds=%.6f maxrss_kb=%ld%s file=%s\n",
+                " layout=%016" PRIx64 " seconds=%.6f maxrss_kb=%ld cpu=%.6f%s file=%s\n",
                 impl, workload, tracks, sums.samples, sums.checksum, sums.layout, seconds,
-                peakRssKb(), extra, path);
+                peakRssKb(), cpuSeconds(), extra, path);
 }
 
 inline int usage(const char* program) {
@@ -128,7 +138,7 @@ inline int usage(const char* program) {
                  "  digest  every sample byte hashed into checksum, track after track\n"
                  "          (quil only; a check, not a measurement)\n"
                  "prints: impl= workload= tracks= samples= checksum= layout= seconds=\n"
-                 "        maxrss_kb= [bytes= rchar=] file=\n"
+                 "        maxrss_kb= cpu= [bytes= rchar=] file=\n"
                  "  bytes: the sample bytes returned; rchar: bytes the process read\n"
                  "  from files meanwhile (track and tracks workloads)\n",
                  program, program);
