@@ -15,12 +15,18 @@
 namespace quil {
 
 class CDiscStorage;
+class CRangeCopier;
+struct MP4SampleCopyFailure;
+struct MP4SampleCopyProgress;
 class CFragmentWriter;
 class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
 
-class CMp4FileImpl : public CMp4File, public CTrackHost, public CFragmentSampleSink {
+class CMp4FileImpl : public CMp4File,
+                     public CTrackHost,
+                     public CFragmentSampleSink,
+                     public CCopiedMediaSink {
 public:
     CMp4FileImpl();
     ~CMp4FileImpl() override;
@@ -124,6 +130,13 @@ public:
     MP4Err addFragmentSample(uint32_t trackId, const uint8_t* data, uint32_t size,
                              uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
 
+    // Every sample of copied tracks of this file being written, their
+    // chunks copied file to file (RemuxCopy.cpp; Mp4CopyTrackSamples).
+    MP4Err copyTrackSamples(CMp4Track* const* tracks, uint32_t count,
+                            const MP4SampleCopyProgress* progress, MP4SampleCopyFailure* failure);
+    // CCopiedMediaSink: the bytes go through the copier of that call.
+    MP4Err appendCopiedBytes(uint64_t sourceOffset, uint64_t count, uint64_t* offset) override;
+
 private:
     // Steps of open: the storage made for a path, the read path, and the
     // common failure exit.
@@ -198,6 +211,7 @@ private:
     bool movieWritten_ = false;
     uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule
     std::unique_ptr<CFragmentWriter> fragmentWriter_;
+    CRangeCopier* rangeCopier_ = nullptr;  // during copyTrackSamples
 };
 
 }  // namespace quil

@@ -4,6 +4,7 @@
 #define QUIL_STORAGE_FILECOPY_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "quil/MP4Err.h"
@@ -20,6 +21,62 @@ bool sameFileOnDisc(const std::string& a, const std::string& b);
 // or a write fails (a full disc), the target's close included.
 MP4Err copyFileBytes(const std::string& source, uint64_t sourceOffset, const std::string& target,
                      uint64_t targetOffset, uint64_t count);
+
+// Byte ranges of one file appended one after the other to another file
+// from a given offset on: the media copier of a copy that regroups chunks
+// (remux). Writing is deferred, so an error may belong to a range appended
+// earlier; finish writes the rest. Long runs go file to file in the
+// kernel; short ones are gathered into large writes, read through two
+// windows of the source whose size follows how many ranges a window
+// serves, so that a file of tiny samples costs few system calls and small
+// ranges far apart cost no more than their bytes.
+class CRangeCopier {
+public:
+    CRangeCopier();
+    ~CRangeCopier();
+    CRangeCopier(const CRangeCopier&) = delete;
+    CRangeCopier& operator=(const CRangeCopier&) = delete;
+
+    // Opens both files (the target must exist); 4 when one cannot be opened.
+    MP4Err open(const std::string& source, const std::string& target, uint64_t targetOffset);
+    // Appends count bytes at sourceOffset of the source. 4 when the source
+    // ends early or a write fails.
+    MP4Err append(uint64_t sourceOffset, uint64_t count);
+    // Writes what is still pending and closes the target (a failing close
+    // is 4).
+    MP4Err finish();
+
+private:
+    static constexpr uint64_t kKernelCopyBytes = 64 * 1024;
+    static constexpr uint64_t kDirectReadBytes = 8 * 1024;
+    static constexpr uint64_t kWindowBytes = 512 * 1024;
+    static constexpr uint64_t kLeastReadAhead = 4 * 1024;
+    static constexpr size_t kGatherBytes = 1 << 20;
+    struct Window {
+        std::unique_ptr<uint8_t[]> bytes;
+        uint64_t start = 0;
+        uint64_t length = 0;
+        uint64_t lastUse = 0;
+        uint32_t uses = 0;  // ranges served since it was read
+    };
+    MP4Err issueRun();
+    MP4Err gather(uint64_t sourceOffset, uint64_t count);
+    MP4Err readSource(uint64_t sourceOffset, uint8_t* into, uint64_t count, uint64_t room,
+                      uint64_t* got);
+    MP4Err sourceBytes(uint64_t sourceOffset, uint64_t count, const uint8_t** bytes);
+    MP4Err writeGathered();
+
+    int in_ = -1;
+    int out_ = -1;
+    uint64_t targetEnd_ = 0;  // where the next written byte goes
+    uint64_t runStart_ = 0;   // the contiguous source bytes not yet written
+    uint64_t runLength_ = 0;
+    Window windows_[2];
+    uint64_t useClock_ = 0;
+    uint64_t readAhead_ = 64 * 1024;  // bytes a window read fetches
+    std::unique_ptr<uint8_t[]> gathered_;
+    size_t gatheredLength_ = 0;
+};
 
 }  // namespace quil
 
