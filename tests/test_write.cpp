@@ -748,5 +748,123 @@ TEST(WriteDestroy, DestroyingAnOpenWritingFileClosesIt) {
     std::remove(path.c_str());
 }
 
+// ---------------------------------------------------------------------------
+// Every sample at once (Mp4CopyTrackSamples) against copySampleFrom
+
+// Copies every track of a fixture as `quil remux` does, either all samples
+// at once or sample by sample in decode-time order; the copy's bytes.
+// allAtOnce gives the call's result in *err (12 falls back to the loop).
+Bytes remuxed(const std::string& name, uint32_t byteLimit, bool allAtOnce, MP4Err* err) {
+    const std::string source = std::string(QUIL_TEST_DATA_DIR) + "/" + name;
+    const std::string path = tempPath("all_at_once.mp4");
+    File in, out;
+    uint32_t count = 0;
+    EXPECT_EQ(MP4_OK, in->open(wide(source).c_str(), 0, 0));
+    EXPECT_EQ(MP4_OK, in->getTrackCount(&count));
+    EXPECT_EQ(MP4_OK, out->open(wide(path).c_str(), 1, MP4_FILE_MPEG4));
+    struct Copy {
+        CMp4Track *from = nullptr, *to = nullptr;
+        uint32_t next = 1, samples = 0, scale = 1;
+        uint64_t decode = 0;
+    };
+    std::vector<Copy> copies(count);
+    std::vector<CMp4Track*> targets;
+    for (uint32_t t = 0; t < count; ++t) {
+        Copy& c = copies[t];
+        EXPECT_EQ(MP4_OK, in->getTrack(t + 1, &c.from));
+        EXPECT_EQ(MP4_OK, out->addTrack(&c.to));
+        EXPECT_EQ(MP4_OK, c.to->copyTrackFrom(c.from));
+        (void)c.from->getTimeScale(&c.scale);
+        (void)c.to->setChunkLimits(c.scale, byteLimit);
+        (void)c.from->getSampleCount(&c.samples);
+        (void)c.from->getSampleDecodeTime(1, &c.decode);
+        targets.push_back(c.to);
+    }
+    *err = MP4_ERR_UNSUPPORTED;
+    if (allAtOnce) *err = Mp4CopyTrackSamples(out.file, targets.data(), count, nullptr, nullptr);
+    while (*err == MP4_ERR_UNSUPPORTED) {
+        Copy* best = nullptr;
+        for (Copy& c : copies) {
+            if (c.next <= c.samples && (!best || static_cast<unsigned __int128>(c.decode) * best->scale <
+                                                     static_cast<unsigned __int128>(best->decode) * c.scale)) {
+                best = &c;
+            }
+        }
+        if (!best) break;
+        uint32_t size = 0;
+        (void)best->to->copySampleFrom(best->next, &size);  // unreadable ones left out
+        if (++best->next <= best->samples) (void)best->from->getSampleDecodeTime(best->next, &best->decode);
+    }
+    for (Copy& c : copies) {
+        EXPECT_EQ(MP4_OK, out->releaseTrack(c.to));
+        EXPECT_EQ(MP4_OK, in->releaseTrack(c.from));
+    }
+    EXPECT_EQ(MP4_OK, out->close());
+    Bytes bytes = loadFile(path);
+    std::remove(path.c_str());
+    return bytes;
+}
+
+struct AllAtOnceCase {
+    const char* file;
+    MP4Err expected;  // 12: copied sample by sample instead, nothing written by the call
+};
+
+class AllAtOnce : public ::testing::TestWithParam<AllAtOnceCase> {};
+
+// Chunks of 256 KiB or a second, and chunks cut by a small byte limit: the
+// same file byte for byte as the sample-by-sample copy; where the call
+// refuses, the loop after it writes what it writes alone.
+TEST_P(AllAtOnce, WritesTheFileOfTheSampleBySampleCopy) {
+    for (uint32_t byteLimit : {256u * 1024, 3000u}) {
+        SCOPED_TRACE(byteLimit);
+        MP4Err ignored = MP4_OK, err = MP4_OK;
+        const Bytes bySample = remuxed(GetParam().file, byteLimit, false, &ignored);
+        const Bytes atOnce = remuxed(GetParam().file, byteLimit, true, &err);
+        EXPECT_EQ(GetParam().expected, err);
+        ASSERT_GT(bySample.size(), 100u);
+        EXPECT_TRUE(bySample == atOnce);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fixtures, AllAtOnce,
+    ::testing::Values(AllAtOnceCase{"h264-aac.mp4", MP4_OK}, AllAtOnceCase{"h264-bframes.mp4", MP4_OK},
+                      AllAtOnceCase{"audio-delay.mp4", MP4_OK}, AllAtOnceCase{"h263-amrnb.3gp", MP4_OK},
+                      AllAtOnceCase{"hevc-hvc1.mp4", MP4_OK}, AllAtOnceCase{"timecode.mov", MP4_OK},
+                      // fragments; raw audio read a chunk as a sample; cut off; damaged sizes
+                      AllAtOnceCase{"frag-h264-aac.mp4", MP4_ERR_UNSUPPORTED},
+                      AllAtOnceCase{"pcm-sowt.mov", MP4_ERR_UNSUPPORTED},
+                      AllAtOnceCase{"bad-truncated-mdat-faststart.mp4", MP4_ERR_UNSUPPORTED},
+                      AllAtOnceCase{"bad-stsz-count.mp4", MP4_ERR_UNSUPPORTED}),
+    [](const ::testing::TestParamInfo<AllAtOnceCase>& info) {
+        std::string name;
+        for (const char* c = info.param.file; *c && *c != '.'; ++c) name += std::isalnum(*c) ? *c : '_';
+        return name;
+    });
+
+// Refused without writing: a track not of the target, a file written in
+// fragments or to a supplied storage, a track given samples already.
+TEST(AllAtOnceRefusals, StateAndArguments) {
+    const std::string source = std::string(QUIL_TEST_DATA_DIR) + "/h264-aac.mp4";
+    File in, out;
+    CMp4Track *from = nullptr, *to = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(MP4_OK, in->open(wide(source).c_str(), 0, 0));
+    ASSERT_EQ(MP4_OK, in->getTrack(1, &from));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, Mp4CopyTrackSamples(out.file, &from, 1, nullptr, nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, Mp4CopyTrackSamples(nullptr, &from, 1, nullptr, nullptr));
+    const std::string path = tempPath("refused.mp4");
+    ASSERT_EQ(MP4_OK, out->open(wide(path).c_str(), 1, MP4_FILE_MPEG4));
+    ASSERT_EQ(MP4_OK, out->addTrack(&to));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, Mp4CopyTrackSamples(out.file, &to, 1, nullptr, nullptr));  // no source
+    ASSERT_EQ(MP4_OK, to->copyTrackFrom(from));
+    ASSERT_EQ(MP4_OK, to->copySampleFrom(1, &size));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, Mp4CopyTrackSamples(out.file, &to, 1, nullptr, nullptr));
+    EXPECT_EQ(MP4_OK, out->releaseTrack(to));
+    EXPECT_EQ(MP4_OK, in->releaseTrack(from));
+    std::remove(path.c_str());
+}
+
 }  // namespace
 }  // namespace quil
