@@ -1,7 +1,9 @@
 // quil remux IN OUT [--type N] [--faststart]: every track of IN copied into
 // a new file through the library's write interface: each track's boxes as
 // they are, its samples with their timing as stored, the movie's creation
-// time and user data; what cannot be read is left out and counted.
+// time and user data; what cannot be read is left out and counted. Where
+// the library can, the samples' chunks are copied file to file in one call
+// (the same output); else each sample is copied in turn.
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
@@ -278,7 +280,6 @@ bool Remuxer::copySamples() {
     progress.update(fileSize(input_));
     return true;
 }
-
 
 // A sample that cannot be read (cut off, damaged) is left out and counted:
 // the copy then has no sample more than before. A sample taken whose chunk

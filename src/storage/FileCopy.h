@@ -49,9 +49,9 @@ public:
 private:
     static constexpr uint64_t kKernelCopyBytes = 64 * 1024;
     static constexpr uint64_t kDirectReadBytes = 8 * 1024;
-    static constexpr uint64_t kWindowBytes = 512 * 1024;
+    static constexpr uint64_t kWindowBytes = 256 * 1024;
     static constexpr uint64_t kLeastReadAhead = 4 * 1024;
-    static constexpr size_t kGatherBytes = 1 << 20;
+    static constexpr size_t kGatherBytes = 256 * 1024;
     struct Window {
         std::unique_ptr<uint8_t[]> bytes;
         uint64_t start = 0;

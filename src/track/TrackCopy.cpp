@@ -328,11 +328,9 @@ MP4Err CTrackImpl::addCopiedOffset(uint32_t sample, int32_t offset) {
     return ctts_->addCompositionOffset(sample, static_cast<uint32_t>(offset));
 }
 
-}  // namespace quil
-
 // ---- copying by runs --------------------------------------------------------
 
-namespace quil {
+namespace {
 
 // One sample as the source's tables give it.
 struct WalkedSample {
@@ -343,6 +341,33 @@ struct WalkedSample {
     uint32_t sync = 1;
     uint32_t description = 0;  // sample description index
 };
+
+// A cursor over a run-length table ("stts", "ctts"): the field of each
+// sample's run in turn, runs of no samples stepped over.
+template <class Entry>
+struct RunCursor {
+    uint32_t index = 0, left = 0, value = 0;
+    MP4Err take(CCountedTableBox<Entry>& table, uint32_t Entry::*field, uint32_t* out) {
+        while (left == 0) {
+            Entry* run = nullptr;
+            MP4Err err = table.getEntry(++index, &run);
+            if (err != MP4_OK) return err;
+            left = run->sampleCount;
+            value = run->*field;
+        }
+        --left;
+        *out = value;
+        return MP4_OK;
+    }
+};
+
+// A pending chunk's bytes: ranges of the source, neighbours merged.
+struct SourceRange {
+    uint64_t offset;
+    uint64_t size;
+};
+
+}  // namespace
 
 // The samples of a read track in order, straight from its tables, each
 // table followed by a cursor of its own. For tables that pass
@@ -365,8 +390,8 @@ private:
     CTrackImpl& t_;
     uint32_t sample_ = 0;
     uint64_t decode_ = 0;
-    uint32_t sttsIndex_ = 0, sttsLeft_ = 0, delta_ = 0;
-    uint32_t cttsIndex_ = 0, cttsLeft_ = 0, offset_ = 0;
+    RunCursor<CTimeToSampleTableEntry> deltas_;
+    RunCursor<CCompositionOffsetTableEntry> offsets_;
     uint32_t stscIndex_ = 0, perChunk_ = 0, description_ = 0;
     uint64_t nextRunChunk_ = 0;  // first chunk of the next "stsc" run
     uint32_t chunk_ = 0, leftInChunk_ = 0;
@@ -462,15 +487,12 @@ MP4Err CTrackImpl::TableWalk::checkChunkRuns(uint32_t count) {
 MP4Err CTrackImpl::TableWalk::next(WalkedSample* s) {
     ++sample_;
     MP4Err err = MP4_OK;
-    while (sttsLeft_ == 0) {
-        CTimeToSampleTableEntry* run = nullptr;
-        if ((err = t_.stts_->getEntry(++sttsIndex_, &run)) != MP4_OK) return err;
-        sttsLeft_ = run->sampleCount;
-        delta_ = run->sampleDelta;
+    uint32_t delta = 0;
+    if ((err = deltas_.take(*t_.stts_, &CTimeToSampleTableEntry::sampleDelta, &delta)) != MP4_OK) {
+        return err;
     }
-    --sttsLeft_;
     s->decode = decode_;
-    decode_ += delta_;
+    decode_ += delta;
     if ((err = t_.sizeOfStszSample(sample_, &s->size)) != MP4_OK) return err;
     if (leftInChunk_ == 0 && (err = nextChunk()) != MP4_OK) return err;
     --leftInChunk_;
@@ -478,15 +500,11 @@ MP4Err CTrackImpl::TableWalk::next(WalkedSample* s) {
     position_ += s->size;
     s->description = description_;
     s->composition = 0;
+    uint32_t offset = 0;
     if (t_.ctts_) {
-        while (cttsLeft_ == 0) {
-            CCompositionOffsetTableEntry* run = nullptr;
-            if ((err = t_.ctts_->getEntry(++cttsIndex_, &run)) != MP4_OK) return err;
-            cttsLeft_ = run->sampleCount;
-            offset_ = run->sampleOffset;
-        }
-        --cttsLeft_;
-        s->composition = static_cast<int32_t>(offset_);
+        err = offsets_.take(*t_.ctts_, &CCompositionOffsetTableEntry::sampleOffset, &offset);
+        if (err != MP4_OK) return err;
+        s->composition = static_cast<int32_t>(offset);
     }
     s->sync = 1;
     if (t_.stss_) {
@@ -517,12 +535,6 @@ MP4Err CTrackImpl::TableWalk::nextChunk() {
     leftInChunk_ = perChunk_;
     return t_.chunkOffset(chunk_, &position_);
 }
-
-// A pending chunk's bytes: ranges of the source, neighbours merged.
-struct SourceRange {
-    uint64_t offset;
-    uint64_t size;
-};
 
 struct CTrackImpl::RunCopy {
     explicit RunCopy(CTrackImpl& source) : walk(source) {}
