@@ -563,7 +563,7 @@ MP4Err CTrackImpl::startRunCopy(CCopiedMediaSink* sink) {
     std::unique_ptr<RunCopy, RunCopyDeleter> run(new (std::nothrow) RunCopy(*copySource_));
     if (!run) return MP4_ERR_OUT_OF_MEMORY;
     MP4Err err = run->walk.checkTables(&run->count);
-    if (err == MP4_OK) err = checkRunCopySamples(length);
+    if (err == MP4_OK) err = checkRunCopySamples(run->count, length);
     if (err != MP4_OK) return err;
     (void)copySource_->getTimeScale(&run->timeScale);
     run->delay = copySource_->initialDelay_;
@@ -573,20 +573,18 @@ MP4Err CTrackImpl::startRunCopy(CCopiedMediaSink* sink) {
     return MP4_OK;
 }
 
-// Every sample has bytes, all within the source file: a sample that could
-// not be read would be left out.
-MP4Err CTrackImpl::checkRunCopySamples(uint64_t fileLength) {
+// Every sample of tables checkTables passed has bytes, all within the
+// source file: a sample that could not be read would be left out.
+MP4Err CTrackImpl::checkRunCopySamples(uint32_t count, uint64_t fileLength) {
     TableWalk walk(*copySource_);
-    uint32_t count = 0;
-    MP4Err err = walk.checkTables(&count);
     WalkedSample s;
-    for (uint32_t i = 0; err == MP4_OK && i < count; ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
         if (walk.next(&s) != MP4_OK || s.size == 0 || s.offset > fileLength ||
             s.size > fileLength - s.offset) {
             return kNotByRuns;
         }
     }
-    return err;
+    return MP4_OK;
 }
 
 bool CTrackImpl::runCopyDone() const { return !runCopy_ || lastCopied_ >= runCopy_->count; }

@@ -319,7 +319,7 @@ private:
     struct RunCopyDeleter {
         void operator()(RunCopy* run) const;
     };
-    MP4Err checkRunCopySamples(uint64_t fileLength);
+    MP4Err checkRunCopySamples(uint32_t count, uint64_t fileLength);
     MP4Err writeCopiedChunk(uint64_t* offset);
     std::unique_ptr<RunCopy, RunCopyDeleter> runCopy_;
     CTrackImpl* copySource_ = nullptr;  // the read track copied (not owned)
