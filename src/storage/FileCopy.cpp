@@ -1,6 +1,7 @@
 #include "FileCopy.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -111,6 +112,9 @@ MP4Err copyFileBytes(const std::string& source, uint64_t sourceOffset, const std
 CRangeCopier::CRangeCopier() = default;
 
 CRangeCopier::~CRangeCopier() {
+    for (Mapping& mapping : mappings_) {
+        if (mapping.base) ::munmap(mapping.base, mapping.length);
+    }
     if (in_ >= 0) ::close(in_);
     if (out_ >= 0) ::close(out_);
 }
@@ -122,10 +126,15 @@ MP4Err CRangeCopier::open(const std::string& source, const std::string& target,
         window.bytes.reset(new (std::nothrow) uint8_t[kWindowBytes]);
         if (!window.bytes) return MP4_ERR_OUT_OF_MEMORY;
     }
-    gathered_.reset(new (std::nothrow) uint8_t[kGatherBytes]);
-    if (!gathered_) return MP4_ERR_OUT_OF_MEMORY;
+    gatherStore_.reset(new (std::nothrow) uint8_t[kGatherBytes + 2 * kPage]);
+    if (!gatherStore_) return MP4_ERR_OUT_OF_MEMORY;
+    const uintptr_t store = reinterpret_cast<uintptr_t>(gatherStore_.get());
+    gathered_ = gatherStore_.get() + ((kPage - store % kPage) % kPage);
     in_ = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
     if (in_ < 0) return MP4_ERR_IO;
+    struct stat status {};
+    if (::fstat(in_, &status) != 0) return MP4_ERR_IO;
+    sourceSize_ = static_cast<uint64_t>(status.st_size);
     out_ = ::open(target.c_str(), O_WRONLY | O_CLOEXEC);
     if (out_ < 0) return MP4_ERR_IO;
     targetEnd_ = targetOffset;
@@ -154,34 +163,78 @@ MP4Err CRangeCopier::finish() {
     return err;
 }
 
-// A long run goes file to file in the kernel; a short one is gathered
-// with its neighbours into one large write.
 MP4Err CRangeCopier::issueRun() {
     const uint64_t start = runStart_, count = runLength_;
     runLength_ = 0;
     if (count == 0) return MP4_OK;
-    if (count < kKernelCopyBytes) return gather(start, count);
-    MP4Err err = writeGathered();
-    if (err == MP4_OK) err = copyBetween(in_, start, out_, targetEnd_, count);
-    if (err == MP4_OK) targetEnd_ += count;
-    return err;
+    // Bytes the source does not have: the source ended early.
+    if (start > sourceSize_ || count > sourceSize_ - start) return MP4_ERR_IO;
+    return count < kMappedBytes ? gather(start, count) : gatherLong(start, count);
 }
 
 MP4Err CRangeCopier::gather(uint64_t sourceOffset, uint64_t count) {
     MP4Err err = MP4_OK;
     if (gatheredLength_ + count > kGatherBytes && (err = writeGathered()) != MP4_OK) return err;
-    uint8_t* into = gathered_.get() + gatheredLength_;
-    if (count >= kDirectReadBytes) {
-        // Worth a read of its own: no window read for a few bytes of it.
-        uint64_t got = 0;
-        err = readSource(sourceOffset, into, count, count, &got);
-    } else {
+    const uint8_t* bytes = nullptr;
+    if ((err = sourceBytes(sourceOffset, count, &bytes)) != MP4_OK) return err;
+    std::memcpy(gatherEnd(), bytes, static_cast<size_t>(count));
+    gatheredLength_ += static_cast<size_t>(count);
+    return MP4_OK;
+}
+
+// A long range in pieces as large as the gather buffer takes, each from
+// the mapping of the source (read instead where it cannot be mapped).
+MP4Err CRangeCopier::gatherLong(uint64_t sourceOffset, uint64_t count) {
+    while (count > 0) {
+        MP4Err err = MP4_OK;
+        if (gatheredLength_ == kGatherBytes && (err = writeGathered()) != MP4_OK) return err;
+        uint64_t piece = kGatherBytes - gatheredLength_;
+        if (piece > count) piece = count;
         const uint8_t* bytes = nullptr;
-        err = sourceBytes(sourceOffset, count, &bytes);
-        if (err == MP4_OK) std::memcpy(into, bytes, static_cast<size_t>(count));
+        uint64_t available = 0;
+        if (mappedBytes(sourceOffset, &bytes, &available)) {
+            if (piece > available) piece = available;
+            std::memcpy(gatherEnd(), bytes, static_cast<size_t>(piece));
+        } else {
+            uint64_t got = 0;
+            if ((err = readSource(sourceOffset, gatherEnd(), piece, piece, &got)) != MP4_OK) return err;
+        }
+        gatheredLength_ += static_cast<size_t>(piece);
+        sourceOffset += piece;
+        count -= piece;
     }
-    if (err == MP4_OK) gatheredLength_ += static_cast<size_t>(count);
-    return err;
+    return MP4_OK;
+}
+
+// The source at sourceOffset (within the size it had when opened) through
+// one of two mappings of kMappingBytes; false when it cannot be mapped. The
+// source is a file being read, which does not shrink while it is copied.
+bool CRangeCopier::mappedBytes(uint64_t sourceOffset, const uint8_t** bytes,
+                               uint64_t* available) {
+    ++useClock_;
+    Mapping* found = nullptr;
+    for (Mapping& mapping : mappings_) {
+        if (mapping.base && sourceOffset >= mapping.start &&
+            sourceOffset - mapping.start < mapping.length) {
+            found = &mapping;
+        }
+    }
+    if (!found) {
+        found = mappings_[0].lastUse <= mappings_[1].lastUse ? &mappings_[0] : &mappings_[1];
+        if (found->base) ::munmap(found->base, found->length);
+        found->base = nullptr;
+        found->start = sourceOffset - sourceOffset % kPage;
+        found->length = sourceSize_ - found->start < kMappingBytes ? sourceSize_ - found->start
+                                                                   : kMappingBytes;
+        void* base = ::mmap(nullptr, static_cast<size_t>(found->length), PROT_READ, MAP_SHARED, in_,
+                            static_cast<off_t>(found->start));
+        if (base == MAP_FAILED) return false;
+        found->base = static_cast<uint8_t*>(base);
+    }
+    found->lastUse = useClock_;
+    *bytes = found->base + (sourceOffset - found->start);
+    *available = found->start + found->length - sourceOffset;
+    return true;
 }
 
 // Reads at least count and at most room bytes at sourceOffset; 4 when the
@@ -232,9 +285,12 @@ MP4Err CRangeCopier::sourceBytes(uint64_t sourceOffset, uint64_t count, const ui
     return MP4_OK;
 }
 
+// The gathered bytes lie in the buffer at their target's place within a
+// page: the kernel then copies whole pages.
 MP4Err CRangeCopier::writeGathered() {
+    const uint8_t* bytes = gathered_ + targetEnd_ % kPage;
     for (size_t done = 0; done < gatheredLength_;) {
-        const ssize_t put = ::pwrite(out_, gathered_.get() + done, gatheredLength_ - done,
+        const ssize_t put = ::pwrite(out_, bytes + done, gatheredLength_ - done,
                                      static_cast<off_t>(targetEnd_ + done));
         if (put < 0 && errno == EINTR) continue;
         if (put <= 0) return MP4_ERR_IO;

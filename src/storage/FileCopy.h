@@ -25,11 +25,16 @@ MP4Err copyFileBytes(const std::string& source, uint64_t sourceOffset, const std
 // Byte ranges of one file appended one after the other to another file
 // from a given offset on: the media copier of a copy that regroups chunks
 // (remux). Writing is deferred, so an error may belong to a range appended
-// earlier; finish writes the rest. Long runs go file to file in the
-// kernel; short ones are gathered into large writes, read through two
-// windows of the source whose size follows how many ranges a window
-// serves, so that a file of tiny samples costs few system calls and small
-// ranges far apart cost no more than their bytes.
+// earlier; finish writes the rest. Every range is gathered into large
+// writes whose buffer lies at the same place within a page as the bytes in
+// the target, so that the kernel copies whole pages into the page cache:
+// the bytes of long ranges come from a mapping of the source (copied once,
+// in user space), those of short ones through two read windows whose size
+// follows how many ranges a window serves, so that a file of tiny samples
+// costs few system calls and small ranges far apart no more than their
+// bytes. (A kernel copy file to file, copy_file_range, is slower here: the
+// regrouped bytes start at other places within a page in the target than
+// in the source, and the kernel copies such pages piecewise.)
 class CRangeCopier {
 public:
     CRangeCopier();
@@ -47,8 +52,9 @@ public:
     MP4Err finish();
 
 private:
-    static constexpr uint64_t kKernelCopyBytes = 64 * 1024;
-    static constexpr uint64_t kDirectReadBytes = 8 * 1024;
+    static constexpr uint64_t kPage = 4096;
+    static constexpr uint64_t kMappedBytes = 16 * 1024;  // ranges taken from a mapping
+    static constexpr uint64_t kMappingBytes = 2 << 20;
     static constexpr uint64_t kWindowBytes = 256 * 1024;
     static constexpr uint64_t kLeastReadAhead = 4 * 1024;
     static constexpr size_t kGatherBytes = 256 * 1024;
@@ -59,22 +65,34 @@ private:
         uint64_t lastUse = 0;
         uint32_t uses = 0;  // ranges served since it was read
     };
+    struct Mapping {
+        uint8_t* base = nullptr;
+        uint64_t start = 0;
+        uint64_t length = 0;
+        uint64_t lastUse = 0;
+    };
     MP4Err issueRun();
     MP4Err gather(uint64_t sourceOffset, uint64_t count);
+    MP4Err gatherLong(uint64_t sourceOffset, uint64_t count);
     MP4Err readSource(uint64_t sourceOffset, uint8_t* into, uint64_t count, uint64_t room,
                       uint64_t* got);
     MP4Err sourceBytes(uint64_t sourceOffset, uint64_t count, const uint8_t** bytes);
+    bool mappedBytes(uint64_t sourceOffset, const uint8_t** bytes, uint64_t* available);
+    uint8_t* gatherEnd() { return gathered_ + targetEnd_ % kPage + gatheredLength_; }
     MP4Err writeGathered();
 
     int in_ = -1;
     int out_ = -1;
-    uint64_t targetEnd_ = 0;  // where the next written byte goes
-    uint64_t runStart_ = 0;   // the contiguous source bytes not yet written
+    uint64_t sourceSize_ = 0;
+    uint64_t targetEnd_ = 0;  // where the gathered bytes go
+    uint64_t runStart_ = 0;   // the contiguous source bytes not yet gathered
     uint64_t runLength_ = 0;
     Window windows_[2];
+    Mapping mappings_[2];
     uint64_t useClock_ = 0;
     uint64_t readAhead_ = 64 * 1024;  // bytes a window read fetches
-    std::unique_ptr<uint8_t[]> gathered_;
+    std::unique_ptr<uint8_t[]> gatherStore_;
+    uint8_t* gathered_ = nullptr;  // page-aligned within gatherStore_
     size_t gatheredLength_ = 0;
 };
 
