@@ -21,6 +21,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Replaces the bytes; with null data the length is reserved as zeros.
     MP4Err setData(const uint8_t* bytes, uint32_t length);
@@ -65,6 +67,11 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    // Reading keeps this library's long-standing quirks (see the source);
+    // only the predefined forms without durations or start time stamps
+    // are written.
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Clears the fields a predefined value (1 or 2) fixes.
     void applyPredefined();
@@ -96,9 +103,10 @@ public:
     uint64_t startCompositionTimeStamp = 0;
 
 private:
-    MP4Err readCustomFields(CStorage* storage);
-    MP4Err readDuration(CStorage* storage);
-    MP4Err checkStartTimeStamps();
+    template <class IO>
+    void customFields(IO& io);
+    template <class IO>
+    MP4Err startTimeStamps(IO& io);
     MP4Err checkWritable() const;
 };
 
