@@ -47,6 +47,27 @@ MP4Err sizeDescriptorLayout(D* descriptor, CDescriptorList* children) {
     return MP4_OK;
 }
 
+template <class Self, bool kChildren>
+MP4Err CFieldDescriptor<Self, kChildren>::read(CStorage* storage) {
+    Self* self = static_cast<Self*>(this);
+    if constexpr (kChildren) return readDescriptorLayout(self, storage, &self->children, nesting_);
+    return readDescriptorLayout(self, storage, nullptr, nesting_);
+}
+
+template <class Self, bool kChildren>
+MP4Err CFieldDescriptor<Self, kChildren>::write(CStorage* storage) {
+    Self* self = static_cast<Self*>(this);
+    if constexpr (kChildren) return writeDescriptorLayout(self, storage, self->children.get());
+    return writeDescriptorLayout(self, storage, nullptr);
+}
+
+template <class Self, bool kChildren>
+MP4Err CFieldDescriptor<Self, kChildren>::calcSize() {
+    Self* self = static_cast<Self*>(this);
+    if constexpr (kChildren) return sizeDescriptorLayout(self, self->children.get());
+    return sizeDescriptorLayout(self, nullptr);
+}
+
 // A URL: its length byte, then that many characters, kept zero-terminated
 // (the terminator is not part of the field). A field the payload cannot
 // hold is refused with `shortfall`.

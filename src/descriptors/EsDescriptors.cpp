@@ -85,13 +85,7 @@ MP4Err CDecoderConfigDescriptor::fields(IO& io) {
     return io.error();
 }
 
-MP4Err CDecoderConfigDescriptor::read(CStorage* storage) {
-    return readDescriptorLayout(this, storage, &children, nesting_);
-}
-
-MP4Err CDecoderConfigDescriptor::write(CStorage* storage) {
-    return writeDescriptorLayout(this, storage, children.get());
-}
+template class CFieldDescriptor<CDecoderConfigDescriptor, true>;
 
 MP4Err CDecoderConfigDescriptor::dump(int32_t depth) {
     MP4Err err = CBaseDescriptor::dump(depth);
@@ -105,8 +99,6 @@ MP4Err CDecoderConfigDescriptor::dump(int32_t depth) {
     if (children && children->count() > 0) return dumpDescriptorChildrenInBraces(children.get(), depth);
     return MP4_OK;
 }
-
-MP4Err CDecoderConfigDescriptor::calcSize() { return sizeDescriptorLayout(this, children.get()); }
 
 MP4Err CDecoderConfigDescriptor::findDecoderSpecificInfo(CDecoderSpecificInfo** info) const {
     *info = nullptr;
@@ -268,8 +260,7 @@ MP4Err CESIDInc::fields(IO& io) {
     return io.u32(Track_ID).error();
 }
 
-MP4Err CESIDInc::read(CStorage* storage) { return readDescriptorLayout(this, storage, nullptr, nesting_); }
-MP4Err CESIDInc::write(CStorage* storage) { return writeDescriptorLayout(this, storage, nullptr); }
+template class CFieldDescriptor<CESIDInc>;
 
 MP4Err CESIDInc::dump(int32_t depth) {
     MP4Err err = CBaseDescriptor::dump(depth);
@@ -278,15 +269,13 @@ MP4Err CESIDInc::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESIDInc::calcSize() { return sizeDescriptorLayout(this, nullptr); }
 
 template <class IO>
 MP4Err CESIDRef::fields(IO& io) {
     return io.u16(ref_index).error();
 }
 
-MP4Err CESIDRef::read(CStorage* storage) { return readDescriptorLayout(this, storage, nullptr, nesting_); }
-MP4Err CESIDRef::write(CStorage* storage) { return writeDescriptorLayout(this, storage, nullptr); }
+template class CFieldDescriptor<CESIDRef>;
 
 MP4Err CESIDRef::dump(int32_t depth) {
     MP4Err err = CBaseDescriptor::dump(depth);
@@ -295,7 +284,6 @@ MP4Err CESIDRef::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESIDRef::calcSize() { return sizeDescriptorLayout(this, nullptr); }
 
 // ---- CESDescriptor ----------------------------------------------------------
 

@@ -32,14 +32,11 @@ public:
 };
 
 // DecoderConfigDescriptor (tag 0x04).
-class CDecoderConfigDescriptor : public CBaseDescriptor {
+class CDecoderConfigDescriptor : public CFieldDescriptor<CDecoderConfigDescriptor, true> {
 public:
-    CDecoderConfigDescriptor() : CBaseDescriptor(kDecoderConfigDescrTag) {}
+    CDecoderConfigDescriptor() : CFieldDescriptor(kDecoderConfigDescrTag) {}
 
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calcSize() override;
     template <class IO>
     MP4Err fields(IO& io);
 
@@ -112,14 +109,11 @@ private:
 
 // ES_ID_Inc (tag 0x0E, ISO/IEC 14496-14 §3.1.2): names a track in an
 // initial object descriptor.
-class CESIDInc : public CBaseDescriptor {
+class CESIDInc : public CFieldDescriptor<CESIDInc> {
 public:
-    CESIDInc() : CBaseDescriptor(kESIDIncTag) {}
+    CESIDInc() : CFieldDescriptor(kESIDIncTag) {}
 
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calcSize() override;
     template <class IO>
     MP4Err fields(IO& io);
 
@@ -128,14 +122,11 @@ public:
 
 // ES_ID_Ref (tag 0x0F, ISO/IEC 14496-14 §3.1.3): a 1-based index into the
 // "mpod" track references.
-class CESIDRef : public CBaseDescriptor {
+class CESIDRef : public CFieldDescriptor<CESIDRef> {
 public:
-    CESIDRef() : CBaseDescriptor(kESIDRefTag) {}
+    CESIDRef() : CFieldDescriptor(kESIDRefTag) {}
 
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calcSize() override;
     template <class IO>
     MP4Err fields(IO& io);
 
