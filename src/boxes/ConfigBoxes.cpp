@@ -139,7 +139,7 @@ MP4Err readDescriptorBox(DescriptorBoxLayout<Descriptor> layout, CStorage* stora
     return readFields(&layout, storage, &layout.box->remaining);
 }
 
-// A box without its descriptor is refused (15) before anything is written.
+// A box without its descriptor is refused (9) before anything is written.
 template <class Descriptor>
 MP4Err writeDescriptorBox(DescriptorBoxLayout<Descriptor> layout, CStorage* storage) {
     if (!*layout.descriptor) return MP4_ERR_BAD_SIZE_FIELD;

@@ -34,7 +34,7 @@ MP4Err writeDescriptorLayout(D* descriptor, CStorage* storage, CDescriptorList* 
 
 // Sets the payload size to what the fields and the (resized) children
 // take and clears the header length. A size beyond the 32-bit field is
-// refused with 17 instead of wrapping (writing would refuse it anyway).
+// refused with 10 instead of wrapping (writing would refuse it anyway).
 template <class D>
 MP4Err sizeDescriptorLayout(D* descriptor, CDescriptorList* children) {
     uint64_t childBytes = 0;

@@ -197,6 +197,7 @@ MP4Err CRtpPacket::read(CStorage* storage, uint64_t* bytesLeft) {
 // counts its own four bytes.
 MP4Err CRtpPacket::readExtraInformation(CStorage* storage, uint64_t* bytesLeft) {
     constexpr uint32_t kLengthField = sizeof(extraInformationLength);
+    if (tlvBoxes) return MP4_ERR_INVALID_DATA;  // a packet is read once
     if (extraInformationLength < kLengthField || extraInformationLength - kLengthField > *bytesLeft) {
         return MP4_ERR_BAD_BOX_SIZE;
     }
