@@ -12,6 +12,7 @@
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
 #include "boxes/DataList.h"
+#include "track/FragmentAuxInfo.h"
 #include "track/SampleIndex.h"
 #include "track/SampleTimes.h"
 #include "track/SampleTables.h"
@@ -288,6 +289,10 @@ private:
     MP4Err copyFragmentSample(CFragmentSampleSink* fragments, uint32_t sample,
                               const StoredTiming& timing, uint32_t bytes, uint32_t* size);
     MP4Err addCopiedOffset(uint32_t sample, int32_t offset);
+    MP4Err gatherAuxInfo(CTrackImpl* from);
+    // The auxiliary information and sample groups of a fragmented source,
+    // carried sample by sample into the copy's tables; null without.
+    std::unique_ptr<CFragmentAuxInfo> auxInfo_;
     CTrackImpl* copySource_ = nullptr;  // the read track copied (not owned)
     uint32_t lastCopied_ = 0;           // its last sample copied
     uint32_t lastDuration_ = 0;         // that sample's duration
