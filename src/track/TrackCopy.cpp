@@ -127,7 +127,10 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
     if (err == MP4_OK) err = childAs(mdia, fourcc("hdlr"), &hdlr);
     if (err == MP4_OK) err = childAs(mdia, fourcc("minf"), &minf);
     if (err == MP4_OK) err = childAs(minf, fourcc("stbl"), &stbl);
-    if (err == MP4_OK) err = childAs(stbl, fourcc("stsd"), &stsd);
+    // A source without "stsd" is copied without one.
+    if (err == MP4_OK && (err = childAs(stbl, fourcc("stsd"), &stsd)) == MP4_ERR_NOT_AVAILABLE) {
+        err = describeNoSamples(&stsd);
+    }
     if (err != MP4_OK) return err;
     if ((err = renewRequiredTable(stbl, fourcc("stts"), {fourcc("stts")}, &stts_)) != MP4_OK ||
         (err = renewTable(stbl, fourcc("ctts"), {fourcc("ctts")}, &ctts_)) != MP4_OK ||

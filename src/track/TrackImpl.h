@@ -224,6 +224,9 @@ private:
     CChunkLargeOffsetBox* co64_ = nullptr;
     CSyncSampleBox* stss_ = nullptr;
     CSampleDescriptionBox* stsd_ = nullptr;
+    // Stands in for the "stsd" a damaged sample table lacks (never written).
+    std::unique_ptr<CSampleDescriptionBox> missingStsd_;
+    MP4Err describeNoSamples(CSampleDescriptionBox** stsd);
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
     MovieSamples movieSamples_{*this};
