@@ -327,10 +327,6 @@ MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType
 
 namespace {
 
-// The copy was written, but samples (or whole tracks) of the input could
-// not be read and are missing from it (a cut-off or damaged file).
-constexpr int kExitSamplesMissing = 3;
-
 int runRemux(const Arguments& arguments) {
     uint64_t fileType = 0;
     const char* typeText = arguments.value("--type");

@@ -21,6 +21,10 @@ extern const Command kFragmentCommand;
 // with "quil: <label>: " and returns kExitFailure.
 int moveMovieFirst(const char* input, const std::string& output, const char* label);
 
+// The copy was written, but samples (or whole tracks) of the input could
+// not be read and are missing from it (a cut-off or damaged file).
+constexpr int kExitSamplesMissing = 3;
+
 // How copyTracks writes its copy.
 struct CopyOptions {
     const char* label = "remux";  // in messages: "quil: <label>: ..."

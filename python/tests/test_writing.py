@@ -100,3 +100,18 @@ def test_remux_and_faststart_write_what_the_tool_writes(tmp_path):
         quil.faststart(tmp_path / "fast.mp4", tmp_path / "again.mp4")
     assert caught.value.code == quil.MP4_ERR_WRONG_LAYOUT
     assert sorted(p.name for p in tmp_path.iterdir()) == ["fast-tool.mp4", "fast.mp4", "ours.mp4", "theirs.mp4"]
+
+
+@pytest.mark.parametrize("command", [["remux"], ["fragment"], ["fragment", "--segments"]],
+                         ids=" ".join)
+def test_cut_off_input_is_salvaged_with_exit_status_3(command, tmp_path):
+    cut = DATA / "bad-truncated-mdat-faststart.mp4"
+    out = tmp_path / "out"
+    args = [command[0], cut, *(["--segments", out] if len(command) > 1 else [out])]
+    done = run_tool(*args, check=False)
+    assert done.returncode == 3, done.stderr
+    assert "track 1: 15 of 25 samples could not be read and are left out" in done.stderr
+    assert out.exists()
+    done = run_tool(command[0], AV, *(["--segments", tmp_path / "good"] if len(command) > 1
+                                      else [tmp_path / "good.mp4"]))
+    assert done.returncode == 0
