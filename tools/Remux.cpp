@@ -164,6 +164,7 @@ bool Remuxer::openOutput(const std::string& output) {
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
     // Players show the file as long as its longest track.
     if (err == MP4_OK) err = target_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
+    if (err == MP4_OK && !options_.typeGiven) err = keepInputBrands(source_.get(), target_, fragmented());
     if (err == MP4_OK && fragmented()) err = target_->setFragmentation(options_.fragments);
     return err == MP4_OK || fail("cannot create the output", err);
 }

@@ -6,7 +6,7 @@ import subprocess
 import pytest
 
 import quil
-from conftest import DATA, run_tool
+from conftest import DATA, run_tool, tool_json
 
 SOURCE = DATA / "h264-bframes.mp4"
 AV = DATA / "h264-aac.mp4"
@@ -115,3 +115,13 @@ def test_cut_off_input_is_salvaged_with_exit_status_3(command, tmp_path):
     done = run_tool(command[0], AV, *(["--segments", tmp_path / "good"] if len(command) > 1
                                       else [tmp_path / "good.mp4"]))
     assert done.returncode == 0
+
+
+@pytest.mark.parametrize("source, args, brand", [
+    ("h263-amrnb.3gp", [], "3gp4"), ("pcm-twos.mov", [], "qt  "), ("h264-aac.mp4", [], "isom"),
+    ("h264-aac.mp4", ["--type", "2"], "M4A "), ("h264-aac.mp4", ["--type", "0"], "mp42"),
+], ids=lambda v: v if isinstance(v, str) else " ".join(v))
+def test_remux_keeps_the_input_brands_unless_a_type_is_given(source, args, brand, tmp_path):
+    out = tmp_path / "out.mp4"
+    run_tool("remux", DATA / source, out, *args)
+    assert tool_json("info", "--json", out)["majorBrand"] == brand
