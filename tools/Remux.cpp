@@ -375,7 +375,7 @@ const Command kRemuxCommand = {
     "  remux    copy every track of IN into a new file OUT: each track's boxes\n"
     "           as they are (sample entries, references, edit list, matrix,\n"
     "           user data), samples with the timing they have; --type N\n"
-    "           writes file type N (0 to 12; default: the type and brands of IN),\n"
+    "           writes file type N (0 to 12; default: IN's type and brands),\n"
     "           --faststart puts the movie box in front of the media data.\n"
     "           Samples or tracks that cannot be read (a cut-off or damaged\n"
     "           file) are left out and counted on stderr; exit status 3\n",
