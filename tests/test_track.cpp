@@ -18,6 +18,7 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <zlib.h>
 #include <unistd.h>
 
 #include "BoxBuilder.h"
@@ -1237,6 +1238,45 @@ TEST(TrackCopy, FragmentedCopyKeepsBytesAndTimes) {
                         EXPECT_EQ(times(in, kComposition), times(out, kComposition));
                     },
                     &settings);
+}
+
+// A compressed movie is copied from the movie inside it: its tracks, and
+// its movie-level boxes without the compressed box itself.
+TEST(TrackCopy, CompressedMovieCopiesTheMovieInside) {
+    TrackPlan plan = simpleVideo(3);
+    Bytes file = buildFile(plan);
+    const size_t moovAt = 24 + 8 + plan.media.size();  // after "ftyp" and "mdat"
+    const Bytes moov(file.begin() + moovAt, file.end());
+    uLongf length = compressBound(moov.size());
+    Bytes deflated(length);
+    ASSERT_EQ(Z_OK, compress(deflated.data(), &length, moov.data(), moov.size()));
+    deflated.resize(length);
+    file.resize(moovAt);
+    file = concat({file, box("moov", box("cmov", concat({box("dcom", ByteWriter().code("zlib")),
+                                                          box("cmvd", concat({ByteWriter().u32(moov.size()), deflated}))})))});
+    OpenedFile source(file);
+    CMp4Track* in = source.track(1);
+    ASSERT_TRUE(in);
+    const std::string path = ::testing::TempDir() + "quil_cmov_" + std::to_string(getpid()) + ".mp4";
+    CMp4File* target = nullptr;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
+    const std::wstring wide(path.begin(), path.end());
+    ASSERT_EQ(MP4_OK, target->open(wide.c_str(), 1, 0));
+    CMp4Track* out = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(MP4_OK, target->addTrack(&out));
+    ASSERT_EQ(MP4_OK, out->copyTrackFrom(in));
+    for (uint32_t s = 1; s <= 3; ++s) ASSERT_EQ(MP4_OK, out->copySampleFrom(s, &size));
+    ASSERT_EQ(MP4_OK, target->copyMovieBoxes(source.file()));
+    ASSERT_EQ(MP4_OK, target->releaseTrack(out));
+    ASSERT_EQ(MP4_OK, target->close());
+    CMp4File::destroyInstance(&target);
+    std::ifstream written(path, std::ios::binary);
+    OpenedFile copy(Bytes{std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()});
+    std::remove(path.c_str());
+    CMp4Track* back = copy.track(1);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(sampleBytes(in), sampleBytes(back));
 }
 
 // A sample left out (unreadable): the others keep their times; the one
