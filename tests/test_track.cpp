@@ -1240,24 +1240,42 @@ TEST(TrackCopy, FragmentedCopyKeepsBytesAndTimes) {
                     &settings);
 }
 
-// A compressed movie is copied from the movie inside it: its tracks, and
-// its movie-level boxes without the compressed box itself.
-TEST(TrackCopy, CompressedMovieCopiesTheMovieInside) {
+// Movie boxes of unusual shape copy as the movie they hold: a compressed
+// movie from the movie inside it (not the compressed box), a movie box of
+// size 0 that runs to the end over the media data without that as a child.
+Bytes compressedMovieFile() {
     TrackPlan plan = simpleVideo(3);
     Bytes file = buildFile(plan);
     const size_t moovAt = 24 + 8 + plan.media.size();  // after "ftyp" and "mdat"
     const Bytes moov(file.begin() + moovAt, file.end());
     uLongf length = compressBound(moov.size());
     Bytes deflated(length);
-    ASSERT_EQ(Z_OK, compress(deflated.data(), &length, moov.data(), moov.size()));
+    EXPECT_EQ(Z_OK, compress(deflated.data(), &length, moov.data(), moov.size()));
     deflated.resize(length);
     file.resize(moovAt);
-    file = concat({file, box("moov", box("cmov", concat({box("dcom", ByteWriter().code("zlib")),
-                                                          box("cmvd", concat({ByteWriter().u32(moov.size()), deflated}))})))});
-    OpenedFile source(file);
+    const Bytes cmvd = box("cmvd", concat({ByteWriter().u32(moov.size()), deflated}));
+    return concat({file, box("moov", box("cmov", concat({box("dcom", ByteWriter().code("zlib")), cmvd})))});
+}
+
+Bytes movieOverTheMediaFile() {
+    TrackPlan plan = simpleVideo(3);
+    const size_t children = buildFile(plan).size() - 24 - 8 - plan.media.size() - 8;
+    plan = TrackPlan();
+    plan.sampleEntry = visualEntry("avc1");
+    layOut(&plan, {{2}, {3}, {4}}, false, 8 + children);
+    const Bytes file = buildFile(plan);
+    const Bytes moov(file.begin() + 24 + 8 + plan.media.size() + 8, file.end());
+    return concat({Bytes(file.begin(), file.begin() + 24), ByteWriter().u32(0).code("moov"), moov,
+                   box("mdat", plan.media)});
+}
+
+class UnusualMovie : public ::testing::TestWithParam<Bytes (*)()> {};
+
+TEST_P(UnusualMovie, CopiesTheMovieItHolds) {
+    OpenedFile source(GetParam()());
     CMp4Track* in = source.track(1);
     ASSERT_TRUE(in);
-    const std::string path = ::testing::TempDir() + "quil_cmov_" + std::to_string(getpid()) + ".mp4";
+    const std::string path = ::testing::TempDir() + "quil_unusual_" + std::to_string(getpid()) + ".mp4";
     CMp4File* target = nullptr;
     ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
     const std::wstring wide(path.begin(), path.end());
@@ -1278,6 +1296,8 @@ TEST(TrackCopy, CompressedMovieCopiesTheMovieInside) {
     ASSERT_TRUE(back);
     EXPECT_EQ(sampleBytes(in), sampleBytes(back));
 }
+
+INSTANTIATE_TEST_SUITE_P(Shapes, UnusualMovie, ::testing::Values(compressedMovieFile, movieOverTheMediaFile));
 
 // A sample left out (unreadable): the others keep their times; the one
 // before the gap lasts until the next.

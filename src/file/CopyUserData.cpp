@@ -142,9 +142,10 @@ MP4Err CMp4FileImpl::copyMovieBoxes(CMp4File* source) {
     for (CBoxList::Node* node = children ? children->head() : nullptr; node; node = node->next) {
         switch (node->box->type) {
             // Made by the writer, the tracks or copyUserData; fragments
-            // are not written.
+            // are not written; media data read as a child of a movie box
+            // that runs to the end of the file is the writer's to write.
             case fourcc("mvhd"): case fourcc("trak"): case fourcc("udta"): case fourcc("iods"):
-            case fourcc("mvex"):
+            case fourcc("mvex"): case fourcc("mdat"):
                 continue;
             default: break;
         }
