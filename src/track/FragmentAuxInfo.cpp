@@ -24,6 +24,8 @@ namespace {
 
 // Group indexes above this name the fragment's own descriptions.
 constexpr uint32_t kFragmentLocal = 0x10000;
+// Kinds of sample grouping carried at most (files use one or two).
+constexpr size_t kMostMappings = 16;
 
 // The payload of a box the library keeps as read (these boxes have no
 // class of their own); its length is that of bytes already in the file.
@@ -220,7 +222,6 @@ MP4Err CFragmentAuxInfo::gather(CTrackHost* host, uint32_t trackId, uint32_t exp
 }
 
 void CFragmentAuxInfo::addTraf(const Traf& traf, uint32_t samples) {
-    if (auxStart_.empty()) auxStart_.push_back(0);
     if (!auxBroken_ && !addAuxInfo(traf, samples)) auxBroken_ = true;
     if (!groupsBroken_ && !addGroups(traf, samples)) groupsBroken_ = true;
     samples_ += samples;
@@ -232,12 +233,20 @@ void CFragmentAuxInfo::addTraf(const Traf& traf, uint32_t samples) {
 bool CFragmentAuxInfo::addAuxInfo(const Traf& traf, uint32_t samples) {
     AuxSizes sizes;
     if (!traf.saiz) {
-        auxStart_.insert(auxStart_.end(), samples, aux_.size());
+        // Held per sample only once a fragment has information.
+        if (hasAux_) auxStart_.insert(auxStart_.end(), samples, aux_.size());
         return true;
     }
     if (!parseAuxSizes(payloadOf(traf.saiz), samples, &sizes)) return false;
     uint64_t total = 0;
     for (uint8_t size : sizes.sizes) total += size;
+    // Fragments pointing at the same bytes again and again do not make the
+    // information outgrow the file.
+    uint64_t length = 0;
+    if (!host_->storageLength(&length) || total > length - std::min<uint64_t>(length, aux_.size())) {
+        return false;
+    }
+    if (!hasAux_) auxStart_.assign(samples_ + 1, 0);
     const size_t start = aux_.size();
     if (traf.senc) {
         const std::vector<uint8_t> senc = payloadOf(traf.senc);
@@ -251,9 +260,8 @@ bool CFragmentAuxInfo::addAuxInfo(const Traf& traf, uint32_t samples) {
         aux_.insert(aux_.end(), d.data(), d.data() + total);
     } else if (traf.saio) {
         std::vector<uint64_t> offsets;
-        uint64_t length = 0;
-        if (!parseAuxOffsets(payloadOf(traf.saio), &offsets) || !host_->storageLength(&length) ||
-            total > length || (offsets.size() != 1 && offsets.size() != samples)) {
+        if (!parseAuxOffsets(payloadOf(traf.saio), &offsets) ||
+            (offsets.size() != 1 && offsets.size() != samples)) {
             return false;
         }
         aux_.resize(start + total);
@@ -295,6 +303,7 @@ bool CFragmentAuxInfo::addGroups(const Traf& traf, uint32_t samples) {
         SampleGroups groups;
         if (!parseSampleGroups(payloadOf(box), &groups)) return false;
         Mapping* mapping = mappingOf(groups.type, groups.parameter, groups.hasParameter);
+        if (!mapping) return false;
         const size_t which = static_cast<size_t>(mapping - mappings_.data());
         touched.resize(mappings_.size(), false);
         if (touched[which]) return false;  // two runs lists for one kind
@@ -355,7 +364,8 @@ CFragmentAuxInfo::Descriptions* CFragmentAuxInfo::descriptionsOf(uint32_t type) 
     return &descriptions_.back();
 }
 
-// A new kind of mapping: samples gathered before it had none.
+// A new kind of mapping: samples gathered before it had none. Null when
+// there are too many kinds to carry.
 CFragmentAuxInfo::Mapping* CFragmentAuxInfo::mappingOf(uint32_t type, uint32_t parameter,
                                                        bool hasParameter) {
     for (Mapping& mapping : mappings_) {
@@ -364,6 +374,9 @@ CFragmentAuxInfo::Mapping* CFragmentAuxInfo::mappingOf(uint32_t type, uint32_t p
             return &mapping;
         }
     }
+    // Each kind holds an index per sample: a file naming ever new kinds
+    // does not multiply that.
+    if (mappings_.size() >= kMostMappings) return nullptr;
     const Descriptions* descriptions = findDescriptions(type);
     mappings_.emplace_back();
     Mapping& made = mappings_.back();
