@@ -1128,12 +1128,13 @@ TEST(TrackTimecode, FlagBitsOfTheDescription) {
 // Copying a read track (remux)
 
 // The track of a built file copied into a new file with copyTrackFrom and
-// copySampleFrom (samples in `skip` left out), then read back.
-// With fragment settings the copy is written in fragments.
-void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+// copySampleFrom (samples in `skip` left out), with the movie's other boxes
+// (copyMovieBoxes), then read back. With fragment settings the copy is
+// written in fragments.
+void copyAndReadBack(const Bytes& file, const std::vector<uint32_t>& skip,
                      std::function<void(CMp4Track* in, CMp4Track* out)> check,
                      const MP4FragmentSettings* fragments = nullptr) {
-    OpenedFile source(buildFile(plan));
+    OpenedFile source(file);
     CMp4Track* in = source.track(1);
     ASSERT_TRUE(in);
     const std::string path = ::testing::TempDir() + "quil_copy_" + std::to_string(getpid()) + ".mp4";
@@ -1159,6 +1160,7 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     if (count > 0) {
         EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, out->copySampleFrom(1, &size));  // in order
     }
+    ASSERT_EQ(MP4_OK, target->copyMovieBoxes(source.file()));
     ASSERT_EQ(MP4_OK, target->releaseTrack(out));
     ASSERT_EQ(MP4_OK, target->close());
     CMp4File::destroyInstance(&target);
@@ -1169,6 +1171,12 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     ASSERT_TRUE(back);
     check(in, back);
     std::remove(path.c_str());
+}
+
+void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+                     std::function<void(CMp4Track* in, CMp4Track* out)> check,
+                     const MP4FragmentSettings* fragments = nullptr) {
+    copyAndReadBack(buildFile(plan), skip, std::move(check), fragments);
 }
 
 std::vector<Bytes> sampleBytes(CMp4Track* t) {
@@ -1272,29 +1280,9 @@ Bytes movieOverTheMediaFile() {
 class UnusualMovie : public ::testing::TestWithParam<Bytes (*)()> {};
 
 TEST_P(UnusualMovie, CopiesTheMovieItHolds) {
-    OpenedFile source(GetParam()());
-    CMp4Track* in = source.track(1);
-    ASSERT_TRUE(in);
-    const std::string path = ::testing::TempDir() + "quil_unusual_" + std::to_string(getpid()) + ".mp4";
-    CMp4File* target = nullptr;
-    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
-    const std::wstring wide(path.begin(), path.end());
-    ASSERT_EQ(MP4_OK, target->open(wide.c_str(), 1, 0));
-    CMp4Track* out = nullptr;
-    uint32_t size = 0;
-    ASSERT_EQ(MP4_OK, target->addTrack(&out));
-    ASSERT_EQ(MP4_OK, out->copyTrackFrom(in));
-    for (uint32_t s = 1; s <= 3; ++s) ASSERT_EQ(MP4_OK, out->copySampleFrom(s, &size));
-    ASSERT_EQ(MP4_OK, target->copyMovieBoxes(source.file()));
-    ASSERT_EQ(MP4_OK, target->releaseTrack(out));
-    ASSERT_EQ(MP4_OK, target->close());
-    CMp4File::destroyInstance(&target);
-    std::ifstream written(path, std::ios::binary);
-    OpenedFile copy(Bytes{std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()});
-    std::remove(path.c_str());
-    CMp4Track* back = copy.track(1);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(sampleBytes(in), sampleBytes(back));
+    copyAndReadBack(GetParam()(), {}, [](CMp4Track* in, CMp4Track* out) {
+        EXPECT_EQ(sampleBytes(in), sampleBytes(out));
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, UnusualMovie, ::testing::Values(compressedMovieFile, movieOverTheMediaFile));
