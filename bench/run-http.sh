@@ -27,7 +27,8 @@
 #
 # Environment: RUNS, JOBS, QUIL_BENCH_DATA, QUIL_BENCH_BUILD as for run.sh;
 # PORT (default 18490); WORKLOADS (default "info index read tracks big1 big2
-# bigall") picks cases.
+# bigall") picks cases; PREBUILT=1 runs the programs already in
+# QUIL_BENCH_BUILD (e.g. a build of another revision) without building.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -81,6 +82,8 @@ generate() {
 wanted() { [[ " $WORKLOADS " == *" $1 "* ]] && { [[ $1 != big* ]] || [[ -s $BIG_INPUT ]]; }; }
 
 build() {
+    mkdir -p "$OUT"
+    [[ ${PREBUILT:-0} == 1 ]] && return 0
     cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DQUIL_BUILD_BENCH=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=ON \
         -DQUIL_BUILD_FUZZERS=OFF -DQUIL_SANITIZE=OFF >/dev/null

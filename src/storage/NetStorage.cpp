@@ -21,22 +21,27 @@
 
 // How the cache works
 // - Each download is one GET from a start offset to the end of the
-//   resource ("Range: bytes=N-"), run by a detached thread that appends
-//   the body to a list of 0x20000-byte blocks. The byte at offset o lies in
+//   resource ("Range: bytes=N-") or to a limit ("bytes=N-M", see below),
+//   run by a detached thread that appends the body to a list of
+//   0x20000-byte blocks. The byte at offset o lies in
 //   block (o - start) >> 17 at (o - start) & 0x1FFFF. A block is appended
 //   only once it is full, so the arithmetic holds however libcurl splits the
-//   body; the last, partial block is zero-filled when the body is complete.
+//   body; the last, partial block is zero-filled when the body is complete
+//   (a bounded request's last block ends with the request).
 // - A read waits until the block holding its end has arrived. The test is
 //   deliberately ">=": a read ending exactly at the end of the cached bytes
-//   waits for one more block (or fails once the download has ended).
+//   waits for one more block (or fails once the download has ended), except
+//   at the limit of a bounded download, where none follows.
 // - A seek moves only the position when it goes backwards within the
 //   current download or forwards by at most 2,000,000 bytes; anything else
 //   abandons the download and starts a new one at the new offset.
 //
 // What the reader cannot see, and why it is done:
-// - The download pauses while it is more than kAheadBlocks ahead of the
-//   reader, so opening a file transfers the movie box and a few MiB, not the
-//   whole resource. Blocks more than kBehindBlocks behind the reader are
+// - Opening a file asks for its first kFirstWindow bytes; reads that run
+//   on past a bounded download's end (a longer movie box) ask for windows
+//   twice as long, then to the end. An open-ended download pauses while it
+//   is more than kAheadBlocks ahead of the reader, so it never transfers
+//   the whole resource unasked. Blocks more than kBehindBlocks behind the reader are
 //   freed, so memory stays bounded on long files. A read that needs freed
 //   bytes, or bytes of a download that lost its connection after making
 //   progress, quietly starts a new request at its own position.
@@ -46,7 +51,8 @@
 //   it, a 200 with the whole body, whose bytes before the offset are then
 //   dropped as they arrive. Anything else ends the download, so reads fail
 //   with MP4_ERR_IO instead of returning other bytes (HttpReply.h decides).
-// - Reads past the total length named by the server fail at once.
+// - Reads past the total length named by the server fail at once; a reply
+//   that brings more than was asked for is cut at the limit.
 //
 // Sample reads (readAt) say where the caller may read next, the end of the
 // sample's chunk. One track of an interleaved file is read in chunks
@@ -199,6 +205,7 @@ struct Download {
 
     // Thread side only.
     std::shared_ptr<uint8_t[]> filling;
+    uint32_t fillingSize = kBlockSize;  // less for the last block of a bounded request
     uint32_t filled = 0;
     uint64_t received = 0;
     bool accepted = false;
@@ -319,15 +326,19 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     const size_t end = used + static_cast<size_t>(std::min<uint64_t>(bytes - used, wanted));
     while (used < end) {
         if (!d->filling) {
-            d->filling.reset(new (std::nothrow) uint8_t[kBlockSize]);
+            // No read goes past a bounded request's end: its last block
+            // holds only what lies before it.
+            const uint64_t rest = d->limit - d->startOffset - d->received;
+            d->fillingSize = static_cast<uint32_t>(std::min<uint64_t>(kBlockSize, rest));
+            d->filling.reset(new (std::nothrow) uint8_t[d->fillingSize]);
             if (!d->filling) return 0;
         }
-        const size_t piece = std::min<size_t>(end - used, kBlockSize - d->filled);
+        const size_t piece = std::min<size_t>(end - used, d->fillingSize - d->filled);
         std::memcpy(d->filling.get() + d->filled, data + used, piece);
         d->filled += static_cast<uint32_t>(piece);
         d->received += piece;
         used += piece;
-        if (d->filled == kBlockSize) {
+        if (d->filled == d->fillingSize) {
             appendBlock(d);
             if (!waitForReader(d)) return 0;
         }
@@ -436,7 +447,7 @@ End classify(Download* d, CURLcode result) {
         return End::Dropped;
     }
     if (d->filled > 0) {
-        std::memset(d->filling.get() + d->filled, 0, kBlockSize - d->filled);
+        std::memset(d->filling.get() + d->filled, 0, d->fillingSize - d->filled);
         appendBlock(d);
     }
     return End::Complete;
