@@ -54,6 +54,7 @@ enum class Fault {
     GrowsLater,   // later replies name a longer resource
     GarbageBody,  // a well-formed 206 carrying other bytes
     Huge,         // a 5 GiB resource of pattern bytes, made as they are sent
+    ToTheEnd,     // 206 from the start asked for to the end, whatever end was asked
 };
 
 constexpr uint64_t kHugeSize = 5ull << 30;
@@ -145,6 +146,7 @@ private:
         if (fault_ == Fault::Huge) {
             respondHuge(fd, start);
         } else {
+            if (fault_ == Fault::ToTheEnd) end = UINT64_MAX;
             respond(fd, number, static_cast<size_t>(std::min<uint64_t>(start, body_.size())),
                     static_cast<size_t>(std::min<uint64_t>(end, body_.size())));
         }
@@ -376,12 +378,15 @@ TEST_F(NetTest, OneTrackCostsAboutItsOwnBytes) {
     const uint64_t firstRequest = 256u << 10;
     const struct {
         uint32_t track;
+        Fault fault;
         uint64_t mostSent;
-    } cases[] = {{2, firstRequest + kPairs * kAudioSize * 11 / 10},
+    } cases[] = {{2, Fault::None, firstRequest + kPairs * kAudioSize * 11 / 10},
                  // the chunk across the end of the first request comes twice
-                 {1, file.size() + kVideoSize}};
+                 {1, Fault::None, file.size() + kVideoSize},
+                 // what comes after the bytes asked for is not taken
+                 {2, Fault::ToTheEnd, UINT64_MAX}};
     for (const auto& c : cases) {
-        LoopbackServer server(file, Fault::None);
+        LoopbackServer server(file, c.fault);
         const Bytes samples = readTrack(server.url(), c.track);
         EXPECT_EQ(samples.size(), kPairs * (c.track == 1 ? kVideoSize : kAudioSize));
         EXPECT_TRUE(samples == readTrack(widen(path), c.track)) << "track " << c.track;
