@@ -143,6 +143,10 @@ public:
         if (ok()) fits(count);
         return *this;
     }
+    // The same with a layout's own error code for the shortfall.
+    FieldReader& require(uint64_t count, MP4Err err) {
+        return ok() && *budget_ < count ? this->fail(err) : *this;
+    }
     // Passes over count bytes the layout does not keep.
     FieldReader& skip(uint64_t count) {
         if (ok() && count > 0 && fits(count)) {
@@ -210,7 +214,7 @@ public:
         for (const T& v : values) value(v);
         return *this;
     }
-    FieldWriter& require(uint64_t) { return *this; }
+    FieldWriter& require(uint64_t, MP4Err = MP4_OK) { return *this; }
     FieldWriter& bytes(const uint8_t* buffer, uint64_t count);
     FieldWriter& owned(const std::unique_ptr<uint8_t[]>& data, uint64_t count) {
         return bytes(data.get(), count);
@@ -259,7 +263,7 @@ public:
     FieldCounter& array(const T (&)[N]) {
         return add(sizeof(T) * N);
     }
-    FieldCounter& require(uint64_t) { return *this; }
+    FieldCounter& require(uint64_t, MP4Err = MP4_OK) { return *this; }
     FieldCounter& bytes(const uint8_t*, uint64_t count) { return add(count); }
     // count fields of width bytes each, without walking them.
     FieldCounter& repeated(uint64_t count, uint64_t width) { return add(count * width); }
@@ -304,8 +308,8 @@ public:
         if (left_ < 4) return fail(MP4_ERR_BAD_BOX_SIZE);
         return u8(version).u24(flags);
     }
-    FieldDecoder& require(uint64_t count) {
-        return ok() && left_ < count ? fail(MP4_ERR_BAD_BOX_SIZE) : *this;
+    FieldDecoder& require(uint64_t count, MP4Err err = MP4_ERR_BAD_BOX_SIZE) {
+        return ok() && left_ < count ? fail(err) : *this;
     }
     FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
     // Passes over count bytes.
