@@ -18,6 +18,7 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <zlib.h>
 #include <unistd.h>
 
 #include "BoxBuilder.h"
@@ -1014,9 +1015,10 @@ TEST(TrackTimesDeathTest, HugeSampleCountInSttsIsCappedBySizes) {
 // ---------------------------------------------------------------------------
 // Built files: binding
 
-// A track ID of 0, or a required table missing (its lookup error).
+// A track ID of 0, or a required table missing (its lookup error). A
+// missing "stsd" leaves a track without sample entries (see TrackCopy).
 TEST(TrackBinding, FailuresLeaveNoTrack) {
-    for (const char* type : {"", "stts", "stsz", "stsc", "stco", "stsd"}) {
+    for (const char* type : {"", "stts", "stsz", "stsc", "stco"}) {
         SCOPED_TRACE(type);
         TrackPlan plan = simpleVideo(2);
         plan.omit = type;
@@ -1126,12 +1128,13 @@ TEST(TrackTimecode, FlagBitsOfTheDescription) {
 // Copying a read track (remux)
 
 // The track of a built file copied into a new file with copyTrackFrom and
-// copySampleFrom (samples in `skip` left out), then read back.
-// With fragment settings the copy is written in fragments.
-void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+// copySampleFrom (samples in `skip` left out), with the movie's other boxes
+// (copyMovieBoxes), then read back. With fragment settings the copy is
+// written in fragments.
+void copyAndReadBack(const Bytes& file, const std::vector<uint32_t>& skip,
                      std::function<void(CMp4Track* in, CMp4Track* out)> check,
                      const MP4FragmentSettings* fragments = nullptr) {
-    OpenedFile source(buildFile(plan));
+    OpenedFile source(file);
     CMp4Track* in = source.track(1);
     ASSERT_TRUE(in);
     const std::string path = ::testing::TempDir() + "quil_copy_" + std::to_string(getpid()) + ".mp4";
@@ -1157,6 +1160,7 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     if (count > 0) {
         EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, out->copySampleFrom(1, &size));  // in order
     }
+    ASSERT_EQ(MP4_OK, target->copyMovieBoxes(source.file()));
     ASSERT_EQ(MP4_OK, target->releaseTrack(out));
     ASSERT_EQ(MP4_OK, target->close());
     CMp4File::destroyInstance(&target);
@@ -1167,6 +1171,12 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     ASSERT_TRUE(back);
     check(in, back);
     std::remove(path.c_str());
+}
+
+void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+                     std::function<void(CMp4Track* in, CMp4Track* out)> check,
+                     const MP4FragmentSettings* fragments = nullptr) {
+    copyAndReadBack(buildFile(plan), skip, std::move(check), fragments);
 }
 
 std::vector<Bytes> sampleBytes(CMp4Track* t) {
@@ -1190,9 +1200,12 @@ TEST(TrackCopy, KeepsBytesAndStoredTiming) {
     TrackPlan negative = videoWithOffsets(4, {{1, 2}, {1, 0xFFFFFFFEu}, {2, 1}}, {{1, 0}, {2, 5}, {1, 7}});
     negative.edits = {{300, -1}, {600, 0}};
     TrackPlan empty = simpleVideo(0);
+    TrackPlan undescribed = simpleVideo(3);
+    undescribed.omit = "stsd";
     const struct { const char* what; TrackPlan plan; uint64_t duration; } cases[] = {
         {"negative offsets, zero and odd durations, edits", negative, 17},
         {"no samples", empty, 0},
+        {"no sample description (copied without)", undescribed, 30},
         {"chunks of raw audio", [] {
              TrackPlan p;
              p.handler = fourcc("soun");
@@ -1234,6 +1247,45 @@ TEST(TrackCopy, FragmentedCopyKeepsBytesAndTimes) {
                     },
                     &settings);
 }
+
+// Movie boxes of unusual shape copy as the movie they hold: a compressed
+// movie from the movie inside it (not the compressed box), a movie box of
+// size 0 that runs to the end over the media data without that as a child.
+Bytes compressedMovieFile() {
+    TrackPlan plan = simpleVideo(3);
+    Bytes file = buildFile(plan);
+    const size_t moovAt = 24 + 8 + plan.media.size();  // after "ftyp" and "mdat"
+    const Bytes moov(file.begin() + moovAt, file.end());
+    uLongf length = compressBound(moov.size());
+    Bytes deflated(length);
+    EXPECT_EQ(Z_OK, compress(deflated.data(), &length, moov.data(), moov.size()));
+    deflated.resize(length);
+    file.resize(moovAt);
+    const Bytes cmvd = box("cmvd", concat({ByteWriter().u32(moov.size()), deflated}));
+    return concat({file, box("moov", box("cmov", concat({box("dcom", ByteWriter().code("zlib")), cmvd})))});
+}
+
+Bytes movieOverTheMediaFile() {
+    TrackPlan plan = simpleVideo(3);
+    const size_t children = buildFile(plan).size() - 24 - 8 - plan.media.size() - 8;
+    plan = TrackPlan();
+    plan.sampleEntry = visualEntry("avc1");
+    layOut(&plan, {{2}, {3}, {4}}, false, 8 + children);
+    const Bytes file = buildFile(plan);
+    const Bytes moov(file.begin() + 24 + 8 + plan.media.size() + 8, file.end());
+    return concat({Bytes(file.begin(), file.begin() + 24), ByteWriter().u32(0).code("moov"), moov,
+                   box("mdat", plan.media)});
+}
+
+class UnusualMovie : public ::testing::TestWithParam<Bytes (*)()> {};
+
+TEST_P(UnusualMovie, CopiesTheMovieItHolds) {
+    copyAndReadBack(GetParam()(), {}, [](CMp4Track* in, CMp4Track* out) {
+        EXPECT_EQ(sampleBytes(in), sampleBytes(out));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, UnusualMovie, ::testing::Values(compressedMovieFile, movieOverTheMediaFile));
 
 // A sample left out (unreadable): the others keep their times; the one
 // before the gap lasts until the next.

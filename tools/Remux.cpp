@@ -164,6 +164,7 @@ bool Remuxer::openOutput(const std::string& output) {
     if (err == MP4_OK) err = target_->open(path.c_str(), 1, fileType_);
     // Players show the file as long as its longest track.
     if (err == MP4_OK) err = target_->setMovieDurationRule(MP4_MOVIE_DURATION_LONGEST_TRACK);
+    if (err == MP4_OK && !options_.typeGiven) err = keepInputBrands(source_.get(), target_, fragmented());
     if (err == MP4_OK && fragmented()) err = target_->setFragmentation(options_.fragments);
     return err == MP4_OK || fail("cannot create the output", err);
 }
@@ -327,10 +328,6 @@ MP4Err remuxFile(const char* input, const std::string& output, uint32_t fileType
 
 namespace {
 
-// The copy was written, but samples (or whole tracks) of the input could
-// not be read and are missing from it (a cut-off or damaged file).
-constexpr int kExitSamplesMissing = 3;
-
 int runRemux(const Arguments& arguments) {
     uint64_t fileType = 0;
     const char* typeText = arguments.value("--type");
@@ -378,7 +375,7 @@ const Command kRemuxCommand = {
     "  remux    copy every track of IN into a new file OUT: each track's boxes\n"
     "           as they are (sample entries, references, edit list, matrix,\n"
     "           user data), samples with the timing they have; --type N\n"
-    "           writes file type N (0 to 12; default: the type of IN),\n"
+    "           writes file type N (0 to 12; default: IN's type and brands),\n"
     "           --faststart puts the movie box in front of the media data.\n"
     "           Samples or tracks that cannot be read (a cut-off or damaged\n"
     "           file) are left out and counted on stderr; exit status 3\n",

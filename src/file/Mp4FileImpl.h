@@ -59,6 +59,8 @@ public:
     MP4Err copyMovieBoxes(CMp4File* source) override;
     MP4Err getFragmentCount(uint32_t* count) override;
     MP4Err setMovieDurationRule(uint32_t rule) override;
+    MP4Err setBrands(uint32_t majorBrand, uint32_t minorVersion, const uint32_t* compatibleBrands,
+                     uint32_t count) override;
     // destroyInstance: a file still being written is closed first.
     bool isOpenForWriting() const { return isOpen_ != 0 && mode_ == 1; }
     MP4Err getFragmentInfo(uint32_t index, MP4FragmentInfo* info) override;
@@ -194,6 +196,7 @@ private:
     // of the media data written so far, and the interleaving signal.
     std::vector<CTrackImpl*> writingTracks_;
     uint64_t mediaDataEnd_ = 0;
+    uint64_t fileTypeOffset_ = 0;  // where the "ftyp" written starts
     CChunkInterleaving interleaving_;
     bool movieWritten_ = false;
     uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule

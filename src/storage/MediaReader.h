@@ -45,7 +45,7 @@ public:
 private:
     MP4Err fill(uint64_t offset, uint32_t length, uint32_t wanted);
     MP4Err readDirect(uint64_t offset, uint32_t size, uint8_t* buffer);
-    MP4Err readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer);
+    MP4Err readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd);
 
     CStorage* storage_ = nullptr;
     int fd_ = -1;

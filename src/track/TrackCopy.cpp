@@ -94,6 +94,7 @@ MP4Err CTrackImpl::copyTrackFrom(CMp4Track* source) {
     if (!trak) return MP4_ERR_INVALID_DATA;
     if ((err = adoptCopiedTrack(trak)) != MP4_OK) return err;
     owned.release();
+    if ((err = gatherAuxInfo(from)) != MP4_OK) return err;
     // Edit lists and track durations count in the movie's time scale: the
     // copy's movie takes the source's.
     CMovieHeaderBox *mvhd = nullptr, *sourceMvhd = nullptr;
@@ -126,7 +127,10 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
     if (err == MP4_OK) err = childAs(mdia, fourcc("hdlr"), &hdlr);
     if (err == MP4_OK) err = childAs(mdia, fourcc("minf"), &minf);
     if (err == MP4_OK) err = childAs(minf, fourcc("stbl"), &stbl);
-    if (err == MP4_OK) err = childAs(stbl, fourcc("stsd"), &stsd);
+    // A source without "stsd" is copied without one.
+    if (err == MP4_OK && (err = childAs(stbl, fourcc("stsd"), &stsd)) == MP4_ERR_NOT_AVAILABLE) {
+        err = describeNoSamples(&stsd);
+    }
     if (err != MP4_OK) return err;
     if ((err = renewRequiredTable(stbl, fourcc("stts"), {fourcc("stts")}, &stts_)) != MP4_OK ||
         (err = renewTable(stbl, fourcc("ctts"), {fourcc("ctts")}, &ctts_)) != MP4_OK ||
@@ -161,6 +165,23 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
     const uint64_t next = static_cast<uint64_t>(highestTrackId(moov)) + 1;
     if (next <= kMax32 && next > mvhd->nextTrackId) mvhd->nextTrackId = static_cast<uint32_t>(next);
     return MP4_OK;
+}
+
+// A fragmented source copied into sample tables: each sample's auxiliary
+// information and sample groups go with it (the movie's own samples of
+// such a track have their tables' boxes, copied with the "trak").
+MP4Err CTrackImpl::gatherAuxInfo(CTrackImpl* from) {
+    uint32_t count = 0;
+    if (host_->fragmentSamples() || !from->index_.hasFragments() ||
+        from->index_.movieCount() != 0 || from->chunkAsSample_ != 0 ||
+        from->getSampleCount(&count) != MP4_OK) {
+        return MP4_OK;
+    }
+    std::unique_ptr<CFragmentAuxInfo> aux(new (std::nothrow) CFragmentAuxInfo());
+    if (!aux) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = aux->gather(from->host_, from->trackId_, count, stbl_);
+    if (err == MP4_OK && !aux->empty()) auxInfo_ = std::move(aux);
+    return err;
 }
 
 // Timing of a read sample as stored: its decode time without the edit
@@ -246,6 +267,7 @@ MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
     err = from->readSample(sample, bytes, &got, chunkBuffer_.get() + pendingBytes_);
     if (err != MP4_OK) return err;
     if ((err = addCopiedTimes(timing, from, got)) != MP4_OK) return err;
+    if (auxInfo_ && (err = auxInfo_->addSample(sample)) != MP4_OK) return err;
     pendingDescription_ = timing.description;
     pendingBytes_ += got;
     pendingCount_ += timing.storedCount;

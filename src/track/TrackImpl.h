@@ -12,6 +12,7 @@
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
 #include "boxes/DataList.h"
+#include "track/FragmentAuxInfo.h"
 #include "track/SampleIndex.h"
 #include "track/SampleTimes.h"
 #include "track/SampleTables.h"
@@ -223,6 +224,9 @@ private:
     CChunkLargeOffsetBox* co64_ = nullptr;
     CSyncSampleBox* stss_ = nullptr;
     CSampleDescriptionBox* stsd_ = nullptr;
+    // Stands in for the "stsd" a damaged sample table lacks (never written).
+    std::unique_ptr<CSampleDescriptionBox> missingStsd_;
+    MP4Err describeNoSamples(CSampleDescriptionBox** stsd);
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
     MovieSamples movieSamples_{*this};
@@ -288,6 +292,10 @@ private:
     MP4Err copyFragmentSample(CFragmentSampleSink* fragments, uint32_t sample,
                               const StoredTiming& timing, uint32_t bytes, uint32_t* size);
     MP4Err addCopiedOffset(uint32_t sample, int32_t offset);
+    MP4Err gatherAuxInfo(CTrackImpl* from);
+    // The auxiliary information and sample groups of a fragmented source,
+    // carried sample by sample into the copy's tables; null without.
+    std::unique_ptr<CFragmentAuxInfo> auxInfo_;
     CTrackImpl* copySource_ = nullptr;  // the read track copied (not owned)
     uint32_t lastCopied_ = 0;           // its last sample copied
     uint32_t lastDuration_ = 0;         // that sample's duration

@@ -542,6 +542,10 @@ MP4Err CTrackImpl::finalizeWriting() {
         sttsFinished_ = true;
     }
     if ((err = finishDurations()) != MP4_OK) return err;
+    if (auxInfo_) {
+        if ((err = auxInfo_->finish(stbl_)) != MP4_OK) return err;
+        auxInfo_.reset();
+    }
     fillDefaultDimensions();
     finalized_ = true;
     span_.clear();
