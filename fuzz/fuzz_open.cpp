@@ -1,8 +1,8 @@
 // libFuzzer target: opens arbitrary bytes as a media file held in memory and
 // asks everything a reading application can ask of it: the box dump, the box
-// walk with each box's described fields, the
-// file's properties, and for every track its properties, every sample's
-// position, times and bytes, the time searches and the time code.
+// walk with each box's described fields, the file's properties, and for every
+// track its properties, every sample's position, times and bytes, the time
+// searches and the time code.
 //
 // Walks are capped (tracks, samples, buffer sizes) so that one input costs
 // bounded time in this harness; anything unbounded inside the library itself
