@@ -204,7 +204,8 @@ MP4Err Mp4DescribeBox(CMp4File* file, const MP4BoxVisit* box, uint32_t entries,
     // A QuickTime "meta" (no version and flags) holds children only.
     if (box->type == fourcc("meta") && box->payloadLength == 0) return MP4_OK;
     PayloadBytes bytes(impl, box->offset + box->headerSize);
-    FieldLister lister(&bytes, box->size - box->headerSize, entries);
+    const uint64_t payload = box->size > box->headerSize ? box->size - box->headerSize : 0;
+    FieldLister lister(&bytes, payload, entries);
     if (listBoxFields(box->type, lister) == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
     static_assert(static_cast<int>(ListedForm::kTable) == MP4_FIELD_TABLE &&
                       static_cast<int>(ListedForm::kCodes) == MP4_FIELD_CODES,

@@ -53,6 +53,7 @@ public:
     // the other walkers pass it by. Keys are camelCase and never change:
     // they are what `quil dump --json` prints.
     Self& named(const char*, FieldForm = FieldForm::kAsStored) { return static_cast<Self&>(*this); }
+
     // Stops the walk with an error of the layout's own (the first one stays).
     Self& fail(MP4Err err) {
         if (ok()) err_ = err;
