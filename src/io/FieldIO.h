@@ -35,10 +35,25 @@ inline void unpackLanguage(uint16_t packed, uint8_t (&codes)[3]) {
     codes[2] = static_cast<uint8_t>(packed & 31);
 }
 
+// How a report (FieldLister) shows a named field.
+enum class FieldForm : uint8_t {
+    kAsStored,          // a number, signed when the field's type is
+    kUnsigned,          // a number, unsigned whatever the field's type
+    kSignedInVersion1,  // a number, signed when the box's version is 1
+    kCode,              // a four-character code
+};
+
 // The first error of a walk: every walker stops at it and keeps it.
 template <class Self>
 class FieldStatus {
 public:
+    static constexpr bool kLists = false;
+
+    // The key under which a report lists the next field (see FieldLister);
+    // the other walkers pass it by. Keys are camelCase and never change:
+    // they are what `quil dump --json` prints.
+    Self& named(const char*, FieldForm = FieldForm::kAsStored) { return static_cast<Self&>(*this); }
+
     // Stops the walk with an error of the layout's own (the first one stays).
     Self& fail(MP4Err err) {
         if (ok()) err_ = err;
