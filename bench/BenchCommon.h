@@ -110,14 +110,15 @@ inline uint64_t readChars() {
 }
 
 // The one machine-readable result line; the file name comes last because
-// it may contain spaces. extra holds further " key=value" fields.
+// it may contain spaces. extra holds further " key=value" fields; peakKb
+// the peak memory to report (-1: this process's peak so far).
 inline void printResult(const char* impl, const char* workload, const Checksums& sums,
                         unsigned tracks, double seconds, const char* path,
-                        const char* extra = "") {
+                        const char* extra = "", long peakKb = -1) {
     std::printf("impl=%s workload=%s tracks=%u samples=%" PRIu64 " checksum=%016" PRIx64
                 " layout=%016" PRIx64 " seconds=%.6f maxrss_kb=%ld cpu=%.6f%s file=%s\n",
                 impl, workload, tracks, sums.samples, sums.checksum, sums.layout, seconds,
-                peakRssKb(), cpuSeconds(), extra, path);
+                peakKb < 0 ? peakRssKb() : peakKb, cpuSeconds(), extra, path);
 }
 
 inline int usage(const char* program) {

@@ -16,10 +16,19 @@
 #   index  quil_bench index URL / avformat_peer index URL
 #   read   quil_bench read URL / avformat_peer read URL (every sample)
 #   tracks quil_bench digest URL: all samples of track 1, then of track 2
-# Bytes transferred are the `$bytes_sent` of nginx's access log for the run.
+# and, on the 2 GB file of run.sh (big.mp4, copied with its movie box in
+# front as big_faststart.mp4 when missing; skipped without big.mp4):
+#   big1   quil_bench track 1 / avformat_peer track 1 (the video alone)
+#   big2   quil_bench track 2 / avformat_peer track 2 (the audio alone)
+#   bigall quil_bench read / avformat_peer read (every track, file order)
+# Bytes transferred are the `$bytes_sent` of nginx's access log for the run
+# (response headers included); /track is their ratio to the sample bytes the
+# run returned.
 #
 # Environment: RUNS, JOBS, QUIL_BENCH_DATA, QUIL_BENCH_BUILD as for run.sh;
-# PORT (default 18490).
+# PORT (default 18490); WORKLOADS (default "info index read tracks big1 big2
+# bigall") picks cases; PREBUILT=1 runs the programs already in
+# QUIL_BENCH_BUILD (e.g. a build of another revision) without building.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -32,6 +41,9 @@ JOBS=${JOBS:-2}
 PORT=${PORT:-18490}
 LONG=$DATA/long.mp4
 INPUT=$DATA/long_faststart.mp4
+BIG=$DATA/big.mp4
+BIG_INPUT=$DATA/big_faststart.mp4
+WORKLOADS=${WORKLOADS:-info index read tracks big1 big2 bigall}
 
 die() { echo "run-http.sh: $*" >&2; exit 1; }
 NGINX=$(command -v nginx || echo /usr/sbin/nginx)
@@ -60,9 +72,18 @@ generate() {
         ff -i "$LONG" -map 0 -c copy -movflags +faststart "$INPUT.partial.mp4"
         mv "$INPUT.partial.mp4" "$INPUT"
     fi
+    if [[ -s $BIG && ! -s $BIG_INPUT ]]; then
+        echo "generating $(basename "$BIG_INPUT")" >&2
+        ff -i "$BIG" -map 0 -c copy -movflags +faststart "$BIG_INPUT.partial.mp4"
+        mv "$BIG_INPUT.partial.mp4" "$BIG_INPUT"
+    fi
 }
 
+wanted() { [[ " $WORKLOADS " == *" $1 "* ]] && { [[ $1 != big* ]] || [[ -s $BIG_INPUT ]]; }; }
+
 build() {
+    mkdir -p "$OUT"
+    [[ ${PREBUILT:-0} == 1 ]] && return 0
     cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release \
         -DQUIL_BUILD_BENCH=ON -DQUIL_BUILD_TESTS=OFF -DQUIL_BUILD_TOOLS=ON \
         -DQUIL_BUILD_FUZZERS=OFF -DQUIL_SANITIZE=OFF >/dev/null
@@ -85,6 +106,9 @@ start_nginx() {
     chmod 755 "$WORK"
     mkdir -p "$WORK/tmp" "$WORK/www"
     ln "$INPUT" "$WORK/www/long.mp4" 2>/dev/null || ln -s "$INPUT" "$WORK/www/long.mp4"
+    if [[ -s $BIG_INPUT ]]; then
+        ln "$BIG_INPUT" "$WORK/www/big.mp4" 2>/dev/null || ln -s "$BIG_INPUT" "$WORK/www/big.mp4"
+    fi
     cat >"$WORK/nginx.conf" <<EOF
 worker_processes 1;
 daemon off;
@@ -112,7 +136,7 @@ EOF
     die "nginx did not start"
 }
 
-declare -A SECS RSS BYTES SAMPLES CHECK ERR
+declare -A SECS RSS BYTES SAMPLES CHECK ERR TRACKBYTES
 
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p" <<<" $2"; }
 median() { tr ' ' '\n' <<<"$1" | sed '/^$/d' | sort -g |
@@ -142,18 +166,22 @@ measure() {
     BYTES[$key]+="$((after - before)) "
     SAMPLES[$key]=$(field samples "$line")
     CHECK[$key]=$(field checksum "$line")
+    TRACKBYTES[$key]=$(field bytes "$line")
 }
 
-row() { printf '%-6s %-5s %10s %10s %14s %9s %9s %17s\n' "$@"; }
+row() { printf '%-6s %-5s %10s %10s %14s %9s %7s %9s %17s\n' "$@"; }
 
 report() {
-    local size url=$1
+    local size url=$1 bigsize=0
     size=$(stat -c %s "$INPUT")
+    [[ -s $BIG_INPUT ]] && bigsize=$(stat -c %s "$BIG_INPUT")
     echo
-    echo "HTTP on loopback, $(basename "$INPUT") ($size bytes), medians of $RUNS runs"
-    row work impl seconds peak_KB bytes_sent /file samples checksum
+    echo "HTTP on loopback, $(basename "$INPUT") ($size bytes; big* rows:"
+    echo "$(basename "$BIG_INPUT"), $bigsize bytes), medians of $RUNS runs, load $(cut -d' ' -f1-3 /proc/loadavg)"
+    row work impl seconds peak_KB bytes_sent /file /track samples checksum
     local w impl key
-    for w in info index read tracks; do
+    for w in $WORKLOADS; do
+        wanted "$w" || continue
         for impl in quil peer; do
             key=$impl/$w
             [[ $w == tracks && $impl == peer ]] && continue
@@ -162,18 +190,23 @@ report() {
                 echo "       error: ${ERR[$key]:-no result}"
                 continue
             fi
-            local b
+            local b s=$size t=${TRACKBYTES[$key]:-}
+            [[ $w == big* ]] && s=$bigsize
             b=$(median "${BYTES[$key]}")
             row "$w" "$impl" "$(median "${SECS[$key]}")" "$(median "${RSS[$key]}")" "$b" \
-                "$(awk -v a="$b" -v s="$size" 'BEGIN {printf "%.3f", a / s}')" \
+                "$(awk -v a="$b" -v s="$s" 'BEGIN {printf "%.3f", a / s}')" \
+                "$([[ -n $t && $t != 0 ]] && awk -v a="$b" -v t="$t" 'BEGIN {printf "%.3f", a / t}' || echo -)" \
                 "${SAMPLES[$key]:--}" "${CHECK[$key]:--}"
         done
     done
-    if [[ -n ${CHECK[quil/read]:-} && ${CHECK[quil/read]} == "${CHECK[peer/read]:-}" ]]; then
-        echo "read: same ${SAMPLES[quil/read]} samples and sample bytes in both"
-    else
-        echo "read: checksums differ or a side failed"
-    fi
+    for w in read big1 big2 bigall; do
+        wanted "$w" || continue
+        if [[ -n ${CHECK[quil/$w]:-} && ${CHECK[quil/$w]} == "${CHECK[peer/$w]:-}" ]]; then
+            echo "$w: same ${SAMPLES[quil/$w]} samples and sample bytes in both"
+        else
+            echo "$w: checksums differ or a side failed"
+        fi
+    done
     echo "info: whole processes timed from outside (peak_KB not measured); index and read:"
     echo "      in-process time from open to close, as in run.sh. tracks: quil_bench digest,"
     echo "      every sample of track 1, then of track 2 (the time includes hashing every"
@@ -184,18 +217,36 @@ main() {
     generate
     build
     start_nginx
-    local url="http://127.0.0.1:$PORT/long.mp4"
+    local url="http://127.0.0.1:$PORT/long.mp4" big="http://127.0.0.1:$PORT/big.mp4"
     local quil=$BUILD/quil bench=$BUILD/bench/quil_bench peer=$BUILD/bench/avformat_peer
     cat "$INPUT" >/dev/null
+    wanted big1 || wanted big2 || wanted bigall && cat "$BIG_INPUT" >/dev/null
     for ((i = 1; i <= RUNS; i++)); do
         echo "run $i of $RUNS" >&2
-        measure quil/info "$quil" info "$url"
-        measure peer/info ffprobe -v error -show_format -show_streams "$url"
-        measure quil/index "$bench" index "$url"
-        measure peer/index "$peer" index "$url"
-        measure quil/read "$bench" read "$url"
-        measure peer/read "$peer" read "$url"
-        measure quil/tracks "$bench" digest "$url"
+        if wanted info; then
+            measure quil/info "$quil" info "$url"
+            measure peer/info ffprobe -v error -show_format -show_streams "$url"
+        fi
+        if wanted index; then
+            measure quil/index "$bench" index "$url"
+            measure peer/index "$peer" index "$url"
+        fi
+        if wanted read; then
+            measure quil/read "$bench" read "$url"
+            measure peer/read "$peer" read "$url"
+        fi
+        wanted tracks && measure quil/tracks "$bench" digest "$url"
+        local n
+        for n in 1 2; do
+            if wanted "big$n"; then
+                measure "quil/big$n" "$bench" track "$n" "$big"
+                measure "peer/big$n" "$peer" track "$n" "$big"
+            fi
+        done
+        if wanted bigall; then
+            measure quil/bigall "$bench" read "$big"
+            measure peer/bigall "$peer" read "$big"
+        fi
     done
     report "$url" | tee "$OUT/http.txt"
 }

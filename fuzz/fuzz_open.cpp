@@ -1,7 +1,8 @@
 // libFuzzer target: opens arbitrary bytes as a media file held in memory and
-// asks everything a reading application can ask of it: the box dump, the
-// file's properties, and for every track its properties, every sample's
-// position, times and bytes, the time searches and the time code.
+// asks everything a reading application can ask of it: the box dump, the box
+// walk with each box's described fields, the file's properties, and for every
+// track its properties, every sample's position, times and bytes, the time
+// searches and the time code.
 //
 // Walks are capped (tracks, samples, buffer sizes) so that one input costs
 // bounded time in this harness; anything unbounded inside the library itself
@@ -233,6 +234,16 @@ void queryFileProperties(CMp4File* file) {
     }
 }
 
+MP4Err ignoreField(const MP4BoxField* /*field*/, void* /*user*/) { return MP4_OK; }
+
+// Every box as it lies in the file, described as `quil dump --json` asks,
+// with the first entries of its table and with as many as it claims.
+MP4Err describeBox(const MP4BoxVisit* box, void* user) {
+    auto* file = static_cast<CMp4File*>(user);
+    (void)Mp4DescribeBox(file, box, 8, ignoreField, nullptr);
+    return Mp4DescribeBox(file, box, 0xFFFFFFFFu, ignoreField, nullptr);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
@@ -258,6 +269,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (file->setStorage(&storage) == MP4_OK && file->open(L"mem", 0, 0) == MP4_OK) {
         (void)file->dumpBoxes();
+        (void)Mp4VisitBoxes(file, describeBox, file);
         queryFileProperties(file);
         uint32_t trackCount = 0;
         (void)file->getTrackCount(&trackCount);

@@ -8,6 +8,7 @@
 #include "BoxBuilder.h"
 #include "boxes/BoxFactory.h"
 #include "io/FieldIO.h"
+#include "io/FieldLister.h"
 
 namespace quil {
 namespace {
@@ -170,6 +171,95 @@ TEST(FieldIO, DebugWriterNamesTheBoxThatWroteAnotherSize) {
               std::string::npos);
 }
 #endif
+
+// ---- the lister of a report -------------------------------------------------
+
+class MemoryPayload : public ListedBytes {
+public:
+    explicit MemoryPayload(Bytes bytes) : bytes_(std::move(bytes)) {}
+    bool read(uint64_t offset, uint8_t* out, uint32_t count) override {
+        if (offset + count > bytes_.size()) return false;
+        std::copy(bytes_.begin() + static_cast<long>(offset), bytes_.begin() + static_cast<long>(offset + count), out);
+        return true;
+    }
+
+private:
+    Bytes bytes_;
+};
+
+// The listing as one line: "key=value", "#n" before each entry's fields.
+std::string listing(const std::vector<ListedField>& listed) {
+    std::string out;
+    uint32_t entry = 0;
+    for (const ListedField& f : listed) {
+        if (f.entry != entry) out += " #" + std::to_string(entry = f.entry);
+        out += std::string(" ") + f.key + "=";
+        switch (f.form) {
+            case ListedForm::kSigned: out += std::to_string(static_cast<int64_t>(f.number)); break;
+            case ListedForm::kCode: out += std::string(1, static_cast<char>(f.number >> 24)) + "..."; break;
+            case ListedForm::kCodes:
+            case ListedForm::kText: out += f.bytes; break;
+            case ListedForm::kTable: out += "table"; break;
+            default: out += std::to_string(f.number); break;
+        }
+    }
+    return out.empty() ? out : out.substr(1);
+}
+
+struct ListCase {
+    const char* name;
+    uint32_t type;
+    Bytes payload;
+    uint32_t entries;
+    const char* expected;
+};
+
+class FieldListing : public ::testing::TestWithParam<ListCase> {};
+
+TEST_P(FieldListing, ListsTheNamedFieldsTheBytesHold) {
+    const ListCase& c = GetParam();
+    MemoryPayload bytes(c.payload);
+    FieldLister lister(&bytes, c.payload.size(), c.entries);
+    const MP4Err err = listBoxFields(c.type, lister);
+    EXPECT_EQ(err, *c.expected ? MP4_OK : MP4_ERR_NOT_AVAILABLE);
+    EXPECT_EQ(listing(lister.listed()), c.expected);
+}
+
+test::ByteWriter w() { return test::ByteWriter(); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Boxes, FieldListing,
+    ::testing::Values(
+        // An entry cut short by the end of the box is left out; the count
+        // stays as stored.
+        ListCase{"CutEntry", fourcc("stts"), w().u32(0).u32(1000).u32(5).u32(100).u32(6), 9,
+                 "version=0 flags=0 entryCount=1000 entries=table #1 sampleCount=5 sampleDelta=100"},
+        ListCase{"FirstEntriesOnly", fourcc("stsc"), w().u32(0).u32(3).zeros(36), 1,
+                 "version=0 flags=0 entryCount=3 entries=table #1 firstChunk=0 samplesPerChunk=0 "
+                 "sampleDescriptionIndex=0"},
+        // A huge count over a few bytes walks no more than the bytes hold.
+        ListCase{"HugeCount", fourcc("stco"), w().u32(0).u32(0xFFFFFFFF), 0xFFFFFFFF,
+                 "version=0 flags=0 entryCount=4294967295 entries=table"},
+        ListCase{"SignedInVersion1", fourcc("ctts"), w().u32(0x01000000).u32(1).u32(2).u32(0xFFFFFFFE), 4,
+                 "version=1 flags=0 entryCount=1 entries=table #1 sampleCount=2 sampleOffset=-2"},
+        ListCase{"UnsignedInVersion0", fourcc("ctts"), w().u32(0).u32(1).u32(2).u32(0xFFFFFFFE), 4,
+                 "version=0 flags=0 entryCount=1 entries=table #1 sampleCount=2 sampleOffset=4294967294"},
+        ListCase{"EditList", fourcc("elst"), w().u32(0).u32(1).u32(7).u32(0xFFFFFFFF).u16(0xFFFF).u16(0xFFFF), 4,
+                 "version=0 flags=0 entryCount=1 entries=table #1 segmentDuration=7 mediaTime=-1 "
+                 "mediaRateInteger=-1 mediaRateFraction=65535"},
+        ListCase{"ConstantSizes", fourcc("stsz"), w().u32(0).u32(9).u32(4), 4,
+                 "version=0 flags=0 sampleSize=9 sampleCount=4"},
+        // Fields past the bytes read as 0 and the walk goes on.
+        ListCase{"ShortHeader", fourcc("mvhd"), w().u32(0x01000000).u32(0).u32(3), 0,
+                 "version=1 flags=0 creationTime=3 modificationTime=0 timeScale=0 duration=0"},
+        ListCase{"Brands", fourcc("ftyp"), w().code("isom").u32(1).code("isom").code("avc1").u16(0), 0,
+                 "majorBrand=i... minorVersion=1 compatibleBrands=isomavc1"},
+        ListCase{"HandlerName", fourcc("hdlr"), w().u32(0).u32(0).code("vide").zeros(12).str("Video").u8(9), 0,
+                 "version=0 flags=0 handlerType=v... name=Video"},
+        ListCase{"TrackHeader", fourcc("tkhd"), w().u32(0x00000003).u32(1).u32(2).u32(7).u32(0).u32(99).zeros(60), 0,
+                 "version=0 flags=3 trackId=7 duration=99"},
+        ListCase{"NotListed", fourcc("trun"), w().u32(0).u32(1), 4, ""}),
+    [](const ::testing::TestParamInfo<ListCase>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace quil

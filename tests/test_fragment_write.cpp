@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -285,6 +286,78 @@ INSTANTIATE_TEST_SUITE_P(
         for (char& c : name) c = c == '-' ? '_' : c;
         return name;
     });
+
+// Top-level boxes: type and offset.
+std::vector<std::pair<std::string, uint64_t>> topLevelBoxes(const Bytes& file) {
+    std::vector<std::pair<std::string, uint64_t>> boxes;
+    for (size_t at = 0; at + 8 <= file.size() && wordAt(file, at, 4) >= 8; at += wordAt(file, at, 4)) {
+        boxes.emplace_back(std::string(file.begin() + at + 4, file.begin() + at + 8), at);
+    }
+    return boxes;
+}
+
+// The fragment offsets every "tfra" of the "mfra" names.
+std::vector<uint64_t> randomAccessMoofs(const Bytes& file) {
+    std::vector<uint64_t> moofs;
+    for (const auto& box : topLevelBoxes(file)) {
+        if (box.first != "mfra") continue;
+        const uint64_t end = box.second + wordAt(file, box.second, 4);
+        for (uint64_t at = box.second + 8; at + 8 <= end; at += wordAt(file, at, 4)) {
+            if (std::string(file.begin() + at + 4, file.begin() + at + 8) != "tfra") continue;
+            const bool wide = file[at + 8] == 1;
+            const uint32_t sizes = static_cast<uint32_t>(wordAt(file, at + 16, 4));
+            const uint64_t entry = (wide ? 16 : 8) + ((sizes >> 4) & 3) + ((sizes >> 2) & 3) + (sizes & 3) + 3;
+            for (uint64_t i = 0, count = wordAt(file, at + 20, 4); i < count; ++i) {
+                moofs.push_back(wordAt(file, at + 24 + i * entry + (wide ? 8 : 4), wide ? 8 : 4));
+            }
+        }
+    }
+    return moofs;
+}
+
+// A metadata edit grows the movie box in front of the fragments: the copy
+// reads every sample as written, and its fragment index names the moved
+// fragments.
+TEST(FragmentWrite, MetadataEditKeepsTheFragmentsReadable) {
+    const std::string path = tempPath("edited-source.mp4"), copy = tempPath("edited-copy.mp4");
+    MP4FragmentSettings settings{};
+    settings.fragmentMilliseconds = 1000;
+    settings.randomAccessIndex = 1;
+    {
+        Writer writer;
+        ASSERT_EQ(MP4_OK, writer.open(path, settings));
+        while (writer.written[0] < 100) ASSERT_EQ(MP4_OK, writer.addNext());
+        ASSERT_EQ(MP4_OK, writer.close());
+    }
+    CMp4File* file = nullptr;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&file));
+    ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), 0, 0));
+    const std::string title(300, 't');
+    ASSERT_EQ(MP4_OK, Mp4SetTag(file, 0xA96E616Du /* "©nam" */, 1, reinterpret_cast<const uint8_t*>(title.data()),
+                                static_cast<uint32_t>(title.size())));
+    ASSERT_EQ(MP4_OK, Mp4WriteCopy(file, wide(copy).c_str()));
+    (void)file->close();
+    CMp4File::destroyInstance(&file);
+
+    uint32_t counts[2] = {};
+    expectSamplesAsWritten(copy, counts);
+    EXPECT_EQ(100u, counts[0]);
+    const Bytes source = loadFile(path), edited = loadFile(copy);
+    ASSERT_GT(edited.size(), source.size() + title.size());
+    std::vector<uint64_t> moofs;
+    for (const auto& box : topLevelBoxes(edited)) {
+        if (box.first == "moof") moofs.push_back(box.second);
+    }
+    const std::vector<uint64_t> named = randomAccessMoofs(edited);
+    EXPECT_EQ(randomAccessMoofs(source).size(), named.size());
+    ASSERT_FALSE(named.empty());
+    for (uint64_t offset : named) EXPECT_NE(moofs.end(), std::find(moofs.begin(), moofs.end(), offset)) << offset;
+    if (haveFfprobe()) {
+        EXPECT_EQ(counts[0] + counts[1], ffprobePackets(copy));
+    }
+    std::remove(path.c_str());
+    std::remove(copy.c_str());
+}
 
 // Refusals: the mode is chosen before samples, and the movie is fixed once
 // the first fragment exists; samples of the mode are checked for timing.

@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdio>
+#include <unistd.h>
 #include <typeinfo>
 #include <string>
 #include <vector>
 
 #include "BoxBuilder.h"
 #include "OpenedFile.h"
+#include "boxes/EncryptionBoxes.h"
 #include "boxes/FragmentBoxes.h"
 #include "quil/quil.h"
 
@@ -369,6 +372,135 @@ TEST_F(BuiltFragment, SearchesCoverTheFragments) {
     EXPECT_EQ(track_->getInitialDelay(&delay, nullptr, nullptr), MP4_OK);
     EXPECT_EQ(delay, 5000u) << "a track joined mid-stream starts presenting at its first decode time";
 }
+
+// ---- auxiliary information carried into a copy with sample tables ----------
+
+// Two movie fragments of track 1, two samples each. The first holds its
+// auxiliary information in "senc" (sizes 8 and 14); the second in its
+// "mdat" after the samples (size 8 each), its first sample in the same
+// key group as the first fragment's (described again), its second in none.
+Bytes encryptedFragment(uint32_t number, const Bytes& sizes, uint32_t group2, const Bytes& aux,
+                        bool inSenc) {
+    const Bytes seig = ByteWriter().u8(0).u8(0x19).u8(1).u8(0).raw(Bytes(16, 0xAB)).u8(0);
+    auto traf = [&](uint32_t dataOffset, uint32_t auxOffset) {
+        ByteWriter sizeTable;
+        for (uint8_t size : sizes) sizeTable.u32(size);
+        const uint32_t auxSize = inSenc ? 0 : aux.size() / 2;
+        ByteWriter auxSizes = ByteWriter().u8(auxSize).u32(2);
+        if (inSenc) auxSizes.u8(8).u8(aux.size() - 8);
+        Bytes children = concat({
+            fullBox("tfhd", 0, 0x20008, ByteWriter().u32(1).u32(100)),
+            fullBox("trun", 0, 0x201, ByteWriter().u32(2).u32(dataOffset).raw(sizeTable)),
+            fullBox("sbgp", 0, 0, ByteWriter().code("seig").u32(2).u32(1).u32(0x10001).u32(1).u32(group2)),
+            fullBox("sgpd", 1, 0, ByteWriter().code("seig").u32(seig.size()).u32(1).raw(seig)),
+            fullBox("saiz", 0, 0, auxSizes),
+        });
+        if (inSenc) children = concat({children, fullBox("senc", 0, 2, ByteWriter().u32(2).raw(aux))});
+        return box("traf", concat({children, fullBox("saio", 0, 0, ByteWriter().u32(1).u32(auxOffset))}));
+    };
+    const Bytes mfhd = fullBox("mfhd", 0, 0, ByteWriter().u32(number));
+    const uint32_t moofSize = static_cast<uint32_t>(box("moof", concat({mfhd, traf(0, 0)})).size());
+    const uint32_t sampleBytes = sizes[0] + sizes[1];
+    // In "senc": after its header and sample count, at the end of the moof.
+    const uint32_t auxOffset = inSenc ? moofSize - 20 - static_cast<uint32_t>(aux.size()) - 8
+                                      : moofSize + 8 + sampleBytes;
+    Bytes data(sampleBytes, static_cast<uint8_t>(number));
+    if (!inSenc) data = concat({data, aux});
+    return concat({box("moof", concat({mfhd, traf(moofSize + 8, auxOffset)})), box("mdat", data)});
+}
+
+uint32_t codeOf(const char* type) {
+    return static_cast<uint32_t>(type[0]) << 24 | static_cast<uint32_t>(type[1]) << 16 |
+           static_cast<uint32_t>(type[2]) << 8 | static_cast<uint32_t>(type[3]);
+}
+
+// The payload of the copy's sample-table box of that type.
+Bytes tableBox(CBox* stbl, const char* type) {
+    CBox* found = nullptr;
+    if (stbl->findChild(codeOf(type), &found) != MP4_OK) return {};
+    Bytes bytes(found->keptPayload().length());
+    EXPECT_EQ(MP4_OK, found->keptPayload().read(0, bytes.data(), bytes.size()));
+    return bytes;
+}
+
+struct AuxCopy {
+    const char* name;
+    uint32_t skipped;  // a sample the copy leaves out, or 0
+    Bytes sbgpRuns;    // of the copy: count, index
+    Bytes saizTable;   // default size 0, count, sizes
+    std::vector<uint32_t> auxOf;  // samples whose information the copy holds
+};
+
+class FragmentAuxCopy : public ::testing::TestWithParam<AuxCopy> {};
+
+TEST_P(FragmentAuxCopy, SampleTablesCarryEachCopiedSamplesInformation) {
+    const AuxCopy& c = GetParam();
+    Bytes head;
+    for (const auto& top : topLevel(loadFixture("frag-h264-aac.mp4"))) {
+        if (top.first == "moof") break;
+        head = concat({head, top.second});
+    }
+    ASSERT_GT(head.size(), 500u) << "missing fixture; run scripts/make-fixtures.sh";
+    std::vector<Bytes> aux = {Bytes(8, 0x11), Bytes(14, 0x22), Bytes(8, 0x33), Bytes(8, 0x44)};
+    OpenedFile source(concat({head, encryptedFragment(1, {5, 6}, 0x10001, concat({aux[0], aux[1]}), true),
+                              encryptedFragment(2, {4, 3}, 0, concat({aux[2], aux[3]}), false)}));
+    const std::string path = ::testing::TempDir() + "quil_aux_" + std::to_string(getpid()) + ".mp4";
+    CMp4File* target = nullptr;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&target));
+    const std::wstring wide(path.begin(), path.end());
+    ASSERT_EQ(MP4_OK, target->open(wide.c_str(), 1, 0));
+    CMp4Track* out = nullptr;
+    ASSERT_EQ(MP4_OK, target->addTrack(&out));
+    ASSERT_EQ(MP4_OK, out->copyTrackFrom(source.track(1)));
+    uint32_t size = 0;
+    for (uint32_t s = 1; s <= 4; ++s) {
+        if (s != c.skipped) {
+            ASSERT_EQ(MP4_OK, out->copySampleFrom(s, &size)) << s;
+        }
+    }
+    ASSERT_EQ(MP4_OK, target->releaseTrack(out));
+    ASSERT_EQ(MP4_OK, target->close());
+    CMp4File::destroyInstance(&target);
+    std::ifstream written(path, std::ios::binary);
+    const Bytes file{std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()};
+    std::remove(path.c_str());
+    Bytes moovBytes;
+    for (const auto& top : topLevel(file)) {
+        if (top.first == "moov") moovBytes = top.second;
+    }
+    std::unique_ptr<CBox> moov = test::readTree(moovBytes);
+    ASSERT_TRUE(moov);
+    CBox* stbl = moov.get();
+    for (const char* type : {"trak", "mdia", "minf", "stbl"}) ASSERT_EQ(MP4_OK, stbl->findChild(codeOf(type), &stbl));
+    const uint32_t copied = c.skipped ? 3 : 4;
+    EXPECT_EQ(tableBox(stbl, "sbgp"), concat({ByteWriter().u32(0).code("seig").raw(c.sbgpRuns)}));
+    const Bytes sgpd = tableBox(stbl, "sgpd");
+    ASSERT_EQ(sgpd.size(), 16u + 21u) << "one description for both fragments";
+    EXPECT_EQ(tableBox(stbl, "saiz"), concat({ByteWriter().u32(0).raw(c.saizTable)}));
+    Bytes information;
+    for (uint32_t s : c.auxOf) information = concat({information, aux[s - 1]});
+    EXPECT_EQ(tableBox(stbl, "senc"), concat({ByteWriter().u32(2).u32(copied).raw(information)}));
+    CBox* saioBox = nullptr;
+    ASSERT_EQ(MP4_OK, stbl->findChild(fourcc("saio"), &saioBox));
+    auto* saio = dynamic_cast<CSampleAuxInfoOffsetsBox*>(saioBox);
+    ASSERT_TRUE(saio && saio->offsets.size() == 1);
+    ASSERT_LE(saio->offsets[0] + information.size(), file.size());
+    EXPECT_EQ(Bytes(file.begin() + saio->offsets[0], file.begin() + saio->offsets[0] + information.size()),
+              information) << "saio points at the information as written";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Copies, FragmentAuxCopy,
+    ::testing::Values(
+        AuxCopy{"every sample", 0, ByteWriter().u32(2).u32(3).u32(1).u32(1).u32(0),
+                ByteWriter().u8(0).u32(4).u8(8).u8(14).u8(8).u8(8), {1, 2, 3, 4}},
+        AuxCopy{"second left out", 2, ByteWriter().u32(2).u32(2).u32(1).u32(1).u32(0),
+                ByteWriter().u8(8).u32(3), {1, 3, 4}}),
+    [](const ::testing::TestParamInfo<AuxCopy>& info) {
+        std::string name = info.param.name;
+        for (char& ch : name) if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+        return name;
+    });
 
 }  // namespace
 }  // namespace quil

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "BoxBuilder.h"
+#include "TagText.h"
 #include "boxes/MetaDataBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "file/Mp4FileImpl.h"
@@ -612,6 +613,32 @@ TEST_F(OpenFixture, TagsAreWrittenInPlaceWhenTheyFit) {
     closeFile(edited);
     std::remove(copy.c_str());
 }
+
+
+// Numeric items as `quil meta` prints them: genres by ffprobe's names
+// (its spelling, up to its last), track and disc numbers with a total
+// only when there is one.
+struct NumericTag {
+    uint64_t genre;
+    const char* genreText;
+    std::vector<uint8_t> pair;
+    const char* pairText;
+};
+
+class NumericTagText : public ::testing::TestWithParam<NumericTag> {};
+
+TEST_P(NumericTagText, NamesAsFfprobeDoes) {
+    EXPECT_EQ(tool::genreName(GetParam().genre), GetParam().genreText);
+    EXPECT_EQ(tool::numberAndTotal(GetParam().pair), GetParam().pairText);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, NumericTagText,
+    ::testing::Values(NumericTag{1, "Blues", {0, 0, 0, 3, 0, 12, 0, 0}, "3/12"},
+                      NumericTag{68, "Psychedelic", {0, 0, 0, 7, 0, 0, 0, 0}, "7"},
+                      NumericTag{124, "A Cappella", {0, 0, 1, 2, 0, 0}, "258"},
+                      NumericTag{191, "Garage Rock", {0, 0, 0, 1, 0}, ""},
+                      NumericTag{192, "ID3 genre 191", {0, 0, 0, 0, 0, 1}, "0/1"}));
 
 }  // namespace
 }  // namespace quil

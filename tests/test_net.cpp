@@ -54,6 +54,7 @@ enum class Fault {
     GrowsLater,   // later replies name a longer resource
     GarbageBody,  // a well-formed 206 carrying other bytes
     Huge,         // a 5 GiB resource of pattern bytes, made as they are sent
+    ToTheEnd,     // 206 from the start asked for to the end, whatever end was asked
 };
 
 constexpr uint64_t kHugeSize = 5ull << 30;
@@ -89,6 +90,7 @@ public:
         return std::wstring(text.begin(), text.end());
     }
     int requests() const { return requests_; }
+    uint64_t bodyBytesSent() const { return sent_; }
 
 private:
     void acceptLoop() {
@@ -115,13 +117,15 @@ private:
         return request;
     }
 
-    bool sendAll(int fd, const void* data, size_t size) {
+    // Counts what it sends when it is a reply body.
+    bool sendAll(int fd, const void* data, size_t size, bool body = false) {
         const char* bytes = static_cast<const char*>(data);
         while (size > 0 && !stop_) {
             pollfd p{fd, POLLOUT, 0};
             if (::poll(&p, 1, 20) <= 0) continue;
             const ssize_t n = ::send(fd, bytes, size, MSG_NOSIGNAL);
             if (n <= 0) return false;
+            if (body) sent_ += static_cast<uint64_t>(n);
             bytes += n;
             size -= static_cast<size_t>(n);
         }
@@ -131,14 +135,20 @@ private:
     void serve(int fd) {
         const std::string request = readRequest(fd);
         const int number = ++requests_;
-        uint64_t start = 0;
+        uint64_t start = 0, end = UINT64_MAX;  // "bytes=start-" or "bytes=start-last"
         const size_t range = request.find("Range: bytes=");
-        if (range != std::string::npos)
-            start = std::strtoull(request.c_str() + range + 13, nullptr, 10);
+        if (range != std::string::npos) {
+            char* after = nullptr;
+            start = std::strtoull(request.c_str() + range + 13, &after, 10);
+            if (after[0] == '-' && after[1] >= '0' && after[1] <= '9')
+                end = std::strtoull(after + 1, nullptr, 10) + 1;
+        }
         if (fault_ == Fault::Huge) {
             respondHuge(fd, start);
         } else {
-            respond(fd, number, static_cast<size_t>(std::min<uint64_t>(start, body_.size())));
+            if (fault_ == Fault::ToTheEnd) end = UINT64_MAX;
+            respond(fd, number, static_cast<size_t>(std::min<uint64_t>(start, body_.size())),
+                    static_cast<size_t>(std::min<uint64_t>(end, body_.size())));
         }
         ::close(fd);
     }
@@ -157,11 +167,11 @@ private:
         }
     }
 
-    void respond(int fd, int number, size_t start) {
+    void respond(int fd, int number, size_t start, size_t end) {
         size_t total = body_.size();
         if (fault_ == Fault::GrowsLater && number > 1) total += 1000;
         std::string head;
-        size_t first = start, limit = body_.size();
+        size_t first = start, limit = end;
         switch (fault_) {
             case Fault::NotFound:
                 head = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n";
@@ -174,13 +184,15 @@ private:
                 return;
             case Fault::IgnoresRanges:
                 first = 0;
+                limit = body_.size();
                 head = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(total) + "\r\n";
                 break;
             default: {
                 const size_t shown = fault_ == Fault::WrongStart ? start + 1 : start;
+                const size_t last = end == body_.size() ? total : end;  // exclusive
                 head = "HTTP/1.1 206 Partial Content\r\nContent-Length: " +
-                       std::to_string(total - start) + "\r\nContent-Range: bytes " +
-                       std::to_string(shown) + "-" + std::to_string(total - 1) + "/" +
+                       std::to_string(last - start) + "\r\nContent-Range: bytes " +
+                       std::to_string(shown) + "-" + std::to_string(last - 1) + "/" +
                        std::to_string(total) + "\r\n";
             }
         }
@@ -195,7 +207,7 @@ private:
         if (fault_ == Fault::DropsEarly) limit = first + (limit - first) / 2;
         if (fault_ == Fault::DropsOnce && number == 1) limit = std::min(limit, first + 300000);
         const Bytes& data = fault_ == Fault::GarbageBody ? garbage_ : body_;
-        if (first < limit) sendAll(fd, data.data() + first, limit - first);
+        if (first < limit) sendAll(fd, data.data() + first, limit - first, true);
     }
 
     Bytes body_;
@@ -205,6 +217,7 @@ private:
     uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
     std::atomic<int> requests_{0};
+    std::atomic<uint64_t> sent_{0};  // body bytes sent
     std::thread acceptor_;
     std::vector<std::thread> connections_;  // only the acceptor adds; joined at the end
 };
@@ -282,6 +295,111 @@ INSTANTIATE_TEST_SUITE_P(Served, NetFixtureTest,
                                            // fragment headers follow each media data
                                            "frag-h264-aac.mp4"));
 
+// ---- one track of an interleaved file ------------------------------------
+
+constexpr uint32_t kPairs = 48;
+constexpr uint32_t kVideoSize = 150000;  // far apart: the audio chunks are not bridged
+constexpr uint32_t kAudioSize = 700;
+
+std::wstring widen(const std::string& text) { return std::wstring(text.begin(), text.end()); }
+
+// Video and audio chunks of one sample each, alternating, the movie box in
+// front (written, then rewritten by optimizeFile); the file's path.
+std::string writeInterleaved() {
+    const std::string stem = testing::TempDir() + "quil-net-" + std::to_string(getpid());
+    CMp4File* file = nullptr;
+    CMp4File::createInstance(&file);
+    EXPECT_EQ(file->open(widen(stem + "-raw.mp4").c_str(), 1, MP4_FILE_MPEG4), MP4_OK);
+    CMp4Track* tracks[2] = {};
+    const uint32_t formats[2] = {fourcc("jpeg"), fourcc("samr")};
+    for (int t = 0; t < 2; ++t) {
+        MP4SampleEntryInfo info{};
+        info.format = formats[t];
+        info.sampleRate = 1000;
+        info.channels = 1;
+        EXPECT_EQ(file->addTrack(&tracks[t]), MP4_OK);
+        tracks[t]->setTrackType(t == 0 ? MP4_TRACK_VIDEO : MP4_TRACK_AUDIO);
+        tracks[t]->setTimeScale(1000);
+        tracks[t]->addSampleEntry(&info);
+        tracks[t]->setChunkLimits(0, 1);  // every sample closes its chunk
+    }
+    for (uint32_t n = 0; n < kPairs; ++n) {
+        for (int t = 0; t < 2; ++t) {
+            Bytes sample(t == 0 ? kVideoSize : kAudioSize);
+            for (size_t i = 0; i < sample.size(); ++i) sample[i] = pattern(i + n * 31 + t);
+            EXPECT_EQ(tracks[t]->addSample(sample.data(), static_cast<uint32_t>(sample.size()),
+                                           n * 40, n * 40, true),
+                      MP4_OK);
+        }
+    }
+    for (CMp4Track* track : tracks) file->releaseTrack(track);
+    EXPECT_EQ(file->close(), MP4_OK);
+    CMp4File::destroyInstance(&file);
+    const std::string path = stem + ".mp4";
+    CMp4File::createInstance(&file);
+    EXPECT_EQ(file->optimizeFile(1, widen(stem + "-raw.mp4").c_str(), widen(path).c_str()), MP4_OK);
+    CMp4File::destroyInstance(&file);
+    std::remove((stem + "-raw.mp4").c_str());
+    return path;
+}
+
+// Every sample of one track, concatenated; empty when a read fails.
+Bytes readTrack(const std::wstring& path, uint32_t number) {
+    CMp4File* file = nullptr;
+    CMp4File::createInstance(&file);
+    Bytes out;
+    CMp4Track* track = nullptr;
+    if (file->open(path.c_str(), 0, 0) == MP4_OK && file->getTrack(number, &track) == MP4_OK) {
+        uint32_t count = 0;
+        track->getSampleCount(&count);
+        for (uint32_t s = 1; s <= count; ++s) {
+            uint32_t size = 0;
+            track->getSampleSize(s, &size);
+            Bytes sample(size);
+            if (track->readSample(s, size, &size, sample.data()) != MP4_OK) return Bytes();
+            out.insert(out.end(), sample.begin(), sample.end());
+        }
+        file->releaseTrack(track);
+        file->close();
+    }
+    CMp4File::destroyInstance(&file);
+    return out;
+}
+
+// Reading the audio alone transfers about its bytes and the first request
+// (the movie box), not the video between its chunks; reading the video
+// alone streams (the audio between its chunks is read through); every
+// sample of both equals a disc read.
+TEST_F(NetTest, OneTrackCostsAboutItsOwnBytes) {
+    const std::string path = writeInterleaved();
+    std::ifstream in(path, std::ios::binary);
+    const Bytes file{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    ASSERT_GT(file.size(), kPairs * kVideoSize);
+    const uint64_t firstRequest = 256u << 10;
+    const struct {
+        uint32_t track;
+        Fault fault;
+        uint64_t mostSent;
+    } cases[] = {{2, Fault::None, firstRequest + kPairs * kAudioSize * 11 / 10},
+                 // the chunk across the end of the first request comes twice
+                 {1, Fault::None, file.size() + kVideoSize},
+                 // what comes after the bytes asked for is not taken
+                 {2, Fault::ToTheEnd, UINT64_MAX}};
+    for (const auto& c : cases) {
+        LoopbackServer server(file, c.fault);
+        const Bytes samples = readTrack(server.url(), c.track);
+        EXPECT_EQ(samples.size(), kPairs * (c.track == 1 ? kVideoSize : kAudioSize));
+        EXPECT_TRUE(samples == readTrack(widen(path), c.track)) << "track " << c.track;
+        EXPECT_LE(server.bodyBytesSent(), c.mostSent) << "track " << c.track;
+    }
+    LoopbackServer server(file, Fault::None);
+    MP4Err localResult = MP4_OK, urlResult = MP4_OK;
+    const std::string expected = describe(widen(path).c_str(), &localResult);
+    EXPECT_TRUE(describe(server.url().c_str(), &urlResult) == expected);
+    EXPECT_EQ(urlResult, MP4_OK);
+    std::remove(path.c_str());
+}
+
 TEST_F(NetTest, MovieAfterMediaDataIsNotReadOverHttp) {
     // Nothing after "mdat" is read from a network storage.
     LoopbackServer server(fixture("h264-aac.mp4"), Fault::None);
@@ -356,13 +474,14 @@ TEST_F(NetStorageTest, ReadsAcrossBlocksAfterEvictionAndDroppedConnection) {
 }
 
 TEST_F(NetStorageTest, ReadsPastTheEndOrOfAChangedFileFail) {
-    LoopbackServer server(patterned(300000), Fault::GrowsLater);
+    // All of it within the first request (256 KiB).
+    LoopbackServer server(patterned(200000), Fault::GrowsLater);
     CNetStorage storage;
     ASSERT_EQ(storage.setPath(server.url().c_str()), MP4_OK);
     ASSERT_EQ(storage.open(0), MP4_OK);
     expectPattern(&storage, 1000, 1000);
     uint8_t byte = 0;
-    ASSERT_EQ(storage.seek(299999), MP4_OK);
+    ASSERT_EQ(storage.seek(199999), MP4_OK);
     EXPECT_EQ(storage.readUInt8(&byte), MP4_OK);
     EXPECT_EQ(storage.readUInt8(&byte), MP4_ERR_IO);  // past the end
     // New requests (a far seek, then one before that download's start)

@@ -10,6 +10,8 @@
 #include <string>
 
 #include "BoxBuilder.h"
+#include "boxes/EncryptionBoxes.h"
+#include "boxes/FragmentBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "boxes/PspBoxes.h"
 #include "file/Rewrite.h"
@@ -523,6 +525,86 @@ TEST(OffsetMoverTest, OnlyMediaDataTakesStrayOffsetsAndWidens) {
     ASSERT_EQ(MP4_OK, mover.move(movie.get(), false));
     EXPECT_EQ((std::vector<uint64_t>{1016, 1090, 0xFFFFFF00ull + 1000}), offsets(movie.get(), fourcc("co64")));
 }
+
+// Offsets outside the chunk tables: a fragment's explicit base, a "tfra"
+// entry, a sample table's "saio". The media data box at 92 (data 100 bytes
+// at 100) moves to 992 (data at 1000); a "moof" at 40 before it moves with it.
+struct OtherOffsetCase {
+    const char* name;
+    Bytes tree;
+    uint64_t expected;
+    MP4Err err;
+};
+
+Bytes fragmentWithBase(uint64_t base, bool runOffset) {
+    ByteWriter tfhd, trun;
+    tfhd.u32(1).u64(base);
+    trun.u32(0);
+    if (runOffset) trun.u32(60);
+    return box("moof", box("traf", concat({fullBox("tfhd", 0, 0x000001, tfhd),
+                                           fullBox("trun", 0, runOffset ? 1 : 0, trun)})));
+}
+
+Bytes randomAccessTo(uint64_t moof) {
+    ByteWriter tfra;
+    tfra.u32(1).u32(0).u32(1).u64(0).u64(moof).u8(1).u8(1).u8(1);
+    return box("mfra", fullBox("tfra", 1, 0, tfra));
+}
+
+Bytes movieWithAuxInfoAt(uint32_t offset, bool besideSenc) {
+    ByteWriter saio, senc;
+    saio.u32(1).u32(offset);
+    senc.u32(0);
+    Bytes stbl = fullBox("saio", 0, 0, saio);
+    if (besideSenc) stbl = concat({fullBox("senc", 0, 0, senc), stbl});
+    return box("moov", box("trak", box("mdia", box("minf", box("stbl", stbl)))));
+}
+
+uint64_t otherOffset(CBox* top) {
+    CBox* found = nullptr;
+    if (top->findChild(fourcc("traf"), &found) == MP4_OK && found->findChild(fourcc("tfhd"), &found) == MP4_OK) {
+        return dynamic_cast<CTrackFragmentHeaderBox*>(found)->baseDataOffset;
+    }
+    if (top->findChild(fourcc("tfra"), &found) == MP4_OK) {
+        return dynamic_cast<CTrackFragmentRandomAccessBox*>(found)->entries[0].moofOffset;
+    }
+    if (stblOf(top) && stblOf(top)->findChild(fourcc("saio"), &found) == MP4_OK) {
+        return dynamic_cast<CSampleAuxInfoOffsetsBox*>(found)->offsets.at(0);
+    }
+    return 0;
+}
+
+class OtherOffsetsTest : public ::testing::TestWithParam<OtherOffsetCase> {};
+
+TEST_P(OtherOffsetsTest, MoveWithTheirDataAndComeBack) {
+    const OtherOffsetCase& c = GetParam();
+    std::unique_ptr<CBox> top = test::readTree(c.tree);
+    ASSERT_TRUE(top) << c.name;
+    const uint64_t original = otherOffset(top.get());
+    std::unique_ptr<CBox> emptyMovie = test::readTree(box("moov", {}));
+    CBox* movie = top->type == fourcc("moov") ? top.get() : emptyMovie.get();
+    CMediaDataBox mdat;
+    mdat.dataSize = 100;
+    mdat.boxOffset = 92;
+    const std::vector<MediaMove> moves = {{&mdat, 100, 1000, 8}};
+    const std::vector<CBox*> topLevel = {top.get()};
+    COffsetMover mover(moves, COffsetMover::Tables::Every);
+    mover.moveFragmentsIn(topLevel);
+    EXPECT_EQ(c.err, mover.move(movie, false)) << c.name;
+    EXPECT_EQ(c.expected, otherOffset(top.get())) << c.name;
+    ASSERT_EQ(c.err, mover.move(movie, true)) << c.name;
+    EXPECT_EQ(original, otherOffset(top.get())) << c.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, OtherOffsetsTest,
+    ::testing::Values(OtherOffsetCase{"base at its moof", fragmentWithBase(40, true), 940, MP4_OK},
+                      OtherOffsetCase{"base in the data", fragmentWithBase(150, false), 1050, MP4_OK},
+                      OtherOffsetCase{"base past every mdat", fragmentWithBase(4000, false), 4000,
+                                      MP4_ERR_WRONG_LAYOUT},
+                      OtherOffsetCase{"tfra", randomAccessTo(40), 940, MP4_OK},
+                      OtherOffsetCase{"saio in stbl", movieWithAuxInfoAt(120, false), 1020, MP4_OK},
+                      OtherOffsetCase{"saio beside senc", movieWithAuxInfoAt(120, true), 120, MP4_OK}));
 
 }  // namespace
 }  // namespace quil

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
 #include "storage/DiscStorage.h"
+#include "storage/FileCopy.h"
 #include "storage/MediaReader.h"
 #include "storage/MemoryStorage.h"
 #include "storage/WidePath.h"
@@ -542,6 +545,65 @@ TEST(WidePathTest, ConvertsUnicodeAndRejectsTheRest) {
         EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, utf8ToWidePath(bad, &back)) << bad;
     }
 }
+
+// ---------------------------------------------------------------------------
+// The range copier: ranges of a source appended in order after a target's
+// first bytes, whatever their sizes (kernel copies, gathered ones, read
+// windows) and order.
+
+struct RangeCase {
+    const char* what;
+    std::vector<std::pair<uint64_t, uint64_t>> ranges;  // offset, size
+    MP4Err expected;
+};
+
+class RangeCopierTest : public ::testing::TestWithParam<RangeCase> {};
+
+TEST_P(RangeCopierTest, AppendsTheRangesInOrder) {
+    const std::string base = ::testing::TempDir() + "quil_ranges_" + std::to_string(getpid());
+    Bytes source(400000), target(10, 0xEE);
+    for (size_t i = 0; i < source.size(); ++i) source[i] = static_cast<uint8_t>(i * 131 + (i >> 9));
+    for (const auto& [name, bytes] : {std::make_pair(base + ".in", source), std::make_pair(base + ".out", target)}) {
+        FILE* file = std::fopen(name.c_str(), "wb");
+        ASSERT_TRUE(file);
+        ASSERT_EQ(bytes.size(), std::fwrite(bytes.data(), 1, bytes.size(), file));
+        std::fclose(file);
+    }
+    CRangeCopier copier;
+    ASSERT_EQ(MP4_OK, copier.open(base + ".in", base + ".out", target.size()));
+    MP4Err err = MP4_OK;
+    for (const auto& [offset, size] : GetParam().ranges) {
+        if (err == MP4_OK) err = copier.append(offset, size);
+        target.insert(target.end(), source.begin() + std::min<uint64_t>(offset, source.size()),
+                      source.begin() + std::min<uint64_t>(offset + size, source.size()));
+    }
+    const MP4Err finished = copier.finish();
+    EXPECT_EQ(GetParam().expected, err == MP4_OK ? finished : err);
+    if (GetParam().expected == MP4_OK) {
+        std::ifstream written(base + ".out", std::ios::binary);
+        EXPECT_TRUE(target == Bytes(std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()));
+    }
+    std::remove((base + ".in").c_str());
+    std::remove((base + ".out").c_str());
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> tinyRangesBackAndForth() {
+    std::vector<std::pair<uint64_t, uint64_t>> ranges;
+    for (uint64_t i = 0; i < 600; ++i) ranges.push_back({(i % 2 ? 300000 : 1000) + i * 97, 50 + i % 7});
+    return ranges;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ranges, RangeCopierTest,
+    ::testing::Values(
+        RangeCase{"neighbours merge into one kernel copy",
+                  {{100, 30000}, {30100, 30000}, {60100, 40000}}, MP4_OK},
+        RangeCase{"small and large mixed, out of order",
+                  {{390000, 10}, {5, 200000}, {3, 9000}, {200010, 70000}, {7, 1}}, MP4_OK},
+        RangeCase{"tiny ranges of two places in turn", tinyRangesBackAndForth(), MP4_OK},
+        RangeCase{"a range past the source's end", {{10, 100}, {399990, 20}}, MP4_ERR_IO},
+        RangeCase{"a large range past the source's end", {{300000, 200000}}, MP4_ERR_IO}),
+    [](const ::testing::TestParamInfo<RangeCase>& info) { return "case" + std::to_string(info.index); });
 
 }  // namespace
 }  // namespace quil

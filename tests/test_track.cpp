@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include <sys/resource.h>
+#include <zlib.h>
 #include <unistd.h>
 
 #include "BoxBuilder.h"
@@ -1014,9 +1016,10 @@ TEST(TrackTimesDeathTest, HugeSampleCountInSttsIsCappedBySizes) {
 // ---------------------------------------------------------------------------
 // Built files: binding
 
-// A track ID of 0, or a required table missing (its lookup error).
+// A track ID of 0, or a required table missing (its lookup error). A
+// missing "stsd" leaves a track without sample entries (see TrackCopy).
 TEST(TrackBinding, FailuresLeaveNoTrack) {
-    for (const char* type : {"", "stts", "stsz", "stsc", "stco", "stsd"}) {
+    for (const char* type : {"", "stts", "stsz", "stsc", "stco"}) {
         SCOPED_TRACE(type);
         TrackPlan plan = simpleVideo(2);
         plan.omit = type;
@@ -1126,12 +1129,13 @@ TEST(TrackTimecode, FlagBitsOfTheDescription) {
 // Copying a read track (remux)
 
 // The track of a built file copied into a new file with copyTrackFrom and
-// copySampleFrom (samples in `skip` left out), then read back.
-// With fragment settings the copy is written in fragments.
-void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+// copySampleFrom (samples in `skip` left out), with the movie's other boxes
+// (copyMovieBoxes), then read back. With fragment settings the copy is
+// written in fragments.
+void copyAndReadBack(const Bytes& file, const std::vector<uint32_t>& skip,
                      std::function<void(CMp4Track* in, CMp4Track* out)> check,
                      const MP4FragmentSettings* fragments = nullptr) {
-    OpenedFile source(buildFile(plan));
+    OpenedFile source(file);
     CMp4Track* in = source.track(1);
     ASSERT_TRUE(in);
     const std::string path = ::testing::TempDir() + "quil_copy_" + std::to_string(getpid()) + ".mp4";
@@ -1157,6 +1161,7 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     if (count > 0) {
         EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, out->copySampleFrom(1, &size));  // in order
     }
+    ASSERT_EQ(MP4_OK, target->copyMovieBoxes(source.file()));
     ASSERT_EQ(MP4_OK, target->releaseTrack(out));
     ASSERT_EQ(MP4_OK, target->close());
     CMp4File::destroyInstance(&target);
@@ -1167,6 +1172,12 @@ void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
     ASSERT_TRUE(back);
     check(in, back);
     std::remove(path.c_str());
+}
+
+void copyAndReadBack(const TrackPlan& plan, const std::vector<uint32_t>& skip,
+                     std::function<void(CMp4Track* in, CMp4Track* out)> check,
+                     const MP4FragmentSettings* fragments = nullptr) {
+    copyAndReadBack(buildFile(plan), skip, std::move(check), fragments);
 }
 
 std::vector<Bytes> sampleBytes(CMp4Track* t) {
@@ -1190,9 +1201,12 @@ TEST(TrackCopy, KeepsBytesAndStoredTiming) {
     TrackPlan negative = videoWithOffsets(4, {{1, 2}, {1, 0xFFFFFFFEu}, {2, 1}}, {{1, 0}, {2, 5}, {1, 7}});
     negative.edits = {{300, -1}, {600, 0}};
     TrackPlan empty = simpleVideo(0);
+    TrackPlan undescribed = simpleVideo(3);
+    undescribed.omit = "stsd";
     const struct { const char* what; TrackPlan plan; uint64_t duration; } cases[] = {
         {"negative offsets, zero and odd durations, edits", negative, 17},
         {"no samples", empty, 0},
+        {"no sample description (copied without)", undescribed, 30},
         {"chunks of raw audio", [] {
              TrackPlan p;
              p.handler = fourcc("soun");
@@ -1235,6 +1249,45 @@ TEST(TrackCopy, FragmentedCopyKeepsBytesAndTimes) {
                     &settings);
 }
 
+// Movie boxes of unusual shape copy as the movie they hold: a compressed
+// movie from the movie inside it (not the compressed box), a movie box of
+// size 0 that runs to the end over the media data without that as a child.
+Bytes compressedMovieFile() {
+    TrackPlan plan = simpleVideo(3);
+    Bytes file = buildFile(plan);
+    const size_t moovAt = 24 + 8 + plan.media.size();  // after "ftyp" and "mdat"
+    const Bytes moov(file.begin() + moovAt, file.end());
+    uLongf length = compressBound(moov.size());
+    Bytes deflated(length);
+    EXPECT_EQ(Z_OK, compress(deflated.data(), &length, moov.data(), moov.size()));
+    deflated.resize(length);
+    file.resize(moovAt);
+    const Bytes cmvd = box("cmvd", concat({ByteWriter().u32(moov.size()), deflated}));
+    return concat({file, box("moov", box("cmov", concat({box("dcom", ByteWriter().code("zlib")), cmvd})))});
+}
+
+Bytes movieOverTheMediaFile() {
+    TrackPlan plan = simpleVideo(3);
+    const size_t children = buildFile(plan).size() - 24 - 8 - plan.media.size() - 8;
+    plan = TrackPlan();
+    plan.sampleEntry = visualEntry("avc1");
+    layOut(&plan, {{2}, {3}, {4}}, false, 8 + children);
+    const Bytes file = buildFile(plan);
+    const Bytes moov(file.begin() + 24 + 8 + plan.media.size() + 8, file.end());
+    return concat({Bytes(file.begin(), file.begin() + 24), ByteWriter().u32(0).code("moov"), moov,
+                   box("mdat", plan.media)});
+}
+
+class UnusualMovie : public ::testing::TestWithParam<Bytes (*)()> {};
+
+TEST_P(UnusualMovie, CopiesTheMovieItHolds) {
+    copyAndReadBack(GetParam()(), {}, [](CMp4Track* in, CMp4Track* out) {
+        EXPECT_EQ(sampleBytes(in), sampleBytes(out));
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, UnusualMovie, ::testing::Values(compressedMovieFile, movieOverTheMediaFile));
+
 // A sample left out (unreadable): the others keep their times; the one
 // before the gap lasts until the next.
 TEST(TrackCopy, LeftOutSamplesKeepTheOthersInPlace) {
@@ -1263,6 +1316,173 @@ TEST(TrackCopy, LeftOutSamplesKeepTheOthersInPlace) {
     EXPECT_EQ(MP4_OK, target->releaseTrack(out));
     EXPECT_EQ(MP4_OK, target->close());
     CMp4File::destroyInstance(&target);
+    std::remove(path.c_str());
+}
+
+// ---------------------------------------------------------------------------
+// Every sample at once (Mp4CopyTrackSamples) against copySampleFrom
+
+// Copies every track of the file at path as `quil remux` does, either all
+// samples at once or sample by sample in decode-time order; the copy's
+// bytes. allAtOnce gives the call's result in *err (12 falls back to the
+// loop, which leaves unreadable samples out).
+Bytes remuxed(const std::string& path, uint32_t byteLimit, bool allAtOnce, MP4Err* err) {
+    const std::string copyPath = ::testing::TempDir() + "quil_at_once_" + std::to_string(getpid()) + ".mp4";
+    CMp4File *in = nullptr, *out = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(MP4_OK, CMp4File::createInstance(&in));
+    EXPECT_EQ(MP4_OK, CMp4File::createInstance(&out));
+    EXPECT_EQ(MP4_OK, in->open(std::wstring(path.begin(), path.end()).c_str(), 0, 0));
+    EXPECT_EQ(MP4_OK, in->getTrackCount(&count));
+    EXPECT_EQ(MP4_OK, out->open(std::wstring(copyPath.begin(), copyPath.end()).c_str(), 1, MP4_FILE_MPEG4));
+    struct Copy {
+        CMp4Track *from = nullptr, *to = nullptr;
+        uint32_t next = 1, samples = 0, scale = 1;
+        uint64_t decode = 0;
+    };
+    std::vector<Copy> copies(count);
+    std::vector<CMp4Track*> targets;
+    for (uint32_t t = 0; t < count; ++t) {
+        Copy& c = copies[t];
+        EXPECT_EQ(MP4_OK, in->getTrack(t + 1, &c.from));
+        EXPECT_EQ(MP4_OK, out->addTrack(&c.to));
+        EXPECT_EQ(MP4_OK, c.to->copyTrackFrom(c.from));
+        (void)c.from->getTimeScale(&c.scale);
+        (void)c.to->setChunkLimits(c.scale, byteLimit);
+        (void)c.from->getSampleCount(&c.samples);
+        (void)c.from->getSampleDecodeTime(1, &c.decode);
+        targets.push_back(c.to);
+    }
+    *err = allAtOnce ? Mp4CopyTrackSamples(out, targets.data(), count, nullptr, nullptr) : MP4_ERR_UNSUPPORTED;
+    while (*err == MP4_ERR_UNSUPPORTED) {
+        Copy* best = nullptr;
+        for (Copy& c : copies) {
+            if (c.next <= c.samples && (!best || static_cast<unsigned __int128>(c.decode) * best->scale <
+                                                     static_cast<unsigned __int128>(best->decode) * c.scale)) {
+                best = &c;
+            }
+        }
+        if (!best) break;
+        uint32_t size = 0;
+        (void)best->to->copySampleFrom(best->next, &size);
+        if (++best->next <= best->samples) (void)best->from->getSampleDecodeTime(best->next, &best->decode);
+    }
+    for (Copy& c : copies) {
+        EXPECT_EQ(MP4_OK, out->releaseTrack(c.to));
+        EXPECT_EQ(MP4_OK, in->releaseTrack(c.from));
+    }
+    EXPECT_EQ(MP4_OK, out->close());
+    CMp4File::destroyInstance(&out);
+    CMp4File::destroyInstance(&in);
+    std::ifstream written(copyPath, std::ios::binary);
+    Bytes bytes{std::istreambuf_iterator<char>(written), std::istreambuf_iterator<char>()};
+    std::remove(copyPath.c_str());
+    return bytes;
+}
+
+// Chunks of 256 KiB or a second, and chunks cut by a small byte limit: the
+// same file byte for byte as the sample-by-sample copy; where the call
+// refuses (12), it wrote nothing and the loop after it writes what it
+// writes alone.
+void expectSameCopy(const std::string& path, MP4Err expected) {
+    for (uint32_t byteLimit : {256u * 1024, 3000u, 5u}) {
+        SCOPED_TRACE(byteLimit);
+        MP4Err ignored = MP4_OK, err = MP4_OK;
+        const Bytes bySample = remuxed(path, byteLimit, false, &ignored);
+        const Bytes atOnce = remuxed(path, byteLimit, true, &err);
+        EXPECT_EQ(expected, err);
+        ASSERT_GT(bySample.size(), 100u);
+        EXPECT_TRUE(bySample == atOnce);
+    }
+}
+
+struct AllAtOnceCase {
+    const char* file;
+    MP4Err expected;
+};
+
+class AllAtOnce : public ::testing::TestWithParam<AllAtOnceCase> {};
+
+TEST_P(AllAtOnce, WritesTheFileOfTheSampleBySampleCopy) {
+    expectSameCopy(fixturePath(GetParam().file), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fixtures, AllAtOnce,
+    ::testing::Values(AllAtOnceCase{"h264-aac.mp4", MP4_OK}, AllAtOnceCase{"h264-bframes.mp4", MP4_OK},
+                      AllAtOnceCase{"audio-delay.mp4", MP4_OK}, AllAtOnceCase{"h263-amrnb.3gp", MP4_OK},
+                      AllAtOnceCase{"hevc-hvc1.mp4", MP4_OK}, AllAtOnceCase{"timecode.mov", MP4_OK},
+                      // fragments; raw audio read a chunk as a sample; cut off; damaged sizes
+                      AllAtOnceCase{"frag-h264-aac.mp4", MP4_ERR_UNSUPPORTED},
+                      AllAtOnceCase{"pcm-sowt.mov", MP4_ERR_UNSUPPORTED},
+                      AllAtOnceCase{"bad-truncated-mdat-faststart.mp4", MP4_ERR_UNSUPPORTED},
+                      AllAtOnceCase{"bad-stsz-count.mp4", MP4_ERR_UNSUPPORTED}),
+    [](const ::testing::TestParamInfo<AllAtOnceCase>& info) {
+        std::string name;
+        for (const char* c = info.param.file; *c && *c != '.'; ++c) name += std::isalnum(*c) ? *c : '_';
+        return name;
+    });
+
+// Tables at their edges: what the sample access answers for them is what
+// the tables give at once, or the call refuses them.
+TEST(AllAtOnceTables, EdgesOfTheTables) {
+    TrackPlan negative = videoWithOffsets(6, {{1, 2}, {1, 0xFFFFFFFEu}, {4, 1}}, {{1, 0}, {3, 5}, {2, 7}});
+    negative.edits = {{300, -1}, {600, 0}};
+    TrackPlan emptyLastRun = videoWithOffsets(6, {}, {{6, 10}, {0, 7}});
+    TrackPlan secondEntry = simpleVideo(6);
+    secondEntry.stsc = {{1, 1, 1}, {4, 1, 2}};
+    TrackPlan syncAndWide = simpleVideo(9);
+    syncAndWide.hasStss = true;
+    syncAndWide.syncSamples = {1, 4, 4, 8};
+    syncAndWide.co64 = true;
+    TrackPlan shortOffsets = videoWithOffsets(4, {{2, 20}});
+    TrackPlan shortTimes = videoWithOffsets(4, {}, {{3, 10}});
+    TrackPlan sameSizes = simpleVideo(8);
+    sameSizes.constantSize = 3;
+    sameSizes.sizes.clear();
+    const struct { const char* what; const TrackPlan& plan; MP4Err expected; } cases[] = {
+        {"negative offsets, zero and odd durations, edits", negative, MP4_OK},
+        {"last duration from an empty last run", emptyLastRun, MP4_OK},
+        {"a second description cuts the chunk", secondEntry, MP4_OK},
+        {"sync samples listed twice, 64-bit offsets", syncAndWide, MP4_OK},
+        {"one size for all", sameSizes, MP4_OK},
+        {"offsets for fewer samples", shortOffsets, MP4_ERR_UNSUPPORTED},
+        {"times for fewer samples", shortTimes, MP4_ERR_UNSUPPORTED},
+    };
+    const std::string path = ::testing::TempDir() + "quil_tables_" + std::to_string(getpid()) + ".mp4";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const Bytes file = buildFile(c.plan);
+        std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(file.data()), file.size());
+        expectSameCopy(path, c.expected);
+    }
+    std::remove(path.c_str());
+}
+
+// Refused: a track not being written to the target (2), a track without
+// a source or given a sample already (12, nothing written).
+TEST(AllAtOnceRefusals, StateAndArguments) {
+    OpenedFile source("h264-aac.mp4");
+    CMp4Track* from = source.track(1);
+    ASSERT_TRUE(from);
+    CMp4File* out = nullptr;
+    CMp4Track* to = nullptr;
+    uint32_t size = 0, count = 0;
+    ASSERT_EQ(MP4_OK, CMp4File::createInstance(&out));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, Mp4CopyTrackSamples(out, &from, 1, nullptr, nullptr));
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, Mp4CopyTrackSamples(nullptr, &from, 1, nullptr, nullptr));
+    const std::string path = ::testing::TempDir() + "quil_refused_" + std::to_string(getpid()) + ".mp4";
+    ASSERT_EQ(MP4_OK, out->open(std::wstring(path.begin(), path.end()).c_str(), 1, MP4_FILE_MPEG4));
+    ASSERT_EQ(MP4_OK, out->addTrack(&to));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, Mp4CopyTrackSamples(out, &to, 1, nullptr, nullptr));
+    ASSERT_EQ(MP4_OK, to->copyTrackFrom(from));
+    ASSERT_EQ(MP4_OK, to->copySampleFrom(1, &size));
+    EXPECT_EQ(MP4_ERR_UNSUPPORTED, Mp4CopyTrackSamples(out, &to, 1, nullptr, nullptr));
+    EXPECT_EQ(MP4_OK, to->getSampleCount(&count));
+    EXPECT_EQ(1u, count);
+    EXPECT_EQ(MP4_OK, out->releaseTrack(to));
+    EXPECT_EQ(MP4_OK, out->close());
+    CMp4File::destroyInstance(&out);
     std::remove(path.c_str());
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "BoxBuilder.h"
+#include "Rewrite.h"
 #include "boxes/MovieBoxes.h"
 #include "quil/quil.h"
 #include "storage/DiscStorage.h"
@@ -446,6 +447,120 @@ TEST_P(FileTypes, BrandAndLayout) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AllTypes, FileTypes, ::testing::Range(0u, 13u));
+
+// setBrands before the first sample: the "ftyp" written again (longer,
+// as long, or shorter with a "free" box after it), the samples where the
+// tables say; refused where the file has no "ftyp" of its own. Remux's
+// keepInputBrands gives a copy its source's brands, without those that
+// only fragmented files may claim unless the copy is fragmented.
+struct BrandCase {
+    const char* name;
+    uint32_t fileType;
+    std::vector<const char*> brands;  // major, then the compatible ones
+    MP4Err set;                       // setBrands' answer
+    bool fragmented;                  // copied through keepInputBrands into fragments
+    std::vector<const char*> copied;  // the copy's brands (empty: not copied)
+    uint32_t copiedMinor;
+};
+
+class Brands : public ::testing::TestWithParam<BrandCase> {};
+
+std::vector<uint32_t> codes(const std::vector<const char*>& brands) {
+    std::vector<uint32_t> out;
+    for (const char* b : brands) out.push_back(uint32_t(uint8_t(b[0])) << 24 | uint8_t(b[1]) << 16 | uint8_t(b[2]) << 8 | uint8_t(b[3]));
+    return out;
+}
+
+// Major brand, minor version and compatible brands of a written file.
+std::vector<uint32_t> brandsOf(const std::string& path) {
+    File file;
+    EXPECT_EQ(MP4_OK, file->open(wide(path).c_str(), 0, 0));
+    uint32_t major = 0, minor = 0, count = 0;
+    std::vector<uint32_t> brands(16);
+    EXPECT_EQ(MP4_OK, Mp4GetBrands(file.file, &major, &minor, brands.data(), 16, &count));
+    brands.resize(count);
+    brands.insert(brands.begin(), {major, minor});
+    return brands;
+}
+
+// One sample written after the brands; it reads back.
+void writeOneSample(CMp4File* file, const Bytes& sample) {
+    CMp4Track* track = newTrack(file, MP4_TRACK_AUDIO, fourcc("samr"));
+    ASSERT_EQ(MP4_OK, track->addSample(sample.data(), static_cast<uint32_t>(sample.size()), 0, 0, true));
+    ASSERT_EQ(MP4_OK, file->releaseTrack(track));
+}
+
+TEST_P(Brands, FileTypeBoxWrittenAgainBeforeTheMedia) {
+    const BrandCase& c = GetParam();
+    const std::string path = tempPath("brands.mp4");
+    const std::vector<uint32_t> brands = codes(c.brands);
+    const Bytes sample = sampleBytes(3, 32);
+    {
+        File file;
+        ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), 1, c.fileType));
+        EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, file->setBrands(brands[0], 7, nullptr, 1));
+        ASSERT_EQ(c.set, file->setBrands(brands[0], 7, brands.data() + 1, brands.size() - 1));
+        writeOneSample(file.file, sample);
+        EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, file->setBrands(brands[0], 7, nullptr, 0));  // media written
+        ASSERT_EQ(MP4_OK, file->close());
+    }
+    if (c.set == MP4_OK) {
+        std::vector<uint32_t> expected = brands;
+        expected.insert(expected.begin() + 1, 7);
+        EXPECT_EQ(expected, brandsOf(path));
+    }
+    {
+        File file;
+        ASSERT_EQ(MP4_OK, file->open(wide(path).c_str(), 0, 0));
+        CMp4Track* track = nullptr;
+        ASSERT_EQ(MP4_OK, file->getTrack(1, &track));
+        Bytes got(64);
+        uint32_t size = 0;
+        EXPECT_EQ(MP4_OK, track->readSample(1, 64, &size, got.data()));
+        EXPECT_EQ(sample, Bytes(got.begin(), got.begin() + size));
+        EXPECT_EQ(MP4_OK, file->releaseTrack(track));
+    }
+    if (!c.copied.empty()) {
+        const std::string copy = tempPath("brands-copy.mp4");
+        {
+            File source, target;
+            MP4FragmentSettings settings{};
+            settings.fragmentMilliseconds = 1000;
+            settings.cmafBrands = true;
+            ASSERT_EQ(MP4_OK, source->open(wide(path).c_str(), 0, 0));
+            ASSERT_EQ(MP4_OK, target->open(wide(copy).c_str(), 1, MP4_FILE_MPEG4));
+            ASSERT_EQ(MP4_OK, tool::keepInputBrands(source.file, target.file, c.fragmented));
+            if (c.fragmented) {
+                ASSERT_EQ(MP4_OK, target->setFragmentation(&settings));
+            }
+            writeOneSample(target.file, sample);
+            ASSERT_EQ(MP4_OK, target->close());
+        }
+        std::vector<uint32_t> expected = codes(c.copied);
+        expected.insert(expected.begin() + 1, c.copiedMinor);
+        EXPECT_EQ(expected, brandsOf(copy));
+        std::remove(copy.c_str());
+    }
+    std::remove(path.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, Brands,
+    ::testing::Values(
+        BrandCase{"M4A_longer", MP4_FILE_MPEG4, {"M4A ", "M4A ", "isom", "iso2", "mp42"}, MP4_OK,
+                  false, {"M4A ", "M4A ", "isom", "iso2", "mp42"}, 7},
+        BrandCase{"3gp5_as_long", MP4_FILE_3GPP5, {"3gp5", "3gp5", "3gp4", "isom"}, MP4_OK, false, {}, 0},
+        BrandCase{"shorter_by_4", MP4_FILE_3GPP4, {"isom", "isom", "avc1"}, MP4_OK, false, {}, 0},
+        BrandCase{"shorter_by_8_qt", MP4_FILE_3GPP4, {"qt  ", "qt  "}, MP4_OK, false, {}, 0},
+        BrandCase{"cmaf_into_classic", MP4_FILE_MPEG4, {"isom", "isom", "cmfc", "dash"}, MP4_OK, false,
+                  {"isom", "isom"}, 7},
+        BrandCase{"cmaf_major_keeps_defaults", MP4_FILE_MPEG4, {"dash", "iso6"}, MP4_OK, false,
+                  {"mp42", "mp42", "isom"}, 1},
+        BrandCase{"into_fragments", MP4_FILE_MPEG4, {"iso6", "iso6", "cmfc"}, MP4_OK, true,
+                  {"iso6", "iso6", "cmfc"}, 7},
+        BrandCase{"no_ftyp", MP4_FILE_NO_FTYP, {"isom"}, MP4_ERR_NOT_AVAILABLE, false, {}, 0},
+        BrandCase{"psp", MP4_FILE_PSP, {"isom"}, MP4_ERR_NOT_AVAILABLE, false, {}, 0}),
+    [](const ::testing::TestParamInfo<BrandCase>& info) { return std::string(info.param.name); });
 
 TEST(WriteLayout, NoTracksNoMovieAndA16ByteMediaHeader) {
     const std::string path = tempPath("empty.mp4");

@@ -5,7 +5,8 @@
 // (containers the tree keeps whole, such as "meta", "moof" and "mvex",
 // expanded) with the first N entries of each table; --json prints that
 // list as one JSON document instead. The list comes from the library's box
-// walk; the fields shown per box are described in README.md.
+// walk, each box's fields from the library's description of it
+// (Mp4DescribeBox: the fields its layout names); README.md lists them.
 #include "Dump.h"
 
 #include <cinttypes>
@@ -37,44 +38,9 @@ struct BoxReport {
     MP4BoxVisit place{};
     std::string path;
     Values fields;
-    uint64_t entryCount = 0;
     bool hasEntries = false;
     std::vector<Values> entries;  // the first N
     std::string payloadHead;      // hex of the first bytes, for boxes without fields
-};
-
-// Big-endian fields of a box's payload, read through the library; reads
-// past what was fetched fail and stop the decoding.
-class FieldReader {
-public:
-    FieldReader(CMp4File* file, const MP4BoxVisit& box, uint32_t fetch) {
-        const uint64_t available = box.size - box.headerSize;
-        bytes_.resize(static_cast<size_t>(available < fetch ? available : fetch));
-        ok_ = Mp4ReadFileBytes(file, box.offset + box.headerSize, bytes_.data(),
-                               static_cast<uint32_t>(bytes_.size())) == MP4_OK;
-    }
-    bool ok() const { return ok_; }
-    uint64_t take(int width) {
-        if (!ok_ || at_ + width > bytes_.size()) {
-            ok_ = false;
-            return 0;
-        }
-        uint64_t value = 0;
-        for (int i = 0; i < width; ++i) value = value << 8 | bytes_[at_++];
-        return value;
-    }
-    std::string code() { return fourccText(static_cast<uint32_t>(take(4))); }
-    std::string rest() {  // text up to a terminator or the end of what was fetched
-        std::string text;
-        while (ok_ && at_ < bytes_.size() && bytes_[at_] != 0) text += static_cast<char>(bytes_[at_++]);
-        return text;
-    }
-    const std::vector<uint8_t>& bytes() const { return bytes_; }
-
-private:
-    std::vector<uint8_t> bytes_;
-    size_t at_ = 0;
-    bool ok_ = false;
 };
 
 void number(Values* values, const char* key, uint64_t value) {
@@ -87,202 +53,71 @@ void text(Values* values, const char* key, const std::string& value) {
     values->push_back(Value{key, true, 0, false, value});
 }
 
-// Version and flags of a full box; the version.
-uint8_t versionAndFlags(FieldReader* r, Values* fields) {
-    const uint8_t version = static_cast<uint8_t>(r->take(1));
-    number(fields, "version", version);
-    number(fields, "flags", r->take(3));
-    return version;
-}
-
-// ---- field decoders, one per box type -----------------------------------
-
-struct Decoder {
-    uint32_t type;
-    void (*decode)(FieldReader* r, BoxReport* box, uint32_t entries);
-    uint32_t fixedBytes;  // bytes before a table (fetched besides its entries)
-    uint32_t entryBytes;  // bytes per table entry (0: no table)
-};
-
-void decodeFtyp(FieldReader* r, BoxReport* box, uint32_t) {
-    text(&box->fields, "majorBrand", r->code());
-    number(&box->fields, "minorVersion", r->take(4));
-    std::string brands;
-    while (r->ok() && box->place.size - box->place.headerSize >= 8 + 4 * (brands.size() / 5 + 1)) {
-        const std::string brand = r->code();
-        if (!r->ok()) break;
-        brands += (brands.empty() ? "" : " ") + brand;
-    }
-    text(&box->fields, "compatibleBrands", brands);
-}
-
-// mvhd and mdhd: times, time scale and duration by version.
-void decodeMediaHeader(FieldReader* r, BoxReport* box, uint32_t) {
-    const int width = versionAndFlags(r, &box->fields) == 1 ? 8 : 4;
-    number(&box->fields, "creationTime", r->take(width));
-    number(&box->fields, "modificationTime", r->take(width));
-    number(&box->fields, "timeScale", r->take(4));
-    number(&box->fields, "duration", r->take(width));
-}
-
-void decodeTkhd(FieldReader* r, BoxReport* box, uint32_t) {
-    const int width = versionAndFlags(r, &box->fields) == 1 ? 8 : 4;
-    r->take(2 * width);
-    number(&box->fields, "trackId", r->take(4));
-    r->take(4);
-    number(&box->fields, "duration", r->take(width));
-}
-
-void decodeHdlr(FieldReader* r, BoxReport* box, uint32_t) {
-    versionAndFlags(r, &box->fields);
-    r->take(4);
-    text(&box->fields, "handlerType", r->code());
-    r->take(12);
-    text(&box->fields, "name", r->rest());
-}
-
-void decodeFullBoxOnly(FieldReader* r, BoxReport* box, uint32_t) {
-    versionAndFlags(r, &box->fields);
-}
-
-void decodeEntryCount(FieldReader* r, BoxReport* box, uint32_t) {
-    versionAndFlags(r, &box->fields);
-    number(&box->fields, "entryCount", r->take(4));
-}
-
-void decodeMfhd(FieldReader* r, BoxReport* box, uint32_t) {
-    versionAndFlags(r, &box->fields);
-    number(&box->fields, "sequenceNumber", r->take(4));
-}
-
-void decodeTfdt(FieldReader* r, BoxReport* box, uint32_t) {
-    const int width = versionAndFlags(r, &box->fields) == 1 ? 8 : 4;
-    number(&box->fields, "baseMediaDecodeTime", r->take(width));
-}
-
-void decodeTrex(FieldReader* r, BoxReport* box, uint32_t) {
-    versionAndFlags(r, &box->fields);
-    number(&box->fields, "trackId", r->take(4));
-    number(&box->fields, "defaultSampleDescriptionIndex", r->take(4));
-    number(&box->fields, "defaultSampleDuration", r->take(4));
-    number(&box->fields, "defaultSampleSize", r->take(4));
-    number(&box->fields, "defaultSampleFlags", r->take(4));
-}
-
-// A table: version and flags, the count, then up to `entries` entries of
-// the named 32-bit (or, for co64 and version-1 elst, 64-bit) columns.
-void decodeTable(FieldReader* r, BoxReport* box, uint32_t entries,
-                 std::initializer_list<const char*> columns, int width) {
-    box->hasEntries = true;
-    box->entryCount = r->take(4);
-    number(&box->fields, "entryCount", box->entryCount);
-    for (uint64_t n = 0; n < box->entryCount && n < entries && r->ok(); ++n) {
-        Values entry;
-        for (const char* column : columns) number(&entry, column, r->take(width));
-        if (r->ok()) box->entries.push_back(entry);
-    }
-}
-
-void decodeStts(FieldReader* r, BoxReport* box, uint32_t entries) {
-    versionAndFlags(r, &box->fields);
-    decodeTable(r, box, entries, {"sampleCount", "sampleDelta"}, 4);
-}
-void decodeCtts(FieldReader* r, BoxReport* box, uint32_t entries) {
-    const uint8_t version = versionAndFlags(r, &box->fields);
-    decodeTable(r, box, entries, {"sampleCount", "sampleOffset"}, 4);
-    if (version == 1) {  // signed offsets
-        for (Values& entry : box->entries) {
-            entry[1].isSigned = true;
-            entry[1].number = static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(entry[1].number)));
-        }
-    }
-}
-void decodeStss(FieldReader* r, BoxReport* box, uint32_t entries) {
-    versionAndFlags(r, &box->fields);
-    decodeTable(r, box, entries, {"sampleNumber"}, 4);
-}
-void decodeStsc(FieldReader* r, BoxReport* box, uint32_t entries) {
-    versionAndFlags(r, &box->fields);
-    decodeTable(r, box, entries, {"firstChunk", "samplesPerChunk", "sampleDescriptionIndex"}, 4);
-}
-void decodeStsz(FieldReader* r, BoxReport* box, uint32_t entries) {
-    versionAndFlags(r, &box->fields);
-    const uint64_t sampleSize = r->take(4);
-    number(&box->fields, "sampleSize", sampleSize);
-    if (sampleSize != 0) {
-        number(&box->fields, "sampleCount", r->take(4));
-        return;
-    }
-    decodeTable(r, box, entries, {"entrySize"}, 4);
-}
-void decodeStco(FieldReader* r, BoxReport* box, uint32_t entries) {
-    versionAndFlags(r, &box->fields);
-    decodeTable(r, box, entries, {"chunkOffset"}, 4);
-}
-void decodeCo64(FieldReader* r, BoxReport* box, uint32_t entries) {
-    versionAndFlags(r, &box->fields);
-    decodeTable(r, box, entries, {"chunkOffset"}, 8);
-}
-void decodeElst(FieldReader* r, BoxReport* box, uint32_t entries) {
-    const int width = versionAndFlags(r, &box->fields) == 1 ? 8 : 4;
-    box->hasEntries = true;
-    box->entryCount = r->take(4);
-    number(&box->fields, "entryCount", box->entryCount);
-    for (uint64_t n = 0; n < box->entryCount && n < entries && r->ok(); ++n) {
-        Values entry;
-        number(&entry, "segmentDuration", r->take(width));
-        const uint64_t time = r->take(width);
-        signedNumber(&entry, "mediaTime",
-                     width == 8 ? static_cast<int64_t>(time)
-                                : static_cast<int64_t>(static_cast<int32_t>(time)));
-        signedNumber(&entry, "mediaRateInteger", static_cast<int16_t>(r->take(2)));
-        number(&entry, "mediaRateFraction", r->take(2));
-        if (r->ok()) box->entries.push_back(entry);
-    }
-}
-
-const Decoder kDecoders[] = {
-    {fourcc("ftyp"), decodeFtyp, 256, 0},     {fourcc("styp"), decodeFtyp, 256, 0},
-    {fourcc("mvhd"), decodeMediaHeader, 32, 0}, {fourcc("mdhd"), decodeMediaHeader, 32, 0},
-    {fourcc("tkhd"), decodeTkhd, 40, 0},      {fourcc("hdlr"), decodeHdlr, 256, 0},
-    {fourcc("stsd"), decodeEntryCount, 8, 0}, {fourcc("dref"), decodeEntryCount, 8, 0},
-    {fourcc("meta"), decodeFullBoxOnly, 4, 0}, {fourcc("vmhd"), decodeFullBoxOnly, 4, 0},
-    {fourcc("smhd"), decodeFullBoxOnly, 4, 0}, {fourcc("mfhd"), decodeMfhd, 8, 0},
-    {fourcc("tfdt"), decodeTfdt, 12, 0},      {fourcc("trex"), decodeTrex, 24, 0},
-    {fourcc("stts"), decodeStts, 8, 8},       {fourcc("ctts"), decodeCtts, 8, 8},
-    {fourcc("stss"), decodeStss, 8, 4},       {fourcc("stsc"), decodeStsc, 8, 12},
-    {fourcc("stsz"), decodeStsz, 12, 4},      {fourcc("stco"), decodeStco, 8, 4},
-    {fourcc("co64"), decodeCo64, 8, 8},       {fourcc("elst"), decodeElst, 8, 20},
-};
+// ---- the box's fields, as the library describes them ----------------------
 
 constexpr uint32_t kHeadBytes = 16;  // of a payload shown as hex
 
-std::string hex(const std::vector<uint8_t>& bytes, size_t count) {
+std::string hex(const uint8_t* bytes, size_t count) {
     static const char kDigits[] = "0123456789abcdef";
     std::string out;
-    for (size_t i = 0; i < count && i < bytes.size(); ++i) {
+    for (size_t i = 0; i < count; ++i) {
         out += kDigits[bytes[i] >> 4];
         out += kDigits[bytes[i] & 15];
     }
     return out;
 }
 
+// The compatible brands as one text. A brand is added while the payload
+// holds one more brand than the text has five-character slots, the rule
+// this list has always followed (a brand shown as a 10-character number
+// takes two).
+std::string brandsText(const MP4BoxField& field, uint64_t payload) {
+    std::string brands;
+    for (uint32_t at = 0; at + 4 <= field.length; at += 4) {
+        if (payload < 8 + 4 * (brands.size() / 5 + 1)) break;
+        const uint8_t* b = field.bytes + at;
+        const uint32_t code = uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3];
+        brands += (brands.empty() ? "" : " ") + fourccText(code);
+    }
+    return brands;
+}
+
+MP4Err addField(const MP4BoxField* field, void* user) {
+    auto* box = static_cast<BoxReport*>(user);
+    if (field->form == MP4_FIELD_TABLE) {
+        box->hasEntries = true;
+        return MP4_OK;
+    }
+    if (field->entry > box->entries.size()) box->entries.resize(field->entry);
+    Values* values = field->entry == 0 ? &box->fields : &box->entries[field->entry - 1];
+    switch (field->form) {
+        case MP4_FIELD_SIGNED: signedNumber(values, field->key, static_cast<int64_t>(field->number)); break;
+        case MP4_FIELD_CODE: text(values, field->key, fourccText(static_cast<uint32_t>(field->number))); break;
+        case MP4_FIELD_CODES:
+            text(values, field->key, brandsText(*field, box->place.size - box->place.headerSize));
+            break;
+        case MP4_FIELD_TEXT:
+            text(values, field->key, std::string(reinterpret_cast<const char*>(field->bytes), field->length));
+            break;
+        default: number(values, field->key, field->number); break;
+    }
+    return MP4_OK;
+}
+
+// The box's fields as the library describes them; a box without described
+// fields shows the head of its payload.
 BoxReport describeBox(CMp4File* file, const MP4BoxVisit& place, uint32_t entries) {
     BoxReport box;
     box.place = place;
     box.path = place.path;
-    // QuickTime "meta" has no version and flags.
-    const bool quickTimeMeta = place.type == fourcc("meta") && place.payloadLength == 0;
-    for (const Decoder& decoder : kDecoders) {
-        if (decoder.type != place.type || quickTimeMeta) continue;
-        const uint64_t wanted = decoder.fixedBytes + uint64_t{decoder.entryBytes} * entries;
-        FieldReader reader(file, place, static_cast<uint32_t>(wanted < (1u << 24) ? wanted : 1u << 24));
-        decoder.decode(&reader, &box, entries);
-        return box;
-    }
-    if (place.payloadLength > 0) {
-        FieldReader reader(file, place, kHeadBytes);
-        box.payloadHead = hex(reader.bytes(), kHeadBytes);
+    if (Mp4DescribeBox(file, &place, entries, addField, &box) != MP4_OK) box.fields.clear();
+    if (box.fields.empty() && place.payloadLength > 0) {
+        uint8_t head[kHeadBytes] = {};
+        const uint64_t available = place.size - place.headerSize;
+        const uint32_t count = static_cast<uint32_t>(available < kHeadBytes ? available : kHeadBytes);
+        // As read: a failed read leaves what it read (the zeros of head).
+        (void)Mp4ReadFileBytes(file, place.offset + place.headerSize, head, count);
+        box.payloadHead = hex(head, count);
     }
     return box;
 }

@@ -188,7 +188,13 @@ bool writeSegmentSet(const char* input, const std::string& directory, MP4Fragmen
     settings.randomAccessIndex = false;
     options.fragments = &settings;
     options.fragmentsWritten = &set->segments;
-    return copyTracksOrReport(input, directory + "/" + set->initName, options);
+    // Each set counts what it left out; the run adds them up.
+    uint64_t missing = 0;
+    uint64_t* total = options.missing;
+    options.missing = &missing;
+    const bool written = copyTracksOrReport(input, directory + "/" + set->initName, options);
+    if (total) *total += missing;
+    return written;
 }
 
 // One set per media track: init-T.mp4, seg-T-N.m4s and track-T.m3u8.
@@ -245,7 +251,8 @@ int writeSegments(const char* input, const std::string& directory,
         }
         if (trackSets.empty()) trackSets = muxed;
     }
-    return writeText(directory + "/manifest.mpd", dashManifest(trackSets)) ? kExitOk : kExitFailure;
+    if (!writeText(directory + "/manifest.mpd", dashManifest(trackSets))) return kExitFailure;
+    return *options.missing > 0 ? kExitSamplesMissing : kExitOk;
 }
 
 // SECONDS as a decimal number (e.g. 2 or 0.5), in milliseconds.
@@ -269,6 +276,10 @@ int runFragment(const Arguments& arguments) {
     CopyOptions options;
     options.label = "fragment";
     options.progress = arguments.has("--progress");
+    // Salvaged as by remux: what cannot be read is left out, named and
+    // counted, and the exit status says so.
+    uint64_t missing = 0;
+    options.missing = &missing;
     const char* directory = arguments.value("--segments");
     if (directory) {
         if (arguments.operands().size() != 1 || arguments.has("--sidx")) {
@@ -296,7 +307,7 @@ int runFragment(const Arguments& arguments) {
         std::fprintf(stderr, "quil: fragment: %s\n", error.c_str());
         return kExitFailure;
     }
-    return kExitOk;
+    return missing > 0 ? kExitSamplesMissing : kExitOk;
 }
 
 }  // namespace
@@ -310,7 +321,9 @@ const Command kFragmentCommand = {
     "           a segment index); --segments DIR writes DIR/init.mp4 and\n"
     "           DIR/seg-N.m4s with DIR/playlist.m3u8 (HLS) and DIR/manifest.mpd\n"
     "           (DASH), --split-tracks one segment set per track; --progress\n"
-    "           shows progress even when stderr is not a terminal\n",
+    "           shows progress even when stderr is not a terminal. Samples or\n"
+    "           tracks that cannot be read are left out and counted on stderr\n"
+    "           as by remux; exit status 3\n",
     {{"--duration", true}, {"--sidx", false}, {"--segments", true}, {"--split-tracks", false},
      {"--progress", false}},
     1,

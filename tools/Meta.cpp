@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Info.h"
+#include "TagText.h"
 #include "quil/quil.h"
 
 namespace quil {
@@ -177,34 +178,6 @@ MP4Err collectAssets(CMp4MetaData* meta, const Item& base, std::vector<Item>* it
     });
 }
 
-// An iTunes numeric genre: the ID3v1 genre number plus 1, named as the
-// ID3v1 list (with its Winamp extensions) names it.
-std::string genreName(uint64_t code) {
-    static const char* const kGenres[] = {
-        "Blues", "Classic Rock", "Country", "Dance", "Disco", "Funk", "Grunge", "Hip-Hop",
-        "Jazz", "Metal", "New Age", "Oldies", "Other", "Pop", "R&B", "Rap", "Reggae", "Rock",
-        "Techno", "Industrial", "Alternative", "Ska", "Death Metal", "Pranks", "Soundtrack",
-        "Euro-Techno", "Ambient", "Trip-Hop", "Vocal", "Jazz+Funk", "Fusion", "Trance",
-        "Classical", "Instrumental", "Acid", "House", "Game", "Sound Clip", "Gospel", "Noise",
-        "AlternRock", "Bass", "Soul", "Punk", "Space", "Meditative", "Instrumental Pop",
-        "Instrumental Rock", "Ethnic", "Gothic", "Darkwave", "Techno-Industrial", "Electronic",
-        "Pop-Folk", "Eurodance", "Dream", "Southern Rock", "Comedy", "Cult", "Gangsta", "Top 40",
-        "Christian Rap", "Pop/Funk", "Jungle", "Native American", "Cabaret", "New Wave",
-        "Psychadelic", "Rave", "Showtunes", "Trailer", "Lo-Fi", "Tribal", "Acid Punk",
-        "Acid Jazz", "Polka", "Retro", "Musical", "Rock & Roll", "Hard Rock", "Folk",
-        "Folk-Rock", "National Folk", "Swing", "Fast Fusion", "Bebob", "Latin", "Revival",
-        "Celtic", "Bluegrass", "Avantgarde", "Gothic Rock", "Progressive Rock",
-        "Psychedelic Rock", "Symphonic Rock", "Slow Rock", "Big Band", "Chorus",
-        "Easy Listening", "Acoustic", "Humour", "Speech", "Chanson", "Opera", "Chamber Music",
-        "Sonata", "Symphony", "Booty Bass", "Primus", "Porn Groove", "Satire", "Slow Jam",
-        "Club", "Tango", "Samba", "Folklore", "Ballad", "Power Ballad", "Rhythmic Soul",
-        "Freestyle", "Duet", "Punk Rock", "Drum Solo", "A capella", "Euro-House", "Dance Hall",
-    };
-    const uint64_t count = sizeof kGenres / sizeof kGenres[0];
-    if (code >= 1 && code <= count) return kGenres[code - 1];
-    return "ID3 genre " + std::to_string(code - 1);
-}
-
 // Friendly names of the common iTunes items; others keep their code.
 std::string tagKey(const MP4Tag& tag) {
     struct Name {
@@ -242,9 +215,7 @@ uint64_t bigEndian(const std::vector<uint8_t>& bytes, size_t from, size_t count)
 std::string tagValue(const MP4Tag& tag, const std::vector<uint8_t>& bytes) {
     const uint32_t code = tag.code;
     if ((code == fourcc("trkn") || code == fourcc("disk")) && bytes.size() >= 6) {
-        // Without a total (0) the number stands alone.
-        const uint64_t total = bigEndian(bytes, 4, 2);
-        return std::to_string(bigEndian(bytes, 2, 2)) + (total ? "/" + std::to_string(total) : "");
+        return numberAndTotal(bytes);
     }
     if (code == fourcc("gnre") && bytes.size() >= 2) return genreName(bigEndian(bytes, 0, 2));
     switch (tag.dataType) {

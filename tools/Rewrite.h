@@ -21,6 +21,18 @@ extern const Command kFragmentCommand;
 // with "quil: <label>: " and returns kExitFailure.
 int moveMovieFirst(const char* input, const std::string& output, const char* label);
 
+// The copy was written, but samples (or whole tracks) of the input could
+// not be read and are missing from it (a cut-off or damaged file).
+constexpr int kExitSamplesMissing = 3;
+
+// Gives target (just opened for writing) the "ftyp" brands of source, so
+// that a copy keeps its input's file type and brands (the library adds
+// what fragments need). Brands that only fragmented files may claim (CMAF,
+// DASH segments) are left out of a copy with sample tables, and a copy
+// keeps its own brands when such a brand is the major one or the source
+// has no "ftyp" or target none of its own (PSP, XAVC, type 9).
+MP4Err keepInputBrands(CMp4File* source, CMp4File* target, bool fragmented);
+
 // How copyTracks writes its copy.
 struct CopyOptions {
     const char* label = "remux";  // in messages: "quil: <label>: ..."

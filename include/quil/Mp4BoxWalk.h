@@ -49,6 +49,41 @@ QUIL_API MP4Err Mp4VisitBoxes(CMp4File* file, MP4BoxVisitor visitor, void* user)
 QUIL_API MP4Err Mp4ReadFileBytes(CMp4File* file, uint64_t offset, uint8_t* buffer,
                                  uint32_t count);
 
+// How a described field is given.
+enum MP4FieldForm : uint8_t {
+    MP4_FIELD_NUMBER,  // number
+    MP4_FIELD_SIGNED,  // number, two's complement
+    MP4_FIELD_CODE,    // number, a four-character code
+    MP4_FIELD_CODES,   // bytes: four-character codes, four bytes each
+    MP4_FIELD_TEXT,    // bytes: text as stored, without its terminator
+    MP4_FIELD_TABLE,   // the box holds a table; its entries' fields follow
+};
+
+struct MP4BoxField {
+    const char* key;       // camelCase name ("entries" for MP4_FIELD_TABLE)
+    uint32_t entry;        // 0: a field of the box; n: of the n-th table entry
+    uint8_t form;          // MP4FieldForm
+    uint64_t number;
+    const uint8_t* bytes;  // valid during the call only
+    uint32_t length;       // of bytes
+};
+
+// Called once per field, in the order the box stores them; a result other
+// than 0 ends the description with that result.
+typedef MP4Err (*MP4FieldVisitor)(const MP4BoxField* field, void* user);
+
+// Describes a box met by Mp4VisitBoxes: its named fields, read from the
+// first bytes of its payload, and the fields of its first `entries` table
+// entries. Damaged boxes are described as far as they go: a field past the
+// box's bytes is given as 0, an entry cut short is left out. Boxes whose
+// fields are not described ("mdat", unknown boxes, ...) give no call.
+// Described: "ftyp", "styp", "mvhd", "mdhd", "tkhd", "hdlr", "stsd",
+// "dref", "meta" (the ISO form), "vmhd", "smhd", "mfhd", "tfdt", "trex",
+// "stts", "ctts", "stss", "stsc", "stsz", "stco", "co64", "elst".
+// 2 for null arguments; 3 when the file is not open for reading.
+QUIL_API MP4Err Mp4DescribeBox(CMp4File* file, const MP4BoxVisit* box, uint32_t entries,
+                               MP4FieldVisitor visitor, void* user);
+
 }  // namespace quil
 
 #endif

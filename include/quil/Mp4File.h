@@ -185,6 +185,18 @@ public:
     // tracks of the presentation (hint tracks are not; all tracks when
     // none is), which is what players and ffprobe show as the length.
     virtual MP4Err setMovieDurationRule(uint32_t rule) = 0;
+    // Write mode, after open and before the first sample is written and
+    // before setFragmentation: the file's "ftyp" becomes majorBrand,
+    // minorVersion and the count compatible brands (e.g. those of a file
+    // being copied), in place of the ones of the file type open was given;
+    // the file type still decides everything else. It is written again at
+    // once, the "mdat" header after it (a shorter "ftyp" leaves a "free" box
+    // before the header). setFragmentation then adds its brands to these.
+    // 2 for a null list with a count above 0 or more than 65536 brands; 3
+    // when the file is not being written, has media data or fragments
+    // already, or has no "ftyp" of its own (types 4, 9 and 10).
+    virtual MP4Err setBrands(uint32_t majorBrand, uint32_t minorVersion,
+                             const uint32_t* compatibleBrands, uint32_t count) = 0;
     // ---- Fragmented writing ------------------------------------------------
     // setFragmentation, on a file opened for writing (types other than 4
     // and 10) before its first sample, turns it into a fragmented file: the

@@ -74,10 +74,13 @@ QUIL_API MP4Err Mp4GetEditableMetaData(CMp4File* file, CMp4Track* track,
 // Writes the file as the object now holds it (metadata changed through
 // CMp4MetaData, setCopyright or setCprtNotice included) to a new file: every
 // box is written from the box tree, the media data is copied unchanged, and
-// chunk offsets move by what the boxes before the media data grew or shrank.
+// chunk offsets move by what the boxes before the media data grew or shrank
+// (so do a fragmented file's absolute offsets: "tfhd" base data offsets,
+// "tfra" fragment offsets, a sample table's "saio" offsets).
 // The file stays open. 3 unless it is open for reading by path; 2 for a null
 // path or the file's own path; 10 when an offset no longer fits its table;
-// 8 when a chunk lies outside the media data boxes read (a damaged file);
+// 8 when a chunk (or such an offset) lies outside the media data boxes read
+// (a damaged file);
 // 4 for a write failure (the target is then incomplete).
 QUIL_API MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath);
 

@@ -6,7 +6,7 @@ import subprocess
 import pytest
 
 import quil
-from conftest import DATA, run_tool
+from conftest import DATA, run_tool, tool_json
 
 SOURCE = DATA / "h264-bframes.mp4"
 AV = DATA / "h264-aac.mp4"
@@ -100,3 +100,28 @@ def test_remux_and_faststart_write_what_the_tool_writes(tmp_path):
         quil.faststart(tmp_path / "fast.mp4", tmp_path / "again.mp4")
     assert caught.value.code == quil.MP4_ERR_WRONG_LAYOUT
     assert sorted(p.name for p in tmp_path.iterdir()) == ["fast-tool.mp4", "fast.mp4", "ours.mp4", "theirs.mp4"]
+
+
+@pytest.mark.parametrize("command", [["remux"], ["fragment"], ["fragment", "--segments"]],
+                         ids=" ".join)
+def test_cut_off_input_is_salvaged_with_exit_status_3(command, tmp_path):
+    cut = DATA / "bad-truncated-mdat-faststart.mp4"
+    out = tmp_path / "out"
+    args = [command[0], cut, *(["--segments", out] if len(command) > 1 else [out])]
+    done = run_tool(*args, check=False)
+    assert done.returncode == 3, done.stderr
+    assert "track 1: 15 of 25 samples could not be read and are left out" in done.stderr
+    assert out.exists()
+    done = run_tool(command[0], AV, *(["--segments", tmp_path / "good"] if len(command) > 1
+                                      else [tmp_path / "good.mp4"]))
+    assert done.returncode == 0
+
+
+@pytest.mark.parametrize("source, args, brand", [
+    ("h263-amrnb.3gp", [], "3gp4"), ("pcm-twos.mov", [], "qt  "), ("h264-aac.mp4", [], "isom"),
+    ("h264-aac.mp4", ["--type", "2"], "M4A "), ("h264-aac.mp4", ["--type", "0"], "mp42"),
+], ids=lambda v: v if isinstance(v, str) else " ".join(v))
+def test_remux_keeps_the_input_brands_unless_a_type_is_given(source, args, brand, tmp_path):
+    out = tmp_path / "out.mp4"
+    run_tool("remux", DATA / source, out, *args)
+    assert tool_json("info", "--json", out)["majorBrand"] == brand

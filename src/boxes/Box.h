@@ -13,6 +13,7 @@
 namespace quil {
 
 class CBoxList;
+class FieldLister;
 
 // Bytes of a file kept as they were, so that writing the tree again writes
 // them unchanged: in memory up to kKeepInMemory bytes (or whatever a memory
@@ -66,6 +67,9 @@ public:
     // Whether someone else writes the box (the media data, written by the
     // file writer): its write() then writes nothing of what it announces.
     virtual bool writtenElsewhere() const { return false; }
+    // Walks the box's layout with a FieldLister, for a report of its named
+    // fields; boxes a report does not describe answer MP4_ERR_NOT_AVAILABLE.
+    virtual MP4Err listFields(FieldLister&) { return MP4_ERR_NOT_AVAILABLE; }
 
     // Child access for boxes that hold children (containers, "dref",
     // "stsd", sample entries, ...). instance is 1-based; 0 and 1 both mean

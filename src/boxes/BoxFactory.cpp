@@ -19,6 +19,7 @@
 #include "storage/BaseStorage.h"
 #include "storage/BoundedStorage.h"
 #include "boxes/SampleTableBoxes.h"
+#include "io/FieldLister.h"
 
 namespace quil {
 namespace {
@@ -232,6 +233,22 @@ const UuidRow kUuidRows[] = {
 const BoxFactoryRow* boxFactoryTable(uint32_t* rowCount) {
     *rowCount = sizeof(kRows) / sizeof(kRows[0]);
     return kRows;
+}
+
+MP4Err listBoxFields(uint32_t type, FieldLister& io) {
+    // "meta" is kept unparsed and has no class: its own fields are the
+    // version and flags.
+    if (type == fourcc("meta")) {
+        uint8_t version = 0;
+        uint32_t flags = 0;
+        return io.versionAndFlags(version, flags).error();
+    }
+    for (const BoxFactoryRow& row : kRows) {
+        if (row.type != type || !row.create) continue;
+        std::unique_ptr<CBox> box(row.create());
+        return box ? box->listFields(io) : MP4_ERR_OUT_OF_MEMORY;
+    }
+    return MP4_ERR_NOT_AVAILABLE;
 }
 
 }  // namespace quil

@@ -39,6 +39,11 @@ struct BoxFactoryRow {
 // The table and its length.
 const BoxFactoryRow* boxFactoryTable(uint32_t* rowCount);
 
+// Walks the layout of a box of this type with the lister (whatever its
+// parent: a report lists a box by its type alone). MP4_ERR_NOT_AVAILABLE
+// for a type whose fields a report does not list.
+MP4Err listBoxFields(uint32_t type, FieldLister& io);
+
 }  // namespace quil
 
 #endif

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <new>
 
+#include "boxes/FieldBox.h"
 #include "io/Dump.h"
 #include "io/FourCC.h"
 #include "storage/BoundedStorage.h"
@@ -64,18 +65,11 @@ MP4Err CCompressedMovieBox::dump(int32_t depth) {
 
 // ---- "dcom" -----------------------------------------------------------------
 
-MP4Err CDataCompressionBox::read(CStorage* storage) {
-    MP4Err err = storage->readUInt32(&compressionMethod);
-    if (err != MP4_OK) return err;
-    remaining -= 4;
-    return MP4_OK;
+template <class IO>
+MP4Err CDataCompressionBox::fields(IO& io) {
+    return io.u32(compressionMethod).error();
 }
-
-MP4Err CDataCompressionBox::write(CStorage* storage) {
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt32(compressionMethod);
-}
+template class CFieldBox<CDataCompressionBox, CBox>;
 
 MP4Err CDataCompressionBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -84,12 +78,6 @@ MP4Err CDataCompressionBox::dump(int32_t depth) {
     dumpLine(depth, "Compression method: %c%c%c%c (%02x %02x %02x %02x)\n", codeChar(m, 0),
              codeChar(m, 1), codeChar(m, 2), codeChar(m, 3), (m >> 24) & 0xFF, (m >> 16) & 0xFF,
              (m >> 8) & 0xFF, m & 0xFF);
-    return MP4_OK;
-}
-
-MP4Err CDataCompressionBox::calculateSize() {
-    CBox::calculateSize();
-    size += 4;
     return MP4_OK;
 }
 
@@ -109,11 +97,15 @@ uint64_t inflateCeiling(CStorage* storage) {
 
 // ---- "cmvd" -----------------------------------------------------------------
 
+template <class IO>
+MP4Err CCompressedMovieDataBox::fields(IO& io) {
+    return io.u32(uncompressedSize).error();
+}
+
 MP4Err CCompressedMovieDataBox::read(CStorage* storage) {
-    if (remaining < 4 || remaining > size) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt32(&uncompressedSize);
+    if (remaining > size) return MP4_ERR_BAD_BOX_SIZE;
+    MP4Err err = readFields(this, storage, &remaining);
     if (err != MP4_OK) return err;
-    remaining -= 4;
 
     uint64_t compressedLength = remaining;
     if (tInflating || compressedLength > kMax32 || compressedLength > readableBytes(storage) ||
@@ -149,10 +141,11 @@ MP4Err CCompressedMovieDataBox::read(CStorage* storage) {
     return readInflatedBoxes(children.get(), inflated.get(), static_cast<uint32_t>(inflatedLength));
 }
 
+// The inflated boxes are not written back: the movie is written
+// uncompressed elsewhere.
 MP4Err CCompressedMovieDataBox::write(CStorage* storage) {
     MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    return storage->writeUInt32(uncompressedSize);
+    return err != MP4_OK ? err : writeFields(this, storage);
 }
 
 MP4Err CCompressedMovieDataBox::dump(int32_t depth) {
@@ -164,7 +157,7 @@ MP4Err CCompressedMovieDataBox::dump(int32_t depth) {
 
 MP4Err CCompressedMovieDataBox::calculateSize() {
     CBox::calculateSize();
-    size += 4;
+    size += countFields(this);
     return MP4_OK;
 }
 

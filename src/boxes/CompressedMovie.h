@@ -19,13 +19,12 @@ public:
 };
 
 // "dcom": the four-character code of the compression method ("zlib").
-class CDataCompressionBox : public CBox {
+class CDataCompressionBox : public CFieldBox<CDataCompressionBox, CBox> {
 public:
     CDataCompressionBox() { type = fourcc("dcom"); }
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calculateSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint32_t compressionMethod = 0;
 };
@@ -42,6 +41,8 @@ public:
     MP4Err calculateSize() override;
     MP4Err findChild(uint32_t type, CBox** box, uint32_t instance = 1) override;
     CBoxList* childList() override { return children.get(); }
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // zlib's deflate cannot expand data by more than about 1032:1, so a
     // declared size beyond that is refused before anything is allocated.

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "io/Dump.h"
+#include "io/FieldIO.h"
 #include "storage/BoundedStorage.h"
 #include "storage/MemoryStorage.h"
 
@@ -87,40 +88,73 @@ MP4Err dumpRecordBox(CBox* box, Record* record, int32_t depth) {
     return record->dump(depth + 1);
 }
 
-// Reads the one descriptor of an "esds" or "iods" payload: it must have one
-// of the wanted tags and fit in what is left of the box.
+// The payload of "esds" and "iods": version and flags, then one descriptor
+// with one of two tags that must fit in what is left of the box. It is
+// written and sized by its own layout; sizing it first means a header read
+// in a longer form than the one written is not counted.
 template <class Descriptor>
-MP4Err readDescriptorBox(CFullBox* box, uint32_t wantedTag, uint32_t otherTag,
-                         std::unique_ptr<Descriptor>* out, CStorage* storage) {
-    CBaseDescriptor* read = nullptr;
-    uint32_t tag = 0;
-    MP4Err err = readDescriptor(storage, allowanceOf(box->remaining), &read, &tag);
-    if (err != MP4_OK) return err;
-    std::unique_ptr<CBaseDescriptor> owned(read);
-    Descriptor* wanted = dynamic_cast<Descriptor*>(read);
-    if ((tag != wantedTag && tag != otherTag) || !wanted) return MP4_ERR_WRONG_LAYOUT;
-    uint64_t total = 0;
-    descriptorTotalSize(read, &total);
-    if (total > box->remaining) return MP4_ERR_VALUE_TOO_LARGE;
-    box->remaining -= total;
-    owned.release();
-    out->reset(wanted);
-    return MP4_OK;
+struct DescriptorBoxLayout {
+    CFullBox* box;
+    std::unique_ptr<Descriptor>* descriptor;
+    uint32_t wantedTag;
+    uint32_t otherTag;
+
+    template <class IO>
+    MP4Err fields(IO& io) {
+        if (!io.versionAndFlags(box->version, box->flags).ok()) return io.error();
+        if constexpr (IO::kReads) {
+            descriptor->reset();
+            return read(io.storage());
+        } else if constexpr (IO::kCounts) {
+            if (!*descriptor) return MP4_OK;
+            uint64_t total = 0;
+            MP4Err err = (*descriptor)->calcSize();
+            if (err == MP4_OK) descriptorTotalSize(descriptor->get(), &total);
+            return io.fail(err).repeated(total, 1).error();
+        } else {
+            return io.fail((*descriptor)->write(io.storage())).error();
+        }
+    }
+
+    MP4Err read(CStorage* storage) {
+        CBaseDescriptor* made = nullptr;
+        uint32_t tag = 0;
+        MP4Err err = readDescriptor(storage, allowanceOf(box->remaining), &made, &tag);
+        if (err != MP4_OK) return err;
+        std::unique_ptr<CBaseDescriptor> owned(made);
+        Descriptor* wanted = dynamic_cast<Descriptor*>(made);
+        if ((tag != wantedTag && tag != otherTag) || !wanted) return MP4_ERR_WRONG_LAYOUT;
+        uint64_t total = 0;
+        descriptorTotalSize(made, &total);
+        if (total > box->remaining) return MP4_ERR_VALUE_TOO_LARGE;
+        box->remaining -= total;
+        owned.release();
+        descriptor->reset(wanted);
+        return MP4_OK;
+    }
+};
+
+template <class Descriptor>
+MP4Err readDescriptorBox(DescriptorBoxLayout<Descriptor> layout, CStorage* storage) {
+    return readFields(&layout, storage, &layout.box->remaining);
 }
 
-// The size of an "esds" or "iods" box: the descriptor is sized first, so a
-// header read in a longer form than the one written is not counted.
-MP4Err sizeDescriptorBox(CFullBox* box, CBaseDescriptor* descriptor) {
-    MP4Err err = box->CBox::calculateSize();
+// A box without its descriptor is refused (9) before anything is written.
+template <class Descriptor>
+MP4Err writeDescriptorBox(DescriptorBoxLayout<Descriptor> layout, CStorage* storage) {
+    if (!*layout.descriptor) return MP4_ERR_BAD_SIZE_FIELD;
+    MP4Err err = layout.box->CBox::write(storage);
+    return err != MP4_OK ? err : writeFields(&layout, storage);
+}
+
+template <class Descriptor>
+MP4Err sizeDescriptorBox(DescriptorBoxLayout<Descriptor> layout) {
+    MP4Err err = layout.box->CBox::calculateSize();
     if (err != MP4_OK) return err;
-    box->size += 4;
-    if (!descriptor) return MP4_OK;
-    err = descriptor->calcSize();
-    if (err != MP4_OK) return err;
-    uint64_t total = 0;
-    descriptorTotalSize(descriptor, &total);
-    box->size += total;
-    return MP4_OK;
+    FieldCounter io;
+    err = layout.fields(io);
+    layout.box->size += io.total();
+    return err;
 }
 
 }  // namespace
@@ -157,21 +191,15 @@ MP4Err CHEVCConfigurationBox::getRecord(CHEVCDecoderConfigRecord** out) const {
 
 // ---- "esds" -----------------------------------------------------------------
 
-MP4Err CESDBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    esDescriptor.reset();
-    return readDescriptorBox(this, kESDescrTag, kESDescrTag, &esDescriptor, storage);
+namespace {
+DescriptorBoxLayout<CESDescriptor> layoutOf(CESDBox* box) {
+    return {box, &box->esDescriptor, kESDescrTag, kESDescrTag};
 }
+}  // namespace
 
-MP4Err CESDBox::write(CStorage* storage) {
-    if (!esDescriptor) return MP4_ERR_BAD_SIZE_FIELD;
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return esDescriptor->write(storage);
-}
+MP4Err CESDBox::read(CStorage* storage) { return readDescriptorBox(layoutOf(this), storage); }
+MP4Err CESDBox::write(CStorage* storage) { return writeDescriptorBox(layoutOf(this), storage); }
+MP4Err CESDBox::calculateSize() { return sizeDescriptorBox(layoutOf(this)); }
 
 MP4Err CESDBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -187,7 +215,6 @@ MP4Err CESDBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESDBox::calculateSize() { return sizeDescriptorBox(this, esDescriptor.get()); }
 
 MP4Err CESDBox::getESDescriptor(CESDescriptor** out) const {
     if (!out) return MP4_ERR_INVALID_ARGUMENT;
@@ -245,21 +272,15 @@ MP4Err CESDBox::getDecoderSpecificInfoLength(uint32_t* length) const {
 
 // ---- "iods" -----------------------------------------------------------------
 
-MP4Err CObjectDescriptorBox::read(CStorage* storage) {
-    MP4Err err = readVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    descriptor.reset();
-    return readDescriptorBox(this, kMP4IODTag, kInitialObjectDescrTag, &descriptor, storage);
+namespace {
+DescriptorBoxLayout<CInitialObjectDescriptor> layoutOf(CObjectDescriptorBox* box) {
+    return {box, &box->descriptor, kMP4IODTag, kInitialObjectDescrTag};
 }
+}  // namespace
 
-MP4Err CObjectDescriptorBox::write(CStorage* storage) {
-    if (!descriptor) return MP4_ERR_BAD_SIZE_FIELD;
-    MP4Err err = CBox::write(storage);
-    if (err != MP4_OK) return err;
-    err = writeVersionAndFlags(storage);
-    if (err != MP4_OK) return err;
-    return descriptor->write(storage);
-}
+MP4Err CObjectDescriptorBox::read(CStorage* storage) { return readDescriptorBox(layoutOf(this), storage); }
+MP4Err CObjectDescriptorBox::write(CStorage* storage) { return writeDescriptorBox(layoutOf(this), storage); }
+MP4Err CObjectDescriptorBox::calculateSize() { return sizeDescriptorBox(layoutOf(this)); }
 
 MP4Err CObjectDescriptorBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -273,7 +294,6 @@ MP4Err CObjectDescriptorBox::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CObjectDescriptorBox::calculateSize() { return sizeDescriptorBox(this, descriptor.get()); }
 
 MP4Err CObjectDescriptorBox::getDescriptor(CInitialObjectDescriptor** out) const {
     if (!out) return MP4_ERR_INVALID_ARGUMENT;

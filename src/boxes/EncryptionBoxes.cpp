@@ -1,5 +1,6 @@
 #include "EncryptionBoxes.h"
 
+#include <algorithm>
 #include <cinttypes>
 
 #include "io/Dump.h"
@@ -78,6 +79,23 @@ bool CSampleAuxInfoOffsetsBox::moveTo(uint64_t offset) {
     if (offsets.size() != 1 || (version == 0 && offset > 0xFFFFFFFFu)) return false;
     offsets[0] = offset;
     return true;
+}
+
+MP4Err CBuiltBox::write(CStorage* storage) {
+    MP4Err err = CBox::write(storage);
+    // In pieces: the storage takes a 32-bit count.
+    constexpr size_t kPiece = 1u << 20;
+    for (size_t at = 0; err == MP4_OK && at < payload.size(); at += kPiece) {
+        const size_t piece = std::min(kPiece, payload.size() - at);
+        err = storage->writeBytes(payload.data() + at, static_cast<int32_t>(piece));
+    }
+    return err;
+}
+
+MP4Err CBuiltBox::calculateSize() {
+    CBox::calculateSize();
+    size += payload.size();
+    return MP4_OK;
 }
 
 }  // namespace quil

@@ -31,6 +31,19 @@ public:
     std::vector<uint64_t> offsets;
 };
 
+// A box whose payload a copy builds in memory: the sample encryption,
+// auxiliary information sizes and sample groups gathered from a track's
+// fragments into its sample table (read back, such boxes are kept as
+// unknown boxes are, so the dump shows their header only).
+class CBuiltBox : public CBox {
+public:
+    explicit CBuiltBox(uint32_t boxType) { type = boxType; }
+    MP4Err write(CStorage* storage) override;
+    MP4Err calculateSize() override;
+
+    std::vector<uint8_t> payload;
+};
+
 // Where the first sample's information starts inside a "senc" box written
 // at `boxStart` with that header length: after its version, flags and
 // sample count.

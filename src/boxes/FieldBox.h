@@ -4,6 +4,7 @@
 
 #include "boxes/Box.h"
 #include "io/FieldIO.h"
+#include "io/FieldLister.h"
 
 namespace quil {
 

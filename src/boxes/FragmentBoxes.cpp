@@ -132,10 +132,15 @@ MP4Err CMovieExtendsHeaderBox::dump(int32_t depth) {
 template <class IO>
 MP4Err CTrackExtendsBox::fields(IO& io) {
     if (!io.versionAndFlags(version, flags).ok()) return io.error();
-    return io.u32(trackId)
+    return io.named("trackId")
+        .u32(trackId)
+        .named("defaultSampleDescriptionIndex")
         .u32(defaultSampleDescriptionIndex)
+        .named("defaultSampleDuration")
         .u32(defaultSampleDuration)
+        .named("defaultSampleSize")
         .u32(defaultSampleSize)
+        .named("defaultSampleFlags")
         .u32(defaultSampleFlags)
         .error();
 }
@@ -152,7 +157,7 @@ MP4Err CTrackExtendsBox::dump(int32_t depth) {
 template <class IO>
 MP4Err CMovieFragmentHeaderBox::fields(IO& io) {
     if (!io.versionAndFlags(version, flags).ok()) return io.error();
-    return io.u32(sequenceNumber).error();
+    return io.named("sequenceNumber").u32(sequenceNumber).error();
 }
 
 MP4Err CMovieFragmentHeaderBox::dump(int32_t depth) {
@@ -191,7 +196,7 @@ MP4Err CTrackFragmentHeaderBox::dump(int32_t depth) {
 template <class IO>
 MP4Err CTrackFragmentDecodeTimeBox::fields(IO& io) {
     if (!io.versionAndFlags(version, flags).ok()) return io.error();
-    return io.u32or64(version == 1, baseMediaDecodeTime).error();
+    return io.named("baseMediaDecodeTime").u32or64(version == 1, baseMediaDecodeTime).error();
 }
 
 MP4Err CTrackFragmentDecodeTimeBox::dump(int32_t depth) {
@@ -387,5 +392,10 @@ template class CFieldBox<CTrackFragmentRandomAccessBox, CFullBox>;
 template class CFieldBox<CMovieFragmentRandomAccessOffsetBox, CFullBox>;
 template class CFieldBox<CEventMessageBox, CFullBox>;
 template class CFieldBox<CProducerReferenceTimeBox, CFullBox>;
+
+// The boxes a report lists by their named fields.
+MP4Err CTrackExtendsBox::listFields(FieldLister& io) { return fields(io); }
+MP4Err CMovieFragmentHeaderBox::listFields(FieldLister& io) { return fields(io); }
+MP4Err CTrackFragmentDecodeTimeBox::listFields(FieldLister& io) { return fields(io); }
 
 }  // namespace quil

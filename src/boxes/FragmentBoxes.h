@@ -65,6 +65,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 };
 
 class CMovieFragmentHeaderBox : public CFieldBox<CMovieFragmentHeaderBox, CFullBox> {
@@ -75,6 +76,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 };
 
 // "tfhd": which track a fragment belongs to and the defaults its runs
@@ -111,6 +113,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 };
 
 // "trun": a run of contiguous samples. Only the per-sample fields the

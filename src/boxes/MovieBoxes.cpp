@@ -67,9 +67,13 @@ template <class IO, class Header>
 IO& timedHeaderFields(IO& io, Header* box) {
     if (!io.versionAndFlags(box->version, box->flags).ok()) return io;
     const bool wide = box->version == 1;
-    return io.u32or64(wide, box->creationTime)
+    return io.named("creationTime")
+        .u32or64(wide, box->creationTime)
+        .named("modificationTime")
         .u32or64(wide, box->modificationTime)
+        .named("timeScale")
         .u32(box->timeScale)
+        .named("duration")
         .u32or64(wide, box->duration);
 }
 
@@ -151,8 +155,17 @@ MP4Err CUserDataBox::dump(int32_t depth) {
 
 template <class IO>
 MP4Err CFileTypeBox::fields(IO& io) {
-    if (!io.u32(majorBrand).u32(minorVersion).ok()) return io.error();
-    if constexpr (IO::kReads) {
+    if (!io.named("majorBrand", FieldForm::kCode)
+             .u32(majorBrand)
+             .named("minorVersion")
+             .u32(minorVersion)
+             .ok()) {
+        return io.error();
+    }
+    if constexpr (IO::kLists) {
+        // The brands the listed bytes hold, as one field.
+        return io.named("compatibleBrands").codes().error();
+    } else if constexpr (IO::kReads) {
         // A budget above the box size means the box was too short for the
         // two fixed fields.
         if (remaining > size || remaining % 4 != 0 || remaining / 4 > 0x7FFFFFFF) {
@@ -175,6 +188,7 @@ MP4Err CFileTypeBox::fields(IO& io) {
     return io.error();
 }
 template class CFieldBox<CFileTypeBox, CBox>;
+MP4Err CFileTypeBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CFileTypeBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -218,6 +232,7 @@ MP4Err CMovieHeaderBox::fields(IO& io) {
         .error();
 }
 template class CFieldBox<CMovieHeaderBox, CFullBox>;
+MP4Err CMovieHeaderBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CMovieHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -260,8 +275,10 @@ MP4Err CTrackHeaderBox::fields(IO& io) {
     const bool wide = version == 1;
     io.u32or64(wide, creationTime)
         .u32or64(wide, modificationTime)
+        .named("trackId")
         .u32(trackId)
         .u32(reserved1)
+        .named("duration")
         .u32or64(wide, duration)
         .array(reserved2)
         .i16(layer)
@@ -275,6 +292,7 @@ MP4Err CTrackHeaderBox::fields(IO& io) {
     return io.error();
 }
 template class CFieldBox<CTrackHeaderBox, CFullBox>;
+MP4Err CTrackHeaderBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CTrackHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -346,6 +364,7 @@ MP4Err CMediaHeaderBox::fields(IO& io) {
         .error();
 }
 template class CFieldBox<CMediaHeaderBox, CFullBox>;
+MP4Err CMediaHeaderBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CMediaHeaderBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -414,10 +433,18 @@ MP4Err CMediaHeaderBox::setLanguage(const uint8_t* text) {
 
 template <class IO>
 MP4Err CHandlerReferenceBox::fields(IO& io) {
-    if (!io.versionAndFlags(version, flags).u32(preDefined).u32(handlerType).array(reserved).ok()) {
+    if (!io.versionAndFlags(version, flags)
+             .u32(preDefined)
+             .named("handlerType", FieldForm::kCode)
+             .u32(handlerType)
+             .array(reserved)
+             .ok()) {
         return io.error();
     }
-    if constexpr (IO::kReads) {
+    if constexpr (IO::kLists) {
+        // As stored, up to its terminator: a counted name keeps its count.
+        return io.named("name").text().error();
+    } else if constexpr (IO::kReads) {
         if (io.left() > 0) {
             uint64_t length = 0;
             MP4Err err = readTextTail(io, size, &name, &length);
@@ -443,6 +470,7 @@ MP4Err CHandlerReferenceBox::fields(IO& io) {
     }
 }
 template class CFieldBox<CHandlerReferenceBox, CFullBox>;
+MP4Err CHandlerReferenceBox::listFields(FieldLister& io) { return fields(io); }
 
 bool CHandlerReferenceBox::nameIsAsRead() const {
     return name && !nameAsRead_.empty() && nameReadAs_ == name.get();
@@ -543,12 +571,14 @@ MP4Err CVideoMediaHeaderBox::fields(IO& io) {
     return io.versionAndFlags(version, flags).i16(graphicsMode).array(opcolor).error();
 }
 template class CFieldBox<CVideoMediaHeaderBox, CFullBox>;
+MP4Err CVideoMediaHeaderBox::listFields(FieldLister& io) { return fields(io); }
 
 template <class IO>
 MP4Err CSoundMediaHeaderBox::fields(IO& io) {
     return io.versionAndFlags(version, flags).i16(balance).u16(reserved).error();
 }
 template class CFieldBox<CSoundMediaHeaderBox, CFullBox>;
+MP4Err CSoundMediaHeaderBox::listFields(FieldLister& io) { return fields(io); }
 
 template <class IO>
 MP4Err CHintMediaHeaderBox::fields(IO& io) {
@@ -653,9 +683,10 @@ MP4Err CTimeCodeMediaHeaderBox::dump(int32_t depth) {
 
 template <class IO>
 MP4Err CDataReferenceBox::fields(IO& io) {
-    return io.versionAndFlags(version, flags).u32(entryCount).error();
+    return io.versionAndFlags(version, flags).named("entryCount").u32(entryCount).error();
 }
 template class CFieldBox<CDataReferenceBox, CFullBox>;
+MP4Err CDataReferenceBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CDataReferenceBox::read(CStorage* storage) {
     MP4Err err = readFields(this, storage, &remaining);

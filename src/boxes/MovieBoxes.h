@@ -85,6 +85,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     // Replaces the compatible brands with a copy of count codes.
     MP4Err setCompatibleBrands(const uint32_t* brands, int32_t count);
@@ -105,6 +106,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     // Calendar form of the creation time; 5 when it lies at or after 2200.
     MP4Err getCreationDate(uint32_t* year, uint32_t* month, uint32_t* day, uint32_t* hour,
@@ -135,6 +137,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
     double getRotationAngle() override { return rotationAngle; }
 
     // Clockwise rotation in degrees described by a 16.16 transformation
@@ -186,6 +189,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     MP4Err getTimeScale(uint32_t* value);
     MP4Err getDuration(uint64_t* value);
@@ -219,6 +223,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     // Copies at most 255 characters of the text; null removes the name.
     MP4Err setName(const char* text);
@@ -261,6 +266,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     int16_t graphicsMode = 0;
     int16_t opcolor[3] = {0, 0, 0};
@@ -272,6 +278,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     int16_t balance = 0;  // 8.8
     uint16_t reserved = 0;
@@ -328,6 +335,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
     MP4Err findChild(uint32_t type, CBox** box, uint32_t instance = 1) override;
     // Appends an entry and counts it.
     MP4Err addChild(CBox* box) override;

@@ -37,9 +37,10 @@ double doubleFromBits(uint64_t bits) {
 
 template <class IO>
 MP4Err CSampleDescriptionBox::fields(IO& io) {
-    return io.versionAndFlags(version, flags).u32(entryCount).error();
+    return io.versionAndFlags(version, flags).named("entryCount").u32(entryCount).error();
 }
 template class CFieldBox<CSampleDescriptionBox, CFullBox>;
+MP4Err CSampleDescriptionBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CSampleDescriptionBox::calculateSize() {
     MP4Err err = CFieldBox::calculateSize();

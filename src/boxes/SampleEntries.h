@@ -25,6 +25,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
     // 5 without a child list (the size then counts no entries).
     MP4Err calculateSize() override;
     MP4Err findChild(uint32_t childType, CBox** box, uint32_t instance = 1) override;

@@ -82,14 +82,23 @@ template <class Entry>
 template <class IO>
 MP4Err CCountedTableBox<Entry>::fields(IO& io) {
     const uint64_t payload = this->remaining;
-    if (!io.versionAndFlags(this->version, this->flags).u32(entryCount).ok()) return io.error();
-    if constexpr (IO::kReads) {
+    if (!io.versionAndFlags(this->version, this->flags).named("entryCount").u32(entryCount).ok()) {
+        return io.error();
+    }
+    if constexpr (IO::kLists) {
+        return io.table(entryCount, [](FieldLister& entryIO) { return Entry().fields(entryIO); }).error();
+    } else if constexpr (IO::kReads) {
         MP4Err err = readEntriesInBatches(io, entryCount, entriesThatFit(payload, 8, Entry::kBytes), &entries);
         entriesRead();
         return err;
     } else {
         return entryFields(io, entries, entryCount, Entry::kBytes);
     }
+}
+
+template <class Entry>
+MP4Err CCountedTableBox<Entry>::listFields(FieldLister& io) {
+    return fields(io);
 }
 
 template <class Entry>
@@ -236,10 +245,15 @@ void CSampleToChunkBox::willAppend(const CSampleToChunkTableEntry& entry) {
 template <class IO>
 MP4Err CSampleSizeBox::fields(IO& io) {
     const uint64_t payload = remaining;
-    if (!io.versionAndFlags(version, flags).u32(sampleSize).u32(sampleCount).ok() || sampleSize != 0) {
+    if (!io.versionAndFlags(version, flags).named("sampleSize").u32(sampleSize).ok()) return io.error();
+    // One size for every sample, or a table of sizes.
+    if (!io.named(sampleSize != 0 ? "sampleCount" : "entryCount").u32(sampleCount).ok() || sampleSize != 0) {
         return io.error();
     }
-    if constexpr (IO::kReads) {
+    if constexpr (IO::kLists) {
+        return io.table(sampleCount, [](FieldLister& entryIO) { return CSampleSizeTableEntry().fields(entryIO); })
+            .error();
+    } else if constexpr (IO::kReads) {
         return readEntriesInBatches(io, sampleCount,
                                     entriesThatFit(payload, 12, CSampleSizeTableEntry::kBytes), &entries);
     } else {
@@ -247,6 +261,7 @@ MP4Err CSampleSizeBox::fields(IO& io) {
     }
 }
 template class CFieldBox<CSampleSizeBox, CFullBox>;
+MP4Err CSampleSizeBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CSampleSizeBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);
@@ -363,10 +378,14 @@ void CSyncSampleBox::willAppend(const CSyncSampleTableEntry& entry) {
 template <class IO>
 MP4Err CEditListBox::fields(IO& io) {
     const uint64_t payload = remaining;
-    if (!io.versionAndFlags(version, flags).u32(entryCount).ok()) return io.error();
+    if (!io.versionAndFlags(version, flags).named("entryCount").u32(entryCount).ok()) return io.error();
     const uint8_t layout = version;
     const uint64_t width = CEditListTableEntry::bytesFor(layout);
-    if constexpr (IO::kReads) {
+    if constexpr (IO::kLists) {
+        return io.table(entryCount, [layout](FieldLister& entryIO) {
+            return CEditListTableEntry().fields(entryIO, layout);
+        }).error();
+    } else if constexpr (IO::kReads) {
         // Entry by entry (their width depends on the version); a damaged
         // count stops at the first entry past the box, as in
         // readEntriesInBatches.
@@ -385,6 +404,7 @@ MP4Err CEditListBox::fields(IO& io) {
     }
 }
 template class CFieldBox<CEditListBox, CFullBox>;
+MP4Err CEditListBox::listFields(FieldLister& io) { return fields(io); }
 
 MP4Err CEditListBox::dump(int32_t depth) {
     MP4Err err = CBox::dump(depth);

@@ -12,6 +12,7 @@
 
 #include "boxes/Box.h"
 #include "boxes/DataList.h"
+#include "io/FieldIO.h"
 
 namespace quil {
 
@@ -26,7 +27,7 @@ struct CTimeToSampleTableEntry {
     static constexpr uint64_t kBytes = 8;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u32(sampleCount).u32(sampleDelta).error();
+        return io.named("sampleCount").u32(sampleCount).named("sampleDelta").u32(sampleDelta).error();
     }
 };
 
@@ -37,7 +38,13 @@ struct CCompositionOffsetTableEntry {
     static constexpr uint64_t kBytes = 8;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u32(sampleCount).u32(sampleOffset).error();
+        // Signed in version 1 boxes (the entry does not know its box's
+        // version: the report takes it from the box).
+        return io.named("sampleCount")
+            .u32(sampleCount)
+            .named("sampleOffset", FieldForm::kSignedInVersion1)
+            .u32(sampleOffset)
+            .error();
     }
 };
 
@@ -49,7 +56,13 @@ struct CSampleToChunkTableEntry {
     static constexpr uint64_t kBytes = 12;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u32(firstChunk).u32(samplesPerChunk).u32(sampleDescriptionIndex).error();
+        return io.named("firstChunk")
+            .u32(firstChunk)
+            .named("samplesPerChunk")
+            .u32(samplesPerChunk)
+            .named("sampleDescriptionIndex")
+            .u32(sampleDescriptionIndex)
+            .error();
     }
 };
 
@@ -59,7 +72,7 @@ struct CSampleSizeTableEntry {
     static constexpr uint64_t kBytes = 4;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u32(entrySize).error();
+        return io.named("entrySize").u32(entrySize).error();
     }
 };
 
@@ -69,7 +82,7 @@ struct CChunkOffsetTableEntry {
     static constexpr uint64_t kBytes = 4;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u32(chunkOffset).error();
+        return io.named("chunkOffset").u32(chunkOffset).error();
     }
 };
 
@@ -79,7 +92,7 @@ struct CChunkLargeOffsetTableEntry {
     static constexpr uint64_t kBytes = 8;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u64(chunkOffset).error();
+        return io.named("chunkOffset").u64(chunkOffset).error();
     }
 };
 
@@ -89,7 +102,7 @@ struct CSyncSampleTableEntry {
     static constexpr uint64_t kBytes = 4;
     template <class IO>
     MP4Err fields(IO& io) {
-        return io.u32(sampleNumber).error();
+        return io.named("sampleNumber").u32(sampleNumber).error();
     }
 };
 
@@ -106,9 +119,13 @@ struct CEditListTableEntry {
     template <class IO>
     MP4Err fields(IO& io, uint8_t version) {
         const bool wide = version == 1;
-        return io.u32or64(wide, segmentDuration)
+        return io.named("segmentDuration")
+            .u32or64(wide, segmentDuration)
+            .named("mediaTime")
             .i32or64(wide, mediaTime)
+            .named("mediaRateInteger")
             .i16(mediaRateInteger)
+            .named("mediaRateFraction", FieldForm::kUnsigned)
             .i16(mediaRateFraction)
             .error();
     }
@@ -127,6 +144,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     // The 1-based i-th entry, changeable in place (errors of CDataList).
     MP4Err getEntry(uint32_t index, Entry** entry) { return entries.getEntry(index, entry); }
@@ -256,6 +274,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     // Size of a 1-based sample: 3 beyond the sample count, the constant
     // size when there is one, 17 for sample 0, else its entry.
@@ -324,6 +343,7 @@ public:
     MP4Err dump(int32_t depth) override;
     template <class IO>
     MP4Err fields(IO& io);
+    MP4Err listFields(FieldLister& io) override;
 
     MP4Err getEntry(uint32_t index, CEditListTableEntry** entry) { return entries.getEntry(index, entry); }
     // Building: appends and counts an entry.

@@ -11,7 +11,6 @@ namespace quil {
 namespace {
 
 constexpr uint32_t kMinRecordBytes = 6;
-constexpr uint32_t kHEVCFixedPartBytes = 23;
 constexpr uint32_t kMaxNalUnitLength = 0xFFFF;  // 16-bit length fields
 // Written after the PPS list of a record that had an extension: declares
 // chroma_format_idc 3, both bit depths as 8 + 7 and no SPS extensions.
@@ -29,35 +28,35 @@ MP4Err appendTo(std::vector<T>* list, T&& item) {
     return MP4_OK;
 }
 
-// A u16 length and that many bytes, checked against what is left of the
-// record before anything is allocated.
-MP4Err readParameterSet(CStorage* storage, uint32_t* remaining, uint32_t* length,
-                        std::unique_ptr<uint8_t[]>* bytes) {
-    if (*remaining < 2) return MP4_ERR_BAD_BOX_SIZE;
-    uint16_t declared = 0;
-    MP4Err err = FieldReader(storage, remaining).u16(declared).error();
-    if (err != MP4_OK) return err;
-    if (*remaining < declared) return MP4_ERR_BAD_BOX_SIZE;
-    std::unique_ptr<uint8_t[]> buffer;
-    if (declared > 0) {
-        buffer.reset(new (std::nothrow) uint8_t[declared]);
-        if (!buffer) return MP4_ERR_OUT_OF_MEMORY;
-        err = FieldReader(storage, remaining).bytes(buffer.get(), declared).error();
-        if (err != MP4_OK) return err;
+// A parameter set or NAL unit: a u16 length and that many bytes. Reading
+// checks the length against what is left of the record before anything is
+// allocated.
+template <class IO, class Length>
+void lengthPrefixed(IO& io, Length& length, std::unique_ptr<uint8_t[]>& bytes) {
+    uint16_t declared = static_cast<uint16_t>(length);
+    if (!io.u16(declared).ok()) return;
+    if constexpr (IO::kReads) {
+        if (!io.require(declared).ok()) return;
+        std::unique_ptr<uint8_t[]> buffer;
+        if (declared > 0) {
+            buffer.reset(new (std::nothrow) uint8_t[declared]);
+            if (!buffer) {
+                io.fail(MP4_ERR_OUT_OF_MEMORY);
+                return;
+            }
+        }
+        if (!io.bytes(buffer.get(), declared).ok()) return;
+        bytes = std::move(buffer);
+        length = declared;
+    } else {
+        io.bytes(bytes.get(), length);
     }
-    *bytes = std::move(buffer);
-    *length = declared;
-    return MP4_OK;
 }
 
 MP4Err checkParameterSet(uint32_t length, const std::unique_ptr<uint8_t[]>& bytes) {
     if (length > 0 && !bytes) return MP4_ERR_INVALID_DATA;
     if (length > kMaxNalUnitLength) return MP4_ERR_VALUE_TOO_LARGE;
     return MP4_OK;
-}
-
-void writeParameterSet(FieldWriter* writer, uint32_t length, const std::unique_ptr<uint8_t[]>& bytes) {
-    writer->u16(length).bytes(bytes.get(), length);
 }
 
 }  // namespace
@@ -82,46 +81,54 @@ uint32_t CAVCDecoderConfigRecord::sequenceParameterSetCount() const {
                                                                    : kMaxSequenceParameterSets;
 }
 
+template <class IO>
+MP4Err CAVCDecoderConfigRecord::fields(IO& io) {
+    uint8_t lengthByte = static_cast<uint8_t>(lengthSizeMinusOne | 0xFC);
+    uint8_t countByte = static_cast<uint8_t>(numOfSequenceParameterSets | 0xE0);
+    io.u8(configurationVersion)
+        .u8(AVCProfileIndication)
+        .u8(profile_compatibility)
+        .u8(AVCLevelIndication)
+        .u8(lengthByte)
+        .u8(countByte);
+    if (!io.ok()) return io.error();
+    if constexpr (IO::kReads) {
+        lengthSizeMinusOne = lengthByte % 4;
+        numOfSequenceParameterSets = countByte & 0x1F;
+    }
+    for (uint32_t i = 0; i < sequenceParameterSetCount() && io.ok(); ++i) {
+        lengthPrefixed(io, spsLength[i], sps[i]);
+    }
+    if constexpr (IO::kReads) {
+        // The PPS count is mandatory.
+        if (io.ok() && io.left() == 0) return MP4_ERR_BAD_BOX_SIZE;
+    }
+    io.u8(numOfPictureParameterSets);
+    for (uint32_t i = 0; i < numOfPictureParameterSets && io.ok(); ++i) {
+        lengthPrefixed(io, ppsLength[i], pps[i]);
+    }
+    if (!io.ok()) return io.error();
+    if constexpr (IO::kReads) {
+        // The high-profile extension (chroma format, bit depths, SPS
+        // extensions) is not kept: only the fact that there was one.
+        if (io.left() == 0) return MP4_OK;
+        MP4Err err = skipPayload(io.storage(), io.left());
+        if (err == MP4_OK) hasExtension = 1;
+        return err;
+    } else {
+        if (hasExtension) io.bytes(kAVCExtensionTrailer, sizeof(kAVCExtensionTrailer));
+        return io.error();
+    }
+}
+
 MP4Err CAVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
     size = count;
     if (count < kMinRecordBytes) return MP4_ERR_BAD_BOX_SIZE;
     clearParameterSets();
-    uint32_t remaining = count;
-    uint8_t lengthByte = 0, countByte = 0;
-    MP4Err err = FieldReader(storage, &remaining)
-                     .u8(configurationVersion)
-                     .u8(AVCProfileIndication)
-                     .u8(profile_compatibility)
-                     .u8(AVCLevelIndication)
-                     .u8(lengthByte)
-                     .u8(countByte)
-                     .error();
-    if (err != MP4_OK) return err;
-    lengthSizeMinusOne = lengthByte % 4;
-    numOfSequenceParameterSets = countByte & 0x1F;
-
-    for (uint32_t i = 0; i < numOfSequenceParameterSets; ++i) {
-        err = readParameterSet(storage, &remaining, &spsLength[i], &sps[i]);
-        if (err != MP4_OK) return err;
-    }
-    if (remaining == 0) return MP4_ERR_BAD_BOX_SIZE;  // the PPS count is mandatory
-    err = FieldReader(storage, &remaining).u8(numOfPictureParameterSets).error();
-    if (err != MP4_OK) return err;
-    for (uint32_t i = 0; i < numOfPictureParameterSets; ++i) {
-        err = readParameterSet(storage, &remaining, &ppsLength[i], &pps[i]);
-        if (err != MP4_OK) return err;
-    }
-    // The high-profile extension (chroma format, bit depths, SPS extensions)
-    // is not kept: only the fact that there was one.
-    if (remaining > 0) {
-        err = skipPayload(storage, remaining);
-        if (err != MP4_OK) return err;
-        hasExtension = 1;
-    }
-    return MP4_OK;
+    return readFields(this, storage, &count);
 }
 
-MP4Err CAVCDecoderConfigRecord::write(CStorage* storage) {
+MP4Err CAVCDecoderConfigRecord::checkWritable() const {
     if (numOfSequenceParameterSets >= kMaxSequenceParameterSets) return MP4_ERR_VALUE_TOO_LARGE;
     for (uint32_t i = 0; i < numOfSequenceParameterSets; ++i) {
         MP4Err err = checkParameterSet(spsLength[i], sps[i]);
@@ -131,22 +138,12 @@ MP4Err CAVCDecoderConfigRecord::write(CStorage* storage) {
         MP4Err err = checkParameterSet(ppsLength[i], pps[i]);
         if (err != MP4_OK) return err;
     }
-    FieldWriter writer(storage);
-    writer.u8(configurationVersion)
-        .u8(AVCProfileIndication)
-        .u8(profile_compatibility)
-        .u8(AVCLevelIndication)
-        .u8(lengthSizeMinusOne | 0xFC)
-        .u8(numOfSequenceParameterSets | 0xE0);
-    for (uint32_t i = 0; i < numOfSequenceParameterSets; ++i) {
-        writeParameterSet(&writer, spsLength[i], sps[i]);
-    }
-    writer.u8(numOfPictureParameterSets);
-    for (uint32_t i = 0; i < numOfPictureParameterSets; ++i) {
-        writeParameterSet(&writer, ppsLength[i], pps[i]);
-    }
-    if (hasExtension) writer.bytes(kAVCExtensionTrailer, sizeof(kAVCExtensionTrailer));
-    return writer.error();
+    return MP4_OK;
+}
+
+MP4Err CAVCDecoderConfigRecord::write(CStorage* storage) {
+    MP4Err err = checkWritable();
+    return err != MP4_OK ? err : writeFields(this, storage);
 }
 
 MP4Err CAVCDecoderConfigRecord::dump(int32_t depth) {
@@ -167,11 +164,7 @@ MP4Err CAVCDecoderConfigRecord::dump(int32_t depth) {
 }
 
 MP4Err CAVCDecoderConfigRecord::calcSize() {
-    uint64_t total = 7;
-    for (uint32_t i = 0; i < sequenceParameterSetCount(); ++i) total += 2 + uint64_t{spsLength[i]};
-    for (uint32_t i = 0; i < numOfPictureParameterSets; ++i) total += 2 + uint64_t{ppsLength[i]};
-    if (hasExtension) total += sizeof(kAVCExtensionTrailer);
-    size = total;
+    size = countFields(this);
     return MP4_OK;
 }
 
@@ -198,69 +191,94 @@ MP4Err CHEVCNalArray::addNalUnit(const uint8_t* bytes, uint32_t length) {
     return err;
 }
 
-// ---- CHEVCDecoderConfigRecord -----------------------------------------------
-
-MP4Err CHEVCDecoderConfigRecord::readFixedPart(CStorage* storage, uint32_t* remaining) {
-    uint8_t profileByte = 0, parallelismByte = 0, chromaByte = 0, lumaByte = 0,
-            chromaDepthByte = 0, layersByte = 0;
-    uint16_t constraintHigh = 0, segmentation = 0;
-    uint32_t constraintLow = 0;
-    MP4Err err = FieldReader(storage, remaining)
-                     .u8(configurationVersion)
-                     .u8(profileByte)
-                     .u32(general_profile_compatibility_flags)
-                     .u16(constraintHigh)
-                     .u32(constraintLow)
-                     .u8(general_level_idc)
-                     .u16(segmentation)
-                     .u8(parallelismByte)
-                     .u8(chromaByte)
-                     .u8(lumaByte)
-                     .u8(chromaDepthByte)
-                     .u16(avgFrameRate)
-                     .u8(layersByte)
-                     .u8(numOfArrays)
-                     .error();
-    if (err != MP4_OK) return err;
-    general_profile_space = profileByte >> 6;
-    general_tier_flag = (profileByte >> 5) & 1;
-    general_profile_idc = profileByte & 0x1F;
-    general_constraint_indicator_flags = (uint64_t{constraintHigh} << 32) | constraintLow;
-    min_spatial_segmentation_idc = segmentation % 4096;
-    parallelismType = parallelismByte % 4;
-    chromaFormat = chromaByte % 4;
-    bitDepthLumaMinus8 = lumaByte % 8;
-    bitDepthChromaMinus8 = chromaDepthByte % 8;
-    constantFrameRate = layersByte >> 6;
-    numTemporalLayers = (layersByte >> 3) & 7;
-    temporalIdNested = (layersByte >> 2) & 1;
-    lengthSizeMinusOne = layersByte & 3;
-    return MP4_OK;
+template <class IO>
+MP4Err CHEVCNalArray::fields(IO& io) {
+    // The reserved bit between completeness and type is written as 0.
+    uint8_t typeByte = static_cast<uint8_t>((array_completeness & 1u) << 7 | (NAL_unit_type & 0x3Fu));
+    if (!io.u8(typeByte).u16(numNalus).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        array_completeness = typeByte >> 7;
+        NAL_unit_type = typeByte & 0x3F;
+        for (uint32_t i = 0; i < numNalus && io.ok(); ++i) {
+            uint16_t length = 0;
+            std::unique_ptr<uint8_t[]> unit;
+            // Units are bounded by the record: a damaged length must not
+            // read (or allocate) beyond it.
+            lengthPrefixed(io, length, unit);
+            if (io.ok()) io.fail(appendUnit(length, std::move(unit)));
+        }
+    } else {
+        for (size_t i = 0; i < nalLengths.size(); ++i) lengthPrefixed(io, nalLengths[i], nalUnits[i]);
+    }
+    return io.error();
 }
 
-MP4Err CHEVCDecoderConfigRecord::readArray(CStorage* storage, uint32_t* remaining,
-                                           std::unique_ptr<CHEVCNalArray>* out) {
-    uint8_t typeByte = 0;
-    uint16_t count = 0;
-    MP4Err err = FieldReader(storage, remaining).u8(typeByte).u16(count).error();
-    if (err != MP4_OK) return err;
-    std::unique_ptr<CHEVCNalArray> array(new (std::nothrow) CHEVCNalArray());
-    if (!array) return MP4_ERR_OUT_OF_MEMORY;
-    array->array_completeness = typeByte >> 7;
-    array->NAL_unit_type = typeByte & 0x3F;
-    array->numNalus = count;
-    for (uint32_t i = 0; i < count; ++i) {
-        uint32_t length = 0;
-        std::unique_ptr<uint8_t[]> unit;
-        // Units are bounded by the record: a damaged length must not read
-        // (or allocate) beyond it.
-        err = readParameterSet(storage, remaining, &length, &unit);
-        if (err != MP4_OK) return err;
-        err = array->appendUnit(static_cast<uint16_t>(length), std::move(unit));
-        if (err != MP4_OK) return err;
+// ---- CHEVCDecoderConfigRecord -----------------------------------------------
+
+template <class IO>
+void CHEVCDecoderConfigRecord::fixedFields(IO& io) {
+    // Reserved bits are written as ones.
+    uint8_t profileByte = static_cast<uint8_t>((general_profile_space & 3u) << 6 |
+                                               (general_tier_flag & 1u) << 5 |
+                                               (general_profile_idc & 0x1Fu));
+    uint16_t constraintHigh = static_cast<uint16_t>(general_constraint_indicator_flags >> 32);
+    uint32_t constraintLow = static_cast<uint32_t>(general_constraint_indicator_flags);
+    uint16_t segmentation = static_cast<uint16_t>((min_spatial_segmentation_idc & 0x0FFFu) | 0xF000u);
+    uint8_t parallelismByte = static_cast<uint8_t>((parallelismType & 3u) | 0xFCu);
+    uint8_t chromaByte = static_cast<uint8_t>((chromaFormat & 3u) | 0xFCu);
+    uint8_t lumaByte = static_cast<uint8_t>((bitDepthLumaMinus8 & 7u) | 0xF8u);
+    uint8_t chromaDepthByte = static_cast<uint8_t>((bitDepthChromaMinus8 & 7u) | 0xF8u);
+    uint8_t layersByte = static_cast<uint8_t>((constantFrameRate & 3u) << 6 | (numTemporalLayers & 7u) << 3 |
+                                              (temporalIdNested & 1u) << 2 | (lengthSizeMinusOne & 3u));
+    io.u8(configurationVersion)
+        .u8(profileByte)
+        .u32(general_profile_compatibility_flags)
+        .u16(constraintHigh)
+        .u32(constraintLow)
+        .u8(general_level_idc)
+        .u16(segmentation)
+        .u8(parallelismByte)
+        .u8(chromaByte)
+        .u8(lumaByte)
+        .u8(chromaDepthByte)
+        .u16(avgFrameRate)
+        .u8(layersByte)
+        .u8(numOfArrays);
+    if constexpr (IO::kReads) {
+        if (!io.ok()) return;
+        general_profile_space = profileByte >> 6;
+        general_tier_flag = (profileByte >> 5) & 1;
+        general_profile_idc = profileByte & 0x1F;
+        general_constraint_indicator_flags = (uint64_t{constraintHigh} << 32) | constraintLow;
+        min_spatial_segmentation_idc = segmentation % 4096;
+        parallelismType = parallelismByte % 4;
+        chromaFormat = chromaByte % 4;
+        bitDepthLumaMinus8 = lumaByte % 8;
+        bitDepthChromaMinus8 = chromaDepthByte % 8;
+        constantFrameRate = layersByte >> 6;
+        numTemporalLayers = (layersByte >> 3) & 7;
+        temporalIdNested = (layersByte >> 2) & 1;
+        lengthSizeMinusOne = layersByte & 3;
     }
-    *out = std::move(array);
-    return MP4_OK;
+}
+
+template <class IO>
+MP4Err CHEVCDecoderConfigRecord::fields(IO& io) {
+    fixedFields(io);
+    if constexpr (IO::kReads) {
+        // An array needs at least its three header bytes.
+        while (io.ok() && arrays.size() < numOfArrays && io.left() >= 3) {
+            std::unique_ptr<CHEVCNalArray> array(new (std::nothrow) CHEVCNalArray());
+            if (!array) return MP4_ERR_OUT_OF_MEMORY;
+            if (array->fields(io) == MP4_OK) io.fail(appendTo(&arrays, std::move(array)));
+        }
+        if (io.ok() && arrays.size() < numOfArrays) return MP4_ERR_BAD_BOX_SIZE;
+    } else {
+        for (const auto& array : arrays) {
+            if (array) array->fields(io);
+        }
+    }
+    return io.error();
 }
 
 MP4Err CHEVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
@@ -268,58 +286,12 @@ MP4Err CHEVCDecoderConfigRecord::read(CStorage* storage, uint32_t count) {
     // Deliberate: only six bytes are required although the fixed part is 23.
     if (count < kMinRecordBytes) return MP4_ERR_BAD_BOX_SIZE;
     arrays.clear();
-    uint32_t remaining = count;
-    MP4Err err = readFixedPart(storage, &remaining);
-    if (err != MP4_OK) return err;
-    // A payload shorter than the fixed part leaves nothing for the arrays;
-    // the wrapped count then takes the storage back to the record's end.
-    bool overRead = count < kHEVCFixedPartBytes;
-    uint32_t arraysRead = 0;
-    while (!overRead && arraysRead < numOfArrays && remaining >= 3) {
-        std::unique_ptr<CHEVCNalArray> array;
-        err = readArray(storage, &remaining, &array);
-        if (err != MP4_OK) return err;
-        err = appendTo(&arrays, std::move(array));
-        if (err != MP4_OK) return err;
-        ++arraysRead;
-    }
-    if (arraysRead < numOfArrays) return MP4_ERR_BAD_BOX_SIZE;
-    if (remaining > 0) return storage->skip(remaining);
-    return MP4_OK;
+    MP4Err err = readFields(this, storage, &count);
+    if (err == MP4_OK && count > 0) err = storage->skip(count);
+    return err;
 }
 
-MP4Err CHEVCDecoderConfigRecord::writeFixedPart(CStorage* storage) {
-    return FieldWriter(storage)
-        .u8(configurationVersion)
-        .u8((general_profile_space & 3u) << 6 | (general_tier_flag & 1u) << 5 |
-            (general_profile_idc & 0x1Fu))
-        .u32(general_profile_compatibility_flags)
-        .u16(static_cast<uint32_t>(general_constraint_indicator_flags >> 32))
-        .u32(static_cast<uint32_t>(general_constraint_indicator_flags))
-        .u8(general_level_idc)
-        .u16((min_spatial_segmentation_idc & 0x0FFFu) | 0xF000u)
-        .u8((parallelismType & 3u) | 0xFCu)
-        .u8((chromaFormat & 3u) | 0xFCu)
-        .u8((bitDepthLumaMinus8 & 7u) | 0xF8u)
-        .u8((bitDepthChromaMinus8 & 7u) | 0xF8u)
-        .u16(avgFrameRate)
-        .u8((constantFrameRate & 3u) << 6 | (numTemporalLayers & 7u) << 3 |
-            (temporalIdNested & 1u) << 2 | (lengthSizeMinusOne & 3u))
-        .u8(numOfArrays)
-        .error();
-}
-
-MP4Err CHEVCDecoderConfigRecord::writeArray(CStorage* storage, const CHEVCNalArray& array) {
-    // The reserved bit between completeness and type is written as 0.
-    FieldWriter writer(storage);
-    writer.u8((array.array_completeness & 1u) << 7 | (array.NAL_unit_type & 0x3Fu)).u16(array.numNalus);
-    for (size_t i = 0; i < array.nalLengths.size(); ++i) {
-        writer.u16(array.nalLengths[i]).bytes(array.nalUnits[i].get(), array.nalLengths[i]);
-    }
-    return writer.error();
-}
-
-MP4Err CHEVCDecoderConfigRecord::write(CStorage* storage) {
+MP4Err CHEVCDecoderConfigRecord::checkWritable() const {
     // Counts that disagree with the lists would write a record nobody can
     // parse back.
     if (arrays.size() != numOfArrays) return MP4_ERR_INVALID_DATA;
@@ -332,9 +304,12 @@ MP4Err CHEVCDecoderConfigRecord::write(CStorage* storage) {
             if (array->nalLengths[i] > 0 && !array->nalUnits[i]) return MP4_ERR_INVALID_DATA;
         }
     }
-    MP4Err err = writeFixedPart(storage);
-    for (size_t i = 0; err == MP4_OK && i < arrays.size(); ++i) err = writeArray(storage, *arrays[i]);
-    return err;
+    return MP4_OK;
+}
+
+MP4Err CHEVCDecoderConfigRecord::write(CStorage* storage) {
+    MP4Err err = checkWritable();
+    return err != MP4_OK ? err : writeFields(this, storage);
 }
 
 MP4Err CHEVCDecoderConfigRecord::dump(int32_t depth) {
@@ -348,13 +323,7 @@ MP4Err CHEVCDecoderConfigRecord::dump(int32_t depth) {
 }
 
 MP4Err CHEVCDecoderConfigRecord::calcSize() {
-    uint64_t total = kHEVCFixedPartBytes;
-    for (const auto& array : arrays) {
-        if (!array) continue;
-        total += 3;
-        for (uint16_t length : array->nalLengths) total += 2 + uint64_t{length};
-    }
-    size = total;
+    size = countFields(this);
     return MP4_OK;
 }
 

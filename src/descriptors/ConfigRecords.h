@@ -46,6 +46,9 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    // Reading skips an extension and notes that there was one.
+    template <class IO>
+    MP4Err fields(IO& io);
 
     uint8_t configurationVersion = 1;
     uint8_t AVCProfileIndication = 0;
@@ -65,6 +68,7 @@ public:
 private:
     void clearParameterSets();
     uint32_t sequenceParameterSetCount() const;
+    MP4Err checkWritable() const;
 };
 
 // One array of NAL units of a single type in an HEVC record.
@@ -82,6 +86,9 @@ public:
 
     // Appends one unit already allocated (1 when the lists cannot grow).
     MP4Err appendUnit(uint16_t length, std::unique_ptr<uint8_t[]> unit);
+    // Reading appends the units it meets.
+    template <class IO>
+    MP4Err fields(IO& io);
 };
 
 class CHEVCDecoderConfigRecord : public CDecoderConfigRecord {
@@ -90,6 +97,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Takes ownership of an array and counts it in numOfArrays.
     MP4Err addArray(std::unique_ptr<CHEVCNalArray> array);
@@ -115,10 +124,9 @@ public:
     std::vector<std::unique_ptr<CHEVCNalArray>> arrays;
 
 private:
-    MP4Err readFixedPart(CStorage* storage, uint32_t* remaining);
-    MP4Err readArray(CStorage* storage, uint32_t* remaining, std::unique_ptr<CHEVCNalArray>* out);
-    MP4Err writeFixedPart(CStorage* storage);
-    MP4Err writeArray(CStorage* storage, const CHEVCNalArray& array);
+    template <class IO>
+    void fixedFields(IO& io);
+    MP4Err checkWritable() const;
 };
 
 }  // namespace quil

@@ -59,18 +59,6 @@ void lowerRemaining(uint32_t* remaining, uint64_t consumed) {
 
 // ---- shared helpers -------------------------------------------------------
 
-MP4Err readDescriptorURL(CStorage* storage, uint8_t length, std::unique_ptr<uint8_t[]>* url) {
-    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[length + 1u]);
-    if (!buffer) return MP4_ERR_OUT_OF_MEMORY;
-    buffer[length] = 0;
-    if (length > 0) {
-        MP4Err err = storage->readBytes(buffer.get(), length);
-        if (err != MP4_OK) return err;
-    }
-    *url = std::move(buffer);
-    return MP4_OK;
-}
-
 MP4Err copyDescriptorURL(const uint8_t* bytes, uint32_t length, std::unique_ptr<uint8_t[]>* url) {
     if (!bytes || length > 255) return MP4_ERR_INVALID_ARGUMENT;
     std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[length + 1]);

@@ -81,6 +81,21 @@ protected:
     uint32_t nesting_ = 0;
 };
 
+// A descriptor whose payload is one field layout, followed by child
+// descriptors when kChildren is set (Self then has a `children` list): its
+// class defines  template <class IO> MP4Err fields(IO& io);  (io/FieldIO.h)
+// and dump(); read, write and calcSize walk that one list. The family's
+// source includes descriptors/DescriptorFields.h and instantiates
+// `template class CFieldDescriptor<CSomeDescriptor, ...>;` once.
+template <class Self, bool kChildren = false>
+class CFieldDescriptor : public CBaseDescriptor {
+public:
+    using CBaseDescriptor::CBaseDescriptor;
+    MP4Err read(CStorage* storage) override;
+    MP4Err write(CStorage* storage) override;
+    MP4Err calcSize() override;
+};
+
 // Size of the whole descriptor (header included) as its parent counts it.
 MP4Err descriptorTotalSize(CBaseDescriptor* descriptor, uint64_t* total);
 
@@ -136,8 +151,6 @@ MP4Err writeDescriptorList(CDescriptorList* list, CStorage* storage);
 MP4Err dumpDescriptorList(CDescriptorList* list, int32_t depth);
 
 // Helpers shared by the descriptor families.
-// Reads URLlength bytes into a zero-terminated buffer.
-MP4Err readDescriptorURL(CStorage* storage, uint8_t length, std::unique_ptr<uint8_t[]>* url);
 // Copies a caller's URL into a zero-terminated buffer (2 for null bytes or
 // a length above 255).
 MP4Err copyDescriptorURL(const uint8_t* bytes, uint32_t length, std::unique_ptr<uint8_t[]>* url);

@@ -4,42 +4,37 @@
 #include <cstring>
 #include <new>
 
+#include "descriptors/DescriptorFields.h"
 #include "io/Dump.h"
-#include "io/FieldIO.h"
 
 namespace quil {
 namespace {
 
 constexpr uint32_t kBytesPerDumpLine = 16;
 
-// A computed payload size that fits the 32-bit size field; larger ones are
-// refused here instead of wrapping (writing would refuse them anyway).
-MP4Err storeSize(uint64_t total, uint32_t* size, uint32_t* headerLength) {
-    if (total > 0xFFFFFFFFull) return MP4_ERR_VALUE_TOO_LARGE;
-    *size = static_cast<uint32_t>(total);
-    *headerLength = 0;
-    return MP4_OK;
-}
-
 }  // namespace
 
 // ---- CDecoderSpecificInfo ---------------------------------------------------
 
+template <class IO>
+MP4Err CDecoderSpecificInfo::fields(IO& io) {
+    // The whole payload.
+    if constexpr (IO::kReads) {
+        const uint32_t length = io.left();
+        if (io.owned(data, length).ok()) dataLength = length;
+        return io.error();
+    } else {
+        return io.owned(data, dataLength).error();
+    }
+}
+
 MP4Err CDecoderSpecificInfo::read(CStorage* storage) {
-    std::unique_ptr<uint8_t[]> bytes;
-    MP4Err err = readOwnedBytes(storage, remaining, &bytes);
-    if (err != MP4_OK) return err;
-    data = std::move(bytes);
-    dataLength = remaining;
-    remaining = 0;
-    return MP4_OK;
+    return readDescriptorLayout(this, storage, nullptr, nesting_);
 }
 
 MP4Err CDecoderSpecificInfo::write(CStorage* storage) {
     if (dataLength > 0 && !data) return MP4_ERR_INVALID_DATA;
-    MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    return FieldWriter(storage).bytes(data.get(), dataLength).error();
+    return writeDescriptorLayout(this, storage, nullptr);
 }
 
 MP4Err CDecoderSpecificInfo::dump(int32_t depth) {
@@ -58,9 +53,7 @@ MP4Err CDecoderSpecificInfo::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CDecoderSpecificInfo::calcSize() {
-    return storeSize(dataLength, &size, &headerLength);
-}
+MP4Err CDecoderSpecificInfo::calcSize() { return sizeDescriptorLayout(this, nullptr); }
 
 MP4Err CDecoderSpecificInfo::setData(const uint8_t* bytes, uint32_t length) {
     std::unique_ptr<uint8_t[]> buffer;
@@ -92,19 +85,7 @@ MP4Err CDecoderConfigDescriptor::fields(IO& io) {
     return io.error();
 }
 
-MP4Err CDecoderConfigDescriptor::read(CStorage* storage) {
-    MP4Err err = readFields(this, storage, &remaining);
-    if (err != MP4_OK) return err;
-    children.reset(new (std::nothrow) CDescriptorList());
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    return readDescriptorList(children.get(), storage, &remaining, nesting_ + 1);
-}
-
-MP4Err CDecoderConfigDescriptor::write(CStorage* storage) {
-    MP4Err err = CBaseDescriptor::write(storage);
-    if (err == MP4_OK) err = writeFields(this, storage);
-    return err != MP4_OK ? err : writeDescriptorList(children.get(), storage);
-}
+template class CFieldDescriptor<CDecoderConfigDescriptor, true>;
 
 MP4Err CDecoderConfigDescriptor::dump(int32_t depth) {
     MP4Err err = CBaseDescriptor::dump(depth);
@@ -117,13 +98,6 @@ MP4Err CDecoderConfigDescriptor::dump(int32_t depth) {
              static_cast<int32_t>(avgBitrate));
     if (children && children->count() > 0) return dumpDescriptorChildrenInBraces(children.get(), depth);
     return MP4_OK;
-}
-
-MP4Err CDecoderConfigDescriptor::calcSize() {
-    uint64_t childBytes = 0;
-    MP4Err err = calcDescriptorListSize(children.get(), &childBytes);
-    if (err != MP4_OK) return err;
-    return storeSize(countFields(this) + childBytes, &size, &headerLength);
 }
 
 MP4Err CDecoderConfigDescriptor::findDecoderSpecificInfo(CDecoderSpecificInfo** info) const {
@@ -173,21 +147,23 @@ void CSLConfigDescriptor::applyPredefined() {
     }
 }
 
-MP4Err CSLConfigDescriptor::readCustomFields(CStorage* storage) {
-    if (remaining < 15) return MP4_ERR_VALUE_TOO_LARGE;
+// The fields of predefined value 0, which are only read.
+template <class IO>
+void CSLConfigDescriptor::customFields(IO& io) {
     uint8_t flags = 0;
     uint16_t packed = 0;
-    MP4Err err = FieldReader(storage, &remaining)
-                     .u8(flags)
-                     .u32(timeStampResolution)
-                     .u32(OCRResolution)
-                     .u8(timeStampLength)
-                     .u8(OCRLength)
-                     .u8(AU_Length)
-                     .u8(instantBitrateLength)
-                     .u16(packed)
-                     .error();
-    if (err != MP4_OK) return err;
+    if (!io.require(15, MP4_ERR_VALUE_TOO_LARGE)
+             .u8(flags)
+             .u32(timeStampResolution)
+             .u32(OCRResolution)
+             .u8(timeStampLength)
+             .u8(OCRLength)
+             .u8(AU_Length)
+             .u8(instantBitrateLength)
+             .u16(packed)
+             .ok()) {
+        return;
+    }
     useAccessUnitStartFlag = flags & 0x80;
     useAccessUnitEndFlag = flags & 0x40;
     useRandomAccessPointFlag = flags & 0x20;
@@ -198,56 +174,52 @@ MP4Err CSLConfigDescriptor::readCustomFields(CStorage* storage) {
     durationFlag = flags & 0x01;
     degradationPriorityLength = static_cast<uint8_t>(packed >> 12);
     AU_seqNumLength = static_cast<uint8_t>((packed >> 7) & 0x1F);
-    // Deliberate: the 0x1E mask and raising the extension bits to 3 are kept
-    // for compatibility with existing output.
+    // Deliberate: the 0x1E mask and raising the extension bits to 3 are
+    // kept for compatibility with existing output.
     packetSeqNumLength = static_cast<uint8_t>(((packed & 0xFF) >> 2) & 0x1E);
     extension = static_cast<uint8_t>(packed & 0x03);
     if (extension < 3) extension = 3;
-    return MP4_OK;
 }
 
-MP4Err CSLConfigDescriptor::readDuration(CStorage* storage) {
-    if (remaining < 8) return MP4_ERR_VALUE_TOO_LARGE;
-    // Deliberate: both durations land in accessUnitDuration.
-    return FieldReader(storage, &remaining)
-        .u32(timeScale)
-        .u16(accessUnitDuration)
-        .u16(accessUnitDuration)
-        .error();
-}
-
-MP4Err CSLConfigDescriptor::checkStartTimeStamps() {
+// The start time stamps take 2 * timeStampLength bits, rounded up to whole
+// bytes. They are not supported: reading refuses them even when present,
+// writing refuses them in checkWritable.
+template <class IO>
+MP4Err CSLConfigDescriptor::startTimeStamps(IO& io) {
     if (useTimeStampsFlag || timeStampLength == 0) return MP4_OK;
+    const uint32_t bytes = (2u * timeStampLength + 7) / 8;
+    if constexpr (IO::kCounts) return io.repeated(bytes, 1).error();
     if (timeStampLength > 64) return MP4_ERR_UNSUPPORTED;
-    uint32_t needed = (2u * timeStampLength + 7) / 8;
-    // Start time stamps are not supported even when they are present.
-    return remaining < needed ? MP4_ERR_VALUE_TOO_LARGE : MP4_ERR_INVALID_DATA;
+    return io.require(bytes, MP4_ERR_VALUE_TOO_LARGE).ok() ? MP4_ERR_INVALID_DATA : io.error();
+}
+
+template <class IO>
+MP4Err CSLConfigDescriptor::fields(IO& io) {
+    if (!io.require(1, MP4_ERR_VALUE_TOO_LARGE).u8(predefined).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        if (predefined == 1 || predefined == 2) {
+            applyPredefined();
+        } else if (predefined != 0) {
+            return MP4_ERR_INVALID_DATA;
+        }
+    }
+    if constexpr (IO::kReads) {
+        if (predefined == 0) customFields(io);
+    }
+    if (durationFlag && io.ok()) {
+        // Deliberate: reading puts both durations in accessUnitDuration.
+        uint16_t& second = IO::kReads ? accessUnitDuration : compositionUnitDuration;
+        io.require(8, MP4_ERR_VALUE_TOO_LARGE).u32(timeScale).u16(accessUnitDuration).u16(second);
+    }
+    return io.ok() ? startTimeStamps(io) : io.error();
 }
 
 MP4Err CSLConfigDescriptor::read(CStorage* storage) {
-    if (remaining == 0) return MP4_ERR_VALUE_TOO_LARGE;
-    MP4Err err = FieldReader(storage, &remaining).u8(predefined).error();
-    if (err != MP4_OK) return err;
-    if (predefined == 1 || predefined == 2) {
-        applyPredefined();
-    } else if (predefined != 0) {
-        return MP4_ERR_INVALID_DATA;
-    } else {
-        err = readCustomFields(storage);
-        if (err != MP4_OK) return err;
-    }
-    if (durationFlag) {
-        err = readDuration(storage);
-        if (err != MP4_OK) return err;
-    }
-    err = checkStartTimeStamps();
-    if (err != MP4_OK) return err;
-    if (remaining > 0) {
-        err = skipPayload(storage, remaining);
-        if (err != MP4_OK) return err;
-        remaining = 0;
-    }
-    return MP4_OK;
+    MP4Err err = readDescriptorLayout(this, storage, nullptr, nesting_);
+    if (err != MP4_OK || remaining == 0) return err;
+    err = skipPayload(storage, remaining);
+    if (err == MP4_OK) remaining = 0;
+    return err;
 }
 
 MP4Err CSLConfigDescriptor::checkWritable() const {
@@ -258,10 +230,8 @@ MP4Err CSLConfigDescriptor::checkWritable() const {
 
 MP4Err CSLConfigDescriptor::write(CStorage* storage) {
     MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    err = checkWritable();
-    if (err != MP4_OK) return err;
-    return storage->writeUInt8(predefined);
+    if (err == MP4_OK) err = checkWritable();
+    return err != MP4_OK ? err : writeFields(this, storage);
 }
 
 MP4Err CSLConfigDescriptor::dump(int32_t depth) {
@@ -281,13 +251,7 @@ MP4Err CSLConfigDescriptor::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CSLConfigDescriptor::calcSize() {
-    uint32_t total = durationFlag ? 9 : 1;
-    if (!useTimeStampsFlag) total += (2u * timeStampLength + 7) / 8;
-    size = total;
-    headerLength = 0;
-    return MP4_OK;
-}
+MP4Err CSLConfigDescriptor::calcSize() { return sizeDescriptorLayout(this, nullptr); }
 
 // ---- CESIDInc / CESIDRef ----------------------------------------------------
 
@@ -296,12 +260,7 @@ MP4Err CESIDInc::fields(IO& io) {
     return io.u32(Track_ID).error();
 }
 
-MP4Err CESIDInc::read(CStorage* storage) { return readFields(this, storage, &remaining); }
-
-MP4Err CESIDInc::write(CStorage* storage) {
-    MP4Err err = CBaseDescriptor::write(storage);
-    return err != MP4_OK ? err : writeFields(this, storage);
-}
+template class CFieldDescriptor<CESIDInc>;
 
 MP4Err CESIDInc::dump(int32_t depth) {
     MP4Err err = CBaseDescriptor::dump(depth);
@@ -310,19 +269,13 @@ MP4Err CESIDInc::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESIDInc::calcSize() { return storeSize(countFields(this), &size, &headerLength); }
 
 template <class IO>
 MP4Err CESIDRef::fields(IO& io) {
     return io.u16(ref_index).error();
 }
 
-MP4Err CESIDRef::read(CStorage* storage) { return readFields(this, storage, &remaining); }
-
-MP4Err CESIDRef::write(CStorage* storage) {
-    MP4Err err = CBaseDescriptor::write(storage);
-    return err != MP4_OK ? err : writeFields(this, storage);
-}
+template class CFieldDescriptor<CESIDRef>;
 
 MP4Err CESIDRef::dump(int32_t depth) {
     MP4Err err = CBaseDescriptor::dump(depth);
@@ -331,7 +284,6 @@ MP4Err CESIDRef::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CESIDRef::calcSize() { return storeSize(countFields(this), &size, &headerLength); }
 
 // ---- CESDescriptor ----------------------------------------------------------
 
@@ -365,28 +317,14 @@ MP4Err CESDescriptor::fields(IO& io) {
         streamPriority = flags & 0x05;
     }
     if (streamDependenceFlag) io.u16(dependsOn_ES_ID);
-    if (!URL_Flag || !io.u8(URLlength).ok()) return io.error();
-    if constexpr (IO::kReads) {
-        // Zero-terminated, the terminator not being part of the field.
-        std::unique_ptr<uint8_t[]> url(new (std::nothrow) uint8_t[URLlength + 1u]);
-        if (!url) return MP4_ERR_OUT_OF_MEMORY;
-        url[URLlength] = 0;
-        if (io.bytes(url.get(), URLlength).ok()) URLstring = std::move(url);
-        return io.error();
-    } else {
-        // Sized by its length even without the bytes (writing refuses that).
-        return io.bytes(URLstring.get(), IO::kCounts || URLstring ? URLlength : 0).error();
-    }
+    if (!URL_Flag || !io.ok()) return io.error();
+    return urlField(io, URLlength, URLstring, MP4_ERR_BAD_BOX_SIZE);
 }
 
 MP4Err CESDescriptor::read(CStorage* storage) {
-    MP4Err err = readFields(this, storage, &remaining);
-    if (err != MP4_OK) return err;
     decoderConfig = nullptr;
     slConfig = nullptr;
-    children.reset(new (std::nothrow) CDescriptorList());
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    err = readDescriptorList(children.get(), storage, &remaining, nesting_ + 1);
+    MP4Err err = readDescriptorLayout(this, storage, &children, nesting_);
     if (err != MP4_OK) return err;
     findMandatoryChildren();
     return decoderConfig && slConfig ? MP4_OK : MP4_ERR_NOT_AVAILABLE;
@@ -420,10 +358,7 @@ MP4Err CESDescriptor::dump(int32_t depth) {
 
 MP4Err CESDescriptor::calcSize() {
     if (!children || !decoderConfig || !slConfig) return MP4_ERR_BAD_SIZE_FIELD;
-    uint64_t childBytes = 0;
-    MP4Err err = calcDescriptorListSize(children.get(), &childBytes);
-    if (err != MP4_OK) return err;
-    return storeSize(countFields(this) + childBytes, &size, &headerLength);
+    return sizeDescriptorLayout(this, children.get());
 }
 
 MP4Err CESDescriptor::ensureChildren() { return ensureDescriptorList(&children); }

@@ -21,6 +21,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Replaces the bytes; with null data the length is reserved as zeros.
     MP4Err setData(const uint8_t* bytes, uint32_t length);
@@ -30,14 +32,11 @@ public:
 };
 
 // DecoderConfigDescriptor (tag 0x04).
-class CDecoderConfigDescriptor : public CBaseDescriptor {
+class CDecoderConfigDescriptor : public CFieldDescriptor<CDecoderConfigDescriptor, true> {
 public:
-    CDecoderConfigDescriptor() : CBaseDescriptor(kDecoderConfigDescrTag) {}
+    CDecoderConfigDescriptor() : CFieldDescriptor(kDecoderConfigDescrTag) {}
 
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calcSize() override;
     template <class IO>
     MP4Err fields(IO& io);
 
@@ -65,6 +64,11 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    // Reading keeps this library's long-standing quirks (see the source);
+    // only the predefined forms without durations or start time stamps
+    // are written.
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // Clears the fields a predefined value (1 or 2) fixes.
     void applyPredefined();
@@ -96,22 +100,20 @@ public:
     uint64_t startCompositionTimeStamp = 0;
 
 private:
-    MP4Err readCustomFields(CStorage* storage);
-    MP4Err readDuration(CStorage* storage);
-    MP4Err checkStartTimeStamps();
+    template <class IO>
+    void customFields(IO& io);
+    template <class IO>
+    MP4Err startTimeStamps(IO& io);
     MP4Err checkWritable() const;
 };
 
 // ES_ID_Inc (tag 0x0E, ISO/IEC 14496-14 §3.1.2): names a track in an
 // initial object descriptor.
-class CESIDInc : public CBaseDescriptor {
+class CESIDInc : public CFieldDescriptor<CESIDInc> {
 public:
-    CESIDInc() : CBaseDescriptor(kESIDIncTag) {}
+    CESIDInc() : CFieldDescriptor(kESIDIncTag) {}
 
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calcSize() override;
     template <class IO>
     MP4Err fields(IO& io);
 
@@ -120,14 +122,11 @@ public:
 
 // ES_ID_Ref (tag 0x0F, ISO/IEC 14496-14 §3.1.3): a 1-based index into the
 // "mpod" track references.
-class CESIDRef : public CBaseDescriptor {
+class CESIDRef : public CFieldDescriptor<CESIDRef> {
 public:
-    CESIDRef() : CBaseDescriptor(kESIDRefTag) {}
+    CESIDRef() : CFieldDescriptor(kESIDRefTag) {}
 
-    MP4Err read(CStorage* storage) override;
-    MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
-    MP4Err calcSize() override;
     template <class IO>
     MP4Err fields(IO& io);
 

@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "io/FieldIO.h"
+#include "descriptors/DescriptorFields.h"
 #include "io/Dump.h"
 
 namespace quil {
@@ -14,50 +14,40 @@ constexpr uint16_t kMaxObjectDescriptorID = 0x3FF;
 
 // ---- CObjectDescriptor ------------------------------------------------------
 
-MP4Err CObjectDescriptor::read(CStorage* storage) {
+template <class IO>
+MP4Err CObjectDescriptor::fields(IO& io) {
+    CInitialObjectDescriptor* iod = initial();
+    // Below the ID and URL_Flag: the initial descriptor's flag and four
+    // reserved bits, or five reserved bits; reserved bits are written as ones.
+    const uint32_t lowBits = iod ? ((iod->includeInlineProfileLevelFlag ? 1u : 0u) << 4) | 0x0Fu : 0x1Fu;
+    uint16_t word = static_cast<uint16_t>((ObjectDescriptorID & kMaxObjectDescriptorID) << 6 |
+                                          (URL_Flag ? 1u : 0u) << 5 | lowBits);
     // The fields are checked against the declared size: a damaged size must
     // not let the fixed part run into the next descriptor.
-    if (remaining < 2) return MP4_ERR_VALUE_TOO_LARGE;
-    uint16_t word = 0;
-    MP4Err err = FieldReader(storage, &remaining).u16(word).error();
-    if (err != MP4_OK) return err;
-    ObjectDescriptorID = word >> 6;
-    URL_Flag = (word >> 5) & 1;
-    takeLowFlagBits(word);
-    if (URL_Flag) {
-        if (remaining < 1) return MP4_ERR_VALUE_TOO_LARGE;
-        err = FieldReader(storage, &remaining).u8(URLlength).error();
-        if (err != MP4_OK) return err;
-        if (remaining < URLlength) return MP4_ERR_VALUE_TOO_LARGE;
-        err = readDescriptorURL(storage, URLlength, &URLstring);
-        if (err != MP4_OK) return err;
-        remaining -= URLlength;
-    } else {
-        if (remaining < profileLevelBytes()) return MP4_ERR_VALUE_TOO_LARGE;
-        err = readProfileLevels(storage);
-        if (err != MP4_OK) return err;
+    if (!io.require(2, MP4_ERR_VALUE_TOO_LARGE).u16(word).ok()) return io.error();
+    if constexpr (IO::kReads) {
+        ObjectDescriptorID = word >> 6;
+        URL_Flag = (word >> 5) & 1;
+        if (iod) iod->includeInlineProfileLevelFlag = (word >> 4) & 1;
     }
-    children.reset(new (std::nothrow) CDescriptorList());
-    if (!children) return MP4_ERR_OUT_OF_MEMORY;
-    return readDescriptorList(children.get(), storage, &remaining, nesting_ + 1);
+    if (URL_Flag) return urlField(io, URLlength, URLstring, MP4_ERR_VALUE_TOO_LARGE);
+    if (!iod) return MP4_OK;
+    return io.require(5, MP4_ERR_VALUE_TOO_LARGE)
+        .u8(iod->ODProfileLevelIndication)
+        .u8(iod->sceneProfileLevelIndication)
+        .u8(iod->audioProfileLevelIndication)
+        .u8(iod->visualProfileLevelIndication)
+        .u8(iod->graphicsProfileLevelIndication)
+        .error();
+}
+
+MP4Err CObjectDescriptor::read(CStorage* storage) {
+    return readDescriptorLayout(this, storage, &children, nesting_);
 }
 
 MP4Err CObjectDescriptor::write(CStorage* storage) {
     if (URL_Flag && URLlength > 0 && !URLstring) return MP4_ERR_INVALID_DATA;
-    MP4Err err = CBaseDescriptor::write(storage);
-    if (err != MP4_OK) return err;
-    uint32_t word = (static_cast<uint32_t>(ObjectDescriptorID & kMaxObjectDescriptorID) << 6) |
-                    ((URL_Flag ? 1u : 0u) << 5) | lowFlagBits();
-    FieldWriter writer(storage);
-    writer.u16(word);
-    if (URL_Flag) writer.u8(URLlength).bytes(URLstring.get(), URLstring ? URLlength : 0);
-    err = writer.error();
-    if (err != MP4_OK) return err;
-    if (!URL_Flag) {
-        err = writeProfileLevels(storage);
-        if (err != MP4_OK) return err;
-    }
-    return writeDescriptorList(children.get(), storage);
+    return writeDescriptorLayout(this, storage, children.get());
 }
 
 void CObjectDescriptor::dumpFlags(int32_t depth) {
@@ -78,17 +68,7 @@ MP4Err CObjectDescriptor::dump(int32_t depth) {
     return MP4_OK;
 }
 
-MP4Err CObjectDescriptor::calcSize() {
-    uint64_t total = 2 + (URL_Flag ? 1u + URLlength : profileLevelBytes());
-    uint64_t childBytes = 0;
-    MP4Err err = calcDescriptorListSize(children.get(), &childBytes);
-    if (err != MP4_OK) return err;
-    total += childBytes;
-    if (total > 0xFFFFFFFFull) return MP4_ERR_VALUE_TOO_LARGE;
-    size = static_cast<uint32_t>(total);
-    headerLength = 0;
-    return MP4_OK;
-}
+MP4Err CObjectDescriptor::calcSize() { return sizeDescriptorLayout(this, children.get()); }
 
 MP4Err CObjectDescriptor::setObjectDescriptorID(uint16_t id) {
     if (id > kMaxObjectDescriptorID) return MP4_ERR_INVALID_ARGUMENT;
@@ -138,34 +118,6 @@ void CInitialObjectDescriptor::setProfileLevels(uint8_t od, uint8_t scene, uint8
     audioProfileLevelIndication = audio;
     visualProfileLevelIndication = visual;
     graphicsProfileLevelIndication = graphics;
-}
-
-uint32_t CInitialObjectDescriptor::lowFlagBits() const {
-    return ((includeInlineProfileLevelFlag ? 1u : 0u) << 4) | 0x0F;
-}
-
-void CInitialObjectDescriptor::takeLowFlagBits(uint16_t word) {
-    includeInlineProfileLevelFlag = (word >> 4) & 1;
-}
-
-MP4Err CInitialObjectDescriptor::readProfileLevels(CStorage* storage) {
-    return FieldReader(storage, &remaining)
-        .u8(ODProfileLevelIndication)
-        .u8(sceneProfileLevelIndication)
-        .u8(audioProfileLevelIndication)
-        .u8(visualProfileLevelIndication)
-        .u8(graphicsProfileLevelIndication)
-        .error();
-}
-
-MP4Err CInitialObjectDescriptor::writeProfileLevels(CStorage* storage) {
-    return FieldWriter(storage)
-        .u8(ODProfileLevelIndication)
-        .u8(sceneProfileLevelIndication)
-        .u8(audioProfileLevelIndication)
-        .u8(visualProfileLevelIndication)
-        .u8(graphicsProfileLevelIndication)
-        .error();
 }
 
 void CInitialObjectDescriptor::dumpFlags(int32_t depth) {

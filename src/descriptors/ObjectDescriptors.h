@@ -11,6 +11,8 @@
 
 namespace quil {
 
+class CInitialObjectDescriptor;
+
 // ObjectDescriptor (tag 0x01) and MP4_OD (tag 0x11): a 10-bit ID, URL_Flag,
 // five reserved bits (written as ones), an optional URL, then children
 // (ES descriptors or ES_ID_Refs, then any other descriptors).
@@ -23,6 +25,8 @@ public:
     MP4Err write(CStorage* storage) override;
     MP4Err dump(int32_t depth) override;
     MP4Err calcSize() override;
+    template <class IO>
+    MP4Err fields(IO& io);
 
     // 2 for an ID that does not fit in 10 bits.
     MP4Err setObjectDescriptorID(uint16_t id);
@@ -42,14 +46,10 @@ public:
     std::unique_ptr<CDescriptorList> children;
 
 protected:
-    // What the initial object descriptor adds between the ID word and the
-    // children: the low four bits of the ID word and, without a URL, the
+    // The initial object descriptor itself (null for this class): its
+    // layout adds a flag to the ID word and, without a URL, the
     // profile-level indications.
-    virtual uint32_t lowFlagBits() const { return 0x1F; }
-    virtual void takeLowFlagBits(uint16_t) {}
-    virtual uint32_t profileLevelBytes() const { return 0; }
-    virtual MP4Err readProfileLevels(CStorage*) { return MP4_OK; }
-    virtual MP4Err writeProfileLevels(CStorage*) { return MP4_OK; }
+    virtual CInitialObjectDescriptor* initial() { return nullptr; }
     virtual void dumpFlags(int32_t depth);
     virtual void dumpProfileLevels(int32_t) {}
 };
@@ -74,11 +74,7 @@ public:
     uint8_t graphicsProfileLevelIndication = 0xFF;
 
 protected:
-    uint32_t lowFlagBits() const override;
-    void takeLowFlagBits(uint16_t word) override;
-    uint32_t profileLevelBytes() const override { return 5; }
-    MP4Err readProfileLevels(CStorage* storage) override;
-    MP4Err writeProfileLevels(CStorage* storage) override;
+    CInitialObjectDescriptor* initial() override { return this; }
     void dumpFlags(int32_t depth) override;
     void dumpProfileLevels(int32_t depth) override;
 };

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "boxes/BoxFactory.h"
 #include "file/Mp4FileImpl.h"
+#include "io/FieldLister.h"
 #include "quil/Mp4BoxWalk.h"
 
 namespace quil {
@@ -174,6 +176,48 @@ MP4Err Mp4VisitBoxes(CMp4File* file, MP4BoxVisitor visitor, void* user) {
         return MP4_ERR_IO;
     }
     return Walker(impl, length, visitor, user).walk();
+}
+
+namespace {
+
+// A box's payload, read from the file as the lister reaches it.
+class PayloadBytes : public ListedBytes {
+public:
+    PayloadBytes(CMp4FileImpl* file, uint64_t start) : file_(file), start_(start) {}
+    bool read(uint64_t offset, uint8_t* out, uint32_t count) override {
+        return file_->readMediaBytes(start_ + offset, count, out) == MP4_OK;
+    }
+
+private:
+    CMp4FileImpl* file_;
+    uint64_t start_;
+};
+
+}  // namespace
+
+MP4Err Mp4DescribeBox(CMp4File* file, const MP4BoxVisit* box, uint32_t entries,
+                      MP4FieldVisitor visitor, void* user) {
+    if (!file || !box || !visitor) return MP4_ERR_INVALID_ARGUMENT;
+    CMp4FileImpl* impl = nullptr;
+    MP4Err err = openForReading(file, &impl);
+    if (err != MP4_OK) return err;
+    // A QuickTime "meta" (no version and flags) holds children only.
+    if (box->type == fourcc("meta") && box->payloadLength == 0) return MP4_OK;
+    PayloadBytes bytes(impl, box->offset + box->headerSize);
+    const uint64_t payload = box->size > box->headerSize ? box->size - box->headerSize : 0;
+    FieldLister lister(&bytes, payload, entries);
+    if (listBoxFields(box->type, lister) == MP4_ERR_NOT_AVAILABLE) return MP4_OK;
+    static_assert(static_cast<int>(ListedForm::kTable) == MP4_FIELD_TABLE &&
+                      static_cast<int>(ListedForm::kCodes) == MP4_FIELD_CODES,
+                  "listed forms are published as they are");
+    for (const ListedField& listed : lister.listed()) {
+        const MP4BoxField field{listed.key, listed.entry, static_cast<uint8_t>(listed.form), listed.number,
+                                reinterpret_cast<const uint8_t*>(listed.bytes.data()),
+                                static_cast<uint32_t>(listed.bytes.size())};
+        err = visitor(&field, user);
+        if (err != MP4_OK) return err;
+    }
+    return MP4_OK;
 }
 
 MP4Err Mp4ReadFileBytes(CMp4File* file, uint64_t offset, uint8_t* buffer, uint32_t count) {

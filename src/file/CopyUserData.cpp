@@ -132,12 +132,20 @@ MP4Err CMp4FileImpl::copyMovieBoxes(CMp4File* source) {
     if (err == MP4_OK) err = findOwner(this, 0, &moov);
     if (err != MP4_OK) return err;
     CBoxList* children = sourceMoov->childList();
+    // A compressed movie's boxes are those of the movie inside it.
+    CBox *compressed = nullptr, *data = nullptr, *inner = nullptr;
+    if (children && children->findNth(fourcc("cmov"), &compressed, 1) == MP4_OK) {
+        const bool found = compressed->findChild(fourcc("cmvd"), &data) == MP4_OK &&
+                           data->findChild(fourcc("moov"), &inner) == MP4_OK;
+        children = found ? inner->childList() : nullptr;
+    }
     for (CBoxList::Node* node = children ? children->head() : nullptr; node; node = node->next) {
         switch (node->box->type) {
             // Made by the writer, the tracks or copyUserData; fragments
-            // are not written.
+            // are not written; media data read as a child of a movie box
+            // that runs to the end of the file is the writer's to write.
             case fourcc("mvhd"): case fourcc("trak"): case fourcc("udta"): case fourcc("iods"):
-            case fourcc("mvex"):
+            case fourcc("mvex"): case fourcc("mdat"):
                 continue;
             default: break;
         }

@@ -99,7 +99,53 @@ MP4Err CMp4FileImpl::writeFileTypeBox() {
     CFileTypeBox* box = ftyp.get();
     if ((err = topLevelBoxes_->append(box)) != MP4_OK) return err;
     ftyp.release();
+    if ((err = storage_->getPosition(&fileTypeOffset_)) != MP4_OK) return err;
     return sizeAndWrite(box, storage_);
+}
+
+// Nothing but "ftyp" (and a "free" box an earlier call left) precedes the
+// "mdat" header yet, so both are written again: the header right after
+// the new "ftyp", or, when that is shorter, after a "free" box over the
+// old bytes (of at least 8 bytes: the header then moves on by 8).
+MP4Err CMp4FileImpl::setBrands(uint32_t majorBrand, uint32_t minorVersion,
+                               const uint32_t* compatibleBrands, uint32_t count) {
+    if ((count > 0 && !compatibleBrands) || count > 0x10000) return MP4_ERR_INVALID_ARGUMENT;
+    if (isOpen_ == 0 || mode_ != 1 || fragmentWriter_ || isPspFileType()) {
+        return MP4_ERR_NOT_AVAILABLE;
+    }
+    CMediaDataBox* mdat = nullptr;
+    CBox* box = nullptr;
+    MP4Err err = findMediaData(&mdat);
+    if (err != MP4_OK) return err;
+    if (mdat->dataSize != 0 || mediaDataEnd_ != mdat->boxOffset + kMediaDataHeaderSize) {
+        return MP4_ERR_NOT_AVAILABLE;
+    }
+    if ((err = findTopLevelBox(fourcc("ftyp"), &box)) != MP4_OK) return err;
+    auto* ftyp = dynamic_cast<CFileTypeBox*>(box);
+    if (!ftyp) return MP4_ERR_INVALID_DATA;
+    if ((err = ftyp->setCompatibleBrands(compatibleBrands, static_cast<int32_t>(count))) != MP4_OK) {
+        return err;
+    }
+    ftyp->majorBrand = majorBrand;
+    ftyp->minorVersion = minorVersion;
+    uint64_t size = 0;
+    if ((err = ftyp->calculateSize()) != MP4_OK || (err = ftyp->getSize(&size)) != MP4_OK ||
+        (err = storage_->seek(fileTypeOffset_)) != MP4_OK ||
+        (err = ftyp->write(storage_)) != MP4_OK) {
+        return err;
+    }
+    const uint64_t end = fileTypeOffset_ + size;
+    if (end < mdat->boxOffset) {
+        uint64_t gap = mdat->boxOffset - end;
+        if (gap < 8) gap += 8;
+        if ((err = storage_->writeUInt32(static_cast<uint32_t>(gap))) != MP4_OK ||
+            (err = storage_->writeUInt32(fourcc("free"))) != MP4_OK) {
+            return err;
+        }
+        for (uint64_t i = 8; i < gap && err == MP4_OK; ++i) err = storage_->writeUInt8(0);
+        if (err != MP4_OK) return err;
+    }
+    return writeMediaDataHeader();
 }
 
 // moov{mvhd, iods for type 0} and an empty mdat, in that order in the list.

@@ -1,5 +1,7 @@
 // The file's side of fragmented writing: switching a new file to it, the
 // fragments written, and handing samples and close to the fragment writer.
+#include <algorithm>
+#include <memory>
 #include <new>
 
 #include "boxes/BoxFactory.h"
@@ -29,16 +31,18 @@ MP4Err CMp4FileImpl::setFragmentation(const MP4FragmentSettings* settings) {
         uint64_t oldSize = 0;
         if ((err = ftyp->getSize(&oldSize)) != MP4_OK) return err;
         const uint64_t ftypOffset = mdat->boxOffset - oldSize;
-        uint32_t brands[8] = {};
-        uint32_t count = 0;
-        for (int32_t i = 0; i < ftyp->compatibleBrandCount && count < 6; ++i) {
-            brands[count++] = ftyp->compatibleBrands[i];
+        // Brands set before (setBrands) are kept whole, each once.
+        const int32_t had = ftyp->compatibleBrandCount;
+        std::unique_ptr<uint32_t[]> brands(new (std::nothrow) uint32_t[had + 2]);
+        if (!brands) return MP4_ERR_OUT_OF_MEMORY;
+        std::copy(ftyp->compatibleBrands.get(), ftyp->compatibleBrands.get() + had, brands.get());
+        int32_t count = had;
+        for (uint32_t added : {fourcc("iso6"), settings->cmafBrands ? fourcc("cmfc") : 0u}) {
+            if (added && std::find(brands.get(), brands.get() + count, added) == brands.get() + count) {
+                brands[count++] = added;
+            }
         }
-        brands[count++] = fourcc("iso6");
-        if (settings->cmafBrands) brands[count++] = fourcc("cmfc");
-        if ((err = ftyp->setCompatibleBrands(brands, static_cast<int32_t>(count))) != MP4_OK) {
-            return err;
-        }
+        if ((err = ftyp->setCompatibleBrands(brands.get(), count)) != MP4_OK) return err;
         if ((err = storage_->seek(ftypOffset)) != MP4_OK) return err;
         if ((err = ftyp->calculateSize()) != MP4_OK) return err;
         if ((err = ftyp->write(storage_)) != MP4_OK) return err;

@@ -15,12 +15,18 @@
 namespace quil {
 
 class CDiscStorage;
+class CRangeCopier;
+struct MP4SampleCopyFailure;
+struct MP4SampleCopyProgress;
 class CFragmentWriter;
 class CMovieHeaderBox;
 class CMediaDataBox;
 class CTrackImpl;
 
-class CMp4FileImpl : public CMp4File, public CTrackHost, public CFragmentSampleSink {
+class CMp4FileImpl : public CMp4File,
+                     public CTrackHost,
+                     public CFragmentSampleSink,
+                     public CCopiedMediaSink {
 public:
     CMp4FileImpl();
     ~CMp4FileImpl() override;
@@ -59,6 +65,8 @@ public:
     MP4Err copyMovieBoxes(CMp4File* source) override;
     MP4Err getFragmentCount(uint32_t* count) override;
     MP4Err setMovieDurationRule(uint32_t rule) override;
+    MP4Err setBrands(uint32_t majorBrand, uint32_t minorVersion, const uint32_t* compatibleBrands,
+                     uint32_t count) override;
     // destroyInstance: a file still being written is closed first.
     bool isOpenForWriting() const { return isOpen_ != 0 && mode_ == 1; }
     MP4Err getFragmentInfo(uint32_t index, MP4FragmentInfo* info) override;
@@ -123,6 +131,13 @@ public:
     // movie box from the tracks as they stand, then goes to the writer.
     MP4Err addFragmentSample(uint32_t trackId, const uint8_t* data, uint32_t size,
                              uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
+
+    // Every sample of copied tracks of this file being written, their
+    // chunks copied file to file (RemuxCopy.cpp; Mp4CopyTrackSamples).
+    MP4Err copyTrackSamples(CMp4Track* const* tracks, uint32_t count,
+                            const MP4SampleCopyProgress* progress, MP4SampleCopyFailure* failure);
+    // CCopiedMediaSink: the bytes go through the copier of that call.
+    MP4Err appendCopiedBytes(uint64_t sourceOffset, uint64_t count, uint64_t* offset) override;
 
 private:
     // Steps of open: the storage made for a path, the read path, and the
@@ -194,10 +209,12 @@ private:
     // of the media data written so far, and the interleaving signal.
     std::vector<CTrackImpl*> writingTracks_;
     uint64_t mediaDataEnd_ = 0;
+    uint64_t fileTypeOffset_ = 0;  // where the "ftyp" written starts
     CChunkInterleaving interleaving_;
     bool movieWritten_ = false;
     uint32_t movieDurationRule_ = 0;  // MP4MovieDurationRule
     std::unique_ptr<CFragmentWriter> fragmentWriter_;
+    CRangeCopier* rangeCopier_ = nullptr;  // during copyTrackSamples
 };
 
 }  // namespace quil

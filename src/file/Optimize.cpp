@@ -138,6 +138,7 @@ MP4Err CMp4FileImpl::rewriteOpenSource(CDiscStorage* target, const std::string& 
     if (err != MP4_OK) return err;
     COffsetMover mover(plan.moves, COffsetMover::Tables::TrackReads);
     mover.moveStrayOffsetsWithOnlyData();
+    mover.moveFragmentsIn(plan.order);
     // Widening an offset table grows the movie, and with it the distance;
     // each round widens at least one table, so this ends.
     for (bool widened = true; widened;) {

@@ -3,6 +3,8 @@
 #include <new>
 
 #include "boxes/Box.h"
+#include "boxes/EncryptionBoxes.h"
+#include "boxes/FragmentBoxes.h"
 #include "boxes/MovieBoxes.h"
 #include "storage/DiscStorage.h"
 #include "storage/FileCopy.h"
@@ -28,6 +30,22 @@ MP4Err writeMediaDataHeader(CStorage* target, const MediaMove& move) {
 
 bool fits(const CChunkOffsetTableEntry&, uint64_t moved) { return moved <= kMax32; }
 bool fits(const CChunkLargeOffsetTableEntry&, uint64_t) { return true; }
+
+// Stores one moved offset when apply is set: 8 when it could not be placed,
+// 10 when it does not fit a 32-bit field.
+template <class T>
+MP4Err storeMoved(T* field, bool placed, uint64_t moved, bool wide, bool apply) {
+    if (!placed) return MP4_ERR_WRONG_LAYOUT;
+    if (!wide && moved > kMax32) return MP4_ERR_VALUE_TOO_LARGE;
+    if (apply) *field = static_cast<T>(moved);
+    return MP4_OK;
+}
+
+// The instance-th child of that type, or null.
+CBox* childOf(CBox* box, uint32_t type, uint32_t instance = 1) {
+    CBox* child = nullptr;
+    return box->findChild(type, &child, instance) == MP4_OK ? child : nullptr;
+}
 
 // One offset table: every entry mapped (8 when one lies in no media data
 // box, 10 when it does not fit the table), stored only when apply is set.
@@ -116,10 +134,29 @@ bool COffsetMover::map(uint64_t offset, bool back, uint64_t* moved) const {
     return true;
 }
 
-// Calls visit(stbl, table) for the offset tables of every track with a
-// sample table box (tracks without one have nothing to move).
+bool COffsetMover::mapBoxStart(uint64_t offset, bool back, uint64_t* moved) const {
+    const MediaMove* next = nullptr;
+    uint64_t nextStart = 0;
+    for (const MediaMove& move : moves_) {
+        // Where the media data box itself starts on each side.
+        const uint64_t oldBox = move.box->boxOffset;
+        const uint64_t newBox = move.newStart - move.newHeader;
+        const uint64_t from = back ? newBox : oldBox;
+        if (from >= offset && (!next || from < nextStart)) {
+            next = &move;
+            nextStart = from;
+        }
+    }
+    if (!next) return map(offset, back, moved);  // strays, as for any offset
+    const uint64_t to = back ? next->box->boxOffset : next->newStart - next->newHeader;
+    *moved = offset - nextStart + to;
+    return true;
+}
+
+// Calls visit(stbl) for every track with a sample table box (tracks
+// without one have nothing to move).
 template <class Visit>
-MP4Err COffsetMover::forEachTable(CBox* movie, Visit visit) const {
+MP4Err COffsetMover::forEachSampleTable(CBox* movie, Visit visit) const {
     for (uint32_t n = 1;; ++n) {
         CBox* trak = nullptr;
         MP4Err err = movie->findChild(fourcc("trak"), &trak, n);
@@ -127,17 +164,83 @@ MP4Err COffsetMover::forEachTable(CBox* movie, Visit visit) const {
         if (err != MP4_OK) return err;
         CBox* stbl = trak;
         for (uint32_t type : {fourcc("mdia"), fourcc("minf"), fourcc("stbl")}) {
-            if (stbl && stbl->findChild(type, &stbl) != MP4_OK) stbl = nullptr;
+            if (stbl) stbl = childOf(stbl, type);
         }
-        if (!stbl) continue;
-        CBox* table = nullptr;
-        const bool hasStco = stbl->findChild(fourcc("stco"), &table) == MP4_OK;
-        if (hasStco && (err = visit(stbl, table)) != MP4_OK) return err;
-        if (hasStco && tables_ == Tables::TrackReads) continue;
-        if (stbl->findChild(fourcc("co64"), &table) == MP4_OK && (err = visit(stbl, table)) != MP4_OK) {
-            return err;
+        if (stbl && (err = visit(stbl)) != MP4_OK) return err;
+    }
+}
+
+// Calls visit(stbl, table) for the chunk offset tables of every track.
+template <class Visit>
+MP4Err COffsetMover::forEachTable(CBox* movie, Visit visit) const {
+    return forEachSampleTable(movie, [&](CBox* stbl) {
+        MP4Err err = MP4_OK;
+        CBox* stco = childOf(stbl, fourcc("stco"));
+        if (stco && (err = visit(stbl, stco)) != MP4_OK) return err;
+        if (stco && tables_ == Tables::TrackReads) return MP4_OK;
+        CBox* co64 = childOf(stbl, fourcc("co64"));
+        return co64 ? visit(stbl, co64) : MP4_OK;
+    });
+}
+
+// A sample table's "saio" offsets are absolute file offsets. Beside a
+// "senc" of the same table they point into it, and the table's writer
+// places them where it writes that box.
+MP4Err COffsetMover::moveAuxInfoOffsets(CBox* movie, bool back, bool apply) const {
+    return forEachSampleTable(movie, [&](CBox* stbl) {
+        if (childOf(stbl, fourcc("senc"))) return MP4_OK;
+        for (uint32_t n = 1;; ++n) {
+            auto* saio = dynamic_cast<CSampleAuxInfoOffsetsBox*>(childOf(stbl, fourcc("saio"), n));
+            if (!saio) return MP4_OK;
+            for (uint64_t& offset : saio->offsets) {
+                uint64_t moved = 0;
+                const bool placed = map(offset, back, &moved);
+                MP4Err err = storeMoved(&offset, placed, moved, saio->version == 1, apply);
+                if (err != MP4_OK) return err;
+            }
+        }
+    });
+}
+
+// The absolute offsets of a fragmented file outside its movie: a track
+// fragment's explicit base moves with the data its first run addresses
+// (the base often names the "moof" itself), a "tfra" entry with the
+// "moof" it names.
+MP4Err COffsetMover::moveFragmentOffsets(bool back, bool apply) const {
+    if (!topLevel_) return MP4_OK;
+    for (CBox* box : *topLevel_) {
+        const bool fragment = box->type == fourcc("moof");
+        if (!fragment && box->type != fourcc("mfra")) continue;
+        for (uint32_t n = 1;; ++n) {
+            CBox* child = childOf(box, fourcc(fragment ? "traf" : "tfra"), n);
+            if (!child) break;
+            MP4Err err = MP4_OK;
+            if (auto* tfra = dynamic_cast<CTrackFragmentRandomAccessBox*>(child)) {
+                for (uint32_t i = 0; err == MP4_OK && tfra->entries && i < tfra->entryCount; ++i) {
+                    uint64_t& offset = tfra->entries[i].moofOffset;
+                    uint64_t moved = 0;
+                    const bool placed = mapBoxStart(offset, back, &moved);
+                    err = storeMoved(&offset, placed, moved, tfra->version == 1, apply);
+                }
+            } else if (auto* tfhd = dynamic_cast<CTrackFragmentHeaderBox*>(childOf(child, fourcc("tfhd")))) {
+                if (!(tfhd->flags & CTrackFragmentHeaderBox::kBaseDataOffset)) continue;
+                auto* trun = dynamic_cast<CTrackRunBox*>(childOf(child, fourcc("trun")));
+                const int64_t first = trun && (trun->flags & CTrackRunBox::kDataOffset) ? trun->dataOffset : 0;
+                // Wraps like the file's own arithmetic.
+                const uint64_t data = tfhd->baseDataOffset + static_cast<uint64_t>(first);
+                uint64_t moved = 0;
+                bool placed = map(data, back, &moved);
+                if (placed) {
+                    moved = moved - data + tfhd->baseDataOffset;
+                } else {
+                    placed = mapBoxStart(tfhd->baseDataOffset, back, &moved);
+                }
+                err = storeMoved(&tfhd->baseDataOffset, placed, moved, true, apply);
+            }
+            if (err != MP4_OK) return err;
         }
     }
+    return MP4_OK;
 }
 
 MP4Err COffsetMover::move(CBox* movie, bool back) const {
@@ -151,6 +254,8 @@ MP4Err COffsetMover::move(CBox* movie, bool back) const {
             }
             return MP4_OK;
         });
+        if (err == MP4_OK) err = moveAuxInfoOffsets(movie, back, apply);
+        if (err == MP4_OK) err = moveFragmentOffsets(back, apply);
         if (err != MP4_OK) return err;
     }
     return MP4_OK;

@@ -55,10 +55,15 @@ bool holdsCompressedMovie(CBox* moov);
 // cannot be stored.
 MP4Err planRewrite(RewritePlan* plan);
 
-// Moves chunk offsets from the source's layout to the plan's. The offset
-// tables are found through the movie's tracks: today "stco" and "co64";
-// the boxes of movie fragments ("tfhd" base offsets, "trun", "saio") are
-// further tables of the same walk, moved by the same map.
+// Moves the file offsets a rewrite invalidates from the source's layout to
+// the plan's: through the movie's tracks the chunk offsets ("stco",
+// "co64") and the absolute sample auxiliary information offsets of a
+// sample table ("saio" beside media data; one beside a "senc" in the same
+// table is placed by the table's writer); given the top-level boxes, also
+// the explicit base data offsets of track fragments ("tfhd") and the
+// fragment positions of "tfra" in "mfra". Offsets relative to a fragment
+// ("trun" data offsets, a "saio" in a track fragment, bases taken from the
+// "moof") move with their fragment and need nothing.
 class COffsetMover {
 public:
     // Which tables of a sample table box are moved.
@@ -73,9 +78,17 @@ public:
     // file has (faststart), instead of being refused.
     void moveStrayOffsetsWithOnlyData() { strays_ = true; }
 
+    // Also moves the offsets of the fragment boxes ("moof", "mfra") among
+    // these top-level boxes, which must outlive the mover.
+    void moveFragmentsIn(const std::vector<CBox*>& topLevel) { topLevel_ = &topLevel; }
+
     // Where a source offset lands (back: where a target offset came from);
     // false when it lies in no media data box and strays are refused.
     bool map(uint64_t offset, bool back, uint64_t* moved) const;
+    // The same for the start of a box outside the media data (a "moof"):
+    // it moves with the first media data box after it, as a rewrite keeps
+    // the boxes between a fragment and its media data as they are.
+    bool mapBoxStart(uint64_t offset, bool back, uint64_t* moved) const;
 
     // Replaces each 32-bit table one of whose offsets would leave the
     // 32-bit range by a "co64" (ISO/IEC 14496-12 §8.7.5); *widened tells
@@ -89,11 +102,16 @@ public:
 
 private:
     template <class Visit>
+    MP4Err forEachSampleTable(CBox* movie, Visit visit) const;
+    template <class Visit>
     MP4Err forEachTable(CBox* movie, Visit visit) const;
+    MP4Err moveAuxInfoOffsets(CBox* movie, bool back, bool apply) const;
+    MP4Err moveFragmentOffsets(bool back, bool apply) const;
 
     const std::vector<MediaMove>& moves_;
     Tables tables_;
     bool strays_ = false;
+    const std::vector<CBox*>* topLevel_ = nullptr;
 };
 
 // Writes the plan through target (a disc storage open for writing; closed

@@ -54,6 +54,7 @@ MP4Err Mp4WriteCopy(CMp4File* file, const wchar_t* targetPath) {
     }
     err = planRewrite(&plan);
     COffsetMover mover(plan.moves, COffsetMover::Tables::Every);
+    mover.moveFragmentsIn(plan.order);
     if (err == MP4_OK) err = mover.move(moov, false);
     if (err != MP4_OK) return err;
 

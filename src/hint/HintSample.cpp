@@ -58,9 +58,22 @@ MP4Err CRTPFieldConstructor<Self>::read(CStorage* storage) {
 }
 
 template <class Self>
+template <class IO>
+MP4Err CRTPFieldConstructor<Self>::typedFields(IO& io) {
+    return io.u8(type_).ok() ? static_cast<Self*>(this)->fields(io) : io.error();
+}
+
+template <class Self>
 MP4Err CRTPFieldConstructor<Self>::write(CStorage* storage) {
     FieldWriter io(storage);
-    return io.u8(type_).ok() ? static_cast<Self*>(this)->fields(io) : io.error();
+    return typedFields(io);
+}
+
+template <class Self>
+uint64_t CRTPFieldConstructor<Self>::byteCount() {
+    FieldCounter io;
+    typedFields(io);
+    return io.total();
 }
 
 template <class IO>
@@ -148,8 +161,8 @@ MP4Err CRtpPacket::fields(IO& io) {
     uint8_t reserved = 0;
     uint8_t flags2 = static_cast<uint8_t>((extraFlag << 2) | (bFrameFlag << 1) | repeatFlag);
     io.i32(relativeTime).u8(flags1).u8(markerAndType).u16(sequenceNumber).u8(reserved).u8(flags2).u16(entryCount);
+    if (!io.ok()) return io.error();
     if constexpr (IO::kReads) {
-        if (!io.ok()) return io.error();
         // Deliberately not the bits write() uses: P is taken from 0x40 and X
         // from 0x20, as files of this library have always been read.
         pBit = (flags1 >> 6) & 1;
@@ -159,12 +172,9 @@ MP4Err CRtpPacket::fields(IO& io) {
         extraFlag = (flags2 >> 2) & 1;
         bFrameFlag = (flags2 >> 1) & 1;
         repeatFlag = flags2 & 1;
-        // The extra information's length is read with its boxes.
-        return MP4_OK;
-    } else {
-        if (extraFlag) io.u32(extraInformationLength);
-        return io.error();
     }
+    if (extraFlag) io.u32(extraInformationLength);
+    return io.error();
 }
 
 MP4Err CRtpPacket::read(CStorage* storage, uint64_t* bytesLeft) {
@@ -183,25 +193,25 @@ MP4Err CRtpPacket::read(CStorage* storage, uint64_t* bytesLeft) {
     return MP4_OK;
 }
 
+// The boxes of the extra information, whose length (read with the fields)
+// counts its own four bytes.
 MP4Err CRtpPacket::readExtraInformation(CStorage* storage, uint64_t* bytesLeft) {
-    if (tlvBoxes) return MP4_ERR_INVALID_DATA;
-    if (*bytesLeft < 4) return MP4_ERR_BAD_BOX_SIZE;
-    MP4Err err = storage->readUInt32(&extraInformationLength);
-    if (err != MP4_OK) return err;
-    if (extraInformationLength > *bytesLeft || extraInformationLength < 4) {
+    constexpr uint32_t kLengthField = sizeof(extraInformationLength);
+    if (tlvBoxes) return MP4_ERR_INVALID_DATA;  // a packet is read once
+    if (extraInformationLength < kLengthField || extraInformationLength - kLengthField > *bytesLeft) {
         return MP4_ERR_BAD_BOX_SIZE;
     }
     uint64_t start = 0;
-    err = storage->getPosition(&start);
+    MP4Err err = storage->getPosition(&start);
     if (err != MP4_OK) return err;
     tlvBoxes.reset(new (std::nothrow) CBoxList(nullptr));
     if (!tlvBoxes) return MP4_ERR_OUT_OF_MEMORY;
-    uint64_t boxBytes = extraInformationLength - 4;
+    uint64_t boxBytes = extraInformationLength - kLengthField;
     err = readChildren(tlvBoxes.get(), storage, &boxBytes);
     if (err != MP4_OK) return err;
-    *bytesLeft -= extraInformationLength;
+    *bytesLeft -= extraInformationLength - kLengthField;
     // A damaged TLV box may stop anywhere inside the list: continue after it.
-    return storage->seek(start + extraInformationLength - 4);
+    return storage->seek(start + extraInformationLength - kLengthField);
 }
 
 MP4Err CRtpPacket::readConstructor(CStorage* storage, uint64_t* bytesLeft) {
@@ -230,15 +240,16 @@ MP4Err CRtpPacket::readConstructor(CStorage* storage, uint64_t* bytesLeft) {
 }
 
 MP4Err CRtpPacket::calculateSize(uint64_t* size) {
-    uint64_t total = kPacketHeaderSize + kConstructorSize * static_cast<uint64_t>(constructors.size());
+    uint64_t boxes = 0;
     if (extraFlag) {
-        uint64_t boxes = 0;
+        constexpr uint32_t kLengthField = sizeof(extraInformationLength);
         MP4Err err = addChildrenSizes(tlvBoxes.get(), &boxes);
         if (err != MP4_OK) return err;
-        if (boxes > UINT32_MAX - 4) return MP4_ERR_VALUE_TOO_LARGE;
-        extraInformationLength = static_cast<uint32_t>(4 + boxes);
-        total += extraInformationLength;
+        if (boxes > UINT32_MAX - kLengthField) return MP4_ERR_VALUE_TOO_LARGE;
+        extraInformationLength = static_cast<uint32_t>(kLengthField + boxes);
     }
+    uint64_t total = countFields(this) + boxes;
+    for (const auto& constructor : constructors) total += constructor->byteCount();
     *size = total;
     return MP4_OK;
 }
@@ -326,13 +337,16 @@ uint32_t CRtpPacket::payloadLength() const {
 
 // ---- hint samples -----------------------------------------------------------
 
-MP4Err CRtpHintSample::read(CStorage* storage, uint32_t size) {
-    if (size < kHintSampleHeaderSize) return MP4_ERR_BAD_BOX_SIZE;
+template <class IO>
+MP4Err CRtpHintSample::fields(IO& io) {
     uint16_t reserved = 0;
-    MP4Err err = storage->readUInt16(&packetCount);
-    if (err == MP4_OK) err = storage->readUInt16(&reserved);
+    return io.u16(packetCount).u16(reserved).error();
+}
+
+MP4Err CRtpHintSample::read(CStorage* storage, uint32_t size) {
+    uint64_t bytesLeft = size;
+    MP4Err err = readFields(this, storage, &bytesLeft);
     if (err != MP4_OK) return err;
-    uint64_t bytesLeft = size - kHintSampleHeaderSize;
     for (uint32_t i = 0; i < packetCount; ++i) {
         // Checked before the packet is made, so that a damaged count
         // allocates nothing beyond what the sample's bytes can describe.
@@ -353,7 +367,7 @@ MP4Err CRtpHintSample::read(CStorage* storage, uint32_t size) {
 }
 
 MP4Err CRtpHintSample::calculateSize(uint64_t* size) {
-    uint64_t total = kHintSampleHeaderSize;
+    uint64_t total = countFields(this);
     for (const auto& packet : packets) {
         uint64_t packetSize = 0;
         MP4Err err = packet->calculateSize(&packetSize);
@@ -366,8 +380,7 @@ MP4Err CRtpHintSample::calculateSize(uint64_t* size) {
 }
 
 MP4Err CRtpHintSample::write(CStorage* storage) {
-    MP4Err err = storage->writeUInt16(packetCount);
-    if (err == MP4_OK) err = storage->writeUInt16(0);
+    MP4Err err = writeFields(this, storage);
     for (const auto& packet : packets) {
         if (err != MP4_OK) break;
         err = packet->write(storage);

@@ -16,10 +16,8 @@ namespace quil {
 // Every constructor is 16 bytes on the wire: the type byte, then 15 bytes.
 constexpr uint32_t kConstructorSize = 16;
 constexpr uint32_t kImmediateCapacity = 14;
-// relativeTime .. entryCount of a packet record.
+// relativeTime .. entryCount of a packet record: the least a packet takes.
 constexpr uint32_t kPacketHeaderSize = 12;
-// packetCount and the reserved field of a hint sample.
-constexpr uint32_t kHintSampleHeaderSize = 4;
 
 enum RtpConstructorType : uint8_t {
     kConstructorNoOp = 0,
@@ -35,6 +33,8 @@ public:
     virtual MP4Err read(CStorage* storage) = 0;
     // Writes the type byte, then the 15 bytes of the constructor.
     virtual MP4Err write(CStorage* storage) = 0;
+    // The bytes write() produces.
+    virtual uint64_t byteCount() = 0;
     virtual MP4Err dump(int32_t depth);
     virtual MP4Err getType(uint8_t* type);
 
@@ -50,9 +50,13 @@ class CRTPFieldConstructor : public CRTPBaseConstructor {
 public:
     MP4Err read(CStorage* storage) override;
     MP4Err write(CStorage* storage) override;
+    uint64_t byteCount() override;
 
 protected:
     using CRTPBaseConstructor::CRTPBaseConstructor;
+    // The type byte, then the constructor's own fields.
+    template <class IO>
+    MP4Err typedFields(IO& io);
 };
 
 class CRTPNoOpConstructor : public CRTPFieldConstructor<CRTPNoOpConstructor> {
@@ -115,8 +119,8 @@ class CRtpPacket {
 public:
     // Reads a packet record, lowering *bytesLeft by what it consumes.
     MP4Err read(CStorage* storage, uint64_t* bytesLeft);
-    // The 12 header bytes and, written, the length of the extra
-    // information when the extra flag is set.
+    // The 12 header bytes and, when the extra flag is set, the length of
+    // the extra information (its boxes follow).
     template <class IO>
     MP4Err fields(IO& io);
     MP4Err write(CStorage* storage);
@@ -156,6 +160,10 @@ class CRtpHintSample {
 public:
     // Reads a hint sample of `size` bytes.
     MP4Err read(CStorage* storage, uint32_t size);
+    // packetCount and a reserved field (read and dropped, written as
+    // zero); the packets and the extra data follow.
+    template <class IO>
+    MP4Err fields(IO& io);
     MP4Err write(CStorage* storage);
     MP4Err calculateSize(uint64_t* size);
     MP4Err dump(int32_t depth);

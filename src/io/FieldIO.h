@@ -35,10 +35,25 @@ inline void unpackLanguage(uint16_t packed, uint8_t (&codes)[3]) {
     codes[2] = static_cast<uint8_t>(packed & 31);
 }
 
+// How a report (FieldLister) shows a named field.
+enum class FieldForm : uint8_t {
+    kAsStored,          // a number, signed when the field's type is
+    kUnsigned,          // a number, unsigned whatever the field's type
+    kSignedInVersion1,  // a number, signed when the box's version is 1
+    kCode,              // a four-character code
+};
+
 // The first error of a walk: every walker stops at it and keeps it.
 template <class Self>
 class FieldStatus {
 public:
+    static constexpr bool kLists = false;
+
+    // The key under which a report lists the next field (see FieldLister);
+    // the other walkers pass it by. Keys are camelCase and never change:
+    // they are what `quil dump --json` prints.
+    Self& named(const char*, FieldForm = FieldForm::kAsStored) { return static_cast<Self&>(*this); }
+
     // Stops the walk with an error of the layout's own (the first one stays).
     Self& fail(MP4Err err) {
         if (ok()) err_ = err;
@@ -143,6 +158,10 @@ public:
         if (ok()) fits(count);
         return *this;
     }
+    // The same with a layout's own error code for the shortfall.
+    FieldReader& require(uint64_t count, MP4Err err) {
+        return ok() && *budget_ < count ? this->fail(err) : *this;
+    }
     // Passes over count bytes the layout does not keep.
     FieldReader& skip(uint64_t count) {
         if (ok() && count > 0 && fits(count)) {
@@ -210,7 +229,7 @@ public:
         for (const T& v : values) value(v);
         return *this;
     }
-    FieldWriter& require(uint64_t) { return *this; }
+    FieldWriter& require(uint64_t, MP4Err = MP4_OK) { return *this; }
     FieldWriter& bytes(const uint8_t* buffer, uint64_t count);
     FieldWriter& owned(const std::unique_ptr<uint8_t[]>& data, uint64_t count) {
         return bytes(data.get(), count);
@@ -259,7 +278,7 @@ public:
     FieldCounter& array(const T (&)[N]) {
         return add(sizeof(T) * N);
     }
-    FieldCounter& require(uint64_t) { return *this; }
+    FieldCounter& require(uint64_t, MP4Err = MP4_OK) { return *this; }
     FieldCounter& bytes(const uint8_t*, uint64_t count) { return add(count); }
     // count fields of width bytes each, without walking them.
     FieldCounter& repeated(uint64_t count, uint64_t width) { return add(count * width); }
@@ -304,8 +323,8 @@ public:
         if (left_ < 4) return fail(MP4_ERR_BAD_BOX_SIZE);
         return u8(version).u24(flags);
     }
-    FieldDecoder& require(uint64_t count) {
-        return ok() && left_ < count ? fail(MP4_ERR_BAD_BOX_SIZE) : *this;
+    FieldDecoder& require(uint64_t count, MP4Err err = MP4_ERR_BAD_BOX_SIZE) {
+        return ok() && left_ < count ? fail(err) : *this;
     }
     FieldDecoder& bytes(uint8_t* buffer, uint64_t count);
     // Passes over count bytes.

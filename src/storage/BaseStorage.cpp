@@ -95,6 +95,20 @@ MP4Err CBaseStorage::writeString(const char* text) {
     return writeInt8(0);
 }
 
+MP4Err CBaseStorage::readAt(uint64_t offset, uint8_t* buffer, uint32_t count, uint64_t) {
+    MP4Err err = seek(offset);
+    return err != MP4_OK ? err : readBytes(buffer, count);
+}
+
+MP4Err readAt(CStorage* storage, uint64_t offset, uint8_t* buffer, uint32_t count,
+              uint64_t readAheadEnd) {
+    if (auto* base = dynamic_cast<CBaseStorage*>(storage)) {
+        return base->readAt(offset, buffer, count, readAheadEnd);
+    }
+    MP4Err err = storage->seek(offset);
+    return err != MP4_OK ? err : storage->readBytes(buffer, count);
+}
+
 bool isNetworkStorage(CStorage* storage) {
     auto* base = dynamic_cast<CBaseStorage*>(storage);
     return base != nullptr && base->isNetworkStorage();

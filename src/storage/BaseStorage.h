@@ -38,11 +38,23 @@ public:
     // True only for the HTTP storage: the box reader stops after "mdat"
     // there and does not skip media data it would have to download.
     virtual bool isNetworkStorage() const { return false; }
+
+    // Reads count bytes at offset, the caller saying it may read on up to
+    // readAheadEnd next (the end of the sample's chunk; 0 or a value not past
+    // the bytes when it cannot say). Here a seek and a read; the network
+    // storage fetches no further than that end when the reads jump about.
+    virtual MP4Err readAt(uint64_t offset, uint8_t* buffer, uint32_t count,
+                          uint64_t readAheadEnd);
 };
 
 // isNetworkStorage() of a storage that derives from CBaseStorage; false for
 // caller-implemented storages.
 bool isNetworkStorage(CStorage* storage);
+
+// readAt of a storage that derives from CBaseStorage; a seek and a read on
+// caller-implemented storages.
+MP4Err readAt(CStorage* storage, uint64_t offset, uint8_t* buffer, uint32_t count,
+              uint64_t readAheadEnd);
 
 }  // namespace quil
 

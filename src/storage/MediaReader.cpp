@@ -9,7 +9,7 @@
 #include <cstring>
 #include <new>
 
-#include "quil/Storage.h"
+#include "BaseStorage.h"
 
 namespace quil {
 namespace {
@@ -64,10 +64,9 @@ void CMediaReader::close() {
     streak_ = 0;
 }
 
-MP4Err CMediaReader::readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer) {
-    MP4Err err = storage_->seek(offset);
-    if (err != MP4_OK) return err;
-    return storage_->readBytes(buffer, size);
+MP4Err CMediaReader::readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer,
+                                     uint64_t readAheadEnd) {
+    return readAt(storage_, offset, buffer, size, readAheadEnd);
 }
 
 MP4Err CMediaReader::readDirect(uint64_t offset, uint32_t size, uint8_t* buffer) {
@@ -118,7 +117,7 @@ MP4Err CMediaReader::fill(uint64_t offset, uint32_t length, uint32_t wanted) {
 
 MP4Err CMediaReader::readOutsideWindow(uint64_t offset, uint32_t size, uint8_t* buffer,
                                        uint64_t readAheadEnd) {
-    if (storage_) return readFromStorage(offset, size, buffer);
+    if (storage_) return readFromStorage(offset, size, buffer, readAheadEnd);
     if (fd_ < 0) return MP4_ERR_IO;
     if (size == 0) return MP4_OK;
     if (offset > static_cast<uint64_t>(INT64_MAX) - size) return MP4_ERR_IO;

@@ -61,7 +61,7 @@ private:
     static uint8_t* newWindow();
     MP4Err fill(uint64_t offset, uint32_t length, uint32_t wanted);
     MP4Err readDirect(uint64_t offset, uint32_t size, uint8_t* buffer);
-    MP4Err readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer);
+    MP4Err readFromStorage(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd);
 
     CStorage* storage_ = nullptr;
     int fd_ = -1;

@@ -21,22 +21,27 @@
 
 // How the cache works
 // - Each download is one GET from a start offset to the end of the
-//   resource ("Range: bytes=N-"), run by a detached thread that appends
-//   the body to a list of 0x20000-byte blocks. The byte at offset o lies in
+//   resource ("Range: bytes=N-") or to a limit ("bytes=N-M", see below),
+//   run by a detached thread that appends the body to a list of
+//   0x20000-byte blocks. The byte at offset o lies in
 //   block (o - start) >> 17 at (o - start) & 0x1FFFF. A block is appended
 //   only once it is full, so the arithmetic holds however libcurl splits the
-//   body; the last, partial block is zero-filled when the body is complete.
+//   body; the last, partial block is zero-filled when the body is complete
+//   (a bounded request's last block ends with the request).
 // - A read waits until the block holding its end has arrived. The test is
 //   deliberately ">=": a read ending exactly at the end of the cached bytes
-//   waits for one more block (or fails once the download has ended).
+//   waits for one more block (or fails once the download has ended), except
+//   at the limit of a bounded download, where none follows.
 // - A seek moves only the position when it goes backwards within the
 //   current download or forwards by at most 2,000,000 bytes; anything else
 //   abandons the download and starts a new one at the new offset.
 //
 // What the reader cannot see, and why it is done:
-// - The download pauses while it is more than kAheadBlocks ahead of the
-//   reader, so opening a file transfers the movie box and a few MiB, not the
-//   whole resource. Blocks more than kBehindBlocks behind the reader are
+// - Opening a file asks for its first kFirstWindow bytes; reads that run
+//   on past a bounded download's end (a longer movie box) ask for windows
+//   twice as long, then to the end. An open-ended download pauses while it
+//   is more than kAheadBlocks ahead of the reader, so it never transfers
+//   the whole resource unasked. Blocks more than kBehindBlocks behind the reader are
 //   freed, so memory stays bounded on long files. A read that needs freed
 //   bytes, or bytes of a download that lost its connection after making
 //   progress, quietly starts a new request at its own position.
@@ -46,7 +51,20 @@
 //   it, a 200 with the whole body, whose bytes before the offset are then
 //   dropped as they arrive. Anything else ends the download, so reads fail
 //   with MP4_ERR_IO instead of returning other bytes (HttpReply.h decides).
-// - Reads past the total length named by the server fail at once.
+// - Reads past the total length named by the server fail at once; a reply
+//   that brings more than was asked for is cut at the limit.
+//
+// Sample reads (readAt) say where the caller may read next, the end of the
+// sample's chunk. One track of an interleaved file is read in chunks
+// separated by the other tracks' bytes: a read that jumps more than
+// kBridge past the end of the previous one asks for just [read, chunk end)
+// ("Range: bytes=N-M"), so the other tracks' bytes are not transferred.
+// Reads that run on from the previous one (gaps of at most kBridge) keep
+// an open-ended download, or start one after kStreak bounded requests in a
+// row: reading every track in file order streams as before. The libcurl
+// handle of a request that completed is kept for the next one, which then
+// reuses its connection. A server that ignores ranges would send the whole
+// body for every request: there sample reads seek and read as any other.
 
 namespace quil {
 namespace net {
@@ -62,6 +80,10 @@ constexpr size_t kUrlCapacity = 2048;   // wide characters kept by setPath
 constexpr auto kReaderPoll = std::chrono::milliseconds(100);
 constexpr auto kCloseWait = std::chrono::seconds(2);
 constexpr long kMaxRedirects = 8;
+constexpr uint64_t kOpenEnded = UINT64_MAX;  // a download's limit when it runs to the end
+constexpr uint64_t kBridge = 64u << 10;      // gaps read through rather than skipped
+constexpr uint32_t kStreak = 2;              // bounded requests in a row before streaming
+constexpr uint64_t kFirstWindow = 256u << 10;  // the request at open
 
 using Clock = std::chrono::steady_clock;
 using Block = std::shared_ptr<const uint8_t[]>;
@@ -115,24 +137,57 @@ void initCurlOnce() {
 // What the first reply said about the resource; later requests must name
 // the same one.
 struct Resource {
-    std::mutex lock;
+    ~Resource() {
+        if (spare != nullptr) curl_easy_cleanup(spare);
+    }
+
+    // The handle of the last request that completed, with its connection;
+    // null when there is none. Each request runs on one thread at a time.
+    CURL* takeHandle() {
+        CURL* handle = nullptr;
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            std::swap(handle, spare);
+        }
+        if (handle == nullptr) return curl_easy_init();
+        curl_easy_reset(handle);  // the options go, the connection stays
+        return handle;
+    }
+    // Null drops the kept handle.
+    void keepHandle(CURL* handle) {
+        if (handle != nullptr) curl_easy_reset(handle);  // keeps no pointer into a finished request
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            std::swap(handle, spare);
+        }
+        if (handle != nullptr) curl_easy_cleanup(handle);
+    }
+
+    std::mutex lock;  // guards identity, wholeBodyNoted and spare
     ResourceIdentity identity;
     bool wholeBodyNoted = false;  // "server ignores ranges" was printed
+    std::atomic<bool> ignoresRanges{false};
+    std::atomic<bool> answered{false};  // a reply was accepted
+    CURL* spare = nullptr;
 };
 
 enum class End { Running, Complete, Stopped, Dropped, Refused };
 
 struct Download {
-    Download(std::string url, uint64_t start, std::shared_ptr<Resource> resource,
+    Download(std::string url, uint64_t start, uint64_t limit, std::shared_ptr<Resource> resource,
              Mp4NetSettings settings)
         : url(std::move(url)),
           startOffset(start),
+          limit(limit),
           resource(std::move(resource)),
           settings(settings),
           caFile(settings.caFile ? settings.caFile : "") {}
 
     const std::string url;
     const uint64_t startOffset;  // 64-bit: files past 4 GiB read by range
+    // End of the bytes asked for (exclusive); kOpenEnded for "bytes=N-".
+    // A whole body in reply is cut to the same bytes.
+    const uint64_t limit;
     const std::shared_ptr<Resource> resource;
     const Mp4NetSettings settings;
     const std::string caFile;  // settings.caFile may change under a running download
@@ -150,10 +205,12 @@ struct Download {
 
     // Thread side only.
     std::shared_ptr<uint8_t[]> filling;
+    uint32_t fillingSize = kBlockSize;  // less for the last block of a bounded request
     uint32_t filled = 0;
     uint64_t received = 0;
     bool accepted = false;
     uint64_t toSkip = 0;                   // body bytes before the start offset (a whole body)
+    bool gotAll = false;                   // a bounded request's bytes are all here
     char curlError[CURL_ERROR_SIZE] = "";  // libcurl's line on a failed transfer
     Clock::time_point lastData = Clock::now();
     Reply reply;
@@ -193,12 +250,14 @@ bool acceptReply(Download* d) {
     }
     if (verdict == Verdict::WholeBody) {
         d->toSkip = d->startOffset;
+        resource.ignoresRanges.store(true);
         if (!resource.wholeBodyNoted) {
             resource.wholeBodyNoted = true;
             d->print("server ignores ranges: reading from the start\n");
         }
     }
     d->total.store(total);
+    resource.answered.store(true);
     return true;
 }
 
@@ -262,22 +321,31 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
     // A whole body: what lies before the requested offset is dropped.
     size_t used = static_cast<size_t>(std::min<uint64_t>(d->toSkip, bytes));
     d->toSkip -= used;
-    while (used < bytes) {
+    // A server that sends more than was asked for: the rest is not taken.
+    const uint64_t wanted = d->limit - d->startOffset - d->received;
+    const size_t end = used + static_cast<size_t>(std::min<uint64_t>(bytes - used, wanted));
+    while (used < end) {
         if (!d->filling) {
-            d->filling.reset(new (std::nothrow) uint8_t[kBlockSize]);
+            // No read goes past a bounded request's end: its last block
+            // holds only what lies before it.
+            const uint64_t rest = d->limit - d->startOffset - d->received;
+            d->fillingSize = static_cast<uint32_t>(std::min<uint64_t>(kBlockSize, rest));
+            d->filling.reset(new (std::nothrow) uint8_t[d->fillingSize]);
             if (!d->filling) return 0;
         }
-        const size_t piece = std::min<size_t>(bytes - used, kBlockSize - d->filled);
+        const size_t piece = std::min<size_t>(end - used, d->fillingSize - d->filled);
         std::memcpy(d->filling.get() + d->filled, data + used, piece);
         d->filled += static_cast<uint32_t>(piece);
         d->received += piece;
         used += piece;
-        if (d->filled == kBlockSize) {
+        if (d->filled == d->fillingSize) {
             appendBlock(d);
             if (!waitForReader(d)) return 0;
         }
     }
-    return bytes;
+    if (end == bytes) return bytes;
+    d->gotAll = true;
+    return 0;
 }
 
 int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
@@ -316,8 +384,14 @@ bool requestUrl(const std::string& url, bool byScheme, std::string* out) {
 }
 
 curl_slist* requestHeaders(const Download& d) {
-    char range[48];
-    std::snprintf(range, sizeof range, "Range: bytes=%" PRIu64 "-", d.startOffset);
+    char range[64];
+    const uint64_t limit = d.limit;
+    if (limit == kOpenEnded) {
+        std::snprintf(range, sizeof range, "Range: bytes=%" PRIu64 "-", d.startOffset);
+    } else {
+        std::snprintf(range, sizeof range, "Range: bytes=%" PRIu64 "-%" PRIu64, d.startOffset,
+                      limit - 1);
+    }
     curl_slist* headers = curl_slist_append(nullptr, range);
     std::string validator;
     {
@@ -362,15 +436,18 @@ void configure(CURL* curl, Download* d, const std::string& url, curl_slist* head
 End classify(Download* d, CURLcode result) {
     if (!d->accepted) return End::Refused;
     if (d->stop.load()) return End::Stopped;
-    if (result != CURLE_OK) return End::Dropped;
-    // A body that ends short of the named length lost its connection too;
-    // its partial block is not handed out as if the rest were zeros.
+    if (result != CURLE_OK && !d->gotAll) return End::Dropped;
+    // A body that ends short of the named length (or of the bytes asked
+    // for) lost its connection too; its partial block is not handed out as
+    // if the rest were zeros.
     const int64_t total = d->total.load();
-    if (total >= 0 && d->startOffset + d->received != static_cast<uint64_t>(total)) {
+    const uint64_t expectedEnd =
+        total >= 0 ? std::min(d->limit, static_cast<uint64_t>(total)) : kOpenEnded;
+    if (expectedEnd != kOpenEnded && d->startOffset + d->received != expectedEnd) {
         return End::Dropped;
     }
     if (d->filled > 0) {
-        std::memset(d->filling.get() + d->filled, 0, kBlockSize - d->filled);
+        std::memset(d->filling.get() + d->filled, 0, d->fillingSize - d->filled);
         appendBlock(d);
     }
     return End::Complete;
@@ -380,7 +457,8 @@ void runDownload(std::shared_ptr<Download> download) {
     Download* d = download.get();
     End how = End::Refused;
     std::string url;
-    CURL* curl = requestUrl(d->url, d->settings.tlsByScheme != 0, &url) ? curl_easy_init() : nullptr;
+    CURL* curl = requestUrl(d->url, d->settings.tlsByScheme != 0, &url) ? d->resource->takeHandle()
+                                                                       : nullptr;
     curl_slist* headers = curl != nullptr ? requestHeaders(*d) : nullptr;
     if (headers != nullptr) {
         configure(curl, d, url, headers);
@@ -395,7 +473,11 @@ void runDownload(std::shared_ptr<Download> download) {
         if (how == End::Complete || how == End::Stopped) d->print("cache reading complete\n");
     }
     curl_slist_free_all(headers);
-    if (curl != nullptr) curl_easy_cleanup(curl);
+    if (curl != nullptr && how == End::Complete) {
+        d->resource->keepHandle(curl);
+    } else if (curl != nullptr) {
+        curl_easy_cleanup(curl);
+    }
     d->filling.reset();
     d->finish(how);
 }
@@ -467,7 +549,9 @@ MP4Err CNetStorage::open(uint32_t mode) {
     resource_ = std::make_shared<net::Resource>();
     position_ = 0;
     rangeStart_ = 0;
-    startDownload(0);
+    previousEnd_ = kUnknownEnd;
+    streak_ = 0;
+    startDownload(0, net::kFirstWindow);
     return MP4_OK;
 }
 
@@ -478,6 +562,7 @@ MP4Err CNetStorage::close() {
     position_ = 0;
     std::shared_ptr<Download> last = download_;
     stopDownload();
+    if (resource_) resource_->keepHandle(nullptr);  // its idle connection closes now
     // Give the thread a moment to leave libcurl, so that a process that
     // exits right after closing does not tear TLS down under it.
     if (last) {
@@ -487,13 +572,21 @@ MP4Err CNetStorage::close() {
     return MP4_OK;
 }
 
-void CNetStorage::startDownload(uint64_t offset) {
-    currentBlock_.reset();
-    currentBase_ = currentEnd_ = 0;
+void CNetStorage::startDownload(uint64_t offset, uint64_t limit) {
+    stopDownload();
     std::string url;
     if (widePathToUtf8(url_.get(), &url) != MP4_OK) url.clear();  // refused by the thread
     net::initCurlOnce();
-    download_ = std::make_shared<Download>(url, offset, resource_, net::currentSettings());
+    download_ = std::make_shared<Download>(url, offset, limit, resource_, net::currentSettings());
+    // A small bounded request is all the reader waits for: it runs here,
+    // saving the start of a thread and two wake-ups per chunk. It never
+    // pauses (less than the read-ahead), so it cannot wait for itself. The
+    // first request of a file runs on a thread, so open does not wait.
+    if (limit != net::kOpenEnded && limit - offset < net::kAheadBlocks * net::kBlockSize &&
+        resource_->answered.load()) {
+        net::runDownload(download_);
+        return;
+    }
     try {
         // A lambda keeps the thread's state type local to this file, so the
         // shared library exports nothing of it.
@@ -522,16 +615,61 @@ MP4Err CNetStorage::seek(uint64_t position) {
         position_ = position;
         return MP4_OK;
     }
-    stopDownload();
+    restartAt(position, net::kOpenEnded);
+    return MP4_OK;
+}
+
+void CNetStorage::restartAt(uint64_t position, uint64_t limit) {
     const Mp4NetSettings settings = net::currentSettings();
     if (settings.progress != nullptr) {
         std::fprintf(settings.progress, "reseek %" PRIu64 " %" PRIu64 "\n", position, position_);
         std::fflush(settings.progress);
     }
     rangeStart_ = position;
-    startDownload(position);
+    startDownload(position, limit);
     position_ = position;
-    return MP4_OK;
+}
+
+// The box reader runs on past the end of a bounded request (the first
+// one, at open, ends inside a long movie box): windows twice as long,
+// then, from the read-ahead size on, open-ended. Anything else is
+// open-ended, as after a seek.
+uint64_t CNetStorage::nextLimit(const Download& d, uint32_t count) const {
+    if (d.limit == net::kOpenEnded || position_ < d.startOffset ||
+        position_ - d.startOffset > d.limit - d.startOffset + net::kBridge ||
+        resource_->ignoresRanges.load()) {
+        return net::kOpenEnded;
+    }
+    const uint64_t span = 2 * (d.limit - d.startOffset);
+    if (span >= net::kAheadBlocks * net::kBlockSize || span < count) return net::kOpenEnded;
+    return position_ + span;
+}
+
+// Whether the download brings [offset, offset + count) at no extra cost:
+// a bounded one anywhere in its range, an open-ended one when the read runs
+// on from the previous one.
+bool CNetStorage::reaches(uint64_t offset, uint32_t count, bool runsOn) const {
+    const Download& d = *download_;
+    const uint64_t limit = d.limit;
+    if (offset < d.startOffset || offset > limit || limit - offset < count) return false;
+    return limit != net::kOpenEnded || runsOn;
+}
+
+MP4Err CNetStorage::readAt(uint64_t offset, uint8_t* buffer, uint32_t count,
+                           uint64_t readAheadEnd) {
+    const bool hinted = count != 0 && readAheadEnd >= offset && readAheadEnd - offset >= count;
+    if (!hinted || !download_ || resource_->ignoresRanges.load()) {
+        return CBaseStorage::readAt(offset, buffer, count, readAheadEnd);
+    }
+    const bool runsOn = previousEnd_ == kUnknownEnd ||
+                        (offset >= previousEnd_ && offset - previousEnd_ <= net::kBridge);
+    previousEnd_ = offset + count;
+    if (!reaches(offset, count, runsOn)) {
+        streak_ = runsOn ? streak_ + 1 : 0;
+        restartAt(offset, streak_ >= net::kStreak ? net::kOpenEnded : readAheadEnd);
+    }
+    position_ = offset;
+    return readBlock(buffer, count);
 }
 
 MP4Err CNetStorage::isEof(uint32_t* eof) {
@@ -590,6 +728,14 @@ uint64_t cachedBytes(Download& d) {
     return static_cast<uint64_t>(d.blocks.size()) << kBlockShift;
 }
 
+// The block a read ending at relative offset need waits for: by the ">="
+// rule the one after its last byte, except at the end of a bounded request
+// (relative end span), where no block follows.
+size_t lastBlockNeeded(uint64_t need, uint64_t span) {
+    if (need >= span && span != 0) return static_cast<size_t>((span - 1) >> kBlockShift);
+    return static_cast<size_t>(need >> kBlockShift);
+}
+
 bool pastTheEnd(const Download& d, uint64_t need) {
     const int64_t total = d.total.load();
     return total >= 0 && d.startOffset + need > static_cast<uint64_t>(total);
@@ -616,17 +762,22 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
         // (only a skip that wrapped around gets here).
         if (position_ < rangeStart_) return MP4_ERR_IO;
         Download& d = *download_;
-        if (position_ < d.startOffset) {  // before a quiet restart: restart again
-            startDownload(position_);
+        const uint64_t limit = d.limit;
+        // Before a quiet restart, or past the end of a bounded request
+        // (reads without a read-ahead end): a new download from here.
+        if (position_ < d.startOffset || position_ > limit || limit - position_ < count) {
+            startDownload(position_, nextLimit(d, count));
             continue;
         }
         const uint64_t rel = position_ - d.startOffset;
         // Far past what the download holds: a skip over media data between
         // fragment headers. The bytes in between are not fetched; the
         // download restarts at the read (classic files read nothing after
-        // their media data, so they never get here).
-        if (rel > net::cachedBytes(d) + static_cast<uint64_t>(net::kNearSeek)) {
-            startDownload(position_);
+        // their media data, so they never get here). A bounded request
+        // brings all it was asked for.
+        if (limit == net::kOpenEnded &&
+            rel > net::cachedBytes(d) + static_cast<uint64_t>(net::kNearSeek)) {
+            startDownload(position_, net::kOpenEnded);
             continue;
         }
         const uint64_t need = rel + count;
@@ -635,13 +786,13 @@ MP4Err CNetStorage::waitAndCopy(uint8_t* buffer, uint32_t count) {
         d.readerBlock.store(rel >> net::kBlockShift);
         d.readerNeed.store(need);
         d.changed.notify_all();  // the download may be waiting for the reader
-        const size_t last = static_cast<size_t>(need >> net::kBlockShift);
+        const size_t last = net::lastBlockNeeded(need, limit - d.startOffset);
         std::shared_lock<std::shared_mutex> guard(d.lock);
         const size_t first = static_cast<size_t>(rel >> net::kBlockShift);
         const net::Wait wait = net::waitForBlocks(d, guard, first, last);
         if (wait == net::Wait::Restart) {
             guard.unlock();
-            startDownload(position_);
+            startDownload(position_, limit);  // the rest of the same range
             continue;
         }
         if (wait == net::Wait::Failed) {
@@ -667,6 +818,7 @@ void CNetStorage::rememberBlock(const Download& d, size_t index) {
     currentEnd_ = currentBase_ + net::kBlockSize - 1;
     const int64_t total = d.total.load();
     if (total >= 0) currentEnd_ = std::min<uint64_t>(currentEnd_, static_cast<uint64_t>(total));
+    currentEnd_ = std::min(currentEnd_, d.limit);  // zeros follow a bounded request's end
 }
 
 MP4Err CNetStorage::readUInt8(uint8_t* value) {

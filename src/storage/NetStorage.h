@@ -37,6 +37,8 @@ public:
     MP4Err readBlock(void* buffer, uint32_t count) override;
     MP4Err skip(uint64_t count) override;
     MP4Err writeUInt8(uint8_t value) override;
+    MP4Err readAt(uint64_t offset, uint8_t* buffer, uint32_t count,
+                  uint64_t readAheadEnd) override;
 
     // Names the URL (at most 2047 wide characters are kept).
     virtual MP4Err setPath(const wchar_t* url);
@@ -57,8 +59,13 @@ private:
     void rememberBlock(const net::Download& download, size_t index);
     template <class T>
     MP4Err readWide(T* value, int width);
-    void startDownload(uint64_t offset);
+    // A new download of [offset, limit) (limit UINT64_MAX: to the end).
+    void startDownload(uint64_t offset, uint64_t limit);
     void stopDownload();
+    // The same after an explicit move, with the "reseek" progress line.
+    void restartAt(uint64_t position, uint64_t limit);
+    bool reaches(uint64_t offset, uint32_t count, bool runsOn) const;
+    uint64_t nextLimit(const net::Download& download, uint32_t count) const;
 
     uint32_t openForRead_ = 0;
     uint32_t openForWrite_ = 0;
@@ -67,6 +74,10 @@ private:
     uint64_t rangeStart_ = 0;  // where the last explicit (re)seek started a download
     uint32_t endOfFile_ = 0;   // never set
     bool transferFailed_ = false;
+    // End of the last readAt, whether the next one runs on from it.
+    static constexpr uint64_t kUnknownEnd = UINT64_MAX;
+    uint64_t previousEnd_ = kUnknownEnd;
+    uint32_t streak_ = 0;  // readAt requests in a row that ran on from the last read
     std::unique_ptr<wchar_t[]> url_;
     std::shared_ptr<net::Resource> resource_;  // what the first answer said about the file
 

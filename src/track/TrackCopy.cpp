@@ -2,6 +2,7 @@
 // is, with new sample tables grown as the samples are copied with the
 // source's own timing.
 #include <initializer_list>
+#include <vector>
 #include <memory>
 #include <new>
 
@@ -94,6 +95,7 @@ MP4Err CTrackImpl::copyTrackFrom(CMp4Track* source) {
     if (!trak) return MP4_ERR_INVALID_DATA;
     if ((err = adoptCopiedTrack(trak)) != MP4_OK) return err;
     owned.release();
+    if ((err = gatherAuxInfo(from)) != MP4_OK) return err;
     // Edit lists and track durations count in the movie's time scale: the
     // copy's movie takes the source's.
     CMovieHeaderBox *mvhd = nullptr, *sourceMvhd = nullptr;
@@ -126,7 +128,10 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
     if (err == MP4_OK) err = childAs(mdia, fourcc("hdlr"), &hdlr);
     if (err == MP4_OK) err = childAs(mdia, fourcc("minf"), &minf);
     if (err == MP4_OK) err = childAs(minf, fourcc("stbl"), &stbl);
-    if (err == MP4_OK) err = childAs(stbl, fourcc("stsd"), &stsd);
+    // A source without "stsd" is copied without one.
+    if (err == MP4_OK && (err = childAs(stbl, fourcc("stsd"), &stsd)) == MP4_ERR_NOT_AVAILABLE) {
+        err = describeNoSamples(&stsd);
+    }
     if (err != MP4_OK) return err;
     if ((err = renewRequiredTable(stbl, fourcc("stts"), {fourcc("stts")}, &stts_)) != MP4_OK ||
         (err = renewTable(stbl, fourcc("ctts"), {fourcc("ctts")}, &ctts_)) != MP4_OK ||
@@ -161,6 +166,23 @@ MP4Err CTrackImpl::adoptCopiedTrack(CTrackBox* trak) {
     const uint64_t next = static_cast<uint64_t>(highestTrackId(moov)) + 1;
     if (next <= kMax32 && next > mvhd->nextTrackId) mvhd->nextTrackId = static_cast<uint32_t>(next);
     return MP4_OK;
+}
+
+// A fragmented source copied into sample tables: each sample's auxiliary
+// information and sample groups go with it (the movie's own samples of
+// such a track have their tables' boxes, copied with the "trak").
+MP4Err CTrackImpl::gatherAuxInfo(CTrackImpl* from) {
+    uint32_t count = 0;
+    if (host_->fragmentSamples() || !from->index_.hasFragments() ||
+        from->index_.movieCount() != 0 || from->chunkAsSample_ != 0 ||
+        from->getSampleCount(&count) != MP4_OK) {
+        return MP4_OK;
+    }
+    std::unique_ptr<CFragmentAuxInfo> aux(new (std::nothrow) CFragmentAuxInfo());
+    if (!aux) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = aux->gather(from->host_, from->trackId_, count, stbl_);
+    if (err == MP4_OK && !aux->empty()) auxInfo_ = std::move(aux);
+    return err;
 }
 
 // Timing of a read sample as stored: its decode time without the edit
@@ -246,6 +268,7 @@ MP4Err CTrackImpl::copySampleFrom(uint32_t sample, uint32_t* size) {
     err = from->readSample(sample, bytes, &got, chunkBuffer_.get() + pendingBytes_);
     if (err != MP4_OK) return err;
     if ((err = addCopiedTimes(timing, from, got)) != MP4_OK) return err;
+    if (auxInfo_ && (err = auxInfo_->addSample(sample)) != MP4_OK) return err;
     pendingDescription_ = timing.description;
     pendingBytes_ += got;
     pendingCount_ += timing.storedCount;
@@ -325,6 +348,340 @@ MP4Err CTrackImpl::addCopiedOffset(uint32_t sample, int32_t offset) {
     }
     if (offset < 0) ctts_->version = 1;
     return ctts_->addCompositionOffset(sample, static_cast<uint32_t>(offset));
+}
+
+// ---- copying by runs --------------------------------------------------------
+
+namespace {
+
+// One sample as the source's tables give it.
+struct WalkedSample {
+    uint64_t offset = 0;
+    uint32_t size = 0;
+    uint64_t decode = 0;       // without the initial delay
+    int32_t composition = 0;   // offset as stored
+    uint32_t sync = 1;
+    uint32_t description = 0;  // sample description index
+};
+
+// A cursor over a run-length table ("stts", "ctts"): the field of each
+// sample's run in turn, runs of no samples stepped over.
+template <class Entry>
+struct RunCursor {
+    uint32_t index = 0, left = 0, value = 0;
+    MP4Err take(CCountedTableBox<Entry>& table, uint32_t Entry::*field, uint32_t* out) {
+        while (left == 0) {
+            Entry* run = nullptr;
+            MP4Err err = table.getEntry(++index, &run);
+            if (err != MP4_OK) return err;
+            left = run->sampleCount;
+            value = run->*field;
+        }
+        --left;
+        *out = value;
+        return MP4_OK;
+    }
+};
+
+// A pending chunk's bytes: ranges of the source, neighbours merged.
+struct SourceRange {
+    uint64_t offset;
+    uint64_t size;
+};
+
+}  // namespace
+
+// The samples of a read track in order, straight from its tables, each
+// table followed by a cursor of its own. For tables that pass
+// checkTables, every answer is what the sample access gives the same
+// sample (its size, offset, stored timing, sync flag and description):
+// they agree with each other as in every well-formed file, so the
+// lookups' rules for damaged tables never come into play.
+class CTrackImpl::TableWalk {
+public:
+    explicit TableWalk(CTrackImpl& track) : t_(track) {}
+    // 12 when the tables are not of that kind (or the track is not a
+    // bound read track of sample tables alone); *count: its samples.
+    MP4Err checkTables(uint32_t* count);
+    MP4Err next(WalkedSample* sample);
+
+private:
+    MP4Err checkChunkRuns(uint32_t count);
+    MP4Err nextChunk();
+
+    CTrackImpl& t_;
+    uint32_t sample_ = 0;
+    uint64_t decode_ = 0;
+    RunCursor<CTimeToSampleTableEntry> deltas_;
+    RunCursor<CCompositionOffsetTableEntry> offsets_;
+    uint32_t stscIndex_ = 0, perChunk_ = 0, description_ = 0;
+    uint64_t nextRunChunk_ = 0;  // first chunk of the next "stsc" run
+    uint32_t chunk_ = 0, leftInChunk_ = 0;
+    uint64_t position_ = 0;
+    uint32_t stssIndex_ = 0;
+    uint64_t nextSync_ = 0;
+};
+
+namespace {
+
+constexpr MP4Err kNotByRuns = MP4_ERR_UNSUPPORTED;
+
+// Every entry the count announces was read.
+template <class Table>
+bool complete(const Table& table) {
+    return table.entries.count() == table.entryCount;
+}
+
+// Sum of the entries' sample counts; 12 for an incomplete table or, with
+// noEmptyRuns, an entry of no samples.
+template <class Entry>
+MP4Err runSamples(CCountedTableBox<Entry>& table, bool noEmptyRuns, uint64_t* sum) {
+    *sum = 0;
+    if (!complete(table)) return kNotByRuns;
+    for (uint32_t i = 1; i <= table.entries.count(); ++i) {
+        Entry* entry = nullptr;
+        if (table.getEntry(i, &entry) != MP4_OK) return kNotByRuns;
+        if (noEmptyRuns && entry->sampleCount == 0) return kNotByRuns;
+        *sum += entry->sampleCount;
+    }
+    return MP4_OK;
+}
+
+// Sample auxiliary information points into the source file; its copy
+// stays with the sample-by-sample path.
+bool holdsAuxiliaryInformation(CBox* stbl) {
+    CBox* found = nullptr;
+    for (uint32_t type : {fourcc("saio"), fourcc("saiz"), fourcc("senc")}) {
+        if (stbl->findChild(type, &found) == MP4_OK) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+MP4Err CTrackImpl::TableWalk::checkTables(uint32_t* count) {
+    const CTrackImpl& t = t_;
+    *count = 0;
+    if (!t.open_ || t.writing_ || !t.timeTable_ || t.fragments_ || t.chunkAsSample_ != 0 ||
+        !t.stts_ || !t.stsz_ || !t.stsc_ || (!t.stco_ && !t.co64_)) {
+        return kNotByRuns;
+    }
+    const uint32_t samples = t.timeTable_->sampleCount;
+    if (samples != t.stsz_->sampleCount || samples == 0xFFFFFFFFu ||
+        (t.stsz_->sampleSize == 0 && t.stsz_->entries.count() != samples)) {
+        return kNotByRuns;
+    }
+    uint64_t timed = 0, offsets = 0;
+    MP4Err err = runSamples(*t.stts_, false, &timed);
+    if (err == MP4_OK && timed != samples) err = kNotByRuns;
+    if (err == MP4_OK && t.ctts_) err = runSamples(*t.ctts_, true, &offsets);
+    if (err == MP4_OK && t.ctts_ && offsets < samples) err = kNotByRuns;
+    if (err == MP4_OK && t.stss_ && (!complete(*t.stss_) || !t.stss_->numbersAscend())) {
+        err = kNotByRuns;
+    }
+    if (err == MP4_OK) err = checkChunkRuns(samples);
+    if (err == MP4_OK) *count = samples;
+    return err;
+}
+
+// "stsc" runs from chunk 1 on, first chunks strictly ascending, none empty,
+// the last within the chunk offsets, holding exactly the track's samples.
+MP4Err CTrackImpl::TableWalk::checkChunkRuns(uint32_t count) {
+    CSampleToChunkBox& stsc = *t_.stsc_;
+    const bool offsetsComplete = t_.stco_ ? complete(*t_.stco_) : complete(*t_.co64_);
+    const uint64_t chunks = t_.stco_ ? t_.stco_->entries.count() : t_.co64_->entries.count();
+    if (count == 0) return MP4_OK;
+    if (!offsetsComplete || !complete(stsc) || stsc.entries.count() == 0) return kNotByRuns;
+    uint64_t samples = 0;
+    CSampleToChunkTableEntry* run = nullptr;
+    for (uint32_t i = 1; i <= stsc.entries.count(); ++i) {
+        if (stsc.getEntry(i, &run) != MP4_OK || run->samplesPerChunk == 0) return kNotByRuns;
+        CSampleToChunkTableEntry* next = nullptr;
+        const uint64_t end = i < stsc.entries.count() && stsc.getEntry(i + 1, &next) == MP4_OK
+                                 ? next->firstChunk
+                                 : chunks + 1;
+        if ((i == 1 && run->firstChunk != 1) || end <= run->firstChunk) return kNotByRuns;
+        samples += (end - run->firstChunk) * run->samplesPerChunk;
+    }
+    return samples == count ? MP4_OK : kNotByRuns;
+}
+
+MP4Err CTrackImpl::TableWalk::next(WalkedSample* s) {
+    ++sample_;
+    MP4Err err = MP4_OK;
+    uint32_t delta = 0;
+    if ((err = deltas_.take(*t_.stts_, &CTimeToSampleTableEntry::sampleDelta, &delta)) != MP4_OK) {
+        return err;
+    }
+    s->decode = decode_;
+    decode_ += delta;
+    if ((err = t_.sizeOfStszSample(sample_, &s->size)) != MP4_OK) return err;
+    if (leftInChunk_ == 0 && (err = nextChunk()) != MP4_OK) return err;
+    --leftInChunk_;
+    s->offset = position_;
+    position_ += s->size;
+    s->description = description_;
+    s->composition = 0;
+    uint32_t offset = 0;
+    if (t_.ctts_) {
+        err = offsets_.take(*t_.ctts_, &CCompositionOffsetTableEntry::sampleOffset, &offset);
+        if (err != MP4_OK) return err;
+        s->composition = static_cast<int32_t>(offset);
+    }
+    s->sync = 1;
+    if (t_.stss_) {
+        while (nextSync_ < sample_ && stssIndex_ < t_.stss_->entries.count()) {
+            CSyncSampleTableEntry* entry = nullptr;
+            if ((err = t_.stss_->getEntry(++stssIndex_, &entry)) != MP4_OK) return err;
+            nextSync_ = entry->sampleNumber;
+        }
+        s->sync = nextSync_ == sample_ ? 1 : 0;
+    }
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::TableWalk::nextChunk() {
+    ++chunk_;
+    if (chunk_ >= nextRunChunk_) {
+        CSampleToChunkTableEntry* run = nullptr;
+        MP4Err err = t_.stsc_->getEntry(++stscIndex_, &run);
+        if (err != MP4_OK) return err;
+        perChunk_ = run->samplesPerChunk;
+        description_ = run->sampleDescriptionIndex;
+        CSampleToChunkTableEntry* next = nullptr;
+        nextRunChunk_ = stscIndex_ < t_.stsc_->entries.count() &&
+                                t_.stsc_->getEntry(stscIndex_ + 1, &next) == MP4_OK
+                            ? next->firstChunk
+                            : UINT64_MAX;
+    }
+    leftInChunk_ = perChunk_;
+    return t_.chunkOffset(chunk_, &position_);
+}
+
+struct CTrackImpl::RunCopy {
+    explicit RunCopy(CTrackImpl& source) : walk(source) {}
+    TableWalk walk;
+    CCopiedMediaSink* sink = nullptr;
+    uint32_t count = 0;
+    uint32_t timeScale = 1;
+    uint64_t delay = 0;
+    WalkedSample next;
+    std::vector<SourceRange> pending;
+};
+
+void CTrackImpl::RunCopyDeleter::operator()(RunCopy* run) const { delete run; }
+
+CTrackHost* CTrackImpl::copySourceHost() const { return copySource_ ? copySource_->host_ : nullptr; }
+
+MP4Err CTrackImpl::startRunCopy(CCopiedMediaSink* sink) {
+    if (!sink) return MP4_ERR_INVALID_ARGUMENT;
+    if (!open_ || !writing_ || finalized_ || !copySource_ || !stbl_ || runCopy_ ||
+        lastCopied_ != 0 || timeTable_->sampleCount != 0 || pendingCount_ != 0 || auxInfo_ ||
+        host_->fragmentSamples() || holdsAuxiliaryInformation(stbl_)) {
+        return kNotByRuns;
+    }
+    uint64_t length = 0;
+    if (!copySource_->host_->storageLength(&length)) return kNotByRuns;
+    std::unique_ptr<RunCopy, RunCopyDeleter> run(new (std::nothrow) RunCopy(*copySource_));
+    if (!run) return MP4_ERR_OUT_OF_MEMORY;
+    MP4Err err = run->walk.checkTables(&run->count);
+    if (err == MP4_OK) err = checkRunCopySamples(run->count, length);
+    if (err != MP4_OK) return err;
+    (void)copySource_->getTimeScale(&run->timeScale);
+    run->delay = copySource_->initialDelay_;
+    run->sink = sink;
+    if (run->count > 0 && (err = run->walk.next(&run->next)) != MP4_OK) return err;
+    runCopy_ = std::move(run);
+    return MP4_OK;
+}
+
+// Every sample of tables checkTables passed has bytes, all within the
+// source file: a sample that could not be read would be left out.
+MP4Err CTrackImpl::checkRunCopySamples(uint32_t count, uint64_t fileLength) {
+    TableWalk walk(*copySource_);
+    WalkedSample s;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (walk.next(&s) != MP4_OK || s.size == 0 || s.offset > fileLength ||
+            s.size > fileLength - s.offset) {
+            return kNotByRuns;
+        }
+    }
+    return MP4_OK;
+}
+
+bool CTrackImpl::runCopyDone() const { return !runCopy_ || lastCopied_ >= runCopy_->count; }
+
+uint64_t CTrackImpl::runCopyNextDecode() const {
+    return runCopy_ ? runCopy_->next.decode + runCopy_->delay : 0;
+}
+
+uint32_t CTrackImpl::runCopyTimeScale() const { return runCopy_ ? runCopy_->timeScale : 1; }
+
+// copySampleFrom without reading: the same table entries and chunk
+// boundaries, the bytes named as a range of the source.
+MP4Err CTrackImpl::copyNextRunSample(uint32_t* size) {
+    *size = 0;
+    if (runCopyDone()) return MP4_ERR_NOT_AVAILABLE;
+    RunCopy& run = *runCopy_;
+    const WalkedSample s = run.next;
+    StoredTiming timing;
+    timing.decode = s.decode;
+    timing.offset = s.composition;
+    timing.sync = s.sync;
+    timing.description = s.description;
+    timing.firstStored = lastCopied_ + 1;
+    MP4Err err = MP4_OK;
+    if (pendingCount_ > 0 && timing.description != pendingDescription_ &&
+        (err = flushChunk()) != MP4_OK) {
+        return err;
+    }
+    if ((err = addCopiedTimes(timing, copySource_, s.size)) != MP4_OK) return err;
+    if (!run.pending.empty() && run.pending.back().offset + run.pending.back().size == s.offset) {
+        run.pending.back().size += s.size;
+    } else {
+        try {
+            run.pending.push_back(SourceRange{s.offset, s.size});
+        } catch (const std::bad_alloc&) {
+            return MP4_ERR_OUT_OF_MEMORY;
+        }
+    }
+    pendingDescription_ = timing.description;
+    pendingBytes_ += s.size;
+    pendingCount_ += 1;
+    lastCopied_ += 1;
+    totalBytes_ += s.size;
+    *size = s.size;
+    if (lastCopied_ < run.count && (err = run.walk.next(&run.next)) != MP4_OK) return err;
+    return chunkAfterAppend(timing.decode);
+}
+
+MP4Err CTrackImpl::writeCopiedChunk(uint64_t* offset) {
+    RunCopy& run = *runCopy_;
+    for (size_t i = 0; i < run.pending.size(); ++i) {
+        uint64_t at = 0;
+        MP4Err err = run.sink->appendCopiedBytes(run.pending[i].offset, run.pending[i].size, &at);
+        if (err != MP4_OK) return err;
+        if (i == 0) *offset = at;
+    }
+    run.pending.clear();
+    return MP4_OK;
+}
+
+MP4Err CTrackImpl::endRunCopy() {
+    if (!runCopy_) return MP4_ERR_NOT_AVAILABLE;
+    MP4Err err = pendingCount_ > 0 ? flushChunk() : MP4_OK;
+    if (err != MP4_OK) return err;
+    // The last sample keeps its duration, as copySampleFrom records it.
+    if (lastCopied_ > 0) lastDuration_ = copySource_->storedDuration(lastCopied_);
+    runCopy_.reset();
+    return MP4_OK;
+}
+
+void CTrackImpl::abandonRunCopy() {
+    if (!runCopy_) return;
+    runCopy_.reset();
+    pendingBytes_ = 0;
+    pendingCount_ = 0;
 }
 
 }  // namespace quil

@@ -45,6 +45,16 @@ public:
                                      bool sync) = 0;
 };
 
+// Copying by runs (remux): a chunk of a copied track is still in the file
+// it is copied from; the file being written appends its bytes from there.
+class CCopiedMediaSink {
+public:
+    virtual ~CCopiedMediaSink() = default;
+    // Appends count bytes found at sourceOffset of the source file to the
+    // media data and reports where they start in the file being written.
+    virtual MP4Err appendCopiedBytes(uint64_t sourceOffset, uint64_t count, uint64_t* offset) = 0;
+};
+
 class CTrackHost {
 public:
     virtual ~CTrackHost() = default;

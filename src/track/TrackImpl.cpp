@@ -133,7 +133,18 @@ MP4Err CTrackImpl::findSampleTables() {
         if ((err = findTyped(stbl, fourcc("co64"), &co64_)) != MP4_OK) return err;
     }
     if ((err = findOptional(stbl, fourcc("stss"), &stss_)) != MP4_OK) return err;
-    return findTyped(stbl, fourcc("stsd"), &stsd_);
+    if ((err = findOptional(stbl, fourcc("stsd"), &stsd_)) != MP4_OK) return err;
+    return stsd_ ? MP4_OK : describeNoSamples(&stsd_);
+}
+
+// A sample table without a sample description (a damaged file) still
+// lists its samples: the track reads them, as a track with no sample
+// entry, through a description of its own that the file does not hold.
+MP4Err CTrackImpl::describeNoSamples(CSampleDescriptionBox** stsd) {
+    if (!missingStsd_) missingStsd_.reset(new (std::nothrow) CSampleDescriptionBox());
+    if (!missingStsd_) return MP4_ERR_OUT_OF_MEMORY;
+    *stsd = missingStsd_.get();
+    return MP4_OK;
 }
 
 MP4Err CTrackImpl::computeInitialDelay() {

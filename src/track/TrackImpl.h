@@ -12,6 +12,7 @@
 #include "quil/Mp4MetaData.h"
 #include "quil/Mp4Track.h"
 #include "boxes/DataList.h"
+#include "track/FragmentAuxInfo.h"
 #include "track/SampleIndex.h"
 #include "track/SampleTimes.h"
 #include "track/SampleTables.h"
@@ -142,6 +143,30 @@ public:
     MP4Err addSampleEntryBox(CBox* entry);
     CTrackBox* trackBox() const { return trak_; }
 
+    // ---- copying by runs (TrackCopy.cpp), driven by the file's copy of
+    // every sample (RemuxCopy.cpp) ----
+    // Readies this copy (copyTrackFrom, no sample yet) to take its
+    // source's samples in order from the source's tables, their bytes
+    // appended through sink and never read. 12 where that could give
+    // another result than copySampleFrom (fragments, chunk-as-sample audio,
+    // tables that do not agree, a sample without bytes or outside the file,
+    // auxiliary information); nothing changes then.
+    MP4Err startRunCopy(CCopiedMediaSink* sink);
+    bool runCopyDone() const;
+    // The next sample: its number, its decode time as the source reports
+    // it, and the source's time scale as its getTimeScale gives it.
+    uint32_t runCopyNextSample() const { return lastCopied_ + 1; }
+    uint64_t runCopyNextDecode() const;
+    uint32_t runCopyTimeScale() const;
+    // Takes the next sample as copySampleFrom would; *size: its bytes.
+    MP4Err copyNextRunSample(uint32_t* size);
+    // Writes the pending chunk and leaves run copying.
+    MP4Err endRunCopy();
+    // Leaves run copying after a failure, the pending chunk dropped.
+    void abandonRunCopy();
+    // The file of the track copied from; null unless copyTrackFrom.
+    CTrackHost* copySourceHost() const;
+
 private:
     // Binding steps.
     MP4Err findBoxes(uint32_t trackIndex);
@@ -235,6 +260,9 @@ private:
     CChunkLargeOffsetBox* co64_ = nullptr;
     CSyncSampleBox* stss_ = nullptr;
     CSampleDescriptionBox* stsd_ = nullptr;
+    // Stands in for the "stsd" a damaged sample table lacks (never written).
+    std::unique_ptr<CSampleDescriptionBox> missingStsd_;
+    MP4Err describeNoSamples(CSampleDescriptionBox** stsd);
 
     std::unique_ptr<CSampleTimeTable> timeTable_;
     MovieSamples movieSamples_{*this};
@@ -300,6 +328,20 @@ private:
     MP4Err copyFragmentSample(CFragmentSampleSink* fragments, uint32_t sample,
                               const StoredTiming& timing, uint32_t bytes, uint32_t* size);
     MP4Err addCopiedOffset(uint32_t sample, int32_t offset);
+    MP4Err gatherAuxInfo(CTrackImpl* from);
+    // The auxiliary information and sample groups of a fragmented source,
+    // carried sample by sample into the copy's tables; null without.
+    std::unique_ptr<CFragmentAuxInfo> auxInfo_;
+    // Copying by runs: a walk over the source's tables, and the state of
+    // the copy (the pending chunk as byte ranges of the source).
+    class TableWalk;
+    struct RunCopy;
+    struct RunCopyDeleter {
+        void operator()(RunCopy* run) const;
+    };
+    MP4Err checkRunCopySamples(uint32_t count, uint64_t fileLength);
+    MP4Err writeCopiedChunk(uint64_t* offset);
+    std::unique_ptr<RunCopy, RunCopyDeleter> runCopy_;
     CTrackImpl* copySource_ = nullptr;  // the read track copied (not owned)
     uint32_t lastCopied_ = 0;           // its last sample copied
     uint32_t lastDuration_ = 0;         // that sample's duration

@@ -471,7 +471,9 @@ MP4Err CTrackImpl::chunkBeforeAppend(CChunkInterleaving* interleaving, uint64_t 
 MP4Err CTrackImpl::flushChunk() {
     if (pendingCount_ == 0) return MP4_ERR_INVALID_ARGUMENT;
     uint64_t offset = 0;
-    MP4Err err = host_->appendMediaData(chunkBuffer_.get(), pendingBytes_, &offset);
+    // A chunk copied by runs is still in the source file (TrackCopy.cpp).
+    MP4Err err = runCopy_ ? writeCopiedChunk(&offset)
+                          : host_->appendMediaData(chunkBuffer_.get(), pendingBytes_, &offset);
     if (err != MP4_OK) return err;
     if ((err = recordChunkOffset(nextChunk_, offset)) != MP4_OK) return err;
     if ((err = stsc_->addChunk(nextChunk_, pendingCount_, pendingDescription_)) != MP4_OK) return err;
@@ -542,6 +544,10 @@ MP4Err CTrackImpl::finalizeWriting() {
         sttsFinished_ = true;
     }
     if ((err = finishDurations()) != MP4_OK) return err;
+    if (auxInfo_) {
+        if ((err = auxInfo_->finish(stbl_)) != MP4_OK) return err;
+        auxInfo_.reset();
+    }
     fillDefaultDimensions();
     finalized_ = true;
     span_.clear();
