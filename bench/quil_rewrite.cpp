@@ -40,9 +40,10 @@ std::wstring widen(const char* path) {
 }
 
 // The remux of `quil remux`: each track made a copy of its source
-// (copyTrackFrom, chunks of a second or 256 KiB), then every sample in one
-// call (the chunks copied file to file), or sample by sample with
-// copySampleFrom in decode-time order where that call refuses (12).
+// (copyTrackFrom), then every sample in one call that keeps the source's
+// chunks in the source's order (copied file to file), or sample by sample
+// with copySampleFrom in decode-time order (chunks of a second or 256 KiB)
+// where that call refuses (12).
 class Remux {
 public:
     ~Remux() {
@@ -64,7 +65,8 @@ public:
         (void)in_->getFileType(&fileType);
         if (failed(out_->open(widen(output).c_str(), 1, fileType), "open for writing") ||
             failed(out_->setMovieDurationRule(quil::MP4_MOVIE_DURATION_LONGEST_TRACK),
-                   "setMovieDurationRule"))
+                   "setMovieDurationRule") ||
+            !keepBrands())
             return false;
         for (uint32_t n = 1; n <= count; ++n) {
             CMp4Track *in = nullptr, *out = nullptr;
@@ -79,7 +81,7 @@ public:
             (void)out->setChunkLimits(timeScale, 256 * 1024);
         }
         *tracks = count;
-        MP4Err err = quil::Mp4CopyTrackSamples(out_, outs_.data(), count, nullptr, nullptr);
+        MP4Err err = quil::Mp4CopyTrackChunks(out_, outs_.data(), count, nullptr, nullptr);
         if (err == quil::MP4_ERR_UNSUPPORTED) err = copyEachSample();
         if (failed(err, "copying the samples")) return false;
         for (CMp4Track*& out : outs_) {
@@ -90,6 +92,18 @@ public:
     }
 
 private:
+    // The input's "ftyp" brands, as `quil remux` keeps them (so the media
+    // data start where the input's do when its "ftyp" is followed by
+    // "free" and a short "mdat" header, as ffmpeg writes them).
+    bool keepBrands() {
+        uint32_t major = 0, minor = 0, count = 0;
+        if (quil::Mp4GetBrands(in_, &major, &minor, nullptr, 0, &count) != quil::MP4_OK) return true;
+        std::vector<uint32_t> brands(count);
+        return !failed(quil::Mp4GetBrands(in_, &major, &minor, brands.data(), count, &count),
+                       "Mp4GetBrands") &&
+               !failed(out_->setBrands(major, minor, brands.data(), count), "setBrands");
+    }
+
     MP4Err copyEachSample() {
         struct Next {
             uint32_t sample = 1, count = 0, timeScale = 1;

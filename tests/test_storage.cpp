@@ -601,6 +601,10 @@ INSTANTIATE_TEST_SUITE_P(
         RangeCase{"small and large mixed, out of order",
                   {{390000, 10}, {5, 200000}, {3, 9000}, {200010, 70000}, {7, 1}}, MP4_OK},
         RangeCase{"tiny ranges of two places in turn", tinyRangesBackAndForth(), MP4_OK},
+        // The target starts at 10: these land where they lie within a page.
+        RangeCase{"a long range at its place in a page", {{10, 300000}}, MP4_OK},
+        RangeCase{"gathered bytes, a long range at its place, more",
+                  {{5, 100}, {4206, 280000}, {7, 50}}, MP4_OK},
         RangeCase{"a range past the source's end", {{10, 100}, {399990, 20}}, MP4_ERR_IO},
         RangeCase{"a large range past the source's end", {{300000, 200000}}, MP4_ERR_IO}),
     [](const ::testing::TestParamInfo<RangeCase>& info) { return "case" + std::to_string(info.index); });

@@ -10,11 +10,14 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <random>
+#include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -1322,11 +1325,14 @@ TEST(TrackCopy, LeftOutSamplesKeepTheOthersInPlace) {
 // ---------------------------------------------------------------------------
 // Every sample at once (Mp4CopyTrackSamples) against copySampleFrom
 
-// Copies every track of the file at path as `quil remux` does, either all
-// samples at once or sample by sample in decode-time order; the copy's
-// bytes. allAtOnce gives the call's result in *err (12 falls back to the
-// loop, which leaves unreadable samples out).
-Bytes remuxed(const std::string& path, uint32_t byteLimit, bool allAtOnce, MP4Err* err) {
+enum class CopyMode { kBySample, kAllAtOnce, kSourceChunks };
+
+// Copies every track of the file at path as `quil remux` does: all samples
+// at once (in decode-time order or keeping the source's chunks, the
+// source's brands kept then too), or sample by sample in decode-time
+// order; the copy's bytes. The call's result goes to *err (12 falls back
+// to the loop, which leaves unreadable samples out).
+Bytes remuxed(const std::string& path, uint32_t byteLimit, CopyMode mode, MP4Err* err) {
     const std::string copyPath = ::testing::TempDir() + "quil_at_once_" + std::to_string(getpid()) + ".mp4";
     CMp4File *in = nullptr, *out = nullptr;
     uint32_t count = 0;
@@ -1335,6 +1341,12 @@ Bytes remuxed(const std::string& path, uint32_t byteLimit, bool allAtOnce, MP4Er
     EXPECT_EQ(MP4_OK, in->open(std::wstring(path.begin(), path.end()).c_str(), 0, 0));
     EXPECT_EQ(MP4_OK, in->getTrackCount(&count));
     EXPECT_EQ(MP4_OK, out->open(std::wstring(copyPath.begin(), copyPath.end()).c_str(), 1, MP4_FILE_MPEG4));
+    uint32_t major = 0, minor = 0, brandCount = 0;
+    if (mode == CopyMode::kSourceChunks && Mp4GetBrands(in, &major, &minor, nullptr, 0, &brandCount) == MP4_OK) {
+        std::vector<uint32_t> brands(brandCount);
+        EXPECT_EQ(MP4_OK, Mp4GetBrands(in, &major, &minor, brands.data(), brandCount, &brandCount));
+        EXPECT_EQ(MP4_OK, out->setBrands(major, minor, brands.data(), brandCount));
+    }
     struct Copy {
         CMp4Track *from = nullptr, *to = nullptr;
         uint32_t next = 1, samples = 0, scale = 1;
@@ -1353,7 +1365,8 @@ Bytes remuxed(const std::string& path, uint32_t byteLimit, bool allAtOnce, MP4Er
         (void)c.from->getSampleDecodeTime(1, &c.decode);
         targets.push_back(c.to);
     }
-    *err = allAtOnce ? Mp4CopyTrackSamples(out, targets.data(), count, nullptr, nullptr) : MP4_ERR_UNSUPPORTED;
+    const auto copy = mode == CopyMode::kSourceChunks ? Mp4CopyTrackChunks : Mp4CopyTrackSamples;
+    *err = mode == CopyMode::kBySample ? MP4_ERR_UNSUPPORTED : copy(out, targets.data(), count, nullptr, nullptr);
     while (*err == MP4_ERR_UNSUPPORTED) {
         Copy* best = nullptr;
         for (Copy& c : copies) {
@@ -1388,8 +1401,8 @@ void expectSameCopy(const std::string& path, MP4Err expected) {
     for (uint32_t byteLimit : {256u * 1024, 3000u, 5u}) {
         SCOPED_TRACE(byteLimit);
         MP4Err ignored = MP4_OK, err = MP4_OK;
-        const Bytes bySample = remuxed(path, byteLimit, false, &ignored);
-        const Bytes atOnce = remuxed(path, byteLimit, true, &err);
+        const Bytes bySample = remuxed(path, byteLimit, CopyMode::kBySample, &ignored);
+        const Bytes atOnce = remuxed(path, byteLimit, CopyMode::kAllAtOnce, &err);
         EXPECT_EQ(expected, err);
         ASSERT_GT(bySample.size(), 100u);
         EXPECT_TRUE(bySample == atOnce);
@@ -1422,6 +1435,50 @@ INSTANTIATE_TEST_SUITE_P(
         for (const char* c = info.param.file; *c && *c != '.'; ++c) name += std::isalnum(*c) ? *c : '_';
         return name;
     });
+
+// Keeping the source's chunks: every sample as in the source (bytes,
+// times, sync flag), all of them moved by one distance in the file, since
+// the chunks follow each other as in the source (these sources' chunks lie
+// back to back). Sources whose media data start where the copy's do come
+// out with the same media data at the same offsets.
+TEST_P(AllAtOnce, KeepsTheSourceChunksInTheirOrder) {
+    MP4Err err = MP4_OK;
+    const Bytes copy = remuxed(fixturePath(GetParam().file), 5, CopyMode::kSourceChunks, &err);
+    EXPECT_EQ(GetParam().expected, err);
+    if (err != MP4_OK) return;
+    OpenedFile in(GetParam().file), out(copy);
+    uint32_t tracks = 0, copiedTracks = 0;
+    ASSERT_EQ(MP4_OK, in.file()->getTrackCount(&tracks));
+    ASSERT_EQ(MP4_OK, out.file()->getTrackCount(&copiedTracks));
+    ASSERT_EQ(tracks, copiedTracks);
+    std::set<int64_t> shifts;
+    Bytes a(1 << 20), b(1 << 20);
+    for (uint32_t t = 1; t <= tracks; ++t) {
+        CMp4Track *from = in.track(t), *to = out.track(t);
+        ASSERT_TRUE(from && to);
+        uint32_t count = 0;
+        ASSERT_EQ(MP4_OK, from->getSampleCount(&count));
+        for (uint32_t s = 1; s <= count; ++s) {
+            uint64_t at = 0, copiedAt = 0, decode[2] = {}, present[2] = {};
+            uint32_t size[2] = {}, sync[2] = {};
+            ASSERT_EQ(MP4_OK, from->getSampleOffset(s, &at, &size[0]));
+            ASSERT_EQ(MP4_OK, to->getSampleOffset(s, &copiedAt, &size[1]));
+            ASSERT_EQ(MP4_OK, from->readSample(s, static_cast<uint32_t>(a.size()), &size[0], a.data()));
+            ASSERT_EQ(MP4_OK, to->readSample(s, static_cast<uint32_t>(b.size()), &size[1], b.data()));
+            CMp4Track* both[2] = {from, to};
+            for (int i = 0; i < 2; ++i) {
+                (void)both[i]->getSampleDecodeTime(s, &decode[i]);
+                (void)both[i]->getSampleCompositionTime(s, &present[i]);
+                (void)both[i]->isSyncSample(s, &sync[i]);
+            }
+            EXPECT_EQ(std::make_tuple(size[0], decode[0], present[0], sync[0]),
+                      std::make_tuple(size[1], decode[1], present[1], sync[1])) << "track " << t << " sample " << s;
+            EXPECT_EQ(0, std::memcmp(a.data(), b.data(), size[0])) << "track " << t << " sample " << s;
+            shifts.insert(static_cast<int64_t>(copiedAt) - static_cast<int64_t>(at));
+        }
+    }
+    EXPECT_EQ(1u, shifts.size());
+}
 
 // Tables at their edges: what the sample access answers for them is what
 // the tables give at once, or the call refuses them.

@@ -1,4 +1,4 @@
-// quil remux IN OUT [--type N] [--faststart]: every track of IN copied into
+// quil remux IN OUT [--type N] [--faststart] [--rechunk]: every track of IN copied into
 // a new file through the library's write interface: each track's boxes as
 // they are, its samples with their timing as stored, the movie's creation
 // time and user data; what cannot be read is left out and counted. Where
@@ -19,8 +19,9 @@ namespace quil {
 namespace tool {
 namespace {
 
-// Chunks of at most about a second keep the tracks interleaved in the
-// output. Chunks of a quarter megabyte still read efficiently, and their
+// Where the input's chunks are not kept (--rechunk, or tables that cannot
+// be copied whole), chunks of at most about a second keep the tracks
+// interleaved in the output. Chunks of a quarter megabyte still read efficiently, and their
 // buffer stays within a core's cache while it fills and is written: on
 // the machines measured a 1 MB chunk made the copy into the page cache
 // run from main memory and the whole remux take three times as long.
@@ -243,8 +244,11 @@ std::string sampleLabel(const TrackCopy* copy, uint32_t sample) {
 }
 
 // Every sample in one call where the library copies the chunks file to
-// file: the same output as the loop of copySamples, much faster. 12 (with
-// nothing written) leaves the copy to that loop; other errors are failures.
+// file: the input's own chunks in the input's order (its layout kept, its
+// media data copied by the kernel where they lie back to back), or with
+// --rechunk the same output as the loop of copySamples, much faster. 12
+// (with nothing written) leaves the copy to that loop; other errors are
+// failures.
 MP4Err Remuxer::copyAllSamples(Progress* progress) {
     std::vector<CMp4Track*> outputs;
     for (const TrackCopy& copy : tracks_) outputs.push_back(copy.out);
@@ -254,8 +258,9 @@ MP4Err Remuxer::copyAllSamples(Progress* progress) {
     };
     report.context = progress;
     MP4SampleCopyFailure failure;
-    const MP4Err err = Mp4CopyTrackSamples(target_, outputs.data(),
-                                           static_cast<uint32_t>(outputs.size()), &report, &failure);
+    const auto copy = options_.keepChunks ? Mp4CopyTrackChunks : Mp4CopyTrackSamples;
+    const MP4Err err =
+        copy(target_, outputs.data(), static_cast<uint32_t>(outputs.size()), &report, &failure);
     if (err == MP4_OK || err == MP4_ERR_UNSUPPORTED) return err;
     if (failure.track == 0) fail("media data cannot be written", err);
     else fail(sampleLabel(&tracks_[failure.track - 1], failure.sample) + " cannot be written", err);
@@ -367,6 +372,7 @@ int runRemux(const Arguments& arguments) {
     CopyOptions options;
     options.fileType = static_cast<uint32_t>(fileType);
     options.typeGiven = typeText != nullptr;
+    options.keepChunks = !arguments.has("--rechunk");
     uint64_t missing = 0;
     options.missing = &missing;
     OutputFile output;
@@ -400,15 +406,18 @@ int runRemux(const Arguments& arguments) {
 
 const Command kRemuxCommand = {
     "remux",
-    "remux IN OUT [--type N] [--faststart]",
+    "remux IN OUT [--type N] [--faststart] [--rechunk]",
     "  remux    copy every track of IN into a new file OUT: each track's boxes\n"
     "           as they are (sample entries, references, edit list, matrix,\n"
     "           user data), samples with the timing they have; --type N\n"
     "           writes file type N (0 to 12; default: IN's type and brands),\n"
     "           --faststart puts the movie box in front of the media data.\n"
+    "           The input's chunks are kept in the input's order, so the\n"
+    "           media data keep their layout; --rechunk cuts chunks of about\n"
+    "           a second instead, the tracks interleaved by time.\n"
     "           Samples or tracks that cannot be read (a cut-off or damaged\n"
     "           file) are left out and counted on stderr; exit status 3\n",
-    {{"--type", true}, {"--faststart", false}},
+    {{"--type", true}, {"--faststart", false}, {"--rechunk", false}},
     2,
     2,
     runRemux,

@@ -42,6 +42,10 @@ struct CopyOptions {
     // Written in fragments with these settings (null: a classic file).
     const MP4FragmentSettings* fragments = nullptr;
     uint32_t onlyTrack = 0;  // copy only this track of the input (0: all)
+    // Each chunk of the copy one of the input's, in the input's order
+    // (where the input's tables allow); false: chunks of about a second,
+    // the tracks interleaved by time.
+    bool keepChunks = true;
     bool progress = false;   // a progress line even when stderr is no terminal
     // Filled with the fragments written (fragmented copies).
     std::vector<MP4FragmentInfo>* fragmentsWritten = nullptr;

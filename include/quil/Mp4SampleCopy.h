@@ -45,6 +45,18 @@ QUIL_API MP4Err Mp4CopyTrackSamples(CMp4File* target, CMp4Track* const* tracks, 
                                     const MP4SampleCopyProgress* progress,
                                     MP4SampleCopyFailure* failure);
 
+// As Mp4CopyTrackSamples, with the sources' chunks kept: each chunk of the
+// copy holds the samples of one source chunk, and the chunks follow each
+// other as they lie in the source file (at the same place, the first
+// listed first), whatever the tracks' chunk limits. Copying every track of
+// a file so keeps its layout: where the source's chunks lie back to back
+// from where the copy's media data start, the media data are the same
+// bytes at the same offsets, copied by the kernel in one piece. Refuses
+// (12) and fails as Mp4CopyTrackSamples does.
+QUIL_API MP4Err Mp4CopyTrackChunks(CMp4File* target, CMp4Track* const* tracks, uint32_t count,
+                                   const MP4SampleCopyProgress* progress,
+                                   MP4SampleCopyFailure* failure);
+
 }  // namespace quil
 
 #endif

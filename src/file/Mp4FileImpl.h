@@ -133,8 +133,9 @@ public:
                              uint64_t decodeTime, uint64_t compositionTime, bool sync) override;
 
     // Every sample of copied tracks of this file being written, their
-    // chunks copied file to file (RemuxCopy.cpp; Mp4CopyTrackSamples).
-    MP4Err copyTrackSamples(CMp4Track* const* tracks, uint32_t count,
+    // chunks copied file to file (RemuxCopy.cpp; Mp4CopyTrackSamples, and
+    // Mp4CopyTrackChunks with sourceChunks).
+    MP4Err copyTrackSamples(CMp4Track* const* tracks, uint32_t count, bool sourceChunks,
                             const MP4SampleCopyProgress* progress, MP4SampleCopyFailure* failure);
     // CCopiedMediaSink: the bytes go through the copier of that call.
     MP4Err appendCopiedBytes(uint64_t sourceOffset, uint64_t count, uint64_t* offset) override;

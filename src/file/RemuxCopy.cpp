@@ -1,8 +1,8 @@
 // Every sample of copied tracks at once (remux): the tracks take their
-// sources' samples in decode-time order, as the sample-by-sample copy
-// does, from the sources' tables, and each chunk's bytes go from the
-// source file to this one through one range copier, never through a
-// sample buffer.
+// sources' samples from the sources' tables, in decode-time order as the
+// sample-by-sample copy does, or chunk by chunk in the order the source's
+// chunks lie in its file; each chunk's bytes go from the source file to
+// this one through one range copier, never through a sample buffer.
 #include <algorithm>
 #include <new>
 #include <vector>
@@ -39,12 +39,32 @@ int nextTrack(const std::vector<CTrackImpl*>& tracks) {
     return best;
 }
 
+// The track whose next sample lies first in the source file (the first
+// listed at the same place); -1 when every sample is taken. Taking samples
+// so, the source's chunks come out in the order they lie in.
+int nextInFile(const std::vector<CTrackImpl*>& tracks) {
+    int best = -1;
+    uint64_t bestOffset = 0;
+    for (size_t i = 0; i < tracks.size(); ++i) {
+        const CTrackImpl* track = tracks[i];
+        if (track->runCopyDone()) continue;
+        if (best < 0 || track->runCopyNextOffset() < bestOffset) {
+            best = static_cast<int>(i);
+            bestOffset = track->runCopyNextOffset();
+        }
+    }
+    return best;
+}
+
 // Every sample of every track in turn; the last chunks after them.
-MP4Err copyRuns(const std::vector<CTrackImpl*>& tracks, const MP4SampleCopyProgress* progress,
-                MP4SampleCopyFailure* failure) {
+MP4Err copyRuns(const std::vector<CTrackImpl*>& tracks, bool sourceChunks,
+                const MP4SampleCopyProgress* progress, MP4SampleCopyFailure* failure) {
     uint64_t bytes = 0;
     uint32_t taken = 0;
-    for (int i = nextTrack(tracks); i >= 0; i = nextTrack(tracks)) {
+    auto next = [&tracks, sourceChunks] {
+        return sourceChunks ? nextInFile(tracks) : nextTrack(tracks);
+    };
+    for (int i = next(); i >= 0; i = next()) {
         CTrackImpl* track = tracks[static_cast<size_t>(i)];
         const uint32_t sample = track->runCopyNextSample();
         uint32_t size = 0;
@@ -72,7 +92,7 @@ MP4Err copyRuns(const std::vector<CTrackImpl*>& tracks, const MP4SampleCopyProgr
 }  // namespace
 
 MP4Err CMp4FileImpl::copyTrackSamples(CMp4Track* const* tracks, uint32_t count,
-                                      const MP4SampleCopyProgress* progress,
+                                      bool sourceChunks, const MP4SampleCopyProgress* progress,
                                       MP4SampleCopyFailure* failure) {
     MP4SampleCopyFailure ignored;
     if (!failure) failure = &ignored;
@@ -107,7 +127,7 @@ MP4Err CMp4FileImpl::copyTrackSamples(CMp4Track* const* tracks, uint32_t count,
     MP4Err err = findMediaData(&mdat);
     if (err != MP4_OK) return err;
     for (size_t i = 0; i < copies.size() && err == MP4_OK; ++i) {
-        err = copies[i]->startRunCopy(this);
+        err = copies[i]->startRunCopy(this, sourceChunks);
     }
     CRangeCopier copier;
     if (err == MP4_OK && copier.open(source->readPath(), targetPath, mediaDataEnd_) != MP4_OK) {
@@ -118,7 +138,7 @@ MP4Err CMp4FileImpl::copyTrackSamples(CMp4Track* const* tracks, uint32_t count,
         return err;  // nothing written
     }
     rangeCopier_ = &copier;
-    err = copyRuns(copies, progress, failure);
+    err = copyRuns(copies, sourceChunks, progress, failure);
     rangeCopier_ = nullptr;
     for (CTrackImpl* track : copies) track->abandonRunCopy();  // after a failure
     const MP4Err finished = copier.finish();
@@ -147,7 +167,14 @@ MP4Err Mp4CopyTrackSamples(CMp4File* target, CMp4Track* const* tracks, uint32_t 
                            const MP4SampleCopyProgress* progress, MP4SampleCopyFailure* failure) {
     auto* file = dynamic_cast<CMp4FileImpl*>(target);
     if (!file) return MP4_ERR_INVALID_ARGUMENT;
-    return file->copyTrackSamples(tracks, count, progress, failure);
+    return file->copyTrackSamples(tracks, count, false, progress, failure);
+}
+
+MP4Err Mp4CopyTrackChunks(CMp4File* target, CMp4Track* const* tracks, uint32_t count,
+                          const MP4SampleCopyProgress* progress, MP4SampleCopyFailure* failure) {
+    auto* file = dynamic_cast<CMp4FileImpl*>(target);
+    if (!file) return MP4_ERR_INVALID_ARGUMENT;
+    return file->copyTrackSamples(tracks, count, true, progress, failure);
 }
 
 }  // namespace quil

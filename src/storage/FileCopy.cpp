@@ -169,7 +169,22 @@ MP4Err CRangeCopier::issueRun() {
     if (count == 0) return MP4_OK;
     // Bytes the source does not have: the source ended early.
     if (start > sourceSize_ || count > sourceSize_ - start) return MP4_ERR_IO;
+    if (count >= kKernelCopyBytes && start % kPage == (targetEnd_ + gatheredLength_) % kPage) {
+        return copyAligned(start, count);
+    }
     return count < kMappedBytes ? gather(start, count) : gatherLong(start, count);
+}
+
+// A long range that lands at the same place within a page as it lies in
+// the source (a copy keeping the source's layout): the kernel copies it
+// page for page without passing it through this process, as fast as a
+// copy of the whole file; shifted, that copy is slower than gathering.
+MP4Err CRangeCopier::copyAligned(uint64_t sourceOffset, uint64_t count) {
+    MP4Err err = writeGathered();
+    if (err != MP4_OK) return err;
+    if ((err = copyBetween(in_, sourceOffset, out_, targetEnd_, count)) != MP4_OK) return err;
+    targetEnd_ += count;
+    return MP4_OK;
 }
 
 MP4Err CRangeCopier::gather(uint64_t sourceOffset, uint64_t count) {

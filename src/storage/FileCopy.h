@@ -55,6 +55,7 @@ private:
     static constexpr uint64_t kPage = 4096;
     static constexpr uint64_t kMappedBytes = 16 * 1024;  // ranges taken from a mapping
     static constexpr uint64_t kMappingBytes = 2 << 20;
+    static constexpr uint64_t kKernelCopyBytes = 256 * 1024;  // aligned ranges the kernel copies
     static constexpr uint64_t kWindowBytes = 256 * 1024;
     static constexpr uint64_t kLeastReadAhead = 4 * 1024;
     static constexpr size_t kGatherBytes = 256 * 1024;
@@ -74,6 +75,7 @@ private:
     MP4Err issueRun();
     MP4Err gather(uint64_t sourceOffset, uint64_t count);
     MP4Err gatherLong(uint64_t sourceOffset, uint64_t count);
+    MP4Err copyAligned(uint64_t sourceOffset, uint64_t count);
     MP4Err readSource(uint64_t sourceOffset, uint8_t* into, uint64_t count, uint64_t room,
                       uint64_t* got);
     MP4Err sourceBytes(uint64_t sourceOffset, uint64_t count, const uint8_t** bytes);

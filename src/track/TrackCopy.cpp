@@ -362,6 +362,7 @@ struct WalkedSample {
     int32_t composition = 0;   // offset as stored
     uint32_t sync = 1;
     uint32_t description = 0;  // sample description index
+    bool opensChunk = false;   // the first sample of its chunk
 };
 
 // A cursor over a run-length table ("stts", "ctts"): the field of each
@@ -516,7 +517,8 @@ MP4Err CTrackImpl::TableWalk::next(WalkedSample* s) {
     s->decode = decode_;
     decode_ += delta;
     if ((err = t_.sizeOfStszSample(sample_, &s->size)) != MP4_OK) return err;
-    if (leftInChunk_ == 0 && (err = nextChunk()) != MP4_OK) return err;
+    s->opensChunk = leftInChunk_ == 0;
+    if (s->opensChunk && (err = nextChunk()) != MP4_OK) return err;
     --leftInChunk_;
     s->offset = position_;
     position_ += s->size;
@@ -565,6 +567,7 @@ struct CTrackImpl::RunCopy {
     uint32_t count = 0;
     uint32_t timeScale = 1;
     uint64_t delay = 0;
+    bool sourceChunks = false;  // cut chunks where the source's end
     WalkedSample next;
     std::vector<SourceRange> pending;
 };
@@ -573,7 +576,7 @@ void CTrackImpl::RunCopyDeleter::operator()(RunCopy* run) const { delete run; }
 
 CTrackHost* CTrackImpl::copySourceHost() const { return copySource_ ? copySource_->host_ : nullptr; }
 
-MP4Err CTrackImpl::startRunCopy(CCopiedMediaSink* sink) {
+MP4Err CTrackImpl::startRunCopy(CCopiedMediaSink* sink, bool sourceChunks) {
     if (!sink) return MP4_ERR_INVALID_ARGUMENT;
     if (!open_ || !writing_ || finalized_ || !copySource_ || !stbl_ || runCopy_ ||
         lastCopied_ != 0 || timeTable_->sampleCount != 0 || pendingCount_ != 0 || auxInfo_ ||
@@ -590,6 +593,7 @@ MP4Err CTrackImpl::startRunCopy(CCopiedMediaSink* sink) {
     (void)copySource_->getTimeScale(&run->timeScale);
     run->delay = copySource_->initialDelay_;
     run->sink = sink;
+    run->sourceChunks = sourceChunks;
     if (run->count > 0 && (err = run->walk.next(&run->next)) != MP4_OK) return err;
     runCopy_ = std::move(run);
     return MP4_OK;
@@ -616,6 +620,8 @@ uint64_t CTrackImpl::runCopyNextDecode() const {
 }
 
 uint32_t CTrackImpl::runCopyTimeScale() const { return runCopy_ ? runCopy_->timeScale : 1; }
+
+uint64_t CTrackImpl::runCopyNextOffset() const { return runCopy_ ? runCopy_->next.offset : 0; }
 
 // copySampleFrom without reading: the same table entries and chunk
 // boundaries, the bytes named as a range of the source.
@@ -652,7 +658,9 @@ MP4Err CTrackImpl::copyNextRunSample(uint32_t* size) {
     totalBytes_ += s.size;
     *size = s.size;
     if (lastCopied_ < run.count && (err = run.walk.next(&run.next)) != MP4_OK) return err;
-    return chunkAfterAppend(timing.decode);
+    if (!run.sourceChunks) return chunkAfterAppend(timing.decode);
+    // The source's chunk ends here: so does this one, whatever the limits.
+    return lastCopied_ == run.count || run.next.opensChunk ? flushChunk() : MP4_OK;
 }
 
 MP4Err CTrackImpl::writeCopiedChunk(uint64_t* offset) {

@@ -150,14 +150,17 @@ public:
     // appended through sink and never read. 12 where that could give
     // another result than copySampleFrom (fragments, chunk-as-sample audio,
     // tables that do not agree, a sample without bytes or outside the file,
-    // auxiliary information); nothing changes then.
-    MP4Err startRunCopy(CCopiedMediaSink* sink);
+    // auxiliary information); nothing changes then. With sourceChunks the
+    // chunks end where the source's end instead of at this track's limits.
+    MP4Err startRunCopy(CCopiedMediaSink* sink, bool sourceChunks);
     bool runCopyDone() const;
     // The next sample: its number, its decode time as the source reports
     // it, and the source's time scale as its getTimeScale gives it.
     uint32_t runCopyNextSample() const { return lastCopied_ + 1; }
     uint64_t runCopyNextDecode() const;
     uint32_t runCopyTimeScale() const;
+    // Where the next sample's bytes lie in the source file.
+    uint64_t runCopyNextOffset() const;
     // Takes the next sample as copySampleFrom would; *size: its bytes.
     MP4Err copyNextRunSample(uint32_t* size);
     // Writes the pending chunk and leaves run copying.
