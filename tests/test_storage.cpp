@@ -156,6 +156,20 @@ TEST_F(DiscStorageTest, WritesAndReadsBigEndianValues) {
     EXPECT_EQ(MP4_OK, storage_.close());
 }
 
+// Writing starts the file afresh, over an existing file with bytes or an
+// empty one (a temporary file made for the output, opened without a
+// truncation).
+TEST_F(DiscStorageTest, WritingReplacesAnExistingFile) {
+    for (const Bytes& before : {patternBytes(100), Bytes{}}) {
+        const std::string path = makeFile("old.bin", before);
+        openOn(path, 1);
+        EXPECT_EQ(MP4_OK, storage_.writeUInt16(0xBEEF));
+        EXPECT_EQ(MP4_OK, storage_.close());
+        std::ifstream written(path, std::ios::binary);
+        EXPECT_EQ((Bytes{0xBE, 0xEF}), Bytes(std::istreambuf_iterator<char>(written), {}));
+    }
+}
+
 TEST_F(DiscStorageTest, RefusedOperationsLeaveTheEndFlagAlone) {
     openOn(makeFile("r.bin", {1, 2, 3, 4}), 0);
     EXPECT_EQ(MP4_ERR_IO, storage_.writeUInt32(1));

@@ -1,7 +1,9 @@
 #include "DiscStorage.h"
 
+#include <fcntl.h>
 #include <stdio_ext.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -9,6 +11,7 @@
 #include <cwchar>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "WidePath.h"
 
@@ -218,6 +221,24 @@ DiscState& stateOrClosed(DiscState* state) {
     return state != nullptr ? *state : closed;
 }
 
+// Opens a file for writing from its start, as "wb" does. An empty
+// regular file that exists already (a temporary file made for the output)
+// is opened without truncating it: there is nothing to cut, and ext4 takes
+// a truncation to zero for a file being replaced and writes everything
+// written after it back to the disc when the file is closed, half a second
+// per 2 GB that the caller waits for.
+FILE* openForWriting(const std::string& utf8) {
+    const int fd = ::open(utf8.c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        struct stat info;
+        if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size == 0) {
+            if (FILE* file = fdopen(fd, "wb")) return file;
+        }
+        ::close(fd);
+    }
+    return std::fopen(utf8.c_str(), "wbe");
+}
+
 }  // namespace
 
 struct CDiscStorage::State : DiscState {};
@@ -268,7 +289,7 @@ MP4Err CDiscStorage::open(uint32_t mode) {
     std::string utf8;
     if (widePathToUtf8(path_.get(), &utf8) != MP4_OK) return MP4_ERR_IO;
     // "e": the descriptor is not inherited by child processes of the host.
-    FILE* file = std::fopen(utf8.c_str(), forRead ? "rbe" : "wbe");
+    FILE* file = forRead ? std::fopen(utf8.c_str(), "rbe") : openForWriting(utf8);
     if (file == nullptr) return MP4_ERR_IO;
     struct stat info;
     if (fstat(fileno(file), &info) != 0 || S_ISDIR(info.st_mode)) {
