@@ -608,6 +608,38 @@ TEST_P(TrackOffsets, TwoObjectsOfOneTrackInterleaved) {
     }
 }
 
+// A reader's walk: size, place and bytes of each sample in turn, mixed
+// with a buffer too small, a step back across the chunk boundary and the
+// sample after the last, across table blocks in the longer layouts.
+TEST_P(TrackOffsets, InOrderWalkMixedWithOtherQuestions) {
+    OpenedFile f(buildFile(plan_));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    const uint32_t n = count();
+    for (uint32_t s = 1; s <= n; ++s) {
+        uint32_t size = 0;
+        ASSERT_EQ(MP4_OK, t->getSampleSize(s, &size));
+        EXPECT_EQ(places_[s - 1].second, size);
+        EXPECT_EQ(places_[s - 1], place(t, s)) << "sample " << s;
+        uint8_t buffer[16] = {};
+        EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->readSample(s, size - 1, &size, buffer));
+        ASSERT_EQ(MP4_OK, t->readSample(s, sizeof buffer, &size, buffer));
+        EXPECT_EQ(sampleByte(s, size - 1), buffer[size - 1]) << "sample " << s;
+        if (s > 1) {
+            EXPECT_EQ(places_[s - 2], place(t, s - 1)) << "back from " << s;
+        }
+    }
+    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, n + 1).first);
+    EXPECT_EQ(places_[n - 1], place(t, n));
+}
+
+// n chunks of 1 and 2 samples in turn: a "stsc" run per chunk.
+std::vector<uint32_t> alternatingChunks(uint32_t n) {
+    std::vector<uint32_t> chunks;
+    for (uint32_t c = 0; c < n; ++c) chunks.push_back(1 + c % 2);
+    return chunks;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Layouts, TrackOffsets,
     ::testing::Values(OffsetCase{"OnePerChunk", {1, 1, 1, 1, 1, 1, 1, 1}, false, false},
@@ -615,7 +647,9 @@ INSTANTIATE_TEST_SUITE_P(
                       OffsetCase{"SeveralRuns", {3, 3, 3, 1, 1, 4, 4, 2, 2, 2, 5}, false, false},
                       OffsetCase{"SeveralRunsConstant", {3, 3, 1, 4, 4, 2}, true, false},
                       OffsetCase{"SeveralRunsCo64", {2, 2, 1, 3, 3, 3, 1}, false, true},
-                      OffsetCase{"ConstantOnePerChunkCo64", {1, 1, 1, 1, 1}, true, true}),
+                      OffsetCase{"ConstantOnePerChunkCo64", {1, 1, 1, 1, 1}, true, true},
+                      OffsetCase{"RunPerChunkPastABlock", alternatingChunks(150), false, false},
+                      OffsetCase{"OnePerChunkPastABlockCo64", std::vector<uint32_t>(230, 1), false, true}),
     [](const ::testing::TestParamInfo<OffsetCase>& info) { return std::string(info.param.name); });
 
 TEST(TrackSamples, LargeChunkOffsetsKeepAll64Bits) {

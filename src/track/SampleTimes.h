@@ -31,16 +31,26 @@ public:
     // offset after its decode time: what count appends would give, at the
     // cost of one ("stts" and "ctts" entries are such runs already).
     MP4Err appendRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset);
+    // appendRun for the common case of B-frames, inline: samples that
+    // continue the last decode run at its step, at an offset named lately.
+    // false, nothing added, where appendRun must take them.
+    bool appendToDenseRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset) {
+        const uint16_t recent = recentCodes_[recentSlot(offset)];
+        if (!continuesDenseRun(decode, step, count) || recent == 0 ||
+            palette_[recent - 1u] != offset) {
+            return false;
+        }
+        addCodes(decode, step, count, static_cast<uint8_t>(recent - 1u));
+        return true;
+    }
     uint32_t count() const { return count_; }
     // Times of a sample in 1..count(). Samples are mostly asked for in
-    // order: a sample in the run of the last answer is answered here,
-    // without a search.
+    // order: a sample in the run of the last answer is answered here from
+    // a copy of that run, without a search.
     uint64_t decodeTime(uint32_t sample) const {
-        const size_t c = decodeCursor_;
-        if (c < decodeRuns_.size() && decodeRuns_[c].first <= sample &&
-            (c + 1 == decodeRuns_.size() || decodeRuns_[c + 1].first > sample)) {
-            const DecodeRun& run = decodeRuns_[c];
-            return run.start + static_cast<uint64_t>(sample - run.first) * run.step;
+        const uint32_t inRun = sample - hotDecode_.first;
+        if (inRun < hotDecode_.count) {
+            return hotDecode_.start + static_cast<uint64_t>(inRun) * hotDecode_.step;
         }
         return searchDecodeTime(sample);
     }
@@ -49,13 +59,10 @@ public:
             int32_t offset = 0;
             if (dense_) {
                 offset = palette_[codes_[sample - 1]];
+            } else if (sample - hotOffset_.first < hotOffset_.count) {
+                offset = hotOffset_.offset;
             } else {
-                const size_t c = offsetCursor_;
-                if (c >= offsetRuns_.size() || offsetRuns_[c].first > sample ||
-                    (c + 1 < offsetRuns_.size() && offsetRuns_[c + 1].first <= sample)) {
-                    return searchCompositionTime(sample);
-                }
-                offset = offsetRuns_[c].offset;
+                return searchCompositionTime(sample);
             }
             return decodeTime(sample) + static_cast<uint64_t>(static_cast<int64_t>(offset));
         }
@@ -97,10 +104,38 @@ private:
     uint64_t runLastDecode(size_t run) const;
     uint32_t firstDecodedAtLeast(uint64_t time) const;
     bool codeOf(int32_t offset, uint8_t* code);
+    static uint32_t recentSlot(int32_t offset) {
+        return (static_cast<uint32_t>(offset) * 0x9E3779B1u) >> 28;
+    }
+    // Whether count samples from decode on continue the last decode run at
+    // its step, in the dense form with room reserved for their codes.
+    bool continuesDenseRun(uint64_t decode, uint32_t step, uint32_t count) const {
+        if (!dense_ || decodeRuns_.empty() || count == 0 || count > UINT32_MAX - count_ ||
+            count > codes_.capacity() - codes_.size()) {
+            return false;
+        }
+        const DecodeRun& run = decodeRuns_.back();
+        const uint64_t inRun = uint64_t{count_} + 1 - run.first;
+        return inRun > 1 && run.step == step && decode == run.start + inRun * run.step;
+    }
+    // What appending those samples one by one would leave: the runs as
+    // they are, a code per sample (within the room reserved, so nothing
+    // can fail), the count and the last decode time.
+    void addCodes(uint64_t decode, uint32_t step, uint32_t count, uint8_t code) {
+        hotDecode_ = HotDecodeRun();
+        hotOffset_ = HotOffsetRun();
+        for (uint32_t i = 0; i < count; ++i) codes_.push_back(code);
+        const unsigned __int128 last = decode + static_cast<unsigned __int128>(count - 1) * step;
+        if ((count_ > 0 && decode < lastDecode_) || last > UINT64_MAX) decodeAscends_ = false;
+        lastDecode_ = static_cast<uint64_t>(last);
+        count_ += count;
+        if (!blockMax_.empty()) dropBlocks();
+    }
     void leaveDense();
     uint32_t linearDecodedAtOrAfter(uint32_t from, uint64_t time) const;
     uint32_t linearLatestPresentedBy(uint64_t time) const;
     bool buildBlocks() const;
+    void dropBlocks() const;
     uint32_t blockEnd(uint32_t block) const;
     void enterBlock(uint32_t block) const;
     size_t firstBlockAbove(size_t fromBlock, uint64_t time) const;
@@ -125,6 +160,23 @@ private:
     // Runs of the last lookups: samples are mostly asked for in order.
     mutable size_t decodeCursor_ = 0;
     mutable size_t offsetCursor_ = 0;
+    // Copies of the runs of the last answers, with their sample counts
+    // (0: none); emptied whenever samples are added.
+    struct HotDecodeRun {
+        uint64_t start = 0;
+        uint32_t first = 0;
+        uint32_t count = 0;
+        uint32_t step = 0;
+    };
+    struct HotOffsetRun {
+        uint32_t first = 0;
+        uint32_t count = 0;
+        int32_t offset = 0;
+    };
+    mutable HotDecodeRun hotDecode_;
+    mutable HotOffsetRun hotOffset_;
+    template <class Run>
+    uint32_t samplesOfRun(const std::vector<Run>& runs, size_t run) const;
     // Largest composition time of each block of samples and of all blocks
     // up to it; empty until the first composition search.
     mutable std::vector<uint64_t> blockMax_;
