@@ -609,10 +609,15 @@ MP4Err CTrackImpl::chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* fir
 // The number of the first sample after a run: where the next run starts,
 // or never for the last run.
 inline uint64_t CTrackImpl::runEnd(const StscRun& run) {
+    return endOfRun(run.index, run.firstSample, *run.entry);
+}
+
+// The same for the run of the entry at index, starting at firstSample.
+inline uint64_t CTrackImpl::endOfRun(uint32_t index, uint64_t firstSample,
+                                     const CSampleToChunkTableEntry& entry) {
     const CSampleToChunkTableEntry* next = nullptr;
-    if (run.index >= stsc_->entries.count() || !(next = stscEntry(run.index + 1))) return UINT64_MAX;
-    return run.firstSample +
-           static_cast<uint64_t>(next->firstChunk - run.entry->firstChunk) * run.entry->samplesPerChunk;
+    if (index >= stsc_->entries.count() || !(next = stscEntry(index + 1))) return UINT64_MAX;
+    return firstSample + static_cast<uint64_t>(next->firstChunk - entry.firstChunk) * entry.samplesPerChunk;
 }
 
 
@@ -672,9 +677,10 @@ inline bool CTrackImpl::atCursor(uint32_t sample) const {
 
 // getSampleOffset for a sample in 1..inOrderCount_ that a reader walking
 // the samples asks next: the cursor's, the next in its chunk, or the first
-// of the next chunk in the same "stsc" run, with its size and chunk offset
-// from the tables' blocks. Size, place and cursor are what the lookups
-// give; false, nothing changed, for any other sample.
+// of the next chunk (in the same "stsc" run or the next one, as
+// nextChunkOf steps), with its size, chunk offset and run from the tables'
+// blocks. Size, place, cursor and run are what the lookups give; false,
+// nothing changed, for any other sample.
 inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* position) {
     OffsetCursor& c = offsetCursor_;
     if (c.chunk == 0 || c.chunkEnd == 0) return false;
@@ -684,9 +690,27 @@ inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* p
     } else if (sample == c.sample + 1 && sample < c.chunkEnd) {
         if (!spannedSize(sample, &found)) return false;
         stepInChunk(sample, found);
-    } else if (sample == c.chunkEnd && stscAscending_ && sample < stscRun_.endSample) {
+    } else if (sample == c.chunkEnd && stscAscending_) {
+        StscRun& r = stscRun_;
+        const CSampleToChunkTableEntry* next = nullptr;
+        uint64_t nextEnd = 0;
+        if (sample >= r.endSample) {
+            // nextChunkOf's step to the run starting at this sample, and its
+            // answer, looked at before anything moves.
+            if (r.entry == nullptr || sample != r.endSample) return false;
+            next = stscSpan_.at(r.index + 1);
+            if (!next || next->samplesPerChunk == 0 || next->firstChunk != c.chunk + 1) return false;
+            nextEnd = endOfRun(r.index + 1, r.endSample, *next);
+            if (sample >= nextEnd) return false;
+        }
         uint64_t start = 0;
         if (!spannedSize(sample, &found) || !spannedChunkOffset(c.chunk + 1, &start)) return false;
+        if (next) {
+            r.firstSample = r.endSample;
+            r.entry = next;
+            ++r.index;
+            r.endSample = nextEnd;
+        }
         enterNextChunk(sample, found, start);
     } else {
         return false;

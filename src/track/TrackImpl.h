@@ -238,6 +238,7 @@ private:
     MP4Err isMovieSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
     uint64_t runEnd(const StscRun& run);
+    uint64_t endOfRun(uint32_t index, uint64_t firstSample, const CSampleToChunkTableEntry& entry);
 
     // Sample-entry helpers.
     MP4Err firstEntry(CSampleEntry** entry);
