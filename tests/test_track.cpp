@@ -811,6 +811,45 @@ void expectFound(const TrackPlan& plan, MP4Err (CMp4Track::*search)(uint64_t, ui
     withTrack(plan, [&](CMp4Track* t) { expectFound(t, search, searches); });
 }
 
+// Composition times of random tables against the tables expanded sample
+// by sample: B-frame offsets in entries of 0 to 3 samples (a few values
+// named over and over, some negative), "stts" runs cutting through them,
+// tables past one block, a "ctts" that ends early.
+TEST(TrackTimes, RandomOffsetTablesExpandSampleBySample) {
+    std::mt19937 random(11);
+    const uint32_t offsets[] = {0, 1024, 512, 1536, 0u - 512};
+    for (uint32_t round = 0; round < 8; ++round) {
+        const auto n = static_cast<uint32_t>(50 + random() % 400);
+        std::vector<struct Run> stts, ctts;
+        std::vector<uint64_t> decode;
+        for (uint64_t time = 0; decode.size() < n;) {
+            const auto run = static_cast<uint32_t>(std::min<size_t>(1 + random() % 150, n - decode.size()));
+            const auto delta = static_cast<uint32_t>(256 + 256 * (random() % 3));
+            stts.push_back({run, delta});
+            for (uint32_t k = 0; k < run; ++k, time += delta) decode.push_back(time);
+        }
+        std::vector<uint32_t> stored;  // offset of each sample that "ctts" covers
+        const uint32_t covered = round % 2 ? n : n - n / 5;
+        while (stored.size() < covered) {
+            const auto count = static_cast<uint32_t>(std::min<size_t>(random() % 4, covered - stored.size()));
+            const uint32_t offset = offsets[random() % 5];
+            ctts.push_back({count, offset});
+            stored.insert(stored.end(), count, offset);
+        }
+        std::vector<uint64_t> expected;
+        for (uint32_t s = 0; s < n; ++s) {
+            const uint32_t offset = s < stored.size() ? stored[s] : 0;
+            const uint64_t magnitude = 0x100000000ull - offset;
+            expected.push_back(offset < 0x80000000u ? decode[s] + offset
+                               : magnitude <= decode[s] ? decode[s] - magnitude
+                               : s == 0 ? decode[s] : expected.back());
+        }
+        SCOPED_TRACE("round " + std::to_string(round));
+        withTrack(videoWithOffsets(n, ctts, stts),
+                  [&](CMp4Track* t) { EXPECT_EQ(expected, times(t, &CMp4Track::getSampleCompositionTime)); });
+    }
+}
+
 TEST(TrackTimes, FindSampleByDecodeTime) {
     // Decode times 0, 10, 20, 30, 40; going back in time after a failure and after a hit.
     expectFound(simpleVideo(5), &CMp4Track::findSampleByDecodeTime,

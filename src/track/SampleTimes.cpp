@@ -54,8 +54,8 @@ void CSampleTimes::leaveDense() {
 }
 
 MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
-    hotDecode_ = HotDecodeRun();
-    hotOffset_ = HotOffsetRun();
+    forgetHotRuns();
+    denseCount_ = 0;
     const uint32_t sample = count_ + 1;
     if (sample == 0) return MP4_ERR_INVALID_DATA;  // more samples than can be numbered
     try {
@@ -98,7 +98,7 @@ MP4Err CSampleTimes::appendRun(uint64_t decode, uint32_t step, uint32_t count, i
     if (count == 0) return MP4_OK;
     if (count > UINT32_MAX - count_) return MP4_ERR_INVALID_DATA;  // more than can be numbered
     uint8_t code = 0;
-    if (continuesDenseRun(decode, step, count) && codeOf(offset, &code)) {
+    if (hasRoomFor(count) && continuesDenseRun(decode, step) && codeOf(offset, &code)) {
         addCodes(decode, step, count, code);
         return MP4_OK;
     }

@@ -11,6 +11,7 @@
 #ifndef QUIL_TRACK_SAMPLETIMES_H
 #define QUIL_TRACK_SAMPLETIMES_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -36,12 +37,46 @@ public:
     // false, nothing added, where appendRun must take them.
     bool appendToDenseRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset) {
         const uint16_t recent = recentCodes_[recentSlot(offset)];
-        if (!continuesDenseRun(decode, step, count) || recent == 0 ||
-            palette_[recent - 1u] != offset) {
-            return false;
-        }
+        if (recent == 0 || palette_[recent - 1u] != offset || !hasRoomFor(count)) return false;
+        // Right after such an append the run is known to continue at the
+        // next decode time; otherwise it is worked out from the run.
+        const bool continues = denseCount_ != 0 && denseCount_ == count_
+                                   ? decode == denseNext_ && step == denseStep_
+                                   : continuesDenseRun(decode, step);
+        if (!continues) return false;
         addCodes(decode, step, count, static_cast<uint8_t>(recent - 1u));
         return true;
+    }
+    // appendToDenseRun for consecutive groups given as entries with
+    // sampleCount and sampleOffset fields (as "ctts" stores them), the
+    // first decoded at decode: the entries are taken in turn while each
+    // would be taken so (1 or more samples, an offset not negative and
+    // named lately), up to limit samples in all. Returns the entries
+    // taken; *samples: their samples. The bookkeeping is done once.
+    template <class Entry>
+    uint32_t appendDenseEntries(uint64_t decode, uint32_t step, const Entry* entries, uint32_t n,
+                                uint32_t limit, uint32_t* samples) {
+        *samples = 0;
+        const bool continues = denseCount_ != 0 && denseCount_ == count_
+                                   ? decode == denseNext_ && step == denseStep_
+                                   : continuesDenseRun(decode, step);
+        if (!continues) return 0;
+        const uint64_t room = std::min<uint64_t>(codes_.capacity() - codes_.size(), UINT32_MAX - count_);
+        if (room < limit) limit = static_cast<uint32_t>(room);
+        uint32_t taken = 0, total = 0;
+        for (; taken < n; ++taken) {
+            const uint32_t count = entries[taken].sampleCount;
+            const uint32_t stored = entries[taken].sampleOffset;
+            if (count == 0 || count > limit - total || stored >= 0x80000000u) break;
+            const auto offset = static_cast<int32_t>(stored);
+            const uint16_t recent = recentCodes_[recentSlot(offset)];
+            if (recent == 0 || palette_[recent - 1u] != offset) break;
+            for (uint32_t i = 0; i < count; ++i) codes_.push_back(static_cast<uint8_t>(recent - 1u));
+            total += count;
+        }
+        if (total != 0) settleCodes(decode, step, total);
+        *samples = total;
+        return taken;
     }
     uint32_t count() const { return count_; }
     // Times of a sample in 1..count(). Samples are mostly asked for in
@@ -107,13 +142,15 @@ private:
     static uint32_t recentSlot(int32_t offset) {
         return (static_cast<uint32_t>(offset) * 0x9E3779B1u) >> 28;
     }
-    // Whether count samples from decode on continue the last decode run at
-    // its step, in the dense form with room reserved for their codes.
-    bool continuesDenseRun(uint64_t decode, uint32_t step, uint32_t count) const {
-        if (!dense_ || decodeRuns_.empty() || count == 0 || count > UINT32_MAX - count_ ||
-            count > codes_.capacity() - codes_.size()) {
-            return false;
-        }
+    // Whether count more samples can be numbered and their codes fit in
+    // the room reserved (none outside the dense form).
+    bool hasRoomFor(uint32_t count) const {
+        return count != 0 && count <= UINT32_MAX - count_ && count <= codes_.capacity() - codes_.size();
+    }
+    // Whether samples from decode on continue the last decode run at its
+    // step, in the dense form.
+    bool continuesDenseRun(uint64_t decode, uint32_t step) const {
+        if (!dense_ || decodeRuns_.empty()) return false;
         const DecodeRun& run = decodeRuns_.back();
         const uint64_t inRun = uint64_t{count_} + 1 - run.first;
         return inRun > 1 && run.step == step && decode == run.start + inRun * run.step;
@@ -122,13 +159,20 @@ private:
     // they are, a code per sample (within the room reserved, so nothing
     // can fail), the count and the last decode time.
     void addCodes(uint64_t decode, uint32_t step, uint32_t count, uint8_t code) {
-        hotDecode_ = HotDecodeRun();
-        hotOffset_ = HotOffsetRun();
         for (uint32_t i = 0; i < count; ++i) codes_.push_back(code);
-        const unsigned __int128 last = decode + static_cast<unsigned __int128>(count - 1) * step;
-        if ((count_ > 0 && decode < lastDecode_) || last > UINT64_MAX) decodeAscends_ = false;
-        lastDecode_ = static_cast<uint64_t>(last);
+        settleCodes(decode, step, count);
+    }
+    // The rest of appending count samples by their codes alone.
+    void settleCodes(uint64_t decode, uint32_t step, uint32_t count) {
+        forgetHotRuns();
+        // The last time passes 64 bits where the sum wraps.
+        const uint64_t last = decode + static_cast<uint64_t>(count - 1) * step;
+        if ((count_ > 0 && decode < lastDecode_) || last < decode) decodeAscends_ = false;
+        lastDecode_ = last;
         count_ += count;
+        denseNext_ = last + step;
+        denseStep_ = step;
+        denseCount_ = count_;
         if (!blockMax_.empty()) dropBlocks();
     }
     void leaveDense();
@@ -175,6 +219,15 @@ private:
     };
     mutable HotDecodeRun hotDecode_;
     mutable HotOffsetRun hotOffset_;
+    // Where a dense append continuing the last one starts: its decode time
+    // and step, while the count is still denseCount_ (0: no such append).
+    uint64_t denseNext_ = 0;
+    uint32_t denseStep_ = 0;
+    uint32_t denseCount_ = 0;
+    void forgetHotRuns() {
+        hotDecode_.count = 0;
+        hotOffset_.count = 0;
+    }
     template <class Run>
     uint32_t samplesOfRun(const std::vector<Run>& runs, size_t run) const;
     // Largest composition time of each block of samples and of all blocks

@@ -260,6 +260,7 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
     uint64_t offsetsLeft = 0;  // samples left in the current "ctts" entry
     uint32_t offset = 0;
     bool offsetsEnded = ctts_ == nullptr;
+    CDataListSpan<CCompositionOffsetTableEntry> offsetSpan;  // the entries at hand
     uint64_t time = 0;
     uint64_t previousComposition = 0;
     uint32_t sample = 0;
@@ -272,9 +273,16 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
         uint32_t left = run->sampleCount;
         if (left > limit - sample) left = limit - sample;
         while (left > 0) {
+            if (!offsetsEnded && offsetsLeft == 0 && takeDenseEntries(&times, &offsetSpan, delta,
+                                                                      &offsetIndex, &offset, &time,
+                                                                      &left, &previousComposition)) {
+                sample = times.count();  // the table holds every sample walked
+                continue;
+            }
             while (!offsetsEnded && offsetsLeft == 0) {
-                CCompositionOffsetTableEntry* entry = nullptr;
-                if (ctts_->getEntry(++offsetIndex, &entry) != MP4_OK) {
+                const CCompositionOffsetTableEntry* entry =
+                    ctts_->entries.spannedEntry(++offsetIndex, UINT32_MAX, &offsetSpan);
+                if (!entry) {
                     offsetsEnded = true;
                     break;
                 }
@@ -310,6 +318,31 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
     }
     table->sampleCount = sample;
     return MP4_OK;
+}
+
+// B-frames: the "ctts" entries after *index that lie in the "stts" run
+// (left samples from *time on, delta apart), taken at once from their
+// block where the time table takes them as it would one by one (see
+// CSampleTimes::appendDenseEntries); the walk's state then moves past
+// them. false when none is taken.
+bool CTrackImpl::takeDenseEntries(CSampleTimes* times, CDataListSpan<CCompositionOffsetTableEntry>* span,
+                                  uint32_t delta, uint32_t* index, uint32_t* offset, uint64_t* time,
+                                  uint32_t* left, uint64_t* previousComposition) {
+    const CCompositionOffsetTableEntry* next = ctts_->entries.spannedEntry(*index + 1, UINT32_MAX, span);
+    if (!next) return false;
+    const uint32_t inBlock = span->count - (*index + 1 - span->first);
+    const uint64_t decode = *time + initialDelay_;
+    uint32_t samples = 0;
+    const uint32_t taken = times->appendDenseEntries(decode, delta, next, inBlock, *left, &samples);
+    if (taken == 0) return false;
+    *index += taken;
+    *offset = next[taken - 1].sampleOffset;
+    // The last sample's composition time (wrapping as the sums do).
+    *previousComposition = decode + static_cast<uint64_t>(samples - 1) * delta +
+                           static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(*offset)));
+    *left -= samples;
+    *time += static_cast<uint64_t>(samples) * delta;
+    return true;
 }
 
 // Chunk mode: one entry per chunk, at the time of the chunk's first sample.
@@ -812,16 +845,18 @@ MP4Err CTrackImpl::walkToSample(uint32_t sample) {
 }
 
 MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* size) {
+    // A bound track's movie sample asked in order (inOrderCount_ is 0
+    // unless the track is open): no other state to check.
+    uint64_t position = 0;
+    if (size && sample - 1 < inOrderCount_ && stepInOrder(sample, size, &position)) {
+        if (offset) *offset = position;
+        return MP4_OK;
+    }
     if (offset) *offset = 0;
     if (!size) return MP4_ERR_INVALID_ARGUMENT;
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
-    uint64_t position = 0;
-    if (sample - 1 < inOrderCount_ && stepInOrder(sample, size, &position)) {
-        if (offset) *offset = position;
-        return MP4_OK;
-    }
     return offsetThroughIndex(sample, offset, size);
 }
 
@@ -863,19 +898,19 @@ MP4Err CTrackImpl::MovieSamples::sampleOffset(uint32_t sample, uint32_t size, ui
 
 MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* size,
                               uint8_t* buffer) {
-    if (!size) return MP4_ERR_INVALID_ARGUMENT;
-    *size = 0;
-    if (!open_) return MP4_ERR_INVALID_DATA;
-    if (sample == 0) return MP4_ERR_BAD_INDEX;
     // As getSampleOffset: the movie's answers without the sample index,
     // the buffer checked before the cursor moves, as below. A reader reads
     // the sample it has just located: the cursor's own.
-    if (sample - 1 < inOrderCount_ && atCursor(sample)) {
+    if (size && sample - 1 < inOrderCount_ && atCursor(sample)) {
         *size = offsetCursor_.sampleSize;
         if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
         if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
         return readAtCursor(*size, buffer);
     }
+    if (!size) return MP4_ERR_INVALID_ARGUMENT;
+    *size = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
     return readThroughIndex(sample, bufferSize, size, buffer);
 }
 
@@ -905,8 +940,11 @@ MP4Err CTrackImpl::readThroughIndex(uint32_t sample, uint32_t bufferSize, uint32
 // chunk ends (as MovieSamples::sampleOffset tells a read).
 inline MP4Err CTrackImpl::readAtCursor(uint32_t size, uint8_t* buffer) {
     const OffsetCursor& c = offsetCursor_;
+    const uint64_t offset = c.chunkOffset + c.offsetInChunk;
+    // Bytes fetched ahead already need no chunk end.
+    if (host_->readFetchedBytes(offset, size, buffer)) return MP4_OK;
     const uint64_t readAheadEnd = c.chunkBytes != 0 ? c.chunkOffset + c.chunkBytes : chunkEndOffset();
-    return host_->readMediaBytes(c.chunkOffset + c.offsetInChunk, size, buffer, readAheadEnd);
+    return host_->readMediaBytes(offset, size, buffer, readAheadEnd);
 }
 
 // File offset of the end of the cursor's chunk, 0 when it is not known
@@ -953,14 +991,10 @@ MP4Err CTrackImpl::MovieSamples::descriptionIndex(uint32_t sample, uint32_t* ind
 }
 
 MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
-    if (!sync) return MP4_ERR_INVALID_ARGUMENT;
-    *sync = 0;
-    if (!open_) return MP4_ERR_INVALID_DATA;
-    if (sample == 0) return MP4_ERR_BAD_INDEX;
-    if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
-    // A movie sample between the last two sync samples looked at, or a
-    // track without "stss": isMovieSyncSample's answer, without the index.
-    if (sample - 1 < movieTimedCount_) {
+    // A bound track's movie sample (movieTimedCount_ is 0 unless the track
+    // is open) between the last two sync samples looked at, or a track
+    // without "stss": isMovieSyncSample's answer, without the index.
+    if (sync && sample - 1 < movieTimedCount_) {
         if (!stss_) {
             *sync = 1;
             return MP4_OK;
@@ -970,6 +1004,11 @@ MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
             return MP4_OK;
         }
     }
+    if (!sync) return MP4_ERR_INVALID_ARGUMENT;
+    *sync = 0;
+    if (!open_) return MP4_ERR_INVALID_DATA;
+    if (sample == 0) return MP4_ERR_BAD_INDEX;
+    if (sample > timeTable_->sampleCount) return MP4_ERR_NOT_AVAILABLE;
     return withSourceOf(sample, [sync](auto& source, uint32_t local) {
         return source.isSync(local, sync);
     });

@@ -177,6 +177,9 @@ private:
     MP4Err buildSampleTimeTable();
     MP4Err appendSampleTimes(CSampleTimeTable* table, uint32_t limit);
     MP4Err appendChunkTimes(CSampleTimeTable* table, uint32_t limit);
+    bool takeDenseEntries(CSampleTimes* times, CDataListSpan<CCompositionOffsetTableEntry>* span,
+                          uint32_t delta, uint32_t* index, uint32_t* offset, uint64_t* time,
+                          uint32_t* left, uint64_t* previousComposition);
     uint32_t sampleTimeLimit() const;
 
     // The samples of the movie's tables as one source of the sample index;
