@@ -83,25 +83,36 @@ public:
     // order: a sample in the run of the last answer is answered here from
     // a copy of that run, without a search.
     uint64_t decodeTime(uint32_t sample) const {
-        const uint32_t inRun = sample - hotDecode_.first;
-        if (inRun < hotDecode_.count) {
-            return hotDecode_.start + static_cast<uint64_t>(inRun) * hotDecode_.step;
-        }
-        return searchDecodeTime(sample);
+        uint64_t time = 0;
+        return decodeAtHand(sample, &time) ? time : searchDecodeTime(sample);
     }
     uint64_t compositionTime(uint32_t sample) const {
-        if (outliers_.empty()) {
-            int32_t offset = 0;
-            if (dense_) {
-                offset = palette_[codes_[sample - 1]];
-            } else if (sample - hotOffset_.first < hotOffset_.count) {
-                offset = hotOffset_.offset;
-            } else {
-                return searchCompositionTime(sample);
-            }
-            return decodeTime(sample) + static_cast<uint64_t>(static_cast<int64_t>(offset));
+        uint64_t time = 0;
+        return compositionAtHand(sample, &time) ? time : searchCompositionTime(sample);
+    }
+    // The times above where the copies of the last runs answer them (and
+    // the composition offsets need no search): false, *time unchanged,
+    // where a search is needed.
+    bool decodeAtHand(uint32_t sample, uint64_t* time) const {
+        const uint32_t inRun = sample - hotDecode_.first;
+        if (inRun >= hotDecode_.count) return false;
+        *time = hotDecode_.start + static_cast<uint64_t>(inRun) * hotDecode_.step;
+        return true;
+    }
+    bool compositionAtHand(uint32_t sample, uint64_t* time) const {
+        if (!outliers_.empty()) return false;
+        int32_t offset = 0;
+        if (dense_) {
+            offset = palette_[codes_[sample - 1]];
+        } else if (sample - hotOffset_.first < hotOffset_.count) {
+            offset = hotOffset_.offset;
+        } else {
+            return false;
         }
-        return searchCompositionTime(sample);
+        uint64_t decode = 0;
+        if (!decodeAtHand(sample, &decode)) return false;
+        *time = decode + static_cast<uint64_t>(static_cast<int64_t>(offset));
+        return true;
     }
 
     // The first sample at or after from whose decode time is at least

@@ -708,12 +708,36 @@ inline bool CTrackImpl::atCursor(uint32_t sample) const {
     return c.chunk != 0 && c.chunkEnd != 0 && sample == c.sample && sample >= c.chunkFirst;
 }
 
+// What spannedSize and spannedChunkOffset give where the spans hold the
+// entry already: false, nothing looked up, elsewhere.
+inline bool CTrackImpl::sizeAtHand(uint32_t sample, uint32_t* size) const {
+    if (stsz_->sampleSize != 0) {
+        *size = stsz_->sampleSize;
+        return true;
+    }
+    const CSampleSizeTableEntry* entry = sizeSpan_.at(sample);
+    if (entry) *size = entry->entrySize;
+    return entry != nullptr;
+}
+
+inline bool CTrackImpl::chunkOffsetAtHand(uint32_t chunk, uint64_t* offset) const {
+    if (stco_) {
+        const CChunkOffsetTableEntry* entry = offsetSpan_.at(chunk);
+        if (entry) *offset = entry->chunkOffset;
+        return entry != nullptr;
+    }
+    const CChunkLargeOffsetTableEntry* entry = co64_ ? largeOffsetSpan_.at(chunk) : nullptr;
+    if (entry) *offset = entry->chunkOffset;
+    return entry != nullptr;
+}
+
 // getSampleOffset for a sample in 1..inOrderCount_ that a reader walking
 // the samples asks next: the cursor's, the next in its chunk, or the first
 // of the next chunk (in the same "stsc" run or the next one, as
-// nextChunkOf steps), with its size, chunk offset and run from the tables'
-// blocks. Size, place, cursor and run are what the lookups give; false,
-// nothing changed, for any other sample.
+// nextChunkOf steps), with its size, chunk offset and run from the spans
+// as they are (the general way fills them). Size, place, cursor and run
+// are what the lookups give; false, nothing changed, for any other sample
+// or an entry outside the spans.
 inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* position) {
     OffsetCursor& c = offsetCursor_;
     if (c.chunk == 0 || c.chunkEnd == 0) return false;
@@ -721,7 +745,7 @@ inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* p
     if (sample == c.sample && sample >= c.chunkFirst) {
         found = c.sampleSize;
     } else if (sample == c.sample + 1 && sample < c.chunkEnd) {
-        if (!spannedSize(sample, &found)) return false;
+        if (!sizeAtHand(sample, &found)) return false;
         stepInChunk(sample, found);
     } else if (sample == c.chunkEnd && stscAscending_) {
         StscRun& r = stscRun_;
@@ -729,15 +753,20 @@ inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* p
         uint64_t nextEnd = 0;
         if (sample >= r.endSample) {
             // nextChunkOf's step to the run starting at this sample, and its
-            // answer, looked at before anything moves.
+            // answer, looked at before anything moves; the run after it
+            // gives where it ends (as endOfRun).
             if (r.entry == nullptr || sample != r.endSample) return false;
             next = stscSpan_.at(r.index + 1);
-            if (!next || next->samplesPerChunk == 0 || next->firstChunk != c.chunk + 1) return false;
-            nextEnd = endOfRun(r.index + 1, r.endSample, *next);
+            const CSampleToChunkTableEntry* after = stscSpan_.at(r.index + 2);
+            if (!next || !after || next->samplesPerChunk == 0 || next->firstChunk != c.chunk + 1) {
+                return false;
+            }
+            nextEnd = r.endSample +
+                      static_cast<uint64_t>(after->firstChunk - next->firstChunk) * next->samplesPerChunk;
             if (sample >= nextEnd) return false;
         }
         uint64_t start = 0;
-        if (!spannedSize(sample, &found) || !spannedChunkOffset(c.chunk + 1, &start)) return false;
+        if (!sizeAtHand(sample, &found) || !chunkOffsetAtHand(c.chunk + 1, &start)) return false;
         if (next) {
             r.firstSample = r.endSample;
             r.entry = next;
@@ -748,8 +777,8 @@ inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* p
     } else {
         return false;
     }
+    *position = c.chunkOffset + c.offsetInChunk;  // before *size, which could alias the cursor
     *size = found;
-    *position = c.chunkOffset + c.offsetInChunk;
     return true;
 }
 
@@ -1098,11 +1127,14 @@ MP4Err CTrackImpl::checkTimedSample(uint32_t sample) {
 }
 
 MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
-    // A sample of a bound track's time table: no state left to check.
-    if (sample - 1 < timedCount_ && time) {
-        *time = timeTable_->times.decodeTime(sample);
-        return MP4_OK;
-    }
+    // A sample of a bound track's time table (timedCount_ is 0 unless the
+    // track is open) in the runs of the last answer: no state left to
+    // check, no search.
+    if (sample - 1 < timedCount_ && time && timeTable_->times.decodeAtHand(sample, time)) return MP4_OK;
+    return searchedDecodeTime(sample, time);
+}
+
+MP4Err CTrackImpl::searchedDecodeTime(uint32_t sample, uint64_t* time) {
     if (time) *time = 0;
     MP4Err err = checkTimedSample(sample);
     if (err == MP4_OK && time) *time = timeTable_->times.decodeTime(sample);
@@ -1111,10 +1143,13 @@ MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
 
 MP4Err CTrackImpl::getSampleCompositionTime(uint32_t sample, uint64_t* time) {
     // As getSampleDecodeTime.
-    if (sample - 1 < timedCount_ && time) {
-        *time = timeTable_->times.compositionTime(sample);
+    if (sample - 1 < timedCount_ && time && timeTable_->times.compositionAtHand(sample, time)) {
         return MP4_OK;
     }
+    return searchedCompositionTime(sample, time);
+}
+
+MP4Err CTrackImpl::searchedCompositionTime(uint32_t sample, uint64_t* time) {
     if (time) *time = 0;
     MP4Err err = checkTimedSample(sample);
     if (err == MP4_OK && time) *time = timeTable_->times.compositionTime(sample);

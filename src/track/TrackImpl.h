@@ -217,6 +217,8 @@ private:
     MP4Err readThroughIndex(uint32_t sample, uint32_t bufferSize, uint32_t* size, uint8_t* buffer);
     MP4Err readyForTimes() const;
     MP4Err checkTimedSample(uint32_t sample);
+    MP4Err searchedDecodeTime(uint32_t sample, uint64_t* time);
+    MP4Err searchedCompositionTime(uint32_t sample, uint64_t* time);
     MP4Err previousMovieSync(uint32_t sample, uint32_t* sync);
     MP4Err chunkOffset(uint32_t chunk, uint64_t* offset);
     MP4Err sizeOfStszSample(uint32_t sample, uint32_t* size);
@@ -228,6 +230,8 @@ private:
     bool atCursor(uint32_t sample) const;
     MP4Err readAtCursor(uint32_t size, uint8_t* buffer);
     bool stepInOrder(uint32_t sample, uint32_t* size, uint64_t* position);
+    bool sizeAtHand(uint32_t sample, uint32_t* size) const;
+    bool chunkOffsetAtHand(uint32_t chunk, uint64_t* offset) const;
     MP4Err walkToSample(uint32_t sample);
     bool nextChunkOf(uint32_t sample);
     uint64_t chunkEndOffset();
