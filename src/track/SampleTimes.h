@@ -37,13 +37,10 @@ public:
     // false, nothing added, where appendRun must take them.
     bool appendToDenseRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset) {
         const uint16_t recent = recentCodes_[recentSlot(offset)];
-        if (recent == 0 || palette_[recent - 1u] != offset || !hasRoomFor(count)) return false;
-        // Right after such an append the run is known to continue at the
-        // next decode time; otherwise it is worked out from the run.
-        const bool continues = denseCount_ != 0 && denseCount_ == count_
-                                   ? decode == denseNext_ && step == denseStep_
-                                   : continuesDenseRun(decode, step);
-        if (!continues) return false;
+        if (recent == 0 || palette_[recent - 1u] != offset || !hasRoomFor(count) ||
+            !continuesDenseAppend(decode, step)) {
+            return false;
+        }
         addCodes(decode, step, count, static_cast<uint8_t>(recent - 1u));
         return true;
     }
@@ -57,10 +54,7 @@ public:
     uint32_t appendDenseEntries(uint64_t decode, uint32_t step, const Entry* entries, uint32_t n,
                                 uint32_t limit, uint32_t* samples) {
         *samples = 0;
-        const bool continues = denseCount_ != 0 && denseCount_ == count_
-                                   ? decode == denseNext_ && step == denseStep_
-                                   : continuesDenseRun(decode, step);
-        if (!continues) return 0;
+        if (!continuesDenseAppend(decode, step)) return 0;
         const uint64_t room = std::min<uint64_t>(codes_.capacity() - codes_.size(), UINT32_MAX - count_);
         if (room < limit) limit = static_cast<uint32_t>(room);
         uint32_t taken = 0, total = 0;
@@ -165,6 +159,12 @@ private:
         const DecodeRun& run = decodeRuns_.back();
         const uint64_t inRun = uint64_t{count_} + 1 - run.first;
         return inRun > 1 && run.step == step && decode == run.start + inRun * run.step;
+    }
+    // The same, known at once right after a dense append (the run then
+    // continues at the next decode time).
+    bool continuesDenseAppend(uint64_t decode, uint32_t step) const {
+        if (denseCount_ != 0 && denseCount_ == count_) return decode == denseNext_ && step == denseStep_;
+        return continuesDenseRun(decode, step);
     }
     // What appending those samples one by one would leave: the runs as
     // they are, a code per sample (within the room reserved, so nothing

@@ -653,7 +653,6 @@ inline uint64_t CTrackImpl::endOfRun(uint32_t index, uint64_t firstSample,
     return firstSample + static_cast<uint64_t>(next->firstChunk - entry.firstChunk) * entry.samplesPerChunk;
 }
 
-
 // A "stsc" entry, null where the lookup fails; fixed tables give it from
 // the block of the entries around it.
 inline const CSampleToChunkTableEntry* CTrackImpl::stscEntry(uint32_t index) {
