@@ -52,8 +52,8 @@ public:
     bool readFromWindow(uint64_t offset, uint32_t size, uint8_t* buffer) {
         if (offset >= windowStart_ && offset - windowStart_ <= windowLength_ &&
             size <= windowLength_ - (offset - windowStart_) && size != 0 && fd_ >= 0) {
+            lastEnd_ = offset + size;  // first: nothing is left to do after the copy
             std::memcpy(buffer, window_.get() + (offset - windowStart_), size);
-            lastEnd_ = offset + size;
             return true;
         }
         return false;
