@@ -611,6 +611,38 @@ TEST_P(TrackOffsets, TwoObjectsOfOneTrackInterleaved) {
     }
 }
 
+// A reader's walk: size, place and bytes of each sample in turn, mixed
+// with a buffer too small, a step back across the chunk boundary and the
+// sample after the last, across table blocks in the longer layouts.
+TEST_P(TrackOffsets, InOrderWalkMixedWithOtherQuestions) {
+    OpenedFile f(buildFile(plan_));
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    const uint32_t n = count();
+    for (uint32_t s = 1; s <= n; ++s) {
+        uint32_t size = 0;
+        ASSERT_EQ(MP4_OK, t->getSampleSize(s, &size));
+        EXPECT_EQ(places_[s - 1].second, size);
+        EXPECT_EQ(places_[s - 1], place(t, s)) << "sample " << s;
+        uint8_t buffer[16] = {};
+        EXPECT_EQ(MP4_ERR_BUFFER_TOO_SMALL, t->readSample(s, size - 1, &size, buffer));
+        ASSERT_EQ(MP4_OK, t->readSample(s, sizeof buffer, &size, buffer));
+        EXPECT_EQ(sampleByte(s, size - 1), buffer[size - 1]) << "sample " << s;
+        if (s > 1) {
+            EXPECT_EQ(places_[s - 2], place(t, s - 1)) << "back from " << s;
+        }
+    }
+    EXPECT_EQ(failed(MP4_ERR_NOT_AVAILABLE), place(t, n + 1).first);
+    EXPECT_EQ(places_[n - 1], place(t, n));
+}
+
+// n chunks of 1 and 2 samples in turn: a "stsc" run per chunk.
+std::vector<uint32_t> alternatingChunks(uint32_t n) {
+    std::vector<uint32_t> chunks;
+    for (uint32_t c = 0; c < n; ++c) chunks.push_back(1 + c % 2);
+    return chunks;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Layouts, TrackOffsets,
     ::testing::Values(OffsetCase{"OnePerChunk", {1, 1, 1, 1, 1, 1, 1, 1}, false, false},
@@ -618,7 +650,9 @@ INSTANTIATE_TEST_SUITE_P(
                       OffsetCase{"SeveralRuns", {3, 3, 3, 1, 1, 4, 4, 2, 2, 2, 5}, false, false},
                       OffsetCase{"SeveralRunsConstant", {3, 3, 1, 4, 4, 2}, true, false},
                       OffsetCase{"SeveralRunsCo64", {2, 2, 1, 3, 3, 3, 1}, false, true},
-                      OffsetCase{"ConstantOnePerChunkCo64", {1, 1, 1, 1, 1}, true, true}),
+                      OffsetCase{"ConstantOnePerChunkCo64", {1, 1, 1, 1, 1}, true, true},
+                      OffsetCase{"RunPerChunkPastABlock", alternatingChunks(150), false, false},
+                      OffsetCase{"OnePerChunkPastABlockCo64", std::vector<uint32_t>(230, 1), false, true}),
     [](const ::testing::TestParamInfo<OffsetCase>& info) { return std::string(info.param.name); });
 
 TEST(TrackSamples, LargeChunkOffsetsKeepAll64Bits) {
@@ -778,6 +812,45 @@ TEST(TrackTimes, NegativeCompositionOffsets) {
 
 void expectFound(const TrackPlan& plan, MP4Err (CMp4Track::*search)(uint64_t, uint32_t*), const Searches& searches) {
     withTrack(plan, [&](CMp4Track* t) { expectFound(t, search, searches); });
+}
+
+// Composition times of random tables against the tables expanded sample
+// by sample: B-frame offsets in entries of 0 to 3 samples (a few values
+// named over and over, some negative), "stts" runs cutting through them,
+// tables past one block, a "ctts" that ends early.
+TEST(TrackTimes, RandomOffsetTablesExpandSampleBySample) {
+    std::mt19937 random(11);
+    const uint32_t offsets[] = {0, 1024, 512, 1536, 0u - 512};
+    for (uint32_t round = 0; round < 8; ++round) {
+        const auto n = static_cast<uint32_t>(50 + random() % 400);
+        std::vector<struct Run> stts, ctts;
+        std::vector<uint64_t> decode;
+        for (uint64_t time = 0; decode.size() < n;) {
+            const auto run = static_cast<uint32_t>(std::min<size_t>(1 + random() % 150, n - decode.size()));
+            const auto delta = static_cast<uint32_t>(256 + 256 * (random() % 3));
+            stts.push_back({run, delta});
+            for (uint32_t k = 0; k < run; ++k, time += delta) decode.push_back(time);
+        }
+        std::vector<uint32_t> stored;  // offset of each sample that "ctts" covers
+        const uint32_t covered = round % 2 ? n : n - n / 5;
+        while (stored.size() < covered) {
+            const auto count = static_cast<uint32_t>(std::min<size_t>(random() % 4, covered - stored.size()));
+            const uint32_t offset = offsets[random() % 5];
+            ctts.push_back({count, offset});
+            stored.insert(stored.end(), count, offset);
+        }
+        std::vector<uint64_t> expected;
+        for (uint32_t s = 0; s < n; ++s) {
+            const uint32_t offset = s < stored.size() ? stored[s] : 0;
+            const uint64_t magnitude = 0x100000000ull - offset;
+            expected.push_back(offset < 0x80000000u ? decode[s] + offset
+                               : magnitude <= decode[s] ? decode[s] - magnitude
+                               : s == 0 ? decode[s] : expected.back());
+        }
+        SCOPED_TRACE("round " + std::to_string(round));
+        withTrack(videoWithOffsets(n, ctts, stts),
+                  [&](CMp4Track* t) { EXPECT_EQ(expected, times(t, &CMp4Track::getSampleCompositionTime)); });
+    }
 }
 
 TEST(TrackTimes, FindSampleByDecodeTime) {

@@ -62,6 +62,22 @@ private:
     }
 };
 
+// Entries [first, first + count) of a list, held in one node's block: a
+// reader walking the list in order takes each entry with one load instead
+// of a lookup. Empty (count 0) until a list fills it. It stays valid while
+// the list keeps its nodes (the entries may change in place).
+template <class T>
+struct CDataListSpan {
+    const T* block = nullptr;
+    uint32_t first = 0;
+    uint32_t count = 0;
+
+    // The entry at a 1-based list index, null outside the span.
+    const T* at(uint32_t index) const {
+        return index - first < count ? block + (index - first) : nullptr;
+    }
+};
+
 template <class T>
 class CDataList {
 public:
@@ -121,6 +137,32 @@ public:
         cursor_ = node;
         *entry = node->entries() + (index - node->firstIndex);
         return MP4_OK;
+    }
+
+    // The entries of the node holding index, up to the list's end or index
+    // last, whichever comes first: false, the span emptied, where getEntry
+    // would not give the entry or index is beyond last.
+    bool spanAt(uint32_t index, uint32_t last, CDataListSpan<T>* span) {
+        *span = CDataListSpan<T>();
+        T* entry = nullptr;
+        if (index > last || getEntry(index, &entry) != MP4_OK) return false;
+        // Counted from the node's first index, so that an index near
+        // UINT32_MAX cannot overflow a sum.
+        uint32_t available = count_ - cursor_->firstIndex + 1;
+        if (available > blockSize_) available = blockSize_;
+        if (available > last - cursor_->firstIndex + 1) available = last - cursor_->firstIndex + 1;
+        span->block = cursor_->entries();
+        span->first = cursor_->firstIndex;
+        span->count = available;
+        return true;
+    }
+
+    // The entry at index through span, refilled when index lies outside
+    // it: null where spanAt fails.
+    const T* spannedEntry(uint32_t index, uint32_t last, CDataListSpan<T>* span) {
+        const T* entry = span->at(index);
+        if (entry == nullptr && spanAt(index, last, span)) entry = span->at(index);
+        return entry;
     }
 
     // The last entry, or null when the list is empty. Used by the run-length

@@ -99,6 +99,12 @@ public:
     // bytes (0 when unknown); nothing beyond it is fetched ahead.
     MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                           uint64_t readAheadEnd = 0) override;
+    // The reader holds a window only while the file is open (closing and
+    // opening close it), so a window of a file open for reading answers
+    // as readMediaBytes would.
+    bool readFetchedBytes(uint64_t offset, uint32_t size, uint8_t* buffer) override {
+        return mode_ == 0 && mediaReader_.readFromWindow(offset, size, buffer);
+    }
     // Media bytes of a file being written, read back from the disc (a hint
     // track reads the samples already written) through the same reader,
     // opened on the file's path at the first read: 12 for a supplied

@@ -42,17 +42,21 @@ public:
     // fetched ahead. 0, or a value not past the sample, fetches the sample
     // alone (unless the reads run on contiguously through the file).
     MP4Err read(uint64_t offset, uint32_t size, uint8_t* buffer, uint64_t readAheadEnd = 0) {
-        // Most small samples lie in the window fetched for an earlier one:
-        // they are copied out here, before any other test (no storage is
-        // used while a window is held, and no window passes the end of the
-        // file).
+        if (readFromWindow(offset, size, buffer)) return MP4_OK;
+        return readOutsideWindow(offset, size, buffer, readAheadEnd);
+    }
+    // What read does when the bytes lie in the window fetched for an
+    // earlier read (most small samples do): they are copied out, before
+    // any other test (no storage is used while a window is held, and no
+    // window passes the end of the file). false, nothing done, otherwise.
+    bool readFromWindow(uint64_t offset, uint32_t size, uint8_t* buffer) {
         if (offset >= windowStart_ && offset - windowStart_ <= windowLength_ &&
             size <= windowLength_ - (offset - windowStart_) && size != 0 && fd_ >= 0) {
+            lastEnd_ = offset + size;  // first: nothing is left to do after the copy
             std::memcpy(buffer, window_.get() + (offset - windowStart_), size);
-            lastEnd_ = offset + size;
-            return MP4_OK;
+            return true;
         }
-        return readOutsideWindow(offset, size, buffer, readAheadEnd);
+        return false;
     }
 
 private:

@@ -25,7 +25,7 @@ MP4Err CSampleTimes::reserve(size_t decodeRuns, size_t offsetRuns, size_t sample
 // The byte naming an offset, a new one while there is room; false when
 // 256 distinct offsets are named already.
 bool CSampleTimes::codeOf(int32_t offset, uint8_t* code) {
-    uint16_t& recent = recentCodes_[(static_cast<uint32_t>(offset) * 0x9E3779B1u) >> 28];
+    uint16_t& recent = recentCodes_[recentSlot(offset)];
     if (recent != 0 && palette_[recent - 1u] == offset) {
         *code = static_cast<uint8_t>(recent - 1u);
         return true;
@@ -54,6 +54,8 @@ void CSampleTimes::leaveDense() {
 }
 
 MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
+    forgetHotRuns();
+    denseCount_ = 0;
     const uint32_t sample = count_ + 1;
     if (sample == 0) return MP4_ERR_INVALID_DATA;  // more samples than can be numbered
     try {
@@ -88,18 +90,18 @@ MP4Err CSampleTimes::append(uint64_t decode, uint64_t composition) {
     if (count_ > 0 && decode < lastDecode_) decodeAscends_ = false;
     lastDecode_ = decode;
     count_ = sample;
-    if (!blockMax_.empty()) {
-        blockMax_.clear();
-        prefixMax_.clear();
-        blockRuns_.clear();
-        groupMax_.clear();
-    }
+    dropBlocks();
     return MP4_OK;
 }
 
 MP4Err CSampleTimes::appendRun(uint64_t decode, uint32_t step, uint32_t count, int32_t offset) {
     if (count == 0) return MP4_OK;
     if (count > UINT32_MAX - count_) return MP4_ERR_INVALID_DATA;  // more than can be numbered
+    uint8_t code = 0;
+    if (hasRoomFor(count) && continuesDenseRun(decode, step) && codeOf(offset, &code)) {
+        addCodes(decode, step, count, code);
+        return MP4_OK;
+    }
     MP4Err err = append(decode, decode + static_cast<uint64_t>(static_cast<int64_t>(offset)));
     if (err != MP4_OK || count == 1) return err;
     const uint32_t rest = count - 1;
@@ -159,8 +161,19 @@ size_t CSampleTimes::runOf(const std::vector<Run>& runs, uint32_t sample, size_t
     return *cursor;
 }
 
+// Samples of a run up to the last sample (none beyond: those are
+// searched, which gives the last run's times continued).
+template <class Run>
+uint32_t CSampleTimes::samplesOfRun(const std::vector<Run>& runs, size_t run) const {
+    const uint64_t end = run + 1 < runs.size() ? runs[run + 1].first : uint64_t{count_} + 1;
+    const uint64_t count = end > runs[run].first ? end - runs[run].first : 0;
+    return count < UINT32_MAX ? static_cast<uint32_t>(count) : UINT32_MAX;
+}
+
 uint64_t CSampleTimes::searchDecodeTime(uint32_t sample) const {
-    const DecodeRun& run = decodeRuns_[runOf(decodeRuns_, sample, &decodeCursor_)];
+    const size_t index = runOf(decodeRuns_, sample, &decodeCursor_);
+    const DecodeRun& run = decodeRuns_[index];
+    hotDecode_ = HotDecodeRun{run.start, run.first, samplesOfRun(decodeRuns_, index), run.step};
     return run.start + static_cast<uint64_t>(sample - run.first) * run.step;
 }
 
@@ -178,7 +191,9 @@ uint64_t CSampleTimes::searchCompositionTime(uint32_t sample) const {
                            (c + 1 == offsetRuns_.size() || offsetRuns_[c + 1].first > sample);
         if (!inRun) enterBlock((sample - 1) >> kBlockShift);
     }
-    const OffsetRun& run = offsetRuns_[runOf(offsetRuns_, sample, &offsetCursor_)];
+    const size_t index = runOf(offsetRuns_, sample, &offsetCursor_);
+    const OffsetRun& run = offsetRuns_[index];
+    hotOffset_ = HotOffsetRun{run.first, samplesOfRun(offsetRuns_, index), run.offset};
     return decodeTime(sample) + static_cast<uint64_t>(static_cast<int64_t>(run.offset));
 }
 
@@ -247,6 +262,15 @@ uint32_t CSampleTimes::linearLatestPresentedBy(uint64_t time) const {
     return best;
 }
 
+// The search blocks no longer describe the samples (or could not all be
+// made).
+void CSampleTimes::dropBlocks() const {
+    blockMax_.clear();
+    prefixMax_.clear();
+    blockRuns_.clear();
+    groupMax_.clear();
+}
+
 bool CSampleTimes::buildBlocks() const {
     if (!blockMax_.empty()) return true;
     if (count_ == 0) return false;
@@ -257,10 +281,7 @@ bool CSampleTimes::buildBlocks() const {
         blockRuns_.assign(blocks, BlockRuns{});
         groupMax_.assign(((blocks - 1) >> kGroupShift) + 1, 0);
     } catch (const std::bad_alloc&) {
-        blockMax_.clear();
-        prefixMax_.clear();
-        blockRuns_.clear();
-        groupMax_.clear();
+        dropBlocks();
         return false;
     }
     uint64_t running = 0;

@@ -76,6 +76,10 @@ public:
     // fetched ahead. 4 unless the file is open for reading.
     virtual MP4Err readMediaBytes(uint64_t offset, uint32_t size, uint8_t* buffer,
                                   uint64_t readAheadEnd = 0) = 0;
+    // What readMediaBytes does when the bytes were fetched ahead already:
+    // false, nothing done, when they were not (a read then tells how far
+    // it may fetch, which costs the caller a little to work out).
+    virtual bool readFetchedBytes(uint64_t offset, uint32_t size, uint8_t* buffer) = 0;
 
     // Writing: appends bytes at the end of the media data and reports
     // where they start. A failure leaves the media data as it was.

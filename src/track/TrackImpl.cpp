@@ -49,6 +49,7 @@ CTrackImpl::~CTrackImpl() = default;
 MP4Err CTrackImpl::bind(uint32_t trackIndex) {
     if (!host_) return MP4_ERR_INVALID_DATA;
     open_ = 0;
+    markTablesFixed(false);
     trackIndex_ = trackIndex;
     MP4Err err = findBoxes(trackIndex);
     if (err != MP4_OK) return err;
@@ -71,8 +72,26 @@ MP4Err CTrackImpl::bind(uint32_t trackIndex) {
     syncCursor_ = 1;
     syncWindow_ = SyncWindow();
     stssAscending_ = !stss_ || stss_->numbersAscend();
+    markTablesFixed(true);
     open_ = 1;
     return MP4_OK;
+}
+
+// A bound track's tables stay as they are read (a writing track's grow
+// and change kind): from here on the queries below may answer samples in
+// order from spans of the tables' blocks and from the counts set here.
+void CTrackImpl::markTablesFixed(bool fixed) {
+    sizeSpan_ = {};
+    offsetSpan_ = {};
+    largeOffsetSpan_ = {};
+    stscSpan_ = {};
+    tablesFixed_ = fixed;
+    inOrderCount_ = timedCount_ = movieTimedCount_ = 0;
+    if (!fixed) return;
+    timedCount_ = timeTable_->sampleCount;
+    const uint32_t movie = index_.hasFragments() ? index_.movieCount() : UINT32_MAX;
+    movieTimedCount_ = std::min(timedCount_, movie);
+    if (chunkAsSample_ == 0) inOrderCount_ = std::min(stsz_->sampleCount, movie);
 }
 
 MP4Err CTrackImpl::findBoxes(uint32_t trackIndex) {
@@ -214,6 +233,15 @@ uint64_t compositionTime(uint64_t decode, uint32_t offset, bool first, uint64_t 
     return first ? decode : previous;
 }
 
+// Whether a negative offset (as stored) takes a run of count samples
+// from decode on below zero (the clamp), or the run's last decode time
+// passes 64 bits: then its samples are worked out one by one.
+bool clampsAny(uint64_t decode, uint32_t delta, uint32_t count, uint32_t offset) {
+    const uint64_t magnitude = 0x100000000ull - offset;
+    const unsigned __int128 lastDecode = decode + static_cast<unsigned __int128>(count - 1) * delta;
+    return magnitude > decode || lastDecode > UINT64_MAX;
+}
+
 }  // namespace
 
 // Sample mode: the decode times are the running sums of the "stts" runs,
@@ -232,6 +260,7 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
     uint64_t offsetsLeft = 0;  // samples left in the current "ctts" entry
     uint32_t offset = 0;
     bool offsetsEnded = ctts_ == nullptr;
+    CDataListSpan<CCompositionOffsetTableEntry> offsetSpan;  // the entries at hand
     uint64_t time = 0;
     uint64_t previousComposition = 0;
     uint32_t sample = 0;
@@ -244,9 +273,16 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
         uint32_t left = run->sampleCount;
         if (left > limit - sample) left = limit - sample;
         while (left > 0) {
+            if (!offsetsEnded && offsetsLeft == 0 && takeDenseEntries(&times, &offsetSpan, delta,
+                                                                      &offsetIndex, &offset, &time,
+                                                                      &left, &previousComposition)) {
+                sample = times.count();  // the table holds every sample walked
+                continue;
+            }
             while (!offsetsEnded && offsetsLeft == 0) {
-                CCompositionOffsetTableEntry* entry = nullptr;
-                if (ctts_->getEntry(++offsetIndex, &entry) != MP4_OK) {
+                const CCompositionOffsetTableEntry* entry =
+                    ctts_->entries.spannedEntry(++offsetIndex, UINT32_MAX, &offsetSpan);
+                if (!entry) {
                     offsetsEnded = true;
                     break;
                 }
@@ -256,14 +292,14 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
             const uint64_t decode = time + initialDelay_;
             const uint32_t count = offsetsEnded || offsetsLeft >= left
                                        ? left : static_cast<uint32_t>(offsetsLeft);
-            const uint64_t magnitude = 0x100000000ull - offset;
-            const unsigned __int128 lastDecode =
-                decode + static_cast<unsigned __int128>(count - 1) * delta;
-            if (offsetsEnded || offset < 0x80000000u ||
-                (magnitude <= decode && lastDecode <= UINT64_MAX)) {
+            if (offsetsEnded || offset < 0x80000000u || !clampsAny(decode, delta, count, offset)) {
                 const int32_t stored = offsetsEnded ? 0 : static_cast<int32_t>(offset);
-                if ((err = times.appendRun(decode, delta, count, stored)) != MP4_OK) return err;
-                previousComposition = static_cast<uint64_t>(lastDecode) +
+                if (!times.appendToDenseRun(decode, delta, count, stored) &&
+                    (err = times.appendRun(decode, delta, count, stored)) != MP4_OK) {
+                    return err;
+                }
+                // The last sample's composition time (wrapping as the sums do).
+                previousComposition = decode + static_cast<uint64_t>(count - 1) * delta +
                                       static_cast<uint64_t>(static_cast<int64_t>(stored));
             } else {
                 for (uint32_t k = 0; k < count; ++k) {
@@ -282,6 +318,31 @@ MP4Err CTrackImpl::appendSampleTimes(CSampleTimeTable* table, uint32_t limit) {
     }
     table->sampleCount = sample;
     return MP4_OK;
+}
+
+// B-frames: the "ctts" entries after *index that lie in the "stts" run
+// (left samples from *time on, delta apart), taken at once from their
+// block where the time table takes them as it would one by one (see
+// CSampleTimes::appendDenseEntries); the walk's state then moves past
+// them. false when none is taken.
+bool CTrackImpl::takeDenseEntries(CSampleTimes* times, CDataListSpan<CCompositionOffsetTableEntry>* span,
+                                  uint32_t delta, uint32_t* index, uint32_t* offset, uint64_t* time,
+                                  uint32_t* left, uint64_t* previousComposition) {
+    const CCompositionOffsetTableEntry* next = ctts_->entries.spannedEntry(*index + 1, UINT32_MAX, span);
+    if (!next) return false;
+    const uint32_t inBlock = span->count - (*index + 1 - span->first);
+    const uint64_t decode = *time + initialDelay_;
+    uint32_t samples = 0;
+    const uint32_t taken = times->appendDenseEntries(decode, delta, next, inBlock, *left, &samples);
+    if (taken == 0) return false;
+    *index += taken;
+    *offset = next[taken - 1].sampleOffset;
+    // The last sample's composition time (wrapping as the sums do).
+    *previousComposition = decode + static_cast<uint64_t>(samples - 1) * delta +
+                           static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(*offset)));
+    *left -= samples;
+    *time += static_cast<uint64_t>(samples) * delta;
+    return true;
 }
 
 // Chunk mode: one entry per chunk, at the time of the chunk's first sample.
@@ -402,11 +463,38 @@ MP4Err CTrackImpl::sizeOfStszSample(uint32_t sample, uint32_t* size) {
         return MP4_OK;
     }
     if (sample == 0) return MP4_ERR_BAD_INDEX;
+    if (tablesFixed_ && spannedSize(sample, size)) return MP4_OK;
     CSampleSizeTableEntry* entry = nullptr;
     MP4Err err = stsz_->getEntry(sample, &entry);
     if (err != MP4_OK) return err;
     *size = entry->entrySize;
     return MP4_OK;
+}
+
+// The size sizeOfStszSample gives for a sample in 1..stsz sampleCount of
+// fixed tables, from the block of the entries around it; false where only
+// the lookup knows (its error then).
+inline bool CTrackImpl::spannedSize(uint32_t sample, uint32_t* size) {
+    if (stsz_->sampleSize != 0) {
+        *size = stsz_->sampleSize;
+        return true;
+    }
+    const CSampleSizeTableEntry* entry =
+        stsz_->entries.spannedEntry(sample, stsz_->sampleCount, &sizeSpan_);
+    if (!entry) return false;
+    *size = entry->entrySize;
+    return true;
+}
+
+// What MovieSamples::sampleSize gives for a sample in 1..inOrderCount_,
+// where it is at hand: the cursor's sample, or a size from a block.
+inline bool CTrackImpl::sizeInOrder(uint32_t sample, uint32_t* size) {
+    const OffsetCursor& c = offsetCursor_;
+    if (sample == c.sample && c.chunk != 0 && c.chunkEnd != 0) {
+        *size = c.sampleSize;
+        return true;
+    }
+    return spannedSize(sample, size);
 }
 
 MP4Err CTrackImpl::chunkAsSampleSize(uint32_t chunk, uint32_t* size) {
@@ -473,7 +561,25 @@ MP4Err CTrackImpl::MovieSamples::sampleSize(uint32_t sample, uint32_t* size) {
     return track_.sizeOfStszSample(sample, size);
 }
 
+// A chunk's offset from the block of the entries around it, for fixed
+// tables; false where only the lookup knows (its error then).
+inline bool CTrackImpl::spannedChunkOffset(uint32_t chunk, uint64_t* offset) {
+    if (stco_) {
+        const CChunkOffsetTableEntry* entry = stco_->entries.spannedEntry(chunk, UINT32_MAX, &offsetSpan_);
+        if (entry) *offset = entry->chunkOffset;
+        return entry != nullptr;
+    }
+    if (co64_) {
+        const CChunkLargeOffsetTableEntry* entry =
+            co64_->entries.spannedEntry(chunk, UINT32_MAX, &largeOffsetSpan_);
+        if (entry) *offset = entry->chunkOffset;
+        return entry != nullptr;
+    }
+    return false;
+}
+
 MP4Err CTrackImpl::chunkOffset(uint32_t chunk, uint64_t* offset) {
+    if (tablesFixed_ && spannedChunkOffset(chunk, offset)) return MP4_OK;
     if (chunk == 0) return MP4_ERR_BAD_INDEX;
     if (stco_) {
         CChunkOffsetTableEntry* entry = nullptr;
@@ -508,17 +614,16 @@ MP4Err CTrackImpl::chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* fir
     StscRun& r = stscRun_;
     if (r.entry == nullptr || sample < r.firstSample) {
         r = StscRun();
-        MP4Err err = stsc_->getEntry(1, &r.entry);
-        if (err != MP4_OK) {
-            r.entry = nullptr;
-            return err;
-        }
+        CSampleToChunkTableEntry* head = nullptr;
+        MP4Err err = stsc_->getEntry(1, &head);
+        if (err != MP4_OK) return err;
+        r.entry = head;
         r.index = 1;
         r.endSample = runEnd(r);
     }
     while (sample >= r.endSample) {
-        CSampleToChunkTableEntry* next = nullptr;
-        if (stsc_->getEntry(r.index + 1, &next) != MP4_OK) break;
+        const CSampleToChunkTableEntry* next = stscEntry(r.index + 1);
+        if (!next) break;
         r.firstSample = r.endSample;
         r.entry = next;
         ++r.index;
@@ -536,21 +641,31 @@ MP4Err CTrackImpl::chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* fir
 
 // The number of the first sample after a run: where the next run starts,
 // or never for the last run.
-uint64_t CTrackImpl::runEnd(const StscRun& run) {
-    CSampleToChunkTableEntry* next = nullptr;
-    if (run.index >= stsc_->entries.count() || stsc_->getEntry(run.index + 1, &next) != MP4_OK) {
-        return UINT64_MAX;
-    }
-    return run.firstSample +
-           static_cast<uint64_t>(next->firstChunk - run.entry->firstChunk) * run.entry->samplesPerChunk;
+inline uint64_t CTrackImpl::runEnd(const StscRun& run) {
+    return endOfRun(run.index, run.firstSample, *run.entry);
 }
 
+// The same for the run of the entry at index, starting at firstSample.
+inline uint64_t CTrackImpl::endOfRun(uint32_t index, uint64_t firstSample,
+                                     const CSampleToChunkTableEntry& entry) {
+    const CSampleToChunkTableEntry* next = nullptr;
+    if (index >= stsc_->entries.count() || !(next = stscEntry(index + 1))) return UINT64_MAX;
+    return firstSample + static_cast<uint64_t>(next->firstChunk - entry.firstChunk) * entry.samplesPerChunk;
+}
+
+// A "stsc" entry, null where the lookup fails; fixed tables give it from
+// the block of the entries around it.
+inline const CSampleToChunkTableEntry* CTrackImpl::stscEntry(uint32_t index) {
+    if (tablesFixed_) return stsc_->entries.spannedEntry(index, UINT32_MAX, &stscSpan_);
+    CSampleToChunkTableEntry* entry = nullptr;
+    return stsc_->getEntry(index, &entry) == MP4_OK ? entry : nullptr;
+}
 
 // Finds the chunk of a sample, its first sample and where the sample lies
 // in it. Samples are usually asked for in order: while they stay in the
 // chunk of the last query, the walk resumes there instead of looking the
 // chunk up and summing the sizes before the sample again.
-MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
+inline MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
     OffsetCursor& c = offsetCursor_;
     if (c.chunk != 0 && c.chunkEnd != 0) {
         // The sample asked last, again (a reader locates a sample, then
@@ -558,31 +673,132 @@ MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
         if (sample == c.sample && sample >= c.chunkFirst) return MP4_OK;
         // The sample after the last one asked, in the same chunk.
         if (sample == c.sample + 1 && sample < c.chunkEnd) {
-            c.offsetInChunk += c.sampleSize;
-            c.sample = sample;
-            c.sampleSize = sampleSize;
+            stepInChunk(sample, sampleSize);
             return MP4_OK;
         }
-        // The first sample of the next chunk: the "stsc" run is stepped on
-        // from where it is (often the next run: chunks of one or two
-        // samples in runs of one chunk are common).
-        if (sample == c.chunkEnd && stscAscending_ && nextChunkOf(sample)) {
-            uint64_t position = 0;
-            MP4Err err = chunkOffset(c.chunk + 1, &position);
-            if (err != MP4_OK) {
-                c = OffsetCursor();
-                return err;
+    }
+    return locateBeyondCursor(sample, sampleSize);
+}
+
+// The cursor moves to the next sample of its chunk, or to the first of the
+// next chunk (in the "stsc" run reached), at that file offset.
+inline void CTrackImpl::stepInChunk(uint32_t sample, uint32_t sampleSize) {
+    OffsetCursor& c = offsetCursor_;
+    c.offsetInChunk += c.sampleSize;
+    c.sample = sample;
+    c.sampleSize = sampleSize;
+}
+
+inline void CTrackImpl::enterNextChunk(uint32_t sample, uint32_t sampleSize, uint64_t position) {
+    OffsetCursor& c = offsetCursor_;
+    c.chunk += 1;
+    c.chunkFirst = sample;
+    c.chunkEnd = sample + stscRun_.entry->samplesPerChunk;
+    c.sample = sample;
+    c.sampleSize = sampleSize;
+    c.chunkOffset = position;
+    c.offsetInChunk = 0;
+    c.chunkBytes = 0;
+}
+
+// Whether the cursor holds the sample (locateInChunk's first case).
+inline bool CTrackImpl::atCursor(uint32_t sample) const {
+    const OffsetCursor& c = offsetCursor_;
+    return c.chunk != 0 && c.chunkEnd != 0 && sample == c.sample && sample >= c.chunkFirst;
+}
+
+// What spannedSize and spannedChunkOffset give where the spans hold the
+// entry already: false, nothing looked up, elsewhere.
+inline bool CTrackImpl::sizeAtHand(uint32_t sample, uint32_t* size) const {
+    if (stsz_->sampleSize != 0) {
+        *size = stsz_->sampleSize;
+        return true;
+    }
+    const CSampleSizeTableEntry* entry = sizeSpan_.at(sample);
+    if (entry) *size = entry->entrySize;
+    return entry != nullptr;
+}
+
+inline bool CTrackImpl::chunkOffsetAtHand(uint32_t chunk, uint64_t* offset) const {
+    if (stco_) {
+        const CChunkOffsetTableEntry* entry = offsetSpan_.at(chunk);
+        if (entry) *offset = entry->chunkOffset;
+        return entry != nullptr;
+    }
+    const CChunkLargeOffsetTableEntry* entry = co64_ ? largeOffsetSpan_.at(chunk) : nullptr;
+    if (entry) *offset = entry->chunkOffset;
+    return entry != nullptr;
+}
+
+// getSampleOffset for a sample in 1..inOrderCount_ that a reader walking
+// the samples asks next: the cursor's, the next in its chunk, or the first
+// of the next chunk (in the same "stsc" run or the next one, as
+// nextChunkOf steps), with its size, chunk offset and run from the spans
+// as they are (the general way fills them). Size, place, cursor and run
+// are what the lookups give; false, nothing changed, for any other sample
+// or an entry outside the spans.
+inline bool CTrackImpl::stepInOrder(uint32_t sample, uint32_t* size, uint64_t* position) {
+    OffsetCursor& c = offsetCursor_;
+    if (c.chunk == 0 || c.chunkEnd == 0) return false;
+    uint32_t found = 0;
+    if (sample == c.sample && sample >= c.chunkFirst) {
+        found = c.sampleSize;
+    } else if (sample == c.sample + 1 && sample < c.chunkEnd) {
+        if (!sizeAtHand(sample, &found)) return false;
+        stepInChunk(sample, found);
+    } else if (sample == c.chunkEnd && stscAscending_) {
+        StscRun& r = stscRun_;
+        const CSampleToChunkTableEntry* next = nullptr;
+        uint64_t nextEnd = 0;
+        if (sample >= r.endSample) {
+            // nextChunkOf's step to the run starting at this sample, and its
+            // answer, looked at before anything moves; the run after it
+            // gives where it ends (as endOfRun).
+            if (r.entry == nullptr || sample != r.endSample) return false;
+            next = stscSpan_.at(r.index + 1);
+            const CSampleToChunkTableEntry* after = stscSpan_.at(r.index + 2);
+            if (!next || !after || next->samplesPerChunk == 0 || next->firstChunk != c.chunk + 1) {
+                return false;
             }
-            c.chunk += 1;
-            c.chunkFirst = sample;
-            c.chunkEnd = sample + stscRun_.entry->samplesPerChunk;
-            c.sample = sample;
-            c.sampleSize = sampleSize;
-            c.chunkOffset = position;
-            c.offsetInChunk = 0;
-            c.chunkBytes = 0;
-            return MP4_OK;
+            nextEnd = r.endSample +
+                      static_cast<uint64_t>(after->firstChunk - next->firstChunk) * next->samplesPerChunk;
+            if (sample >= nextEnd) return false;
         }
+        uint64_t start = 0;
+        if (!sizeAtHand(sample, &found) || !chunkOffsetAtHand(c.chunk + 1, &start)) return false;
+        if (next) {
+            r.firstSample = r.endSample;
+            r.entry = next;
+            ++r.index;
+            r.endSample = nextEnd;
+        }
+        enterNextChunk(sample, found, start);
+    } else {
+        return false;
+    }
+    *position = c.chunkOffset + c.offsetInChunk;  // before *size, which could alias the cursor
+    *size = found;
+    return true;
+}
+
+// locateInChunk for a sample that is neither the cursor's nor the next in
+// its chunk.
+MP4Err CTrackImpl::locateBeyondCursor(uint32_t sample, uint32_t sampleSize) {
+    OffsetCursor& c = offsetCursor_;
+    // The first sample of the next chunk: the "stsc" run is stepped on
+    // from where it is (often the next run: chunks of one or two samples
+    // in runs of one chunk are common).
+    if (c.chunk != 0 && c.chunkEnd != 0 && sample == c.chunkEnd && stscAscending_ &&
+        nextChunkOf(sample)) {
+        uint64_t position = 0;
+        MP4Err err = tablesFixed_ && spannedChunkOffset(c.chunk + 1, &position)
+                         ? MP4_OK : chunkOffset(c.chunk + 1, &position);
+        if (err != MP4_OK) {
+            c = OffsetCursor();
+            return err;
+        }
+        enterNextChunk(sample, sampleSize, position);
+        return MP4_OK;
     }
     MP4Err err = walkToSample(sample);
     c.sampleSize = sampleSize;
@@ -593,7 +809,22 @@ MP4Err CTrackImpl::locateInChunk(uint32_t sample, uint32_t sampleSize) {
 // chunk after the cursor's: in the same run, or in a run the walk steps on
 // to.
 bool CTrackImpl::nextChunkOf(uint32_t sample) {
-    if (sample < stscRun_.endSample) return true;
+    StscRun& r = stscRun_;
+    if (sample < r.endSample) return true;
+    // Chunks taken in order cross into the next run at its first sample:
+    // the walk's step to it, and its answer for that sample, are taken
+    // here while the entry is at hand.
+    const CSampleToChunkTableEntry* next =
+        tablesFixed_ && r.entry != nullptr && sample == r.endSample ? stscSpan_.at(r.index + 1) : nullptr;
+    if (next) {
+        r.firstSample = r.endSample;
+        r.entry = next;
+        ++r.index;
+        r.endSample = runEnd(r);
+        if (sample < r.endSample) {
+            return next->samplesPerChunk != 0 && next->firstChunk == offsetCursor_.chunk + 1;
+        }
+    }
     uint32_t chunk = 0, first = 0, perChunk = 0;
     return chunkOfSample(sample, &chunk, &first, &perChunk) == MP4_OK &&
            chunk == offsetCursor_.chunk + 1 && first == sample;
@@ -642,11 +873,32 @@ MP4Err CTrackImpl::walkToSample(uint32_t sample) {
 }
 
 MP4Err CTrackImpl::getSampleOffset(uint32_t sample, uint64_t* offset, uint32_t* size) {
+    // A bound track's movie sample asked in order (inOrderCount_ is 0
+    // unless the track is open): no other state to check.
+    uint64_t position = 0;
+    if (size && sample - 1 < inOrderCount_ && stepInOrder(sample, size, &position)) {
+        if (offset) *offset = position;
+        return MP4_OK;
+    }
     if (offset) *offset = 0;
     if (!size) return MP4_ERR_INVALID_ARGUMENT;
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
+    return offsetThroughIndex(sample, offset, size);
+}
+
+// getSampleOffset of any sample: a sample of the movie's tables with its
+// size at hand is located without going through the sample index (what
+// the lookups of MovieSamples give).
+MP4Err CTrackImpl::offsetThroughIndex(uint32_t sample, uint64_t* offset, uint32_t* size) {
+    uint32_t found = 0;
+    if (sample - 1 < inOrderCount_ && sizeInOrder(sample, &found)) {
+        *size = found;
+        MP4Err err = locateInChunk(sample, found);
+        if (err == MP4_OK && offset) *offset = offsetCursor_.chunkOffset + offsetCursor_.offsetInChunk;
+        return err;
+    }
     return withSourceOf(sample, [offset, size](auto& source, uint32_t local) {
         MP4Err err = source.sampleSize(local, size);
         if (err != MP4_OK) return err;
@@ -674,10 +926,32 @@ MP4Err CTrackImpl::MovieSamples::sampleOffset(uint32_t sample, uint32_t size, ui
 
 MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* size,
                               uint8_t* buffer) {
+    // As getSampleOffset: the movie's answers without the sample index,
+    // the buffer checked before the cursor moves, as below. A reader reads
+    // the sample it has just located: the cursor's own.
+    if (size && sample - 1 < inOrderCount_ && atCursor(sample)) {
+        *size = offsetCursor_.sampleSize;
+        if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
+        if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
+        return readAtCursor(*size, buffer);
+    }
     if (!size) return MP4_ERR_INVALID_ARGUMENT;
     *size = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
     if (sample == 0) return MP4_ERR_BAD_INDEX;
+    return readThroughIndex(sample, bufferSize, size, buffer);
+}
+
+// readSample of any sample, through the sample index (a movie sample with
+// its size at hand without it, as in offsetThroughIndex).
+MP4Err CTrackImpl::readThroughIndex(uint32_t sample, uint32_t bufferSize, uint32_t* size,
+                                    uint8_t* buffer) {
+    if (sample - 1 < inOrderCount_ && sizeInOrder(sample, size)) {
+        if (*size > bufferSize) return MP4_ERR_BUFFER_TOO_SMALL;
+        if (!buffer && *size > 0) return MP4_ERR_INVALID_ARGUMENT;
+        MP4Err err = locateInChunk(sample, *size);
+        return err != MP4_OK ? err : readAtCursor(*size, buffer);
+    }
     uint64_t offset = 0, readAheadEnd = 0;
     MP4Err err = withSourceOf(sample, [&](auto& source, uint32_t local) {
         MP4Err found = source.sampleSize(local, size);
@@ -688,6 +962,17 @@ MP4Err CTrackImpl::readSample(uint32_t sample, uint32_t bufferSize, uint32_t* si
     });
     if (err != MP4_OK) return err;
     return host_->readMediaBytes(offset, *size, buffer, readAheadEnd);
+}
+
+// Reads size bytes at the cursor's sample, fetching ahead as far as its
+// chunk ends (as MovieSamples::sampleOffset tells a read).
+inline MP4Err CTrackImpl::readAtCursor(uint32_t size, uint8_t* buffer) {
+    const OffsetCursor& c = offsetCursor_;
+    const uint64_t offset = c.chunkOffset + c.offsetInChunk;
+    // Bytes fetched ahead already need no chunk end.
+    if (host_->readFetchedBytes(offset, size, buffer)) return MP4_OK;
+    const uint64_t readAheadEnd = c.chunkBytes != 0 ? c.chunkOffset + c.chunkBytes : chunkEndOffset();
+    return host_->readMediaBytes(offset, size, buffer, readAheadEnd);
 }
 
 // File offset of the end of the cursor's chunk, 0 when it is not known
@@ -734,6 +1019,19 @@ MP4Err CTrackImpl::MovieSamples::descriptionIndex(uint32_t sample, uint32_t* ind
 }
 
 MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
+    // A bound track's movie sample (movieTimedCount_ is 0 unless the track
+    // is open) between the last two sync samples looked at, or a track
+    // without "stss": isMovieSyncSample's answer, without the index.
+    if (sync && sample - 1 < movieTimedCount_) {
+        if (!stss_) {
+            *sync = 1;
+            return MP4_OK;
+        }
+        if (stssAscending_ && sample > syncWindow_.low && sample <= syncWindow_.high) {
+            *sync = sample == syncWindow_.high ? 1 : 0;
+            return MP4_OK;
+        }
+    }
     if (!sync) return MP4_ERR_INVALID_ARGUMENT;
     *sync = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
@@ -828,6 +1126,14 @@ MP4Err CTrackImpl::checkTimedSample(uint32_t sample) {
 }
 
 MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
+    // A sample of a bound track's time table (timedCount_ is 0 unless the
+    // track is open) in the runs of the last answer: no state left to
+    // check, no search.
+    if (sample - 1 < timedCount_ && time && timeTable_->times.decodeAtHand(sample, time)) return MP4_OK;
+    return searchedDecodeTime(sample, time);
+}
+
+MP4Err CTrackImpl::searchedDecodeTime(uint32_t sample, uint64_t* time) {
     if (time) *time = 0;
     MP4Err err = checkTimedSample(sample);
     if (err == MP4_OK && time) *time = timeTable_->times.decodeTime(sample);
@@ -835,6 +1141,14 @@ MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
 }
 
 MP4Err CTrackImpl::getSampleCompositionTime(uint32_t sample, uint64_t* time) {
+    // As getSampleDecodeTime.
+    if (sample - 1 < timedCount_ && time && timeTable_->times.compositionAtHand(sample, time)) {
+        return MP4_OK;
+    }
+    return searchedCompositionTime(sample, time);
+}
+
+MP4Err CTrackImpl::searchedCompositionTime(uint32_t sample, uint64_t* time) {
     if (time) *time = 0;
     MP4Err err = checkTimedSample(sample);
     if (err == MP4_OK && time) *time = timeTable_->times.compositionTime(sample);

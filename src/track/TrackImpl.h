@@ -180,6 +180,9 @@ private:
     MP4Err buildSampleTimeTable();
     MP4Err appendSampleTimes(CSampleTimeTable* table, uint32_t limit);
     MP4Err appendChunkTimes(CSampleTimeTable* table, uint32_t limit);
+    bool takeDenseEntries(CSampleTimes* times, CDataListSpan<CCompositionOffsetTableEntry>* span,
+                          uint32_t delta, uint32_t* index, uint32_t* offset, uint64_t* time,
+                          uint32_t* left, uint64_t* previousComposition);
     uint32_t sampleTimeLimit() const;
 
     // The samples of the movie's tables as one source of the sample index;
@@ -213,21 +216,39 @@ private:
                                    uint32_t* sample);
 
     // Sample access helpers.
+    MP4Err offsetThroughIndex(uint32_t sample, uint64_t* offset, uint32_t* size);
+    MP4Err readThroughIndex(uint32_t sample, uint32_t bufferSize, uint32_t* size, uint8_t* buffer);
     MP4Err readyForTimes() const;
     MP4Err checkTimedSample(uint32_t sample);
+    MP4Err searchedDecodeTime(uint32_t sample, uint64_t* time);
+    MP4Err searchedCompositionTime(uint32_t sample, uint64_t* time);
     MP4Err previousMovieSync(uint32_t sample, uint32_t* sync);
     MP4Err chunkOffset(uint32_t chunk, uint64_t* offset);
     MP4Err sizeOfStszSample(uint32_t sample, uint32_t* size);
     MP4Err chunkAsSampleSize(uint32_t chunk, uint32_t* size);
     MP4Err locateInChunk(uint32_t sample, uint32_t sampleSize);
+    MP4Err locateBeyondCursor(uint32_t sample, uint32_t sampleSize);
+    void stepInChunk(uint32_t sample, uint32_t sampleSize);
+    void enterNextChunk(uint32_t sample, uint32_t sampleSize, uint64_t position);
+    bool atCursor(uint32_t sample) const;
+    MP4Err readAtCursor(uint32_t size, uint8_t* buffer);
+    bool stepInOrder(uint32_t sample, uint32_t* size, uint64_t* position);
+    bool sizeAtHand(uint32_t sample, uint32_t* size) const;
+    bool chunkOffsetAtHand(uint32_t chunk, uint64_t* offset) const;
     MP4Err walkToSample(uint32_t sample);
     bool nextChunkOf(uint32_t sample);
     uint64_t chunkEndOffset();
     MP4Err chunkOfSample(uint32_t sample, uint32_t* chunk, uint32_t* first, uint32_t* perChunk);
+    bool sizeInOrder(uint32_t sample, uint32_t* size);
+    bool spannedSize(uint32_t sample, uint32_t* size);
+    bool spannedChunkOffset(uint32_t chunk, uint64_t* offset);
+    const CSampleToChunkTableEntry* stscEntry(uint32_t index);
+    void markTablesFixed(bool fixed);
     MP4Err isListedSyncSample(uint32_t sample, uint32_t* sync);
     MP4Err isMovieSyncSample(uint32_t sample, uint32_t* sync);
     struct StscRun;
     uint64_t runEnd(const StscRun& run);
+    uint64_t endOfRun(uint32_t index, uint64_t firstSample, const CSampleToChunkTableEntry& entry);
 
     // Sample-entry helpers.
     MP4Err firstEntry(CSampleEntry** entry);
@@ -292,12 +313,26 @@ private:
     // The "stsc" run of the last chunk lookup: its entry and index, and the
     // number of its first sample.
     struct StscRun {
-        CSampleToChunkTableEntry* entry = nullptr;
+        const CSampleToChunkTableEntry* entry = nullptr;
         uint32_t index = 0;
         uint64_t firstSample = 1;
         uint64_t endSample = 0;  // first sample of the next run
     } stscRun_;
     bool stscAscending_ = false;
+    // Queries in sample order over a track read from a file: the samples
+    // the sample-mode movie tables answer (0 for none: chunk-as-sample,
+    // writing, not bound), those the time table answers, and those of them
+    // the movie's sync table answers. The table lists never lose their
+    // nodes while such a track is open, so entries are taken from spans of
+    // their blocks (see CDataListSpan) instead of being looked up.
+    uint32_t inOrderCount_ = 0;
+    uint32_t timedCount_ = 0;
+    uint32_t movieTimedCount_ = 0;
+    CDataListSpan<CSampleSizeTableEntry> sizeSpan_;
+    CDataListSpan<CChunkOffsetTableEntry> offsetSpan_;
+    CDataListSpan<CChunkLargeOffsetTableEntry> largeOffsetSpan_;
+    CDataListSpan<CSampleToChunkTableEntry> stscSpan_;
+    bool tablesFixed_ = false;
     // Position in "stss" of the last sync test, for tests in sample order.
     uint32_t syncCursor_ = 1;
     // The sync sample numbers around the last sample tested: samples in

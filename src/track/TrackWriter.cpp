@@ -127,6 +127,7 @@ MP4Err CTrackImpl::buildMediaInformation(uint32_t kind) {
 
 void CTrackImpl::detachFromFile() {
     open_ = 0;
+    markTablesFixed(false);
     metaData_.reset();  // its "udta" goes with the tree
     writing_ = false;
     trak_ = nullptr;
