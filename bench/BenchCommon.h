@@ -123,10 +123,11 @@ inline void printResult(const char* impl, const char* workload, const Checksums&
 
 inline int usage(const char* program) {
     std::fprintf(stderr,
-                 "usage: %s index|read|tracks|digest|seek|moov|bind FILE\n"
+                 "usage: %s index|table|read|tracks|digest|seek|moov|bind FILE\n"
                  "       %s track N FILE\n"
                  "  index   offset, size, decode time, composition time and sync flag of\n"
                  "          every sample of every track\n"
+                 "  table   the same, a block of samples per call (quil only)\n"
                  "  read    the bytes of every sample, in file order\n"
                  "  tracks  the bytes of every sample, track after track (quil only)\n"
                  "  track   the bytes of every sample of track N only\n"

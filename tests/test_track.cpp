@@ -1010,6 +1010,66 @@ TEST_P(TrackSearchModel, FixturesAnswerAsTheWalk) {
     }
 }
 
+// Mp4GetSampleTable in blocks of 7 (across chunks and past the last
+// sample) against the four queries per sample on another opening: the
+// same entries, and each refusal at the sample where a query refuses.
+TEST_P(TrackSearchModel, SampleTableAnswersAsTheQueries) {
+    OpenedFile f(GetParam()), g(GetParam());
+    uint32_t count = 0;
+    ASSERT_EQ(MP4_OK, f.file()->getTrackCount(&count));
+    for (uint32_t n = 1; n <= count; ++n) {
+        CMp4Track *byCalls = nullptr, *byTable = nullptr;
+        if (f.getTrack(n, &byCalls) != MP4_OK || g.getTrack(n, &byTable) != MP4_OK) continue;
+        uint32_t samples = 0;
+        ASSERT_EQ(MP4_OK, byCalls->getSampleCount(&samples));
+        auto query = [byCalls](uint32_t s, MP4SampleTableEntry* e) {
+            MP4Err err = byCalls->getSampleOffset(s, &e->offset, &e->size);
+            if (err == MP4_OK) err = byCalls->getSampleDecodeTime(s, &e->decodeTime);
+            if (err == MP4_OK) err = byCalls->getSampleCompositionTime(s, &e->compositionTime);
+            if (err == MP4_OK) err = byCalls->isSyncSample(s, &e->sync);
+            return err;
+        };
+        for (uint32_t first = 1; first <= samples + 2;) {
+            MP4SampleTableEntry table[7];
+            uint32_t filled = 99;
+            const MP4Err err = Mp4GetSampleTable(byTable, first, 7, table, &filled);
+            ASSERT_LE(filled, 7u);
+            for (uint32_t i = 0; i < filled; ++i) {
+                MP4SampleTableEntry e;
+                ASSERT_EQ(MP4_OK, query(first + i, &e)) << "sample " << first + i;
+                EXPECT_EQ(std::make_tuple(e.offset, e.size, e.decodeTime, e.compositionTime, e.sync),
+                          std::make_tuple(table[i].offset, table[i].size, table[i].decodeTime,
+                                          table[i].compositionTime, table[i].sync))
+                    << "track " << n << " sample " << first + i;
+            }
+            if (err != MP4_OK) {
+                MP4SampleTableEntry e;
+                EXPECT_EQ(query(first + filled, &e), err) << "sample " << first + filled;
+                ++filled;  // on past the refused sample
+            } else {
+                EXPECT_EQ(7u, filled);
+            }
+            first += filled;
+        }
+    }
+}
+
+TEST(TrackSamples, SampleTableRefusals) {
+    OpenedFile f("h264-aac.mp4");
+    CMp4Track* t = f.track(1);
+    ASSERT_TRUE(t);
+    MP4SampleTableEntry e[2];
+    uint32_t filled = 9;
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, Mp4GetSampleTable(nullptr, 1, 1, e, &filled));
+    EXPECT_EQ(0u, filled);
+    EXPECT_EQ(MP4_ERR_INVALID_ARGUMENT, Mp4GetSampleTable(t, 1, 1, nullptr, nullptr));
+    EXPECT_EQ(MP4_OK, Mp4GetSampleTable(t, 1, 0, nullptr, &filled));
+    EXPECT_EQ(MP4_ERR_BAD_INDEX, Mp4GetSampleTable(t, 0, 2, e, &filled));
+    EXPECT_EQ(0u, filled);
+    EXPECT_EQ(MP4_ERR_NOT_AVAILABLE, Mp4GetSampleTable(t, 0xFFFFFFFFu, 2, e, &filled));
+    EXPECT_EQ(0u, filled);
+}
+
 INSTANTIATE_TEST_SUITE_P(Fixtures, TrackSearchModel,
                          ::testing::Values("h264-aac.mp4", "h264-bframes.mp4", "hevc-hvc1.mp4", "mpeg4-aac.mp4",
                                            "h263-amrnb.3gp", "audio-delay.mp4", "pcm-sowt.mov", "timecode.mov",

@@ -10,6 +10,7 @@
 #include "Mp4FileInfo.h"
 #include "Mp4Path.h"
 #include "Mp4SampleCopy.h"
+#include "Mp4SampleTable.h"
 #include "Mp4HintTrack.h"
 #include "Mp4Import.h"
 #include "Mp4MetaData.h"

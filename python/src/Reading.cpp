@@ -4,8 +4,10 @@
 #include <pybind11/numpy.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cctype>
 #include <optional>
+#include <vector>
 
 #include "Binding.h"
 #include "Info.h"
@@ -120,22 +122,26 @@ public:
         uint32_t failedAt = 0;
         const MP4Err err = locked(*core_, [&] {
             CMp4Track* track = raw();
-            for (uint32_t i = 0; i < count_; ++i) {
-                const uint32_t sample = i + 1;
-                uint64_t position = 0, dts = 0, cts = 0;
-                uint32_t flag = 0;
-                MP4Err e = track->getSampleOffset(sample, &position, &sizes[i]);
-                if (e == MP4_OK) e = track->getSampleDecodeTime(sample, &dts);
-                if (e == MP4_OK) e = track->getSampleCompositionTime(sample, &cts);
-                if (e == MP4_OK) e = track->isSyncSample(sample, &flag);
+            // A block of entries at a time: one library call per block, and
+            // the block stays in the cache while it is spread into the arrays.
+            constexpr uint32_t kBlock = 4096;
+            std::vector<MP4SampleTableEntry> block(std::min(kBlock, count_));
+            for (uint32_t first = 0; first < count_; first += kBlock) {
+                const uint32_t n = std::min(kBlock, count_ - first);
+                uint32_t filled = 0;
+                const MP4Err e = Mp4GetSampleTable(track, first + 1, n, block.data(), &filled);
+                for (uint32_t j = 0; j < filled; ++j) {
+                    const MP4SampleTableEntry& entry = block[j];
+                    offsets[first + j] = static_cast<int64_t>(entry.offset);
+                    sizes[first + j] = entry.size;
+                    decodes[first + j] = static_cast<int64_t>(entry.decodeTime);
+                    compositions[first + j] = static_cast<int64_t>(entry.compositionTime);
+                    syncs[first + j] = entry.sync != 0;
+                }
                 if (e != MP4_OK) {
-                    failedAt = i;
+                    failedAt = first + filled;
                     return e;
                 }
-                offsets[i] = static_cast<int64_t>(position);
-                decodes[i] = static_cast<int64_t>(dts);
-                compositions[i] = static_cast<int64_t>(cts);
-                syncs[i] = flag != 0;
             }
             return MP4_OK;
         });

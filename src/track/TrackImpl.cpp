@@ -8,6 +8,7 @@
 
 #include "boxes/MovieBoxes.h"
 #include "boxes/SampleEntries.h"
+#include "quil/Mp4SampleTable.h"
 
 namespace quil {
 namespace {
@@ -1018,20 +1019,24 @@ MP4Err CTrackImpl::MovieSamples::descriptionIndex(uint32_t sample, uint32_t* ind
     return track_.stsc_->getSampleDescriptionIndex(chunk, index);
 }
 
-MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
-    // A bound track's movie sample (movieTimedCount_ is 0 unless the track
-    // is open) between the last two sync samples looked at, or a track
-    // without "stss": isMovieSyncSample's answer, without the index.
-    if (sync && sample - 1 < movieTimedCount_) {
-        if (!stss_) {
-            *sync = 1;
-            return MP4_OK;
-        }
-        if (stssAscending_ && sample > syncWindow_.low && sample <= syncWindow_.high) {
-            *sync = sample == syncWindow_.high ? 1 : 0;
-            return MP4_OK;
-        }
+// A bound track's movie sample (movieTimedCount_ is 0 unless the track is
+// open) between the last two sync samples looked at, or a track without
+// "stss": isMovieSyncSample's answer, without the index.
+inline bool CTrackImpl::syncInOrder(uint32_t sample, uint32_t* sync) const {
+    if (sample - 1 >= movieTimedCount_) return false;
+    if (!stss_) {
+        *sync = 1;
+        return true;
     }
+    if (stssAscending_ && sample > syncWindow_.low && sample <= syncWindow_.high) {
+        *sync = sample == syncWindow_.high ? 1 : 0;
+        return true;
+    }
+    return false;
+}
+
+MP4Err CTrackImpl::isSyncSample(uint32_t sample, uint32_t* sync) {
+    if (sync && syncInOrder(sample, sync)) return MP4_OK;
     if (!sync) return MP4_ERR_INVALID_ARGUMENT;
     *sync = 0;
     if (!open_) return MP4_ERR_INVALID_DATA;
@@ -1125,11 +1130,19 @@ MP4Err CTrackImpl::checkTimedSample(uint32_t sample) {
     return sample == 0 ? MP4_ERR_BAD_INDEX : MP4_OK;
 }
 
+// A sample of a bound track's time table (timedCount_ is 0 unless the
+// track is open) in the runs of the last answer: no state left to check,
+// no search.
+inline bool CTrackImpl::decodeInOrder(uint32_t sample, uint64_t* time) const {
+    return sample - 1 < timedCount_ && timeTable_->times.decodeAtHand(sample, time);
+}
+
+inline bool CTrackImpl::compositionInOrder(uint32_t sample, uint64_t* time) const {
+    return sample - 1 < timedCount_ && timeTable_->times.compositionAtHand(sample, time);
+}
+
 MP4Err CTrackImpl::getSampleDecodeTime(uint32_t sample, uint64_t* time) {
-    // A sample of a bound track's time table (timedCount_ is 0 unless the
-    // track is open) in the runs of the last answer: no state left to
-    // check, no search.
-    if (sample - 1 < timedCount_ && time && timeTable_->times.decodeAtHand(sample, time)) return MP4_OK;
+    if (time && decodeInOrder(sample, time)) return MP4_OK;
     return searchedDecodeTime(sample, time);
 }
 
@@ -1141,10 +1154,7 @@ MP4Err CTrackImpl::searchedDecodeTime(uint32_t sample, uint64_t* time) {
 }
 
 MP4Err CTrackImpl::getSampleCompositionTime(uint32_t sample, uint64_t* time) {
-    // As getSampleDecodeTime.
-    if (sample - 1 < timedCount_ && time && timeTable_->times.compositionAtHand(sample, time)) {
-        return MP4_OK;
-    }
+    if (time && compositionInOrder(sample, time)) return MP4_OK;
     return searchedCompositionTime(sample, time);
 }
 
@@ -1301,6 +1311,70 @@ MP4Err CTrackImpl::shiftChunkOffsets(int32_t delta) {
     if (stco_) return stco_->shiftOffsets(delta);
     if (co64_) return co64_->shiftOffsets(delta);
     return MP4_ERR_WRONG_LAYOUT;
+}
+
+// ---- many samples at once -----------------------------------------------
+
+namespace {
+
+// How many of count samples from first on have a number: none lies past
+// 0xFFFFFFFF, where the queries answer as beyond the last sample.
+uint32_t numberedSamples(uint32_t first, uint32_t count) {
+    const uint64_t numbers = uint64_t{UINT32_MAX} - first + 1;
+    return count < numbers ? count : static_cast<uint32_t>(numbers);
+}
+
+}  // namespace
+
+// Each of the four queries is its in-order answer or, where that has none,
+// the query itself (what each query does first): taken here in one loop
+// without the virtual interface, the answers and the state they leave are
+// those of the calls.
+MP4Err CTrackImpl::fillSampleTable(uint32_t first, uint32_t count, MP4SampleTableEntry* entries,
+                                   uint32_t* filled) {
+    for (uint32_t i = 0, numbered = numberedSamples(first, count); i < count; ++i) {
+        if (i == numbered) return MP4_ERR_NOT_AVAILABLE;
+        const uint32_t sample = first + i;
+        MP4SampleTableEntry& e = entries[i];
+        MP4Err err = MP4_OK;
+        if (!(sample - 1 < inOrderCount_ && stepInOrder(sample, &e.size, &e.offset))) {
+            err = CTrackImpl::getSampleOffset(sample, &e.offset, &e.size);
+        }
+        if (err == MP4_OK && !decodeInOrder(sample, &e.decodeTime)) {
+            err = searchedDecodeTime(sample, &e.decodeTime);
+        }
+        if (err == MP4_OK && !compositionInOrder(sample, &e.compositionTime)) {
+            err = searchedCompositionTime(sample, &e.compositionTime);
+        }
+        if (err == MP4_OK && !syncInOrder(sample, &e.sync)) err = CTrackImpl::isSyncSample(sample, &e.sync);
+        if (err != MP4_OK) return err;
+        *filled = i + 1;
+    }
+    return MP4_OK;
+}
+
+MP4Err Mp4GetSampleTable(CMp4Track* track, uint32_t firstSample, uint32_t count,
+                         MP4SampleTableEntry* entries, uint32_t* filled) {
+    uint32_t ignored = 0;
+    if (!filled) filled = &ignored;
+    *filled = 0;
+    if (!track || (!entries && count > 0)) return MP4_ERR_INVALID_ARGUMENT;
+    if (auto* impl = dynamic_cast<CTrackImpl*>(track)) {
+        return impl->fillSampleTable(firstSample, count, entries, filled);
+    }
+    // Another implementation of the track interface: the calls themselves.
+    for (uint32_t i = 0, numbered = numberedSamples(firstSample, count); i < count; ++i) {
+        if (i == numbered) return MP4_ERR_NOT_AVAILABLE;
+        const uint32_t sample = firstSample + i;
+        MP4SampleTableEntry& e = entries[i];
+        MP4Err err = track->getSampleOffset(sample, &e.offset, &e.size);
+        if (err == MP4_OK) err = track->getSampleDecodeTime(sample, &e.decodeTime);
+        if (err == MP4_OK) err = track->getSampleCompositionTime(sample, &e.compositionTime);
+        if (err == MP4_OK) err = track->isSyncSample(sample, &e.sync);
+        if (err != MP4_OK) return err;
+        *filled = i + 1;
+    }
+    return MP4_OK;
 }
 
 }  // namespace quil

@@ -21,6 +21,7 @@
 namespace quil {
 
 class CBox;
+struct MP4SampleTableEntry;
 class CFragmentSampleSink;
 class CTrackBox;
 class CTrackHeaderBox;
@@ -93,6 +94,10 @@ public:
     MP4Err getSampleSize(uint32_t sample, uint32_t* size) override;
     MP4Err getSampleDecodeTime(uint32_t sample, uint64_t* time) override;
     MP4Err getSampleCompositionTime(uint32_t sample, uint64_t* time) override;
+    // Mp4GetSampleTable: entries of samples first .. first + count - 1 as
+    // the four queries give them; *filled counts those filled.
+    MP4Err fillSampleTable(uint32_t first, uint32_t count, MP4SampleTableEntry* entries,
+                           uint32_t* filled);
     MP4Err getTimecode(uint64_t time, uint8_t* hours, uint8_t* minutes, uint8_t* seconds, uint8_t* frames) override;
     MP4Err getTimecodeFlag(uint32_t which, uint8_t* flag) override;
     MP4Err findSampleByCompositionTime(uint64_t time, uint32_t* sample) override;
@@ -233,6 +238,11 @@ private:
     bool atCursor(uint32_t sample) const;
     MP4Err readAtCursor(uint32_t size, uint8_t* buffer);
     bool stepInOrder(uint32_t sample, uint32_t* size, uint64_t* position);
+    // The other queries' answers without any check or search, where the
+    // state at hand gives them (false: ask the query itself).
+    bool decodeInOrder(uint32_t sample, uint64_t* time) const;
+    bool compositionInOrder(uint32_t sample, uint64_t* time) const;
+    bool syncInOrder(uint32_t sample, uint32_t* sync) const;
     bool sizeAtHand(uint32_t sample, uint32_t* size) const;
     bool chunkOffsetAtHand(uint32_t chunk, uint64_t* offset) const;
     MP4Err walkToSample(uint32_t sample);
