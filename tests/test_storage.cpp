@@ -58,7 +58,9 @@ protected:
             ADD_FAILURE() << "cannot create " << path;
             return path;
         }
-        if (!bytes.empty()) EXPECT_EQ(bytes.size(), std::fwrite(bytes.data(), 1, bytes.size(), f));
+        if (!bytes.empty()) {
+            EXPECT_EQ(bytes.size(), std::fwrite(bytes.data(), 1, bytes.size(), f));
+        }
         std::fclose(f);
         return path;
     }
